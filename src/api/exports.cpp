@@ -1,0 +1,100 @@
+// The seven exports: a thin shell that turns C arguments into ours and keeps every exception
+// inside.
+#include <algorithm>
+#include <string>
+
+#include "api/process_objects.h"
+#include "api/update_commands.h"
+#include "firmware_updater.h"
+#include "platform/d2xx.h"
+#include "platform/libusb_api.h"
+#include "transport/device_listing.h"
+
+#if defined(_WIN32)
+#define FIRMWARE_UPDATER_EXPORT extern "C" __declspec(dllexport)
+#else
+#define FIRMWARE_UPDATER_EXPORT extern "C" __attribute__((visibility("default")))
+#endif
+
+static_assert(sizeof(bool) == 1, "hosts in other languages pass one byte");
+
+namespace {
+
+using tavo::FirmwareUpdater;
+
+constexpr std::size_t kModuleNameLength = 3;
+
+std::string Text(const char* text) { return text ? text : ""; }
+
+tavo::UpdateFlags Flags(bool skipIdentityCheck, bool extendedErase, bool bootloaderOnly) {
+  return {!skipIdentityCheck, extendedErase, bootloaderOnly};
+}
+
+tavo::UpdateContext Context() {
+  return {FirmwareUpdater::Instance(), tavo::TransportHolder::Instance(), tavo::SystemPlatform()};
+}
+
+// What an exception leaves to say: memory has run out, or a system call of the standard library has
+// failed. The host learns of it as of any other failure.
+template <typename Result, typename Call>
+Result Guarded(Result onException, Call call) noexcept {
+  try {
+    return call();
+  } catch (...) {
+    return onException;
+  }
+}
+
+}  // namespace
+
+FIRMWARE_UPDATER_EXPORT int get_last_error(void) {
+  return Guarded(0, [] { return static_cast<int>(FirmwareUpdater::Instance().LastError()); });
+}
+
+FIRMWARE_UPDATER_EXPORT float get_progress(void) {
+  return Guarded(-1.0F, [] { return FirmwareUpdater::Instance().Progress(); });
+}
+
+FIRMWARE_UPDATER_EXPORT bool get_resetted_modules(char* buffer, uint32_t index) {
+  return Guarded(false, [&] {
+    const auto name = FirmwareUpdater::Instance().ResettedModule(index);
+    if (!name || !buffer) return false;
+    std::copy_n(name->begin(), std::min(name->size(), kModuleNameLength), buffer);
+    return true;
+  });
+}
+
+FIRMWARE_UPDATER_EXPORT void list_devices(void) {
+  Guarded(false, [] {
+    tavo::ProcessObjects& objects = tavo::ProcessObjects::Instance();
+    tavo::ListDevices(objects.link, tavo::SystemPlatform(), objects.log, tavo::SystemLibUsb(),
+                      tavo::SystemD2xx());
+    return true;
+  });
+}
+
+FIRMWARE_UPDATER_EXPORT void stop_update(void) {
+  Guarded(false, [] {
+    FirmwareUpdater::Instance().RequestStop();
+    return true;
+  });
+}
+
+FIRMWARE_UPDATER_EXPORT bool update_ftdi_device(const char* serialNumber, uint32_t baudRate,
+                                                bool echo, const char* updateFile,
+                                                bool skipIdentityCheck, bool extendedErase,
+                                                bool bootloaderOnly) {
+  return Guarded(false, [&] {
+    return tavo::UpdateFtdiDevice(Context(), {Text(serialNumber), baudRate, echo}, Text(updateFile),
+                                  Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
+  });
+}
+
+FIRMWARE_UPDATER_EXPORT bool update_usb_device(const char* port, const char* updateFile,
+                                               bool skipIdentityCheck, bool extendedErase,
+                                               bool bootloaderOnly) {
+  return Guarded(false, [&] {
+    return tavo::UpdateUsbDevice(Context(), Text(port), Text(updateFile),
+                                 Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
+  });
+}

@@ -1,0 +1,27 @@
+#include "api/process_objects.h"
+
+#include "api/transport_factory.h"
+
+namespace tavo {
+
+// The machine's seams are made first and never end, so whatever these objects still say at their
+// end finds its way.
+ProcessObjects::ProcessObjects()
+    : log(SystemPlatform()),
+      holder(
+          SystemPlatform(),
+          [this](TransportKind kind) {
+            return MakeTransport(kind, {link, SystemPlatform(), log, SystemLibUsb(), SystemD2xx()});
+          }),
+      engine(SystemPlatform(), log, holder) {}
+
+ProcessObjects& ProcessObjects::Instance() {
+  static ProcessObjects objects;
+  return objects;
+}
+
+FirmwareUpdater& FirmwareUpdater::Instance() { return ProcessObjects::Instance().engine; }
+
+TransportHolder& TransportHolder::Instance() { return ProcessObjects::Instance().holder; }
+
+}  // namespace tavo

@@ -1,0 +1,24 @@
+// The objects that live as long as the library is loaded. Made together on first use, whichever
+// export comes first, so that they also end together and in a fixed order: the engine, then the
+// transport, then the link that transports share, then the log that all of them write to.
+#pragma once
+
+#include "engine/firmware_updater.h"
+#include "engine/transport_holder.h"
+#include "log/logger.h"
+#include "transport/tavo_link.h"
+
+namespace tavo {
+
+struct ProcessObjects {
+  ProcessObjects();
+
+  static ProcessObjects& Instance();
+
+  Logger log;
+  TavoLink link;
+  TransportHolder holder;
+  FirmwareUpdater engine;
+};
+
+}  // namespace tavo

@@ -1,0 +1,242 @@
+// The update engine: all state of the update in progress and of the last finished one, the plan of
+// steps, the runner that walks it, and the steps themselves as member operations.
+//
+//   FirmwareUpdater engine(platform, log, holder);    // the holder holds an open transport
+//   engine.SetFlags({.extendedErase = true});
+//   engine.Start("firmware.zip");                     // blocks until the update has ended
+//   if (!engine.Succeeded()) Show(engine.LastError());
+//
+// A step sends one request and is called again with its answer or its timeout. The runner, not the
+// step, knows what comes next:
+//
+//            Start                    answer: Answer, no answer: Timeout
+//   [step] ---------> request sent, Wait -------------------------------> Done: next step
+//                                                                         Failed: closing plan
+//
+// The steps are defined by theme in protocol/ and package/; those files include this header, never
+// the reverse.
+//
+// Thread rules: one thread runs an update. Other threads may at any time call RequestStop,
+// LastError, Progress and ResettedModule. Images and transport belong to the update thread alone
+// while an update runs.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "engine/error_code.h"
+#include "engine/status_handler.h"
+#include "engine/step.h"
+#include "engine/transport_holder.h"
+#include "log/logger.h"
+#include "package/firmware_image.h"
+#include "platform/platform.h"
+#include "transport/tavo_message.h"
+
+namespace tavo {
+
+struct Command;  // one row of the bootloader protocol's command table
+
+struct UpdateFlags {
+  bool checkIdentity = true;    // ask for device ids and check the hardware id
+  bool extendedErase = false;   // erase mode 3 instead of 1
+  bool bootloaderOnly = false;  // no tunnel, identity, label or module steps
+};
+
+class FirmwareUpdater {
+ public:
+  // The references must outlive the engine.
+  FirmwareUpdater(Platform& platform, Logger& log, TransportHolder& holder);
+  FirmwareUpdater(const FirmwareUpdater&) = delete;
+  FirmwareUpdater& operator=(const FirmwareUpdater&) = delete;
+
+  // The one engine of the process; for the exports only.
+  static FirmwareUpdater& Instance();
+
+  // The right to run an update, held from before the transport is touched until it is closed again.
+  // Only one is granted at a time.
+  class Run {
+   public:
+    explicit Run(FirmwareUpdater& engine);
+    ~Run();
+    Run(const Run&) = delete;
+    Run& operator=(const Run&) = delete;
+    bool Granted() const { return m_lock.owns_lock(); }
+
+   private:
+    FirmwareUpdater& m_engine;
+    std::unique_lock<std::mutex> m_lock;
+  };
+
+  void SetFlags(const UpdateFlags& flags);
+
+  // Runs one update to its end over the held, open transport. The result is in Succeeded.
+  void Start(const std::string& updateFile);
+  bool Succeeded() const { return m_succeeded; }
+
+  // --- From any thread ---
+
+  // Asks the running update to end before its next step; without one, releases what the last update
+  // kept. The first request since the last Start counts, further ones do nothing.
+  void RequestStop();
+
+  // The code stored last; it outlives later updates.
+  ErrorCode LastError() const { return m_errorCode; }
+
+  // Bytes transferred to bytes to transfer, above 1 when blank blocks were written too; -1 while
+  // there is nothing to transfer.
+  float Progress() const;
+
+  // Name of a reset module; none at or behind the end of the list.
+  std::optional<std::string> ResettedModule(std::uint32_t index) const;
+
+  // --- Plan and runner ---
+
+  void BuildPlan();
+  const std::deque<Step>& Plan() const { return m_plan; }
+  const std::deque<Step>& ClosingPlan() const { return m_closingPlan; }
+  void RunSteps(StepPhase phase);
+  // A received answer, or null for a timeout.
+  void OnTransportEvent(const TavoMessage* message);
+  // Blocks the update; the pause does not count against any answer.
+  void Pause(std::chrono::milliseconds duration);
+
+  // --- Steps, in the order of the plan ---
+
+  StepResult CheckFirmware(StepPhase phase);
+  StepResult LeaveBootloader(StepPhase phase);
+  StepResult TunnelStatus(StepPhase phase);
+  StepResult RequestDeviceId(StepPhase phase);
+  StepResult RequestDeviceIdAdmin(StepPhase phase);
+  StepResult PlanTunnel(StepPhase phase);
+  StepResult InitTunnel(StepPhase phase);
+  StepResult RequestSoftwareId(StepPhase phase);
+  StepResult CallBootloader(StepPhase phase);
+  StepResult CheckVersion(StepPhase phase);
+  StepResult RequestProcessorId(StepPhase phase);
+  StepResult SelectFirmware(StepPhase phase);
+  StepResult CheckApplicationSize(StepPhase phase);
+  StepResult CheckHardwareId(StepPhase phase);
+  StepResult EraseApplication(StepPhase phase);
+  StepResult WriteBlock(StepPhase phase);
+  StepResult Verify(StepPhase phase);
+  StepResult StartApplication(StepPhase phase);
+  StepResult WaitForApplication(StepPhase phase);
+  StepResult WaitForApplicationTolerant(StepPhase phase);
+  StepResult SetLabel(StepPhase phase);
+  StepResult RequestResettedModules(StepPhase phase);
+  StepResult DeinitTunnel(StepPhase phase);
+
+ private:
+  friend class EngineAccess;  // tests set up and read single fields
+
+  enum class WriteState : std::uint32_t { Positioning = 1, Writing = 2 };
+
+  // Start and runner
+  void ResetForUpdate();
+  void PrepareTransport();
+  void PollUntilDone();
+  void EndPlan();
+  void AbortPlan();
+  void FailPlan();
+  void ReleaseIfStopped();
+  void ReleaseStoppedUpdate();
+  void Report(const StatusMessage& message) { m_status.Handle(message); }
+  void InsertNext(const Step& step);
+
+  // Shared by the steps
+  ICommInterface* Transport() const { return m_holder.Transport(); }
+  const FirmwareImage& FirstImage() const;
+  const FirmwareImage& SelectedFirmware() const;
+  std::uint16_t ApplicationRequestId() const;
+  std::uint16_t AnswerValue() const;
+  bool SoftwareIdIsNoLabel() const;
+  void SetSendMode(SendMode mode, const char* logLine);
+
+  bool CommSendTavo(std::uint16_t id, const std::uint8_t* payload, std::uint8_t length);
+  void CommSendRaw(const std::uint8_t* bytes, std::int32_t length);
+  void CommSendEscape();
+  void WaitUntilQuiet();
+  void DrainLine();
+  void PrintFormatted(const char* format, ...) TAVO_PRINTF_LIKE(2, 3);
+
+  bool TrySend(const Command& command, std::span<const std::uint8_t> arguments = {});
+  StepResult Send(const Command& command, std::span<const std::uint8_t> arguments = {});
+  StepResult FailSend(const Command& command);
+  StepResult OnTimeout(const Command& command);
+  StepResult Fail(ErrorCode code, const char* format, ...) TAVO_PRINTF_LIKE(3, 4);
+  StepResult RetryAfterPause();
+  StepResult RequestValue(StepPhase phase, const char* name, const TavoMessage& request,
+                          std::int32_t& destination, std::chrono::milliseconds timeout,
+                          bool failOnTimeout);
+
+  // Parts of single steps
+  StepResult RejectFirmware(const char* text);
+  StepResult AcceptBootloader();
+  StepResult CompareApplicationSize();
+  StepResult CompareHardwareId();
+  bool MatchesHardwareId(std::uint16_t hardwareId, const std::vector<std::uint16_t>& accepted);
+  std::uint32_t ImageSize() const;
+  bool IsBlank(std::uint32_t offset) const;
+  std::uint32_t NextWriteOffset() const;
+  std::uint32_t CountBytesToTransfer() const;
+  StepResult BeginWriting();
+  StepResult BlockAnswered();
+  StepResult RetryWriting();
+  StepResult SendWriteRequest();
+  StepResult SendBlock();
+  StepResult FinishWriting();
+  StepResult CompareChecksums();
+  StepResult WaitForApplicationBody(StepPhase phase, bool failOnTimeout);
+  StepResult SendLabel();
+  void ForgetModules();
+  StepResult RequestModule(std::size_t index);
+  StepResult KeepModule(std::uint16_t code);
+  StepResult ModulesComplete();
+
+  Platform& m_platform;
+  Logger& m_log;
+  TransportHolder& m_holder;
+  StatusHandler m_status;
+
+  std::atomic<bool> m_stopRequested = false;
+  static constexpr std::int32_t m_maxRetries = 6;  // of the steps that retry a request
+  std::int32_t m_retryCount = 0;                   // shared by those steps
+  std::deque<Step> m_plan;                         // the front one is the current step
+  std::deque<Step> m_closingPlan;                  // what follows a failure
+  StatusHandler* m_statusHandler = nullptr;        // none until the first Start
+  TavoMessage m_rxMessage;                         // the answer in hand
+  std::uint16_t m_activeTunnel = 0;                // master * 256 + slave; 0 = none
+  std::atomic<ErrorCode> m_errorCode = ErrorCode::None;
+  std::string m_errorText;  // of the current failure
+  std::vector<FirmwareImage> m_firmwareImages;
+  const FirmwareImage* m_selectedFirmware = nullptr;  // into m_firmwareImages
+  std::int32_t m_bootloaderVersion = -1;
+  std::int32_t m_deviceId = -1;  // -1 = none received, here and below
+  std::int32_t m_softwareId = -1;
+  std::int32_t m_processorId = -1;
+  std::chrono::milliseconds m_valueRequestStart{0};  // of the identity request in hand
+  std::uint32_t m_waitStartTick = 0;                 // ms, system tick count
+  mutable std::mutex m_modulesLock;
+  std::vector<std::string> m_resettedModules;  // guarded by m_modulesLock
+  std::uint32_t m_blockSize = 0;               // bytes
+  std::uint32_t m_writeOffset = 0;             // bytes from the start of the image
+  std::atomic<std::uint32_t> m_bytesTotal = 0;
+  std::atomic<std::uint32_t> m_bytesDone = 0;
+  bool m_checkIdentity = true;
+  bool m_extendedErase = false;
+  bool m_bootloaderOnly = false;
+  WriteState m_writeState = WriteState::Positioning;
+  bool m_succeeded = false;
+  bool m_failed = false;  // a step has failed during the current update
+  std::mutex m_running;   // held by the Run of the update in progress
+};
+
+}  // namespace tavo

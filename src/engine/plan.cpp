@@ -1,0 +1,80 @@
+// The plan of an update: which steps run, in which order, under which flags.
+#include <algorithm>
+#include <array>
+
+#include "engine/firmware_updater.h"
+
+namespace tavo {
+namespace {
+
+enum class When {
+  Always,
+  FullPlan,          // unless the update is to talk to the bootloader only
+  FullPlanIdentity,  // the same, and only with identity checks on
+};
+
+struct PlannedStep {
+  Step step;
+  When when;
+};
+
+using U = FirmwareUpdater;
+
+// clang-format off
+constexpr std::array<PlannedStep, 21> kPlan{{
+    {{&U::CheckFirmware,          "Check Firmware"},                 When::Always},
+    {{&U::LeaveBootloader,        "Start Application"},              When::FullPlan},
+    {{&U::TunnelStatus,           "Tunnel Status"},                  When::FullPlan},
+    {{&U::RequestDeviceId,        "Device-ID"},                      When::FullPlanIdentity},
+    {{&U::RequestDeviceIdAdmin,   "Device-ID (Admin)"},              When::FullPlanIdentity},
+    {{&U::PlanTunnel,             "-"},                              When::FullPlan},
+    {{&U::RequestSoftwareId,      "Software-ID"},                    When::FullPlan},
+    {{&U::CallBootloader,         "Call Bootloader"},                When::Always},
+    {{&U::CheckVersion,           "Check Version"},                  When::Always},
+    {{&U::RequestProcessorId,     "Request Prozessor-ID"},           When::Always},
+    {{&U::SelectFirmware,         "Select Firmware"},                When::Always},
+    {{&U::CheckApplicationSize,   "Check Application Section Size"}, When::Always},
+    {{&U::CheckHardwareId,        "Check HardwareId"},               When::FullPlanIdentity},
+    {{&U::EraseApplication,       "Erase Application Memory"},       When::Always},
+    {{&U::WriteBlock,             "Write Block"},                    When::Always},
+    {{&U::Verify,                 "Verify"},                         When::Always},
+    {{&U::StartApplication,       "Start Application"},              When::Always},
+    {{&U::WaitForApplication,     "Wait for Application"},           When::Always},
+    {{&U::SetLabel,               "Set Label"},                      When::FullPlan},
+    {{&U::WaitForApplication,     "Wait for Application"},           When::FullPlan},
+    {{&U::RequestResettedModules, "Request resetted Modules"},       When::FullPlan},
+}};
+
+// What brings a device back to its application after a failure.
+constexpr std::array<PlannedStep, 3> kClosingPlan{{
+    {{&U::TunnelStatus,               "Tunnel Status"},        When::FullPlan},
+    {{&U::LeaveBootloader,            "Start Application"},    When::Always},
+    {{&U::WaitForApplicationTolerant, "Wait for Application"}, When::Always},
+}};
+// clang-format on
+
+bool Included(When when, bool bootloaderOnly, bool checkIdentity) {
+  switch (when) {
+    case When::Always: return true;
+    case When::FullPlan: return !bootloaderOnly;
+    case When::FullPlanIdentity: return !bootloaderOnly && checkIdentity;
+  }
+  return false;
+}
+
+}  // namespace
+
+void FirmwareUpdater::BuildPlan() {
+  const auto fill = [this](std::deque<Step>& plan, const auto& table) {
+    plan.clear();
+    for (const PlannedStep& row : table) {
+      if (Included(row.when, m_bootloaderOnly, m_checkIdentity)) plan.push_back(row.step);
+    }
+  };
+  fill(m_plan, kPlan);
+  fill(m_closingPlan, kClosingPlan);
+}
+
+void FirmwareUpdater::InsertNext(const Step& step) { m_plan.insert(m_plan.begin() + 1, step); }
+
+}  // namespace tavo

@@ -1,0 +1,118 @@
+// The runner: walks the plan, hands answers and timeouts to the step at its front, and decides how
+// an update ends.
+#include <utility>
+
+#include "engine/firmware_updater.h"
+#include "package/update_file.h"
+
+namespace tavo {
+
+void FirmwareUpdater::Start(const std::string& updateFile) {
+  ResetForUpdate();
+  Report({StatusKind::UpdateBegins});
+  m_selectedFirmware = nullptr;
+  m_firmwareImages = LoadUpdateFile(updateFile);
+  BuildPlan();
+  m_log.LogInfo("FirmwareUpdater: Start.");
+  PrepareTransport();
+  RunSteps(StepPhase::Start);
+  PollUntilDone();
+}
+
+void FirmwareUpdater::ResetForUpdate() {
+  m_statusHandler = &m_status;
+  m_stopRequested = false;
+  m_blockSize = 0;
+  m_deviceId = -1;
+  m_softwareId = -1;
+  m_succeeded = false;
+  m_failed = false;
+  m_activeTunnel = 0;
+  m_waitStartTick = 0;
+  m_writeOffset = 0;
+  m_bytesDone = 0;
+  m_retryCount = 0;
+  m_rxMessage = TavoMessage{};
+  m_errorText.clear();
+}
+
+void FirmwareUpdater::PrepareTransport() {
+  SetSendMode(SendMode::Byte, "FirmwareUpdater: SendMode: BYTE aktivated.");
+  if (Transport()) Transport()->DiscardLeftovers();
+}
+
+void FirmwareUpdater::SetSendMode(SendMode mode, const char* logLine) {
+  if (!Transport() || Transport()->GetSendMode() == mode) return;
+  Transport()->SetSendMode(mode);
+  m_log.LogInfo("%s", logLine);
+}
+
+void FirmwareUpdater::PollUntilDone() {
+  while (!m_plan.empty() && Transport()) {
+    TavoMessage message;
+    bool timedOut = false;
+    if (!Transport()->ReceiveTavoMessage(&message, &timedOut)) continue;
+    OnTransportEvent(timedOut ? nullptr : &message);
+  }
+}
+
+void FirmwareUpdater::OnTransportEvent(const TavoMessage* message) {
+  m_rxMessage = message ? *message : TavoMessage{};
+  if (message) return RunSteps(StepPhase::Answer);
+  // Half an answer, or a stray byte that looks like the beginning of one, would keep the next
+  // request from the line.
+  WaitUntilQuiet();
+  RunSteps(StepPhase::Timeout);
+}
+
+void FirmwareUpdater::RunSteps(StepPhase phase) {
+  while (!m_plan.empty()) {
+    if (m_stopRequested) return AbortPlan();
+    const Step step = m_plan.front();
+    const StepResult result = (this->*step.run)(phase);
+    if (result == StepResult::Done) {
+      m_plan.pop_front();
+      if (m_plan.empty()) return EndPlan();
+    } else if (result == StepResult::Failed) {
+      FailPlan();
+    } else {
+      return;
+    }
+    phase = StepPhase::Start;
+  }
+}
+
+void FirmwareUpdater::EndPlan() {
+  m_succeeded = !m_failed;
+  if (m_succeeded) Report({StatusKind::UpdateSucceeded});
+}
+
+void FirmwareUpdater::FailPlan() {
+  m_plan.clear();
+  const std::string text = std::exchange(m_errorText, {});
+  Report({StatusKind::UpdateFailed, static_cast<std::int32_t>(m_errorCode.load()), text});
+  m_failed = true;
+  WaitUntilQuiet();
+  // Only once: a closing step that fails finds the closing plan used up.
+  m_plan.swap(m_closingPlan);
+}
+
+void FirmwareUpdater::AbortPlan() {
+  m_plan.clear();
+  m_closingPlan.clear();
+  // Shown, not stored: the code of the last failure stays for the host to read.
+  Report({StatusKind::UpdateFailed, static_cast<std::int32_t>(ErrorCode::Identity)});
+  m_succeeded = false;
+  ReleaseStoppedUpdate();
+}
+
+void FirmwareUpdater::Pause(std::chrono::milliseconds duration) {
+  m_platform.Sleep(duration);
+  if (Transport()) Transport()->LeaveOutPause();
+}
+
+void FirmwareUpdater::WaitUntilQuiet() {
+  if (Transport()) Transport()->WaitUntilQuiet();
+}
+
+}  // namespace tavo

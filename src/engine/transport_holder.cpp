@@ -1,0 +1,26 @@
+#include "engine/transport_holder.h"
+
+#include <utility>
+
+namespace tavo {
+namespace {
+
+constexpr std::chrono::milliseconds kSettleTime{100};
+
+}  // namespace
+
+TransportHolder::TransportHolder(Platform& platform, TransportFactory factory)
+    : m_platform(platform), m_factory(std::move(factory)) {}
+
+TransportHolder::~TransportHolder() { m_platform.Sleep(kSettleTime); }
+
+bool TransportHolder::SelectTransport(TransportKind kind) {
+  if (m_transport && kind == m_kind) return true;
+  // The old one goes first: a new transport resets the link that both share.
+  m_transport.reset();
+  m_transport = m_factory(kind);
+  m_kind = m_transport ? kind : TransportKind::None;
+  return m_transport != nullptr;
+}
+
+}  // namespace tavo

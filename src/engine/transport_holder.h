@@ -1,0 +1,43 @@
+// Owns the transport of the current or last update. It is kept between updates: one of the same
+// kind reuses it, one of the other kind replaces it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "transport/i_comm_interface.h"
+
+namespace tavo {
+
+enum class TransportKind : std::uint32_t { None = 0, Usb = 1, Ftdi = 3 };
+
+// Makes a transport of the given kind; null for a kind that does not exist.
+using TransportFactory = std::function<std::unique_ptr<ICommInterface>(TransportKind)>;
+
+class TransportHolder {
+ public:
+  TransportHolder(Platform& platform, TransportFactory factory);
+  // Gives the device below 100 ms to finish what it was told last, then destroys the transport.
+  ~TransportHolder();
+  TransportHolder(const TransportHolder&) = delete;
+  TransportHolder& operator=(const TransportHolder&) = delete;
+
+  // The one holder of the process; for the exports only.
+  static TransportHolder& Instance();
+
+  // Holds a transport of `kind`, the one already held when it is of that kind. False, holding
+  // nothing, for a kind that does not exist.
+  bool SelectTransport(TransportKind kind);
+
+  ICommInterface* Transport() const { return m_transport.get(); }
+  TransportKind Kind() const { return m_kind; }
+
+ private:
+  Platform& m_platform;
+  TransportFactory m_factory;
+  std::unique_ptr<ICommInterface> m_transport;
+  TransportKind m_kind = TransportKind::None;
+};
+
+}  // namespace tavo

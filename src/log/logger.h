@@ -1,0 +1,54 @@
+// The log sink. Every part of the library reports through it; each call writes one line, with local
+// time and level, to the console and appends it to a file beside the host's executable.
+//
+// The file is opened and closed again for every line: it is complete on disk after each call, and a
+// person may move it away at any time. Nothing ever truncates it.
+//
+// Thread rules: any thread may log at any time; one lock inside keeps lines whole and in order.
+#pragma once
+
+#include <cstdarg>
+#include <mutex>
+#include <string>
+
+#include "platform/platform.h"
+
+#if defined(__GNUC__)
+#define TAVO_PRINTF_LIKE(formatIndex, firstArgument) \
+  __attribute__((format(printf, formatIndex, firstArgument)))
+#else
+#define TAVO_PRINTF_LIKE(formatIndex, firstArgument)
+#endif
+
+namespace tavo {
+
+enum class LogLevel : int { Debug = 0, Info = 1, Warn = 2, Crit = 3 };
+
+class Logger {
+ public:
+  // `platform` must outlive the logger.
+  explicit Logger(Platform& platform) : m_platform(platform) {}
+  Logger(const Logger&) = delete;
+  Logger& operator=(const Logger&) = delete;
+
+  // Formats like printf and writes one line. A message is cut to 299 characters.
+  void LogDebug(const char* format, ...) TAVO_PRINTF_LIKE(2, 3);
+  void LogInfo(const char* format, ...) TAVO_PRINTF_LIKE(2, 3);
+  void LogWarn(const char* format, ...) TAVO_PRINTF_LIKE(2, 3);
+  void LogCrit(const char* format, ...) TAVO_PRINTF_LIKE(2, 3);
+
+  // Where a log file of this name lies: in the folder of the host's executable. A name that
+  // contains a backslash is a path already and returned unchanged.
+  std::string LogFilePath(const std::string& name);
+
+  // The line itself; a level outside the enumeration is tagged "----".
+  void Write(LogLevel level, const char* format, std::va_list arguments);
+
+ private:
+  void Append(const std::string& line);
+
+  Platform& m_platform;
+  std::mutex m_lock;
+};
+
+}  // namespace tavo

@@ -1,0 +1,33 @@
+// Opens and reads the files that an update is made of. Only the update file reader and the ZIP
+// reader use it; both need the file opened in the same way, and their text bounded by the same
+// limit.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace tavo {
+
+// The most text that one update file is taken to hold, unpacked. A device reports its application
+// size as a 16-bit count of KiB, so that an image is below 64 MiB; written as records of one byte
+// each, 15 characters with the line end, it still stays below this.
+inline constexpr std::size_t kMaxUpdateTextBytes = std::size_t{1} << 30;
+
+struct FileCloser {
+  void operator()(std::FILE* file) const { std::fclose(file); }
+};
+using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
+
+// Opens `path` for reading bytes, without shutting out other readers and writers. Null when it
+// cannot be opened.
+FileHandle OpenForReading(const std::string& path);
+
+// The complete contents of a file; empty when it cannot be opened or read, is longer than
+// kMaxUpdateTextBytes, or does not fit into memory. Throws nothing.
+std::vector<std::uint8_t> ReadWholeFile(const std::string& path);
+
+}  // namespace tavo

@@ -1,0 +1,50 @@
+// The one seam between the library and the machine it runs on: clocks, sleep, the path of the host
+// program and its console. Everything above it receives a Platform by reference, so that a test can
+// put a virtual clock in its place and a wait of 25 seconds costs microseconds.
+//
+// One file per platform implements it and includes system headers; no other file does.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <ctime>
+#include <string>
+#include <string_view>
+
+namespace tavo {
+
+class Platform {
+ public:
+  virtual ~Platform() = default;
+
+  // Time since an arbitrary moment; never jumps, never goes back.
+  virtual std::chrono::milliseconds MonotonicNow() = 0;
+
+  // The system's tick count in milliseconds: 32 bits wide, it wraps after 49.7 days. Differences
+  // are taken with unsigned subtraction.
+  virtual std::uint32_t TickCount() = 0;
+
+  // The wall clock in local calendar time.
+  virtual std::tm LocalTime() = 0;
+
+  // Blocks the calling thread for `duration`.
+  virtual void Sleep(std::chrono::milliseconds duration) = 0;
+
+  // Full path of the executable file of the host process, in UTF-8; empty when the system cannot
+  // tell.
+  virtual std::string ExecutablePath() = 0;
+
+  // Writes `text` as it stands to the standard output of the host process and flushes it: a line
+  // that waits in a buffer tells nobody that the device is being written. A host without a console
+  // loses the text, nothing else.
+  virtual void Print(std::string_view text) = 0;
+
+  // Opens a file as std::fopen does; `path` is UTF-8. Null when it cannot be opened.
+  virtual std::FILE* OpenFile(const std::string& path, const char* mode) = 0;
+};
+
+// The machine this process runs on.
+Platform& SystemPlatform();
+
+}  // namespace tavo

@@ -1,0 +1,115 @@
+#include <windows.h>
+
+#include <algorithm>
+#include <optional>
+
+#include "platform/dynamic_library.h"
+#include "platform/platform.h"
+
+namespace tavo {
+namespace {
+
+using std::chrono::milliseconds;
+
+// The longest path that Windows has, in UTF-16 units.
+constexpr DWORD kMaxPathLength = 32768;
+
+// Nothing when the text is not valid in this code page.
+std::optional<std::wstring> Widen(UINT codePage, DWORD flags, std::string_view text) {
+  if (text.empty()) return std::wstring();
+  const int size = static_cast<int>(text.size());
+  const int needed = MultiByteToWideChar(codePage, flags, text.data(), size, nullptr, 0);
+  if (needed <= 0) return std::nullopt;
+  std::wstring wide(static_cast<std::size_t>(needed), L'\0');
+  MultiByteToWideChar(codePage, flags, text.data(), size, wide.data(), needed);
+  return wide;
+}
+
+// A host that knows nothing of UTF-8 passes its paths in the machine's own code page. Its letters
+// beyond ASCII practically never form valid UTF-8, so that the two can be told apart.
+std::wstring WidenPath(std::string_view path) {
+  if (auto wide = Widen(CP_UTF8, MB_ERR_INVALID_CHARS, path)) return *wide;
+  return Widen(CP_ACP, 0, path).value_or(std::wstring());
+}
+
+std::string ToUtf8(std::wstring_view wide) {
+  const int size = static_cast<int>(wide.size());
+  const int needed =
+      WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, nullptr, 0, nullptr, nullptr);
+  if (needed <= 0) return {};
+  std::string text(static_cast<std::size_t>(needed), '\0');
+  WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, text.data(), needed, nullptr, nullptr);
+  return text;
+}
+
+class WindowsPlatform final : public Platform {
+ public:
+  milliseconds MonotonicNow() override {
+    return std::chrono::duration_cast<milliseconds>(
+        std::chrono::steady_clock::now().time_since_epoch());
+  }
+
+  std::uint32_t TickCount() override { return GetTickCount(); }
+
+  std::tm LocalTime() override {
+    SYSTEMTIME now;
+    GetLocalTime(&now);
+    std::tm local{};
+    local.tm_year = now.wYear - 1900;
+    local.tm_mon = now.wMonth - 1;
+    local.tm_mday = now.wDay;
+    local.tm_hour = now.wHour;
+    local.tm_min = now.wMinute;
+    local.tm_sec = now.wSecond;
+    local.tm_wday = now.wDayOfWeek;
+    return local;
+  }
+
+  void Sleep(milliseconds duration) override {
+    // The largest number means "for ever" to the system.
+    constexpr milliseconds::rep kLongest = INFINITE - 1;
+    ::Sleep(static_cast<DWORD>(std::clamp<milliseconds::rep>(duration.count(), 0, kLongest)));
+  }
+
+  std::string ExecutablePath() override {
+    std::wstring path(kMaxPathLength, L'\0');
+    path.resize(GetModuleFileNameW(nullptr, path.data(), kMaxPathLength));
+    return ToUtf8(path);
+  }
+
+  // Through the handle of the process: the stream of this library's own C runtime is not the host's
+  // and does not follow when the host redirects its output. A host without a console has no handle;
+  // then the first write fails.
+  void Print(std::string_view text) override {
+    const HANDLE console = GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD written = 0;
+    for (; !text.empty(); text.remove_prefix(std::min<std::size_t>(written, text.size()))) {
+      const BOOL done =
+          WriteFile(console, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+      if (!done || written == 0) return;
+    }
+  }
+
+  std::FILE* OpenFile(const std::string& path, const char* mode) override {
+    return _wfopen(WidenPath(path).c_str(), WidenPath(mode).c_str());
+  }
+};
+
+}  // namespace
+
+Platform& SystemPlatform() {
+  // Never destroyed: whatever is destroyed while the library is unloaded may still log.
+  static Platform& platform = *new WindowsPlatform;
+  return platform;
+}
+
+AnyFunction FindLibraryFunction(const char* library, const char* function) {
+  // The folder of the host and the system's, but never the working directory, into which anybody
+  // may have put a file of that name.
+  const HMODULE module =
+      LoadLibraryExW(WidenPath(library).c_str(), nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
+  if (module == nullptr) return nullptr;
+  return reinterpret_cast<AnyFunction>(GetProcAddress(module, function));
+}
+
+}  // namespace tavo

@@ -1,0 +1,102 @@
+// Before anything is erased: does the selected image fit the device?
+#include "engine/firmware_updater.h"
+#include "package/adb_view.h"
+#include "package/hardware_identity.h"
+#include "protocol/commands.h"
+
+namespace tavo {
+namespace {
+
+constexpr std::uint64_t kApplicationSizeUnit = 1024;
+
+// A device that reports this in a field of its hardware id takes any value there.
+constexpr std::uint8_t kAnyField = 15;
+
+bool FieldMatches(std::uint8_t device, std::uint8_t accepted) {
+  return device == accepted || device == kAnyField;
+}
+
+bool Matches(const HardwareIdRecord& device, const HardwareIdRecord& accepted) {
+  return FieldMatches(device.serie, accepted.serie) && FieldMatches(device.type, accepted.type) &&
+         FieldMatches(device.module, accepted.module) &&
+         FieldMatches(device.variant, accepted.variant);
+}
+
+}  // namespace
+
+StepResult FirmwareUpdater::CheckApplicationSize(StepPhase phase) {
+  switch (phase) {
+    case StepPhase::Start: return Send(kCheckApplicationSize);
+    case StepPhase::Answer: return CompareApplicationSize();
+    case StepPhase::Timeout: return OnTimeout(kCheckApplicationSize);
+  }
+  return StepResult::Wait;
+}
+
+StepResult FirmwareUpdater::CompareApplicationSize() {
+  const std::uint64_t device = AnswerValue() * kApplicationSizeUnit;
+  const std::uint64_t firmware = SelectedFirmware().data.size();
+  PrintFormatted("FirmwareUpdater: Check Application Section Size: Device %llu | Firmware %llu\n",
+                 static_cast<unsigned long long>(device),
+                 static_cast<unsigned long long>(firmware));
+  const bool wholeBlocks = m_blockSize != 0 && firmware % m_blockSize == 0;
+  if (firmware == device && wholeBlocks) return StepResult::Done;
+  // The sizes stand on the console; the failure itself is reported by its code alone.
+  PrintFormatted("Error: Application Size incorrect. Device: %llu FW: %llu\n",
+                 static_cast<unsigned long long>(device),
+                 static_cast<unsigned long long>(firmware));
+  m_errorCode = ErrorCode::ApplicationSize;
+  return StepResult::Failed;
+}
+
+StepResult FirmwareUpdater::CheckHardwareId(StepPhase phase) {
+  switch (phase) {
+    case StepPhase::Start: return Send(kCheckHardwareId);
+    case StepPhase::Answer: return CompareHardwareId();
+    case StepPhase::Timeout: return OnTimeout(kCheckHardwareId);
+  }
+  return StepResult::Wait;
+}
+
+StepResult FirmwareUpdater::CompareHardwareId() {
+  const std::uint16_t hardwareId = AnswerValue();
+  m_log.LogInfo("FirmwareUpdater: Check HardwareId: HardwareID 0x%.4X", hardwareId);
+  if (!m_checkIdentity || SoftwareIdIsNoLabel()) {
+    m_log.LogInfo("FirmwareUpdater: Check Hardware-Id: Skipped");
+    return StepResult::Done;
+  }
+  const auto deviceId = static_cast<unsigned>(m_deviceId);
+  const AdbView view(SelectedFirmware());
+  const std::int32_t entry = view.EntryIndexForDevice(static_cast<std::uint16_t>(m_deviceId));
+  std::vector<std::uint16_t> accepted;
+  if (view.HardwareIdList(entry, accepted) == -1) {
+    m_log.LogCrit("FirmwareUpdater: Check HardwareId: Firmware does not match the device (0x%04X)",
+                  deviceId);
+    return Fail(ErrorCode::HardwareId, "Error: Firmware does not match the device (0x%04X)",
+                deviceId);
+  }
+  if (MatchesHardwareId(hardwareId, accepted)) return StepResult::Done;
+  m_log.LogCrit("FirmwareUpdater: Hardware ID incorrect. Device: 0x%.4X", deviceId);
+  return Fail(ErrorCode::HardwareId, "Error: Hardware ID incorrect. Device: 0x%.4X", hardwareId);
+}
+
+// Every accepted id is logged, whether or not an earlier one has matched: the log then shows what
+// the firmware is for.
+bool FirmwareUpdater::MatchesHardwareId(std::uint16_t hardwareId,
+                                        const std::vector<std::uint16_t>& accepted) {
+  const auto log = [this](const char* whose, const HardwareIdRecord& id) {
+    m_log.LogInfo("CheckHardwareIdList: %s: Serie: %.2X Type: %.2X Module: %.2X Variant: %.2X",
+                  whose, id.serie, id.type, id.module, id.variant);
+  };
+  const HardwareIdRecord device = SplitHardwareId(hardwareId);
+  log("Device", device);
+  bool matches = false;
+  for (const std::uint16_t value : accepted) {
+    const HardwareIdRecord entry = SplitHardwareId(value);
+    log("HwList", entry);
+    matches |= Matches(device, entry);
+  }
+  return matches;
+}
+
+}  // namespace tavo

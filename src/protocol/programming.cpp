@@ -1,0 +1,154 @@
+// Erases the application section and writes the image, block by block: for each block its address
+// (positioning), then its bytes (writing), each answered before the next goes out. The answer to a
+// last positioning request, just past the image, ends the step.
+//
+//                    answer                     answer, offset moves on
+//   [Positioning] -----------> [Writing] ----------------------------------> [Positioning]
+//                                  |
+//                                  | offset = size: nothing left to write
+//                                  v
+//                                Done
+#include <algorithm>
+#include <array>
+
+#include "engine/firmware_updater.h"
+#include "protocol/commands.h"
+
+namespace tavo {
+namespace {
+
+constexpr std::uint8_t kNormalErase = 0x01;
+constexpr std::uint8_t kExtendedErase = 0x03;
+
+// What an erase leaves in the flash.
+constexpr std::uint8_t kErased = 0xFF;
+
+std::array<std::uint8_t, 4> LittleEndian(std::uint32_t value) {
+  return {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
+          static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
+}
+
+}  // namespace
+
+StepResult FirmwareUpdater::EraseApplication(StepPhase phase) {
+  switch (phase) {
+    case StepPhase::Start: {
+      const std::array mode{m_extendedErase ? kExtendedErase : kNormalErase};
+      return Send(kEraseApplication, mode);
+    }
+    case StepPhase::Answer:
+      m_log.LogInfo("FirmwareUpdater: Erase Application Memory: Ok");
+      return StepResult::Done;
+    case StepPhase::Timeout: return OnTimeout(kEraseApplication);
+  }
+  return StepResult::Wait;
+}
+
+StepResult FirmwareUpdater::WriteBlock(StepPhase phase) {
+  switch (phase) {
+    case StepPhase::Start: return BeginWriting();
+    case StepPhase::Answer: return BlockAnswered();
+    case StepPhase::Timeout: return RetryWriting();
+  }
+  return StepResult::Wait;
+}
+
+StepResult FirmwareUpdater::BeginWriting() {
+  if (m_blockSize == 0 || ImageSize() < m_blockSize) {
+    m_log.LogInfo("FirmwareUpdater: Write Block: Argument error: Size:%u | Block:%u ", ImageSize(),
+                  m_blockSize);
+    return Fail(ErrorCode::FlashWriting, "Error: Writing Flash");
+  }
+  m_writeState = WriteState::Positioning;
+  m_writeOffset = 0;
+  m_bytesDone = 0;
+  m_bytesTotal = CountBytesToTransfer();
+  Report({StatusKind::TransferBegins, static_cast<std::int32_t>(m_bytesTotal)});
+  m_log.LogInfo("FirmwareUpdater: Write Block: Start. Bytes to Transfer: %u", m_bytesTotal.load());
+  return SendWriteRequest();
+}
+
+StepResult FirmwareUpdater::BlockAnswered() {
+  m_retryCount = 0;
+  if (m_writeState == WriteState::Positioning) {
+    m_writeState = WriteState::Writing;
+    return SendWriteRequest();
+  }
+  m_bytesDone += m_blockSize;
+  m_writeOffset = NextWriteOffset();
+  Report({StatusKind::TransferProgress, static_cast<std::int32_t>(m_bytesDone)});
+  m_writeState = WriteState::Positioning;
+  return SendWriteRequest();
+}
+
+StepResult FirmwareUpdater::RetryWriting() {
+  m_log.LogInfo(
+      "FirmwareUpdater: Write Block: Timeout in Mode: %u at Address 0x%.8X. Try: %d of %d",
+      static_cast<unsigned>(m_writeState), SelectedFirmware().startAddress + m_writeOffset,
+      m_retryCount, m_maxRetries);
+  if (++m_retryCount > m_maxRetries) return OnTimeout(kWriteFlash);
+  return SendWriteRequest();
+}
+
+StepResult FirmwareUpdater::SendWriteRequest() {
+  if (m_writeState == WriteState::Positioning) {
+    return Send(kPositionFlash, LittleEndian(SelectedFirmware().startAddress + m_writeOffset));
+  }
+  return m_writeOffset < ImageSize() ? SendBlock() : FinishWriting();
+}
+
+StepResult FirmwareUpdater::SendBlock() {
+  // Pads a block that reaches past the end of the image with what the erase left there.
+  std::array<std::uint8_t, kMaxBlockSize> block;
+  block.fill(kErased);
+  const std::vector<std::uint8_t>& data = SelectedFirmware().data;
+  const std::size_t length = std::min<std::size_t>(m_blockSize, data.size() - m_writeOffset);
+  std::copy_n(data.begin() + m_writeOffset, length, block.begin());
+  return Send(kWriteFlash, std::span(block).first(m_blockSize));
+}
+
+StepResult FirmwareUpdater::FinishWriting() {
+  const unsigned size = ImageSize();
+  if (m_writeOffset > size) {
+    m_log.LogInfo(
+        "FirmwareUpdater: Write Block: More Bytes than expected. Firmware Size: %u | Transferred "
+        "Bytes: %u (%u)",
+        size, m_writeOffset, m_bytesDone.load());
+    return Fail(ErrorCode::FlashWriting, "Error: Flash Writing. More Bytes than expected.");
+  }
+  Report({StatusKind::TransferEnded});
+  m_log.LogInfo("FirmwareUpdater: Write Block: Ok. Firmware Size: %u | Transferred Bytes: %u (%u)",
+                size, m_writeOffset, m_bytesDone.load());
+  return StepResult::Done;
+}
+
+std::uint32_t FirmwareUpdater::ImageSize() const {
+  return static_cast<std::uint32_t>(SelectedFirmware().data.size());
+}
+
+bool FirmwareUpdater::IsBlank(std::uint32_t offset) const {
+  const std::vector<std::uint8_t>& data = SelectedFirmware().data;
+  const std::size_t end = std::min<std::size_t>(offset + std::size_t{m_blockSize}, data.size());
+  return std::all_of(data.begin() + offset, data.begin() + static_cast<std::ptrdiff_t>(end),
+                     [](std::uint8_t byte) { return byte == kErased; });
+}
+
+std::uint32_t FirmwareUpdater::CountBytesToTransfer() const {
+  std::uint32_t total = 0;
+  for (std::uint32_t block = 0; block < ImageSize() / m_blockSize; ++block) {
+    if (!IsBlank(block * m_blockSize)) total += m_blockSize;
+  }
+  return total;
+}
+
+// A block after a non-blank one is always written, so that a single blank block costs no look-ahead
+// on the device; from a blank block on, the following blank ones are skipped.
+std::uint32_t FirmwareUpdater::NextWriteOffset() const {
+  const std::uint64_t size = ImageSize();
+  std::uint64_t next = m_writeOffset;
+  while (next < size && IsBlank(static_cast<std::uint32_t>(next))) next += m_blockSize;
+  if (next == m_writeOffset) next += m_blockSize;
+  return static_cast<std::uint32_t>(std::min(next, size));
+}
+
+}  // namespace tavo

@@ -1,0 +1,29 @@
+// One device that an enumeration found.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace tavo {
+
+class CCommDevDesc {
+ public:
+  CCommDevDesc(std::uint32_t ref, std::string portName, std::string text)
+      : deviceRef(ref), port(std::move(portName)), description(std::move(text)) {}
+  CCommDevDesc(const CCommDevDesc&) = default;
+  CCommDevDesc& operator=(const CCommDevDesc&) = default;
+  virtual ~CCommDevDesc() = default;
+
+  // What Open of the transport that made the record takes; valid until its next enumeration. USB:
+  // position in the kept device list plus one (0 means any device). FTDI: the adapter's index.
+  std::uint32_t deviceRef;
+
+  // USB: the port numbers from the root hub, joined by hyphens ("1-4-2"). FTDI: the adapter's
+  // serial number. Empty: the device cannot be named and so not be opened by name.
+  std::string port;
+
+  // One printable line.
+  std::string description;
+};
+
+}  // namespace tavo

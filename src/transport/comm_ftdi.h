@@ -1,0 +1,74 @@
+// The transport for devices reached through an FTDI USB-serial adapter, driven through the adapter
+// vendor's D2XX library. Adapters are named by their serial number and opened by their index.
+//
+//   CCommFTDI ftdi(link, SystemPlatform(), log, SystemD2xx());
+//   ftdi.SetLineSettings({.baudRate = 57600});
+//   ftdi.SetEcho(true);
+//   if (ftdi.Open(ftdi.EnumerateDevices()->front().deviceRef)) ftdi.SendRawData(bytes, length);
+//
+// It sets baud rate and character format; latency, flow control and buffers keep the adapter's
+// defaults. How bytes are sent does not depend on the send mode: the adapter has a buffer of its
+// own.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/d2xx.h"
+#include "transport/i_comm_interface.h"
+
+namespace tavo {
+
+// Codes as D2xx::SetDataCharacteristics takes them.
+struct LineSettings {
+  std::uint32_t baudRate = 19200;
+  std::uint8_t wordLength = 8;  // data bits
+  std::uint8_t parity = 0;      // none
+  std::uint8_t stopBits = 0;    // one
+};
+
+class CCommFTDI : public ICommInterface {
+ public:
+  // `d2xx` must outlive the transport.
+  CCommFTDI(TavoLink& link, Platform& platform, Logger& log, D2xx& d2xx);
+  ~CCommFTDI() override { Close(); }
+
+  // Take effect at the next Open.
+  void SetLineSettings(const LineSettings& settings) { m_lineSettings = settings; }
+
+  // For the record only: which adapter the caller has opened.
+  void SetSerialNumber(std::string serialNumber) { m_serialNumber = std::move(serialNumber); }
+  const std::string& SerialNumber() const { return m_serialNumber; }
+
+  std::vector<CCommDevDesc>* EnumerateDevices() override;
+
+  // `deviceRef` is the adapter's index. Closes an adapter that is open. After a failure, whose
+  // status is printed, none is open.
+  bool Open(std::uint32_t deviceRef) override;
+  bool IsOpen() override { return m_isOpen; }
+  void Close() override;
+
+  // An adapter stays where it is when the device behind it restarts: nothing to do, true.
+  bool Reconnect() override { return true; }
+
+  // False when no adapter is open, or it did not take every byte.
+  bool SendRawData(const std::uint8_t* data, std::int32_t length) override;
+
+  // Waits at most 10 ms for input, for the next call to fetch.
+  bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) override;
+
+ private:
+  D2xxStatus OpenAdapter(std::uint32_t index);
+  bool IsUsable(const void* data) const;
+  std::uint32_t BytesWaiting();
+  bool Fetch(std::uint8_t* buffer, std::uint32_t count, std::int32_t* length);
+
+  D2xx& m_d2xx;
+  D2xxHandle m_handle = nullptr;
+  std::vector<CCommDevDesc> m_devices;
+  bool m_isOpen = false;
+  LineSettings m_lineSettings;
+  std::string m_serialNumber;
+};
+
+}  // namespace tavo

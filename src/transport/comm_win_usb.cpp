@@ -1,0 +1,264 @@
+#include "transport/comm_win_usb.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+
+namespace tavo {
+namespace {
+
+constexpr std::uint16_t kVendorId = 0x03EB;
+constexpr std::uint16_t kProductId = 0x2404;
+
+constexpr unsigned char kBulkOut = 0x02;
+constexpr unsigned char kBulkIn = 0x81;
+constexpr unsigned kBulkInTimeoutMs = 50;
+
+// Generous: USB allows a hub no more than five hubs deep.
+constexpr std::size_t kMaxPortNumbers = 32;
+
+constexpr std::uint32_t kAnyDevice = 0;
+constexpr int kNoLibUsbMessages = 0;
+constexpr int kDropReferences = 1;
+
+constexpr int kControlInterface = 0;
+constexpr int kDataInterface = 1;
+
+// The two class requests that switch the serial function on (USB CDC PSTN, 6.3). A working device
+// answers them within milliseconds; one that hangs must not hang the host program too.
+constexpr unsigned kControlTimeoutMs = 1000;
+constexpr std::uint8_t kClassRequestToInterface = 0x21;
+constexpr std::uint8_t kSetControlLineState = 0x22;
+constexpr std::uint16_t kDtrAndRtsOn = 0x0003;
+constexpr std::uint8_t kSetLineCoding = 0x20;
+using LineCoding = std::array<unsigned char, 7>;
+constexpr LineCoding kLineCoding{
+    0x00, 0x4B, 0x00, 0x00,  // 19200 baud, low byte first
+    0,                       // one stop bit
+    0,                       // no parity
+    8,                       // data bits
+};
+
+std::string Describe(const libusb_device_descriptor& descriptor, const std::string& port) {
+  std::array<char, 32> ids{};
+  std::snprintf(ids.data(), ids.size(), "VID:%04x PID:%04x Port: ", unsigned{descriptor.idVendor},
+                unsigned{descriptor.idProduct});
+  return ids.data() + port;
+}
+
+}  // namespace
+
+CCommWinUSB::CCommWinUSB(TavoLink& link, Platform& platform, Logger& log, LibUsb& usb)
+    : ICommInterface(link, platform, log), m_usb(usb) {
+  const int result = m_usb.Init(&m_context);
+  if (result >= 0) return;
+  m_context = nullptr;
+  m_log.LogInfo("CCommWinUSB: Error initializing libusb: %s", m_usb.ErrorName(result));
+}
+
+CCommWinUSB::~CCommWinUSB() {
+  ReleaseHandle();
+  FreeDeviceList();
+  if (m_context != nullptr) m_usb.Exit(m_context);
+}
+
+bool CCommWinUSB::HasContext() {
+  if (m_context == nullptr) m_log.LogWarn("CCommWinUSB: LibUSB not initialized");
+  return m_context != nullptr;
+}
+
+// --- finding devices ---
+
+void CCommWinUSB::FreeDeviceList() {
+  m_devices.clear();
+  m_deviceCount = 0;
+  if (m_deviceList != nullptr) m_usb.FreeDeviceList(m_deviceList, kDropReferences);
+  m_deviceList = nullptr;
+}
+
+std::vector<CCommDevDesc>* CCommWinUSB::EnumerateDevices() {
+  FreeDeviceList();
+  const std::ptrdiff_t count =
+      m_context == nullptr ? 0 : m_usb.GetDeviceList(m_context, &m_deviceList);
+  if (count <= 0) m_log.LogWarn("CCommWinUSB: Error enumerating devices\n");
+  m_deviceCount = static_cast<std::size_t>(std::max<std::ptrdiff_t>(count, 0));
+  for (std::size_t position = 0; position < m_deviceCount; ++position) ListIfSupported(position);
+  return &m_devices;
+}
+
+void CCommWinUSB::ListIfSupported(std::size_t position) {
+  libusb_device* const device = m_deviceList[position];
+  libusb_device_descriptor descriptor{};
+  if (m_usb.GetDeviceDescriptor(device, &descriptor) < 0) return;
+  if (descriptor.idVendor != kVendorId || descriptor.idProduct != kProductId) return;
+  const std::string port = PortPath(device);
+  m_devices.emplace_back(static_cast<std::uint32_t>(position + 1), port,
+                         Describe(descriptor, port));
+}
+
+std::string CCommWinUSB::PortPath(libusb_device* device) {
+  std::array<std::uint8_t, kMaxPortNumbers> ports{};
+  const int count =
+      std::min(m_usb.GetPortNumbers(device, ports.data(), static_cast<int>(ports.size())),
+               static_cast<int>(ports.size()));
+  std::string path;
+  for (int i = 0; i < count; ++i) {
+    if (i > 0) path += '-';
+    path += std::to_string(ports[static_cast<std::size_t>(i)]);
+  }
+  return path;
+}
+
+// A device whose ports are unknown is found by no name, not even by the empty one.
+const CCommDevDesc* CCommWinUSB::FindPort(const std::string& name) const {
+  const auto found = std::find_if(m_devices.begin(), m_devices.end(),
+                                  [&](const CCommDevDesc& device) { return device.port == name; });
+  return found == m_devices.end() || name.empty() ? nullptr : &*found;
+}
+
+// --- opening and closing ---
+
+bool CCommWinUSB::Open(std::uint32_t deviceRef) {
+  m_isOpen = HasContext() && (m_handle != nullptr || OpenDevice(deviceRef));
+  return m_isOpen;
+}
+
+bool CCommWinUSB::OpenDevice(std::uint32_t deviceRef) {
+  m_usb.SetDebug(m_context, kNoLibUsbMessages);
+  m_handle = deviceRef == kAnyDevice ? m_usb.OpenDeviceWithVidPid(m_context, kVendorId, kProductId)
+                                     : OpenListed(deviceRef);
+  if (m_handle == nullptr) return false;
+  if (ClaimInterfaces() && SwitchSerialOn()) return true;
+  // A handle left behind would make the next attempt succeed without a working device.
+  ReleaseHandle();
+  return false;
+}
+
+libusb_device_handle* CCommWinUSB::OpenListed(std::uint32_t deviceRef) {
+  const std::size_t position = deviceRef - 1;
+  libusb_device_handle* handle = nullptr;
+  const int result = position < m_deviceCount ? m_usb.Open(m_deviceList[position], &handle)
+                                              : LIBUSB_ERROR_NO_DEVICE;
+  if (result >= 0) return handle;
+  m_log.LogWarn("CCommWinUSB: Error open device: %s", m_usb.ErrorName(result));
+  return nullptr;
+}
+
+bool CCommWinUSB::ClaimInterface(int number) {
+  // An error code is no reason to stop either: some systems cannot tell and need no detaching.
+  if (m_usb.KernelDriverActive(m_handle, number) != 0) m_usb.DetachKernelDriver(m_handle, number);
+  const int result = m_usb.ClaimInterface(m_handle, number);
+  if (result < 0) {
+    m_log.LogWarn("CCommWinUSB: Error claiming interface: %s", m_usb.ErrorName(result));
+  }
+  return result >= 0;
+}
+
+bool CCommWinUSB::ClaimInterfaces() {
+  // Control requests reach the device without its interface, data does not.
+  ClaimInterface(kControlInterface);
+  return ClaimInterface(kDataInterface);
+}
+
+bool CCommWinUSB::SwitchSerialOn() {
+  LineCoding coding = kLineCoding;
+  return m_usb.ControlTransfer(m_handle, kClassRequestToInterface, kSetControlLineState,
+                               kDtrAndRtsOn, kControlInterface, nullptr, 0,
+                               kControlTimeoutMs) >= 0 &&
+         m_usb.ControlTransfer(m_handle, kClassRequestToInterface, kSetLineCoding, 0,
+                               kControlInterface, coding.data(),
+                               static_cast<std::uint16_t>(coding.size()), kControlTimeoutMs) >= 0;
+}
+
+bool CCommWinUSB::OpenPort(const std::string& name) {
+  EnumerateDevices();
+  const CCommDevDesc* const device = FindPort(name);
+  if (device == nullptr) {
+    m_platform.Print("Port " + name + " isnt found\n");
+    return false;
+  }
+  if (m_openPort != name) Close();
+  if (!Open(device->deviceRef)) return false;
+  m_openPort = name;
+  m_portName = name;
+  return true;
+}
+
+bool CCommWinUSB::Reconnect() {
+  Close();
+  if (m_portName.empty()) return Open(kAnyDevice);
+  EnumerateDevices();
+  // A device that is away for a while is no news for the console: OpenPort would print it each
+  // time. A copy, because OpenPort assigns to the original.
+  return FindPort(m_portName) != nullptr && OpenPort(std::string(m_portName));
+}
+
+void CCommWinUSB::Close() {
+  m_isOpen = false;
+  ReleaseHandle();
+}
+
+void CCommWinUSB::ReleaseHandle() {
+  m_openPort.clear();
+  if (m_handle != nullptr) m_usb.Close(m_handle);
+  m_handle = nullptr;
+}
+
+// --- bytes ---
+
+bool CCommWinUSB::IsUsable(const void* data) const {
+  return m_handle != nullptr && data != nullptr && m_isOpen;
+}
+
+bool CCommWinUSB::SendRawData(const std::uint8_t* data, std::int32_t length) {
+  if (!IsUsable(data)) {
+    m_log.LogWarn("CCommWinUSB: SendRawData: No Interface ");
+    return false;
+  }
+  return m_sendMode == SendMode::Byte ? SendBytes(data, length) : SendBuffer(data, length);
+}
+
+bool CCommWinUSB::SendBytes(const std::uint8_t* data, std::int32_t length) {
+  for (std::int32_t i = 0; i < length; ++i) {
+    int transferred = 0;
+    const int result = TransferOut(data + i, 1, &transferred);
+    if (result >= 0) continue;
+    m_log.LogWarn("CCommWinUSB: Error while sending data: Mode: BYTE, Length: %d, Error: %s",
+                  length, m_usb.ErrorName(result));
+    return false;
+  }
+  return true;
+}
+
+bool CCommWinUSB::SendBuffer(const std::uint8_t* data, std::int32_t length) {
+  int transferred = 0;
+  const int result = TransferOut(data, std::max(length, 0), &transferred);
+  if (result >= 0) return true;
+  m_log.LogWarn("Error while sending data: Mode: BUFFER, Length: %d, Error: %s", transferred,
+                m_usb.ErrorName(result));
+  return false;
+}
+
+// Nobody sends the rest of a transfer that the device took only a part of: that is an error as
+// well.
+int CCommWinUSB::TransferOut(const std::uint8_t* data, std::int32_t length, int* transferred) {
+  // libusb takes both directions through one changeable pointer and only reads when sending.
+  const int result =
+      m_usb.BulkTransfer(m_handle, kBulkOut, const_cast<unsigned char*>(data), length, transferred,
+                         static_cast<unsigned>(m_sendTimeout.count()));
+  return result >= 0 && *transferred < length ? static_cast<int>(LIBUSB_ERROR_IO) : result;
+}
+
+bool CCommWinUSB::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {
+  if (!IsUsable(buffer) || length == nullptr) {
+    if (!m_portName.empty()) Reconnect();
+    return false;
+  }
+  int transferred = 0;
+  const int result =
+      m_usb.BulkTransfer(m_handle, kBulkIn, buffer, *length, &transferred, kBulkInTimeoutMs);
+  *length = transferred;
+  return result >= 0 || result == LIBUSB_ERROR_TIMEOUT;
+}
+
+}  // namespace tavo

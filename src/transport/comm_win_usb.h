@@ -1,0 +1,82 @@
+// The transport for devices attached directly by USB. Such a device presents a serial function (CDC
+// ACM) that is driven here with libusb, without the operating system's serial driver: found by
+// vendor and product id, named by the USB ports that lead to it, opened, switched to 19200 baud
+// 8N1, and then read and written over two bulk endpoints.
+//
+//   CCommWinUSB usb(link, SystemPlatform(), log, SystemLibUsb());
+//   for (const CCommDevDesc& device : *usb.EnumerateDevices()) ...
+//   if (usb.OpenPort("1-4-2")) usb.SendRawData(bytes, length);
+//
+// It never strips echo: a USB line has none.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "platform/libusb_api.h"
+#include "transport/i_comm_interface.h"
+
+namespace tavo {
+
+class CCommWinUSB : public ICommInterface {
+ public:
+  // Without a libusb context, which the log then tells, nothing is ever found or opened. `usb` must
+  // outlive the transport.
+  CCommWinUSB(TavoLink& link, Platform& platform, Logger& log, LibUsb& usb);
+  ~CCommWinUSB() override;
+
+  std::vector<CCommDevDesc>* EnumerateDevices() override;
+
+  // `deviceRef` of a listed device, or 0 for the first one found. Succeeds without touching
+  // anything when a device is open already, whichever it is. After a failure none is open.
+  bool Open(std::uint32_t deviceRef) override;
+
+  // Opens the device at this port path. Does nothing when this port is open already; any other
+  // device is closed first. After a success Reconnect goes for the same port.
+  bool OpenPort(const std::string& name);
+
+  bool IsOpen() override { return m_isOpen; }
+  void Close() override;
+
+  // Closes and opens again: the port that was last opened by name if there is one, else any device.
+  bool Reconnect() override;
+
+  // False when no device is open, or it did not take every byte within the send timeout (per
+  // transfer).
+  bool SendRawData(const std::uint8_t* data, std::int32_t length) override;
+
+  // Waits at most 50 ms for input. When no device is open, tries to reconnect to the named port and
+  // fails all the same: input comes with the next call.
+  bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) override;
+
+ private:
+  bool HasContext();
+  bool IsUsable(const void* data) const;
+  void FreeDeviceList();
+  void ListIfSupported(std::size_t position);
+  std::string PortPath(libusb_device* device);
+  const CCommDevDesc* FindPort(const std::string& name) const;
+
+  bool OpenDevice(std::uint32_t deviceRef);
+  libusb_device_handle* OpenListed(std::uint32_t deviceRef);
+  bool ClaimInterface(int number);
+  bool ClaimInterfaces();
+  bool SwitchSerialOn();
+  void ReleaseHandle();
+
+  bool SendBytes(const std::uint8_t* data, std::int32_t length);
+  bool SendBuffer(const std::uint8_t* data, std::int32_t length);
+  int TransferOut(const std::uint8_t* data, std::int32_t length, int* transferred);
+
+  LibUsb& m_usb;
+  libusb_device_handle* m_handle = nullptr;
+  libusb_context* m_context = nullptr;
+  libusb_device** m_deviceList = nullptr;  // held so that device references stay valid
+  std::size_t m_deviceCount = 0;
+  std::vector<CCommDevDesc> m_devices;
+  bool m_isOpen = false;
+  std::string m_portName;  // for Reconnect; empty = none opened by name yet
+  std::string m_openPort;  // of the open device; empty = none open, or not opened by name
+};
+
+}  // namespace tavo

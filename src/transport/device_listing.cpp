@@ -1,0 +1,24 @@
+#include "transport/device_listing.h"
+
+#include "transport/comm_ftdi.h"
+#include "transport/comm_win_usb.h"
+
+namespace tavo {
+namespace {
+
+void PrintDevices(Platform& platform, ICommInterface& transport) {
+  for (const CCommDevDesc& device : *transport.EnumerateDevices()) {
+    platform.Print(device.description + "\n");
+  }
+}
+
+}  // namespace
+
+void ListDevices(TavoLink& link, Platform& platform, Logger& log, LibUsb& usb, D2xx& d2xx) {
+  CCommWinUSB usbTransport(link, platform, log, usb);
+  PrintDevices(platform, usbTransport);
+  CCommFTDI ftdiTransport(link, platform, log, d2xx);
+  PrintDevices(platform, ftdiTransport);
+}
+
+}  // namespace tavo

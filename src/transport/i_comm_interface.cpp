@@ -1,0 +1,155 @@
+#include "transport/i_comm_interface.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <limits>
+
+namespace tavo {
+namespace {
+
+using std::chrono::milliseconds;
+
+constexpr std::size_t kReceiveCapacity = 256;
+
+// Finer steps would only add rounding.
+constexpr milliseconds kTickStep{10};
+
+// How long to wait after a failed read before the device is looked for again: quick enough that a
+// person who plugs it in again sees no delay, slow enough to leave processor and log alone.
+constexpr milliseconds kReconnectPace{250};
+
+// Enough for everything an adapter and the driver below it can hold; a device that never stops
+// talking must not stop us.
+constexpr int kMaxDiscardedReads = 64;
+
+// A request may have to wait for its own answer timer, then for half a frame that came meanwhile.
+constexpr milliseconds kQuietBound{TavoLink::kAnswerTimeoutMs + TavoLink::kQueueTimeoutMs +
+                                   FrameAssembler::kInterByteTimeoutMs};
+
+std::uint16_t SaturatedMs(milliseconds elapsed) {
+  constexpr milliseconds::rep kMax = std::numeric_limits<std::uint16_t>::max();
+  return static_cast<std::uint16_t>(std::min(elapsed.count(), kMax));
+}
+
+}  // namespace
+
+ICommInterface::ICommInterface(TavoLink& link, Platform& platform, Logger& log)
+    : m_platform(platform), m_log(log), m_link(link) {
+  m_link.Reset();
+}
+
+bool ICommInterface::SendRawData(const std::uint8_t* /*data*/, std::int32_t length) {
+  if (length > 0) CountEcho(static_cast<std::uint32_t>(length));
+  return true;
+}
+
+bool ICommInterface::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {
+  StripEcho(buffer, length);
+  return true;
+}
+
+void ICommInterface::CountEcho(std::uint32_t bytesSent) {
+  if (m_echo) m_pendingEcho += bytesSent;
+}
+
+void ICommInterface::StripEcho(std::uint8_t* buffer, std::int32_t* length) {
+  if (!m_echo || *length <= 0) return;
+  const auto received = static_cast<std::uint32_t>(*length);
+  const std::uint32_t echoed = std::min(m_pendingEcho, received);
+  std::memmove(buffer, buffer + echoed, received - echoed);
+  m_pendingEcho -= echoed;
+  *length = static_cast<std::int32_t>(received - echoed);
+}
+
+bool ICommInterface::SendTavoMessage(std::uint32_t sender, std::uint32_t channel, std::uint32_t id,
+                                     const std::uint8_t* data, std::int32_t length) {
+  if (sender == 0 || length < 0 || length > kMaxPayload) {
+    m_log.LogDebug("CommInterface: SendTavoMessage: Queue full.");
+    return false;
+  }
+  TavoMessage message;
+  message.id = static_cast<std::uint16_t>(id);
+  message.length = static_cast<std::uint8_t>(length);
+  if (data != nullptr) std::copy_n(data, length, message.payload.begin());
+  if (channel != 0 || !m_link.Enqueue(message)) {
+    m_log.LogDebug("CommInterface: SendTavoMessage: I/O Error.");
+    return false;
+  }
+
+  m_link.LinkService();
+  const std::span<const std::uint8_t> frame = m_link.TakeTransmitBytes();
+  m_awaitedId = id;
+  if (!SendRawData(frame.data(), static_cast<std::int32_t>(frame.size()))) {
+    m_log.LogDebug("CommInterface: SendTavoMessage: I/O Error.");
+    return false;
+  }
+  return true;
+}
+
+bool ICommInterface::ReceiveTavoMessage(TavoMessage* out, bool* timedOut) {
+  AdvanceTimers();
+  ReadLine();
+  return m_link.HasResponse() && HandOut(out, timedOut);
+}
+
+void ICommInterface::AdvanceTimers() {
+  const milliseconds now = m_platform.MonotonicNow();
+  if (!m_lastTick) m_lastTick = now;
+  const milliseconds elapsed = now - *m_lastTick;
+  if (elapsed < kTickStep) return;
+  m_lastTick = now;
+  m_link.LinkTick(SaturatedMs(elapsed));
+}
+
+void ICommInterface::ReadLine() {
+  std::array<std::uint8_t, kReceiveCapacity> buffer;
+  auto length = static_cast<std::int32_t>(buffer.size());
+  if (!ReceiveRawData(buffer.data(), &length)) {
+    Reconnect();
+    m_platform.Sleep(kReconnectPace);
+  } else if (length > 0) {
+    m_link.Feed({buffer.data(), static_cast<std::size_t>(length)});
+  }
+}
+
+bool ICommInterface::HandOut(TavoMessage* out, bool* timedOut) {
+  const Response response = m_link.TakeResponse();
+  *timedOut = !response.has_value();
+  if (!response) return true;
+  if (m_awaitedId != 0 && response->id != m_awaitedId) return false;
+  *out = *response;
+  m_awaitedId = 0;
+  return true;
+}
+
+void ICommInterface::DiscardLeftovers() {
+  m_link.Reset();
+  m_link.DropResponses();
+  m_awaitedId = 0;
+  m_pendingEcho = 0;
+  LeaveOutPause();
+  DiscardInput();
+}
+
+void ICommInterface::DiscardInput() {
+  std::array<std::uint8_t, kReceiveCapacity> buffer;
+  for (int read = 0; read < kMaxDiscardedReads; ++read) {
+    auto length = static_cast<std::int32_t>(buffer.size());
+    if (!ReceiveRawData(buffer.data(), &length) || length <= 0) return;
+  }
+}
+
+void ICommInterface::WaitUntilQuiet() {
+  if (m_link.IsQuiet()) return;
+  const milliseconds start = m_platform.MonotonicNow();
+  while (!m_link.IsQuiet() && m_platform.MonotonicNow() - start < kQuietBound) {
+    TavoMessage dropped;
+    bool timedOut = false;
+    ReceiveTavoMessage(&dropped, &timedOut);
+  }
+  m_link.Reset();
+  m_link.DropResponses();
+}
+
+}  // namespace tavo
