@@ -1,0 +1,52 @@
+// An FTDI USB-serial adapter (FT232R, 0403:6001) with the device on its serial side. Every packet
+// it sends opens with two status bytes; a packet leaves when it is full or when the latency timer
+// runs out, even with nothing but the status bytes in it.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "simulator/usb_front.h"
+
+namespace tavosim {
+
+struct FtdiOptions {
+  UsbStrings strings{"FTDI", "FT232R USB UART", "TAVO0001"};
+  // What the device listens at. At another rate (3 % apart or more), or at anything but 8N1,
+  // nothing gets across. 0 = every rate will do.
+  std::uint32_t deviceBaud = 19200;
+};
+
+class FtdiAdapter : public UsbFront {
+ public:
+  // `device` must outlive the adapter. The line's echo is what an adapter hears on a one-wire bus.
+  explicit FtdiAdapter(Device& device, const LineOptions& line = {}, FtdiOptions options = {});
+
+  std::vector<std::uint8_t> DeviceDescriptor() const override;
+  std::vector<std::uint8_t> ConfigurationDescriptor() const override;
+
+  std::uint32_t Baud() const { return m_baud; }  // as the host set it
+  SimTime Latency() const { return m_latency; }
+
+ protected:
+  UsbResult FunctionRequest(const SetupPacket& setup, std::span<const std::uint8_t> out) override;
+  UsbResult Read(std::uint8_t endpoint, std::size_t capacity, SimTime now) override;
+  void ResetFunction() override;
+  std::optional<SimTime> OwnDue() const override { return m_lastPacket + m_latency; }
+
+ private:
+  void Reset(std::uint16_t what);
+  UsbResult SetLatency(std::uint16_t milliseconds);
+  void AgreeOnLine();
+  std::vector<std::uint8_t> Packets(std::size_t capacity, SimTime now);
+
+  FtdiOptions m_options;
+  std::uint32_t m_baud = 0;
+  std::uint16_t m_format = 0;
+  SimTime m_latency{0};
+  SimTime m_lastPacket{0};
+};
+
+}  // namespace tavosim

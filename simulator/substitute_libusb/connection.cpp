@@ -1,0 +1,168 @@
+#include "simulator/substitute_libusb/connection.h"
+
+#include <arpa/inet.h>
+#include <poll.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstdio>
+#include <cstdlib>
+#include <sstream>
+
+namespace tavosim::substitute {
+namespace {
+
+using namespace usbip;
+
+constexpr auto kPatience = std::chrono::milliseconds(500);
+
+std::optional<Address> ParseAddress(const std::string& text) {
+  const std::size_t colon = std::min(text.find(':'), text.size());
+  Address address{.port = kDefaultPort};
+  if (inet_pton(AF_INET, text.substr(0, colon).c_str(), &address.ip) != 1) return std::nullopt;
+  if (colon == text.size()) return address;
+  const char* const end = text.data() + text.size();
+  const auto [next, error] = std::from_chars(text.data() + colon + 1, end, address.port);
+  if (error != std::errc{} || next != end || address.port == 0) return std::nullopt;
+  return address;
+}
+
+}  // namespace
+
+std::vector<Address> AddressesFromEnvironment() {
+  const char* const value = std::getenv("TAVO_SIMULATORS");
+  std::istringstream list(value == nullptr ? "" : value);
+  std::vector<Address> addresses;
+  for (std::string entry; std::getline(list, entry, ',');) {
+    if (const std::optional<Address> address = ParseAddress(entry))
+      addresses.push_back(*address);
+    else
+      std::fprintf(stderr, "TAVO_SIMULATORS: \"%s\" is ignored, write for example 127.0.0.1:3240\n",
+                   entry.c_str());
+  }
+  return addresses;
+}
+
+std::optional<HostView> FetchHostView(const Address& address, std::uint32_t detach,
+                                      std::uint32_t attach) {
+  const auto deadline = Clock::now() + kPatience;
+  Connection connection;
+  if (!connection.Connect(address, deadline)) return std::nullopt;
+  Writer request;
+  Encode(request, OpHeader{.code = kReqHostView});
+  if (!connection.Send(request.U32(detach).U32(attach).Take())) return std::nullopt;
+
+  const auto head = connection.Await(kOpHeaderSize, deadline);
+  if (!head) return std::nullopt;
+  Reader headReader(*head);
+  const OpHeader header = DecodeOpHeader(headReader);
+  if (header.code != kRepHostView || header.status != kOk) return std::nullopt;
+
+  const auto fixed = connection.Await(kHostViewFixedSize, deadline);
+  if (!fixed) return std::nullopt;
+  Reader in(*fixed);
+  HostView view{.record = DecodeDeviceRecord(in)};
+  view.driverMask = in.U32();
+  const std::size_t deviceSize = in.U16();
+  const std::size_t configurationSize = in.U16();
+  const auto descriptors = connection.Await(deviceSize + configurationSize, deadline);
+  if (!descriptors) return std::nullopt;
+  const ByteView both(*descriptors);
+  view.deviceDescriptor.assign(both.begin(),
+                               both.begin() + static_cast<std::ptrdiff_t>(deviceSize));
+  view.configuration.assign(both.begin() + static_cast<std::ptrdiff_t>(deviceSize), both.end());
+  return view;
+}
+
+Connection::ImportOutcome Connection::Import(const Address& address, const DeviceRecord& expected) {
+  const auto deadline = Clock::now() + kPatience;
+  if (!Connect(address, deadline)) return ImportOutcome::Gone;
+  Writer request;
+  Encode(request, OpHeader{.code = kReqImport});
+  if (!Send(request.Text(expected.busId, kBusIdSize).Take())) return ImportOutcome::Gone;
+  const auto head = Await(kOpHeaderSize, deadline);
+  if (!head) return ImportOutcome::Gone;
+  Reader headReader(*head);
+  const OpHeader header = DecodeOpHeader(headReader);
+  if (header.code != kRepImport) return ImportOutcome::Gone;
+  if (header.status == kDeviceBusy) return ImportOutcome::Busy;
+  if (header.status != kOk) return ImportOutcome::Gone;
+  const auto record = Await(kDeviceRecordSize, deadline);
+  if (!record) return ImportOutcome::Gone;
+  Reader in(*record);
+  const bool same = DecodeDeviceRecord(in).deviceNumber == expected.deviceNumber;
+  return same ? ImportOutcome::Imported : ImportOutcome::Gone;
+}
+
+void Connection::Close() {
+  if (!m_socket) return;
+  shutdown(m_socket.Fd(), SHUT_WR);
+  const auto deadline = Clock::now() + kPatience;
+  while (Receive() && WaitFor(POLLIN, deadline)) m_input.clear();
+  m_socket = Socket();
+}
+
+bool Connection::Send(ByteView bytes) {
+  const auto deadline = Clock::now() + kPatience;
+  while (!bytes.empty()) {
+    const ssize_t sent = send(m_socket.Fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+    if (sent > 0) bytes = bytes.subspan(static_cast<std::size_t>(sent));
+    if (sent < 0 && errno != EAGAIN && errno != EINTR) return false;
+    if (!bytes.empty() && !WaitFor(POLLOUT, deadline)) return false;
+  }
+  return true;
+}
+
+bool Connection::Receive() {
+  std::array<std::uint8_t, 16 * 1024> chunk;
+  while (m_input.size() < 2 * kMaxTransferSize) {
+    const ssize_t got = recv(m_socket.Fd(), chunk.data(), chunk.size(), 0);
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) return true;
+    if (got <= 0) return false;
+    m_input.insert(m_input.end(), chunk.begin(), chunk.begin() + got);
+    if (static_cast<std::size_t>(got) < chunk.size()) return true;
+  }
+  return true;
+}
+
+void Connection::Consume(std::size_t size) {
+  m_input.erase(m_input.begin(), m_input.begin() + static_cast<std::ptrdiff_t>(size));
+}
+
+bool Connection::Connect(const Address& address, Clock::time_point deadline) {
+  m_socket = Socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!m_socket) return false;
+  MakeInteractive(m_socket.Fd());
+  const sockaddr_in peer = SocketAddress(address.ip, address.port);
+  if (connect(m_socket.Fd(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0)
+    return true;
+  if (errno != EINPROGRESS || !WaitFor(POLLOUT, deadline)) return false;
+  int error = 0;
+  socklen_t size = sizeof error;
+  return getsockopt(m_socket.Fd(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+}
+
+// The next `size` bytes; none when they do not arrive before the deadline.
+std::optional<Bytes> Connection::Await(std::size_t size, Clock::time_point deadline) {
+  bool alive = true;
+  while (m_input.size() < size) {
+    if (!alive || !WaitFor(POLLIN, deadline)) return std::nullopt;
+    alive = Receive();
+  }
+  const auto end = m_input.begin() + static_cast<std::ptrdiff_t>(size);
+  Bytes bytes(m_input.begin(), end);
+  Consume(size);
+  return bytes;
+}
+
+bool Connection::WaitFor(short events, Clock::time_point deadline) {
+  pollfd entry{m_socket.Fd(), events, 0};
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
+  if (left <= 0) return false;
+  const int ready = poll(&entry, 1, static_cast<int>(left));
+  return ready > 0 || (ready < 0 && errno == EINTR);
+}
+
+}  // namespace tavosim::substitute
