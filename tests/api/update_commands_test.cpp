@@ -1,0 +1,78 @@
+// The update commands around the update itself: dialogue, choice of transport and device.
+#include <gtest/gtest.h>
+
+#include "tests/support/station.h"
+
+namespace tavo::test {
+namespace {
+
+class UpdateCommands : public testing::Test {
+ protected:
+  UpdateContext Context() { return {station.engine, station.holder, station.platform}; }
+  std::string File() const { return station.platform.Folder() + "firmware.hex"; }
+  FtdiTarget Adapter(const char* serial) const { return {serial, 19200, false}; }
+  const std::string& Console() const { return station.platform.Console(); }
+
+  Station station{tavosim::OptionsFor(*tavosim::FindFamily("plain"))};
+};
+
+TEST_F(UpdateCommands, WithoutAFileNothingIsTouched) {
+  EXPECT_FALSE(UpdateUsbDevice(Context(), "1-4-2", "", {}));
+  EXPECT_EQ(Console(), "Firmware-Updater\nNo update file specified");
+  station.platform.ClearConsole();
+  EXPECT_FALSE(UpdateFtdiDevice(Context(), Adapter(""), "", {}));
+  EXPECT_EQ(Console(), "Firmware-Updater\nNo update file specified");
+  EXPECT_EQ(station.holder.Kind(), TransportKind::None);
+}
+
+TEST_F(UpdateCommands, WithoutANameTheFirstDeviceIsTaken) {
+  EXPECT_TRUE(UpdateUsbDevice(Context(), "", File(), {}));
+  EXPECT_TRUE(station.platform.ConsoleHas("\nUSB-Port: 1-4-2\n\nStart Update\n"));
+  EXPECT_TRUE(UpdateFtdiDevice(Context(), Adapter(""), File(), {}));
+  EXPECT_TRUE(station.platform.ConsoleHas("\nFtDI-Port: TAVO0001\n\nStart Update\n"));
+}
+
+TEST_F(UpdateCommands, WithoutAnyDeviceThatIsSaid) {
+  station.device.Unplug(SimNow(station.platform), std::nullopt);
+  EXPECT_FALSE(UpdateUsbDevice(Context(), "", File(), {}));
+  EXPECT_TRUE(Console().ends_with("\nNo device connected!"));
+  station.platform.ClearConsole();
+  EXPECT_FALSE(UpdateFtdiDevice(Context(), Adapter(""), File(), {}));
+  EXPECT_EQ(Console(), "Firmware-Updater\nFirmware: " + File() + "\nNo device connected!");
+}
+
+TEST_F(UpdateCommands, AnUnknownNameIsSaidAndTheUpdateDoesNotBegin) {
+  EXPECT_FALSE(UpdateUsbDevice(Context(), "3-9", File(), {}));
+  EXPECT_TRUE(station.platform.ConsoleHas("USB-Port: 3-9\nPort 3-9 isnt found\n"));
+  EXPECT_FALSE(UpdateFtdiDevice(Context(), Adapter("tavo0001"), File(), {}));
+  EXPECT_TRUE(station.platform.ConsoleHas("FtDI-Port: tavo0001\nSerial tavo0001 isnt found\n"));
+  EXPECT_FALSE(station.platform.ConsoleHas("Start Update"));
+  EXPECT_TRUE(station.Requests().empty());
+  EXPECT_EQ(station.engine.LastError(), ErrorCode::None);
+}
+
+TEST_F(UpdateCommands, TheTransportIsKeptForItsKindAndReplacedForTheOther) {
+  EXPECT_TRUE(UpdateUsbDevice(Context(), "1-4-2", File(), {}));
+  const ICommInterface* usb = station.holder.Transport();
+  EXPECT_FALSE(station.holder.Transport()->IsOpen());
+  EXPECT_TRUE(UpdateUsbDevice(Context(), "1-4-2", File(), {}));
+  EXPECT_EQ(station.holder.Transport(), usb);
+  EXPECT_TRUE(UpdateFtdiDevice(Context(), Adapter("TAVO0001"), File(), {}));
+  EXPECT_EQ(station.holder.Kind(), TransportKind::Ftdi);
+  EXPECT_FALSE(station.holder.SelectTransport(TransportKind{2}));
+  EXPECT_EQ(station.holder.Kind(), TransportKind::None);
+  EXPECT_EQ(station.holder.Transport(), nullptr);
+}
+
+TEST_F(UpdateCommands, AFileThatIsNoneFailsBeforeTheDeviceIsAskedForItsBootloader) {
+  for (const char* file : {"none.hex", "none.zip", "firmware.bin"}) {
+    station.ForgetRequests();
+    EXPECT_FALSE(UpdateUsbDevice(Context(), "", station.platform.Folder() + file, {}));
+    EXPECT_EQ(station.engine.LastError(), ErrorCode::Firmware) << file;
+    const Lines closingPlan{"1B 1B 1B", "0x100 EB 00", "0x12F 01", "0x100 00"};
+    EXPECT_EQ(station.Requests(), closingPlan);
+  }
+}
+
+}  // namespace
+}  // namespace tavo::test

@@ -1,0 +1,118 @@
+#include "log/logger.h"
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <sstream>
+#include <thread>
+
+#include "tests/support/virtual_platform.h"
+
+namespace tavo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+std::string Contents(const std::string& path) {
+  std::ostringstream contents;
+  contents << std::ifstream(path, std::ios::binary).rdbuf();
+  return contents.str();
+}
+
+class LoggerTest : public testing::Test {
+ protected:
+  std::string LogFile() const { return m_platform.Folder() + "FirmwareUpdater.log"; }
+
+  void WriteAt(int level, const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    m_log.Write(LogLevel{level}, format, arguments);
+    va_end(arguments);
+  }
+
+  VirtualPlatform m_platform;
+  Logger m_log{m_platform};
+};
+
+TEST_F(LoggerTest, LinesCarryTimeAndLevelAndGoToConsoleAndFileAlike) {
+  std::ofstream(LogFile()) << "from an earlier day\n";
+  m_log.LogDebug("%s", "first");
+  m_platform.Advance(1h + 2min + 3s);
+  m_log.LogInfo("%d bytes", 42);
+  m_log.LogWarn("100 %%");
+  m_log.LogCrit("last");
+  WriteAt(4, "above");
+  WriteAt(-1, "below");
+
+  const std::string lines =
+      "2024.03.01 - 12:00:00 DBG  first\n"
+      "2024.03.01 - 13:02:03 INFO 42 bytes\n"
+      "2024.03.01 - 13:02:03 WARN 100 %\n"
+      "2024.03.01 - 13:02:03 CRIT last\n"
+      "2024.03.01 - 13:02:03 ---- above\n"
+      "2024.03.01 - 13:02:03 ---- below\n";
+  EXPECT_EQ(m_platform.Console(), lines);
+  EXPECT_EQ(Contents(LogFile()), "from an earlier day\n" + lines);
+}
+
+TEST_F(LoggerTest, MessagesAreCutTo299Characters) {
+  const std::string text(298, 'x');
+  for (const char* end : {"1", "12", "123456"}) {
+    m_platform.ClearConsole();
+    m_log.LogInfo("%s%s", text.c_str(), end);
+    EXPECT_EQ(m_platform.Console(), "2024.03.01 - 12:00:00 INFO " + text + "1\n");
+  }
+}
+
+TEST_F(LoggerTest, TheFileLiesBesideTheExecutable) {
+  const struct {
+    const char* executable;
+    const char* name;
+    const char* path;
+  } kRows[] = {
+      {"/opt/host/updater", "a.log", "/opt/host/a.log"},
+      {"C:\\Tools\\updater.exe", "a.log", "C:\\Tools\\a.log"},
+      {"C:\\Tools/bin/updater.exe", "a.log", "C:\\Tools/bin/a.log"},
+      {"updater", "a.log", "a.log"},
+      {"", "a.log", "a.log"},
+      {"/opt/host/updater", "D:\\logs\\a.log", "D:\\logs\\a.log"},
+  };
+  for (const auto& row : kRows) {
+    m_platform.SetExecutablePath(row.executable);
+    EXPECT_EQ(m_log.LogFilePath(row.name), row.path);
+  }
+}
+
+TEST_F(LoggerTest, WithoutAFileTheLineStillReachesTheConsole) {
+  std::filesystem::create_directory(LogFile());  // in the way
+  m_log.LogInfo("heard");
+  EXPECT_EQ(m_platform.Console(),
+            "Error during open log file \"" + LogFile() + "\"\n2024.03.01 - 12:00:00 INFO heard\n");
+}
+
+// Only the logger's own lock keeps two threads apart here: the platform has none.
+TEST_F(LoggerTest, LinesOfTwoThreadsStayWhole) {
+  const auto write = [this](const char* name) {
+    for (int i = 0; i < 200; ++i) m_log.LogInfo("%s %d", name, i);
+  };
+  std::thread first(write, "first");
+  std::thread second(write, "second");
+  first.join();
+  second.join();
+
+  std::istringstream file(Contents(LogFile()));
+  std::set<std::string> lines;
+  for (std::string line; std::getline(file, line);) lines.insert(line);
+  for (int i = 0; i < 200; ++i) {
+    for (const char* name : {"first ", "second "}) {
+      EXPECT_EQ(lines.erase("2024.03.01 - 12:00:00 INFO " + (name + std::to_string(i))), 1u);
+    }
+  }
+  EXPECT_TRUE(lines.empty());
+  EXPECT_EQ(Contents(LogFile()), m_platform.Console());
+}
+
+}  // namespace
+}  // namespace tavo::test

@@ -1,0 +1,81 @@
+#include "package/hardware_identity.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "simulator/firmware_builder.h"
+
+namespace tavo {
+namespace {
+
+FirmwareImage Build(const tavosim::FirmwareRecipe& recipe) {
+  const tavosim::Firmware firmware = tavosim::BuildFirmware(recipe);
+  return {firmware.data, firmware.startAddress};
+}
+
+FirmwareImage ForHardware(std::uint16_t hardwareId) {
+  return Build({.startAddress = 0x4000, .size = 256, .adbType = 2, .hardwareId = hardwareId});
+}
+
+FirmwareImage WithEntries(std::vector<tavosim::FirmwareEntry> entries) {
+  return Build({.startAddress = 0x4000, .size = 256, .adbType = 5, .entries = std::move(entries)});
+}
+
+TEST(HardwareIdentity, McuTableEndsWhereItShould) {
+  EXPECT_EQ(FindProcessorId(256), 0x1E9748u);
+  EXPECT_EQ(FindProcessorId(277), 0x1E9612u);
+  for (const std::int32_t unknown : {-1, 0, 255, 278}) {
+    EXPECT_EQ(FindProcessorId(unknown), std::nullopt) << unknown;
+  }
+}
+
+TEST(HardwareIdentity, BestRowDecidesForTheFamily) {
+  constexpr TunnelRoute kNone{-1, -1};
+  struct Row {
+    std::uint16_t hardwareId;
+    TunnelRoute route;
+    std::uint32_t messageKind;
+  };
+  for (const Row& row : {Row{0x8150, {4, 1}, 0}, Row{0x8F1F, kNone, 0}, Row{0x82E0, {4, 0}, 1},
+                         Row{0x82EF, {4, 0}, 1}, Row{0x82D0, kNone, 0}, Row{0x8315, {4, 0}, 0},
+                         Row{0x8320, {4, 2}, 0}, Row{0x7310, kNone, 0}, Row{0x8410, kNone, 0}}) {
+    SCOPED_TRACE(row.hardwareId);
+    EXPECT_EQ(FindTunnelRoute(ForHardware(row.hardwareId)), row.route);
+    EXPECT_EQ(FindBootloaderMessageKind(ForHardware(row.hardwareId)), row.messageKind);
+  }
+}
+
+TEST(HardwareIdentity, FirstEntryWithHardwareIdsIsAsked) {
+  const FirmwareImage image = WithEntries({{1, {}}, {2, {0x8150, 0x8320}}, {3, {0x82E0}}});
+  EXPECT_EQ(FindTunnelRoute(image), (TunnelRoute{4, 1}));
+  const auto records = HardwareIdRecordsByEntry(AdbView(image));
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records.at(1), (std::vector<HardwareIdRecord>{{8, 1, 5, 0}, {8, 3, 2, 0}}));
+  EXPECT_EQ(records.at(2), (std::vector<HardwareIdRecord>{{8, 2, 14, 0}}));
+}
+
+TEST(HardwareIdentity, ImagesWithoutHardwareIdsGetTheDefaults) {
+  for (const FirmwareImage& image : {FirmwareImage{}, WithEntries({}), WithEntries({{1, {}}})}) {
+    EXPECT_EQ(FindTunnelRoute(image), (TunnelRoute{-1, -1}));
+    EXPECT_EQ(FindBootloaderMessageKind(image), 0u);
+  }
+}
+
+std::string RefusalOf(unsigned typeId, unsigned moduleId) {
+  try {
+    static_cast<void>(HardwareIdPattern(typeId, moduleId));
+    return "none";
+  } catch (const std::invalid_argument& refusal) {
+    return refusal.what();
+  }
+}
+
+TEST(HardwareIdentity, PatternRefusesIdsBeyondTheirField) {
+  EXPECT_EQ(RefusalOf(15, 15), "none");
+  EXPECT_EQ(RefusalOf(15, 16), "module ID must not be greater than 15");
+  EXPECT_EQ(RefusalOf(16, 16), "type ID must not be greater than 15");
+}
+
+}  // namespace
+}  // namespace tavo

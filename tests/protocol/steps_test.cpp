@@ -1,0 +1,345 @@
+// What the steps send and what they make of the answers when all goes well, and how long they go on
+// when it does not.
+#include <gtest/gtest.h>
+
+#include "tests/support/engine_access.h"
+
+namespace tavo::test {
+namespace {
+
+using namespace std::chrono_literals;
+using U = FirmwareUpdater;
+using enum StepResult;
+
+Bytes LowHigh(std::uint16_t value) {
+  return {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8)};
+}
+
+struct Dialogue {
+  std::vector<StepFunction> steps;
+  std::function<void(EngineBench&)> prepare;
+  Texts requests;
+  Texts lines;  // each of them once
+};
+
+void Expect(const Dialogue& row) {
+  SCOPED_TRACE(testing::PrintToString(row.requests));
+  EngineBench bench;
+  bench.Load(ImageWithAdb(2, 0x8410));
+  row.prepare(bench);
+  bench.Run(row.steps);
+  EXPECT_TRUE(bench.engine.Succeeded());
+  EXPECT_EQ(bench.device->requests, row.requests);
+  for (const std::string& line : row.lines) EXPECT_EQ(bench.Count(line + "\n"), 1u) << line;
+}
+
+// clang-format off
+TEST(Steps, AskAndUnderstand) {
+  using B = EngineBench;
+  const Dialogue dialogues[] = {
+    {{&U::EraseApplication}, [](B&) {}, {"0x130 01"}, {"Erase Application Memory: Ok"}},
+    {{&U::EraseApplication}, [](B& b) { b.engine.SetFlags({.extendedErase = true}); }, {"0x130 03"}, {}},
+    {{&U::LeaveBootloader}, [](B&) {}, {"0x12F 01"}, {"Start Application: Bootloader was active"}},
+    {{&U::WaitForApplication},
+     [](B& b) { b.device->On("0x100 00", kSilence, kSilence, Answer({})); },
+     {"0x100 00", "0x100 00", "0x100 00"}, {"Application started"}},
+    {{&U::CheckApplicationSize},
+     [](B& b) { b.Load({Bytes(98304, 0), 0}); b.access.blockSize = 96; b.device->On("0x132", Answer({96, 0})); },
+     {"0x132"}, {"Check Application Section Size: Device 98304 | Firmware 98304"}},
+    {{&U::CheckHardwareId},  // asked for, but not compared
+     [](B& b) { b.access.softwareId = 0xEE00; b.device->On("0x122", Answer({0x99, 0x99})); },
+     {"0x122"}, {"Check Hardware-Id: Skipped"}},
+    {{&U::RequestDeviceId, &U::RequestDeviceIdAdmin},
+     [](B& b) { b.device->On("0x100 BB 0A", Answer({0x02, 0x01})); },
+     {"0x100 BB 0A"}, {"Device-ID received: 0x0102", "Request Device-ID (Admin): Skipped."}},
+    {{&U::RequestDeviceId, &U::RequestDeviceIdAdmin},
+     [](B& b) { b.device->On("0x100", kSilence); b.device->On("0x802", Answer({0x34, 0x12})); },
+     {"0x100 BB 0A", "0x100 BB 0A", "0x100 BB 0A", "0x100 BB 0A", "0x802"},
+     {"Device-ID (Admin) received: 0x1234"}},
+    {{&U::RequestProcessorId}, [](B& b) { b.device->On("0x121", Answer({0x9E, 0x97, 0x48})); },
+     {"0x121"}, {"Prozessor-ID received: 0x9E9748"}},
+    {{&U::RequestSoftwareId, &U::CallBootloader}, [](B&) {},
+     {"0x100 BB 02", "0x100 FD 00"}, {"Software-ID received: 0x0000", "Call Bootloader: Ok"}},
+    {{&U::RequestSoftwareId, &U::CallBootloader}, [](B& b) { b.Load(ImageWithAdb(6, 0x82E3)); },
+     {"0x180 BB 02", "0x180 FD 00"}, {}},
+    {{&U::CallBootloader}, [](B& b) { b.Load({Bytes(64, 0), 0x4000}); }, {"0x100 FD 00"}, {}},
+  };
+  for (const Dialogue& row : dialogues) Expect(row);
+}
+
+TEST(Steps, TheLabelIsTheFirstEntryForTheDevice) {
+  const auto device = [](std::uint8_t adbType, std::int32_t deviceId, std::int32_t softwareId) {
+    return [=](EngineBench& bench) {
+      bench.Load(ImageWithAdb(adbType, 0x8410, {{0x101, {}}, {0x102, {}}, {0x103, {}}, {0x102, {}}}));
+      bench.access.deviceId = deviceId;
+      bench.access.softwareId = softwareId;
+    };
+  };
+  Expect({{&U::SetLabel}, device(5, 0x103, -1), {"0x100 A0 02"}, {"Set Label: Request (Label 2)", "Set Label: Ok"}});
+  Expect({{&U::SetLabel}, device(5, 0x102, 0x1234), {"0x100 A0 01"}, {}});
+  Expect({{&U::SetLabel}, device(5, 0x102, 0xEE00), {}, {"Set Label: Skipped"}});
+  Expect({{&U::SetLabel}, device(5, -1, -1), {}, {"Set Label: Skipped"}});
+  Expect({{&U::SetLabel}, device(7, 0x102, -1), {}, {}});
+  Expect({{&U::SetLabel}, device(2, 0x102, -1), {}, {}});
+}
+
+TEST(Steps, TheDeviceMayReportHardwareIdWildcardsTheFirmwareMayNot) {
+  struct Case {
+    std::uint16_t device;
+    std::vector<std::uint16_t> accepted;
+    bool fits;
+  };
+  for (const Case& row : {
+           Case{0x82E0, {0x82E0}, true}, {0x82E5, {0x82E0}, false}, {0x82EF, {0x82E0}, true},
+           {0xF2E0, {0x82E0}, true},     {0x8FE0, {0x82E0}, true},  {0x82F0, {0x82E0}, true},
+           {0xFFFF, {0x1234}, true},     {0x82E0, {0x82EF}, false}, {0x82EF, {0x82EF}, true},
+           {0x82E0, {0x1111, 0x82E0, 0x2222}, true}, {0x82E0, {0x82E1, 0x92E0}, false}, {0x82E0, {}, false}}) {
+    EngineBench bench;
+    bench.Load(ImageWithAdb(7, 0, {{0x0101, {0x9999}}, {0x0102, row.accepted}}));
+    bench.access.deviceId = 0x0102;
+    bench.Receive(LowHigh(row.device));
+    EXPECT_EQ(bench.Call(&U::CheckHardwareId, StepPhase::Answer), row.fits ? Done : Failed) << row.device;
+    EXPECT_EQ(bench.Count("INFO CheckHardwareIdList: HwList: "), row.accepted.size());
+  }
+}
+// clang-format on
+
+// A block of the image for each letter; '_' is a blank one.
+FirmwareImage ImageOfBlocks(const std::string& blocks, std::size_t blockSize) {
+  FirmwareImage image{{}, 0x4000};
+  for (const char block : blocks) {
+    image.data.insert(image.data.end(), blockSize,
+                      block == '_' ? std::uint8_t{0xFF} : static_cast<std::uint8_t>(block));
+  }
+  return image;
+}
+
+std::string Positioning(std::uint32_t address) {
+  return ScriptedTransport::Text(
+      0x133, Bytes{static_cast<std::uint8_t>(address), static_cast<std::uint8_t>(address >> 8),
+                   static_cast<std::uint8_t>(address >> 16), 0});
+}
+
+TEST(Writing, SendsTheBlocksInOrderAndLeavesOutBlankOnesAfterTheFirst) {
+  struct Case {
+    std::string blocks;
+    std::vector<std::uint32_t> written;  // block numbers, in order
+    std::uint32_t total;                 // bytes
+  };
+  for (const Case& row : {Case{"ABC", {0, 1, 2}, 192},
+                          {"A__D", {0, 1, 3}, 128},
+                          {"_B", {0, 1}, 64},
+                          {"__C", {0, 2}, 64},
+                          {"A__", {0, 1}, 64},
+                          {"A_C_", {0, 1, 2, 3}, 128},
+                          {"___", {0}, 0}}) {
+    SCOPED_TRACE(row.blocks);
+    EngineBench bench;
+    bench.Load(ImageOfBlocks(row.blocks, 64));
+    bench.access.blockSize = 64;
+    bench.Run({&U::WriteBlock});
+    EXPECT_TRUE(bench.engine.Succeeded());
+    Texts expected;
+    for (const std::uint32_t block : row.written) {
+      const auto begin = bench.access.selected->data.begin() + block * 64;
+      expected.push_back(Positioning(0x4000 + block * 64));
+      expected.push_back(ScriptedTransport::Text(0x134, Bytes(begin, begin + 64)));
+    }
+    const std::size_t size = row.blocks.size() * 64;
+    expected.push_back(Positioning(0x4000 + static_cast<std::uint32_t>(size)));
+    EXPECT_EQ(bench.device->requests, expected);
+    EXPECT_EQ(bench.access.bytesTotal, row.total);
+    EXPECT_EQ(bench.access.bytesDone, row.written.size() * 64);
+    EXPECT_TRUE(bench.platform.ConsoleHas(
+        "Write Block: Ok. Firmware Size: " + std::to_string(size) + " | Transferred Bytes: " +
+        std::to_string(size) + " (" + std::to_string(row.written.size() * 64) + ")\n"));
+  }
+}
+
+TEST(Writing, FillsUpAShortLastBlockAndEndsBehindTheImage) {
+  EngineBench bench;
+  bench.Load({Bytes(100, 0x11), 0x4000});
+  bench.access.blockSize = 64;
+  bench.Run({&U::WriteBlock});
+  Bytes last(36, 0x11);
+  last.resize(64, 0xFF);
+  EXPECT_TRUE(bench.engine.Succeeded());
+  EXPECT_EQ(
+      bench.device->requests,
+      (Texts{Positioning(0x4000), ScriptedTransport::Text(0x134, Bytes(64, 0x11)),
+             Positioning(0x4040), ScriptedTransport::Text(0x134, last), Positioning(0x4064)}));
+}
+
+TEST(Writing, AsksAgainForWhatWasLostAndForgetsTheCountAfterAnAnswer) {
+  EngineBench bench;
+  bench.Load(ImageOfBlocks("A", 4));
+  bench.access.blockSize = 4;
+  bench.device->On("0x133", kSilence, kSilence, Answer({}));
+  bench.device->On("0x134", kSilence, kSilence, kSilence, kSilence, kSilence, kSilence, Answer({}));
+  bench.Run({&U::WriteBlock});
+  EXPECT_TRUE(bench.engine.Succeeded());
+  EXPECT_EQ(bench.device->requests.size(), 3u + 7u + 1u);
+  EXPECT_EQ(bench.access.retryCount, 0);
+}
+
+TEST(Modules, AreAskedForOneByOneAndNamed) {
+  EngineBench bench;
+  bench.device->On("0x814", Answer(LowHigh(0x0443)), Answer(LowHigh(0x633A)), Answer({0, 0}));
+  bench.Run({&U::RequestResettedModules});
+  EXPECT_TRUE(bench.engine.Succeeded());
+  EXPECT_EQ(bench.device->requests, (Texts{"0x814 00", "0x814 01", "0x814 02"}));
+  EXPECT_EQ(bench.engine.ResettedModule(0), "ABC");
+  EXPECT_EQ(bench.engine.ResettedModule(1), "XYZ");
+  EXPECT_EQ(bench.engine.ResettedModule(2), std::nullopt);
+  EXPECT_EQ(bench.Count("INFO FirmwareUpdater: Resetted Modules ABC, XYZ\n"), 1u);
+  EXPECT_EQ(bench.Count("\nFirmwareupdate Error: 0\n"), 1u);
+
+  bench.device->On("0x814", kSilence);  // the names of the last update go, no new ones come
+  bench.Run({&U::RequestResettedModules});
+  EXPECT_TRUE(bench.engine.Succeeded());
+  EXPECT_EQ(bench.engine.LastError(), ErrorCode::Timeout);
+  EXPECT_EQ(bench.engine.ResettedModule(0), std::nullopt);
+
+  bench.device->On("0x814", Answer({0, 0}));
+  bench.Run({&U::RequestResettedModules});
+  EXPECT_EQ(bench.Count("INFO FirmwareUpdater: No resetted modules\n"), 1u);
+}
+
+TEST(Modules, OfADeviceThatNeverEndsItsListAreAsManyAsCanBeAskedFor) {
+  EngineBench bench;
+  bench.device->On("0x814", Answer({0x00, 0x80}));  // bit 15 is not part of the name
+  bench.Run({&U::RequestResettedModules});
+  EXPECT_TRUE(bench.engine.Succeeded());
+  EXPECT_EQ(bench.device->requests.size(), 256u);
+  EXPECT_EQ(bench.device->requests.back(), "0x814 FF");
+  EXPECT_EQ(bench.engine.ResettedModule(255), "@@@");
+  EXPECT_EQ(bench.engine.ResettedModule(256), std::nullopt);
+}
+
+TEST(BootloaderEntry, TheVersionDecidesSendModeAndVerification) {
+  struct Case {
+    std::uint8_t version;
+    SendMode sendMode;
+    Texts requests;
+  };
+  for (const Case& row : {Case{1, SendMode::Byte, {"0x120"}},
+                          {2, SendMode::Buffer, {"0x120"}},
+                          {3, SendMode::Buffer, {"0x120", "0x136"}},
+                          {255, SendMode::Buffer, {"0x120", "0x136"}}}) {
+    EngineBench bench;
+    bench.device->On("0x120", Answer({row.version, 0x80}));
+    bench.device->On("0x136", Answer({0x78, 0x56, 0x34, 0x12, 0x78, 0x56, 0x34, 0x12}));
+    bench.Run({&U::CheckVersion, &U::Verify});
+    EXPECT_TRUE(bench.engine.Succeeded());
+    EXPECT_EQ(bench.access.bootloaderVersion, row.version);
+    EXPECT_EQ(bench.access.blockSize, 128u);
+    EXPECT_EQ(bench.device->GetSendMode(), row.sendMode);
+    EXPECT_EQ(bench.device->requests, row.requests);
+    EXPECT_EQ(bench.Count("Verify: successful Calc:0x12345678 IAR:0x12345678\n"),
+              row.requests.size() - 1);
+  }
+}
+
+TEST(BootloaderEntry, ASlowBootloaderIsAskedAgainAfterAPause) {
+  EngineBench bench;
+  bench.device->On("0x120", kSilence, kRefusal, kSilence, Answer({1, 64}));
+  bench.Run({&U::CheckVersion});
+  EXPECT_TRUE(bench.engine.Succeeded());
+  EXPECT_EQ(bench.Count("Check Version: Timeout. Retry: 0\n"), 1u);
+  EXPECT_EQ(bench.Count("Check Version: Error: Retry: 1\n"), 1u);
+  EXPECT_EQ(bench.Count("Check Version: Timeout. Retry: 2\n"), 1u);
+  EXPECT_EQ(bench.platform.Sleeps(), std::vector<std::chrono::milliseconds>(3, 1s));
+  EXPECT_EQ(bench.access.retryCount, 0);
+}
+
+TEST(SilentDevice, IsAskedABoundedNumberOfTimes) {
+  struct Case {
+    const char* name;
+    StepFunction step;
+    std::size_t requests;
+    std::chrono::milliseconds time;
+    bool succeeds;
+  };
+  for (const Case& row : {Case{"version", &U::CheckVersion, 7, 34s, false},
+                          {"processor id", &U::RequestProcessorId, 7, 34s, false},
+                          {"device id", &U::RequestDeviceId, 4, 16s, false},
+                          {"software id", &U::RequestSoftwareId, 4, 16s, true},
+                          {"writing", &U::WriteBlock, 7, 28s, false},
+                          {"application", &U::WaitForApplication, 7, 28s, false},
+                          {"application, tolerant", &U::WaitForApplicationTolerant, 7, 28s, true},
+                          {"erase", &U::EraseApplication, 1, 4s, false}}) {
+    SCOPED_TRACE(row.name);
+    EngineBench bench;
+    bench.platform.SetTickOffset(0xFFFFFFFF - 9999);  // the tick counter wraps after 10 s
+    bench.Load(ImageWithAdb(5, 0));
+    bench.access.blockSize = 64;
+    bench.access.processorId = 0x1E9748;  // of an earlier update
+    bench.device->On("", kSilence);
+    bench.Run({row.step});
+    ASSERT_FALSE(bench.device->requests.empty());
+    EXPECT_EQ(bench.device->requests, Texts(row.requests, bench.device->requests.front()));
+    EXPECT_EQ(bench.platform.MonotonicNow(), row.time);
+    EXPECT_EQ(bench.access.processorId == -1, row.step == &U::RequestProcessorId);
+    EXPECT_EQ(bench.engine.Succeeded(), row.succeeds);
+    EXPECT_EQ(bench.engine.LastError(), row.succeeds ? ErrorCode::None : ErrorCode::Timeout);
+  }
+}
+
+TEST(SilentDevice, TimeLimitsIncludeTheirLastMillisecond) {
+  for (const auto& [step, limit] :
+       {std::pair{&U::RequestDeviceIdAdmin, 15000ms}, std::pair{&U::WaitForApplication, 25000ms}}) {
+    EngineBench bench;
+    bench.platform.Advance(1h);
+    EXPECT_EQ(bench.Call(step, StepPhase::Start), Wait);
+    bench.platform.Advance(limit);
+    EXPECT_EQ(bench.Call(step, StepPhase::Timeout), Wait);
+    bench.platform.Advance(1ms);
+    EXPECT_EQ(bench.Call(step, StepPhase::Timeout), Failed);
+  }
+}
+
+TEST(Selection, TakesTheImageForTheProcessorElseTheOnlyOneThatNamesNone) {
+  struct Image {
+    std::uint8_t adbType;
+    std::uint16_t mcuId;
+  };
+  struct Case {
+    const char* name;
+    std::vector<Image> images;
+    std::int32_t processorId;
+    int selected;  // -1: none
+    const char* line = "";
+  };
+  // clang-format off
+  const Case cases[] = {
+    {"named in the ADB", {{6, 256}}, 0x1E9748, 0, "DBG  FirmwareUpdater: Select Firmware: Firmware found\n"},
+    {"another processor", {{6, 256}}, 0x1E9749, -1},
+    {"names none", {{2, 0}}, 0x1E9748, 0, "DBG  FirmwareUpdater: Select Firmware: ADB without MCU-ID\n"},
+    {"two that name none", {{2, 0}, {2, 0}}, 0x1E9748, -1},
+    {"match behind one that names none", {{2, 0}, {6, 256}}, 0x1E9748, 1},
+    {"one that names none behind others", {{6, 257}, {2, 0}}, 0x1E9748, 1},
+    {"unknown id", {{7, 300}}, 0x1E9748, -1, "WARN FirmwareUpdater: Select Firmware: Unknown MCU-ID\n"},
+    {"named in the trailer", {{6, 256}, {3, 0x105}}, 0x1E9842, 1},
+    {"trailer id 1 is none", {{3, 1}}, 0x1E9842, 0},
+    {"first of several", {{6, 257}, {7, 256}, {6, 256}}, 0x1E9748, 1},
+    {"no processor id", {{6, 256}, {6, 257}}, -1, -1},
+    {"no processor id, one names none", {{6, 256}, {2, 0}}, -1, 1},
+  };
+  // clang-format on
+  for (const Case& row : cases) {
+    SCOPED_TRACE(row.name);
+    EngineBench bench;
+    for (const Image& image : row.images) {
+      bench.access.images.push_back(ImageWithAdb(image.adbType, 0x8410, {}, image.mcuId));
+    }
+    bench.access.processorId = row.processorId;
+    bench.access.selected = &bench.access.images.front();
+    EXPECT_EQ(bench.Call(&U::SelectFirmware, StepPhase::Start), row.selected < 0 ? Failed : Done);
+    EXPECT_EQ(bench.access.selected,
+              row.selected < 0 ? nullptr : &bench.access.images[static_cast<size_t>(row.selected)]);
+    EXPECT_TRUE(bench.platform.ConsoleHas(row.line));
+  }
+}
+
+}  // namespace
+}  // namespace tavo::test

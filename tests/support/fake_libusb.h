@@ -1,0 +1,194 @@
+// A USB bus made of a list of devices. Every call is recorded as one line of text; a line can be
+// made to fail beforehand.
+//
+//   FakeLibUsb usb;
+//   usb.devices = {{.ports = {1, 4}}};
+//   usb.results["ClaimInterface 1"] = LIBUSB_ERROR_BUSY;
+//   ...
+//   EXPECT_EQ(usb.calls.back(), "Close");
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "platform/libusb_api.h"
+
+namespace tavo::test {
+
+using Bytes = std::vector<std::uint8_t>;
+
+struct FakeUsbDevice {
+  std::uint16_t vendor = 0x03EB;
+  std::uint16_t product = 0x2404;
+  Bytes ports{};
+};
+
+struct FakeBulkResult {
+  int result = LIBUSB_SUCCESS;
+  Bytes data{};
+};
+
+class FakeLibUsb : public LibUsb {
+ public:
+  std::vector<FakeUsbDevice> devices;
+  std::map<std::string, int> results;   // by call; a call that is not here succeeds
+  std::deque<FakeBulkResult> input;     // of the coming bulk-in transfers; none left = timeout
+  std::size_t takesPerTransfer = 1000;  // bulk-out
+
+  std::vector<std::string> calls;
+  std::vector<Bytes> sent;  // one entry per bulk-out transfer
+  Bytes lastControlData;
+  int contexts = 0, lists = 0, handles = 0;  // not yet released
+
+  ~FakeLibUsb() override {
+    EXPECT_EQ(contexts, 0);
+    EXPECT_EQ(lists, 0);
+    EXPECT_EQ(handles, 0);
+  }
+
+  std::vector<std::string> TakeCalls() { return std::exchange(calls, {}); }
+
+  int Init(libusb_context** context) override {
+    const int result = Record("Init");
+    if (result == 0) *context = New<libusb_context>(&contexts);
+    return result;
+  }
+  void Exit(libusb_context* context) override { Release("Exit", context, &contexts); }
+  void SetDebug(libusb_context* context, int level) override {
+    EXPECT_NE(context, nullptr);
+    Record("SetDebug " + std::to_string(level));
+  }
+
+  std::ptrdiff_t GetDeviceList(libusb_context* context, libusb_device*** list) override {
+    EXPECT_NE(context, nullptr);
+    const int result = Record("GetDeviceList");
+    if (result < 0) return result;
+    ++lists;
+    // The devices of an older list stay as they were, as long as somebody holds that list.
+    auto* entries = new std::vector<libusb_device*>;
+    for (const FakeUsbDevice& device : devices) {
+      m_made.push_back(std::make_unique<FakeUsbDevice>(device));
+      entries->push_back(reinterpret_cast<libusb_device*>(m_made.back().get()));
+    }
+    m_lists.emplace_back(entries);
+    entries->push_back(nullptr);
+    *list = entries->data();
+    return static_cast<std::ptrdiff_t>(devices.size());
+  }
+  void FreeDeviceList(libusb_device** list, int unrefDevices) override {
+    EXPECT_EQ(unrefDevices, 1);
+    Release("FreeDeviceList", list, &lists);
+  }
+  int GetDeviceDescriptor(libusb_device* device, libusb_device_descriptor* descriptor) override {
+    *descriptor = {};
+    descriptor->idVendor = Made(device).vendor;
+    descriptor->idProduct = Made(device).product;
+    return 0;
+  }
+  int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) override {
+    const Bytes& path = Made(device).ports;
+    if (path.size() > static_cast<std::size_t>(capacity)) return LIBUSB_ERROR_OVERFLOW;
+    std::copy(path.begin(), path.end(), ports);
+    return static_cast<int>(path.size());
+  }
+
+  int Open(libusb_device* device, libusb_device_handle** handle) override {
+    std::string path;
+    for (const int port : Made(device).ports) path += " " + std::to_string(port);
+    const int result = Record("Open" + path);
+    if (result == 0) *handle = New<libusb_device_handle>(&handles);
+    return result;
+  }
+  libusb_device_handle* OpenDeviceWithVidPid(libusb_context* context, std::uint16_t vendor,
+                                             std::uint16_t product) override {
+    EXPECT_NE(context, nullptr);
+    EXPECT_EQ(vendor, 0x03EB);
+    EXPECT_EQ(product, 0x2404);
+    return Record("OpenAny") < 0 ? nullptr : New<libusb_device_handle>(&handles);
+  }
+  void Close(libusb_device_handle* handle) override { Release("Close", handle, &handles); }
+
+  int KernelDriverActive(libusb_device_handle*, int interface) override {
+    return Record("KernelDriverActive " + std::to_string(interface));
+  }
+  int DetachKernelDriver(libusb_device_handle*, int interface) override {
+    return Record("DetachKernelDriver " + std::to_string(interface));
+  }
+  int ClaimInterface(libusb_device_handle*, int interface) override {
+    return Record("ClaimInterface " + std::to_string(interface));
+  }
+
+  int ControlTransfer(libusb_device_handle*, std::uint8_t requestType, std::uint8_t request,
+                      std::uint16_t value, std::uint16_t index, unsigned char* data,
+                      std::uint16_t length, unsigned timeoutMs) override {
+    EXPECT_EQ(requestType, 0x21);
+    EXPECT_EQ(index, 0);
+    EXPECT_NE(timeoutMs, 0u) << "waits for ever";
+    lastControlData.assign(data, data + length);
+    const int result = Record("Control " + std::to_string(request) + " " + std::to_string(value));
+    return result < 0 ? result : length;
+  }
+  int BulkTransfer(libusb_device_handle*, unsigned char endpoint, unsigned char* data, int length,
+                   int* transferred, unsigned timeoutMs) override {
+    const auto capacity = static_cast<std::size_t>(length);
+    if (endpoint == 0x02) return TakeOutput({data, data + length}, transferred, timeoutMs);
+    EXPECT_EQ(endpoint, 0x81);
+    EXPECT_EQ(timeoutMs, 50u);
+    FakeBulkResult next{LIBUSB_ERROR_TIMEOUT, {}};
+    if (!input.empty()) {
+      next = input.front();
+      input.pop_front();
+    }
+    EXPECT_LE(next.data.size(), capacity);
+    std::copy(next.data.begin(), next.data.end(), data);
+    *transferred = static_cast<int>(next.data.size());
+    return next.result;
+  }
+
+  const char* ErrorName(int code) override { return libusb_error_name(code); }
+
+ private:
+  int Record(const std::string& call) {
+    calls.push_back(call);
+    const auto result = results.find(call);
+    return result == results.end() ? 0 : result->second;
+  }
+
+  template <typename Thing>
+  Thing* New(int* count) {
+    ++*count;
+    return reinterpret_cast<Thing*>(count);
+  }
+
+  void Release(const std::string& call, const void* thing, int* count) {
+    EXPECT_NE(thing, nullptr);
+    Record(call);
+    --*count;
+  }
+
+  int TakeOutput(const Bytes& data, int* transferred, unsigned timeoutMs) {
+    EXPECT_EQ(timeoutMs, 300u);
+    const std::size_t taken = std::min(data.size(), takesPerTransfer);
+    sent.emplace_back(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(taken));
+    *transferred = static_cast<int>(taken);
+    const auto result = results.find("Out " + std::to_string(sent.size()));
+    return result == results.end() ? 0 : result->second;
+  }
+
+  static const FakeUsbDevice& Made(libusb_device* device) {
+    return *reinterpret_cast<const FakeUsbDevice*>(device);
+  }
+
+  std::vector<std::unique_ptr<FakeUsbDevice>> m_made;
+  std::vector<std::unique_ptr<std::vector<libusb_device*>>> m_lists;
+};
+
+}  // namespace tavo::test

@@ -1,0 +1,139 @@
+#include "transport/frame_assembler.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <optional>
+#include <random>
+#include <vector>
+
+#include "simulator/frame.h"
+
+namespace tavo::test {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+Bytes Frame(std::uint16_t id, std::size_t payload = 0) {
+  return tavosim::EncodeFrame({id, Bytes(payload, 0x11)});
+}
+
+Bytes operator+(Bytes first, const Bytes& second) {
+  first.insert(first.end(), second.begin(), second.end());
+  return first;
+}
+
+// Every fourth byte or so is a header byte, so that assembly starts over all the time.
+Bytes Noise(std::mt19937& random, std::size_t count) {
+  Bytes bytes(count);
+  for (std::uint8_t& byte : bytes) {
+    const std::size_t value = random();
+    byte = static_cast<std::uint8_t>(value % 4 == 0 ? 0xA0 | (value >> 28) : value >> 24);
+  }
+  return bytes;
+}
+
+class FrameAssemblerTest : public testing::Test {
+ protected:
+  std::optional<TavoMessage> Take(const Bytes& batch) {
+    for (const std::uint8_t byte : batch) m_assembler.PutByte(byte, kFrameCodecs[0]);
+    return m_assembler.TakeFrame(kFrameCodecs[0]);
+  }
+  // The identifier of the message that this batch completes, or -1.
+  int Batch(const Bytes& batch) {
+    const auto message = Take(batch);
+    return message ? message->id : -1;
+  }
+  std::vector<int> ByteByByte(const Bytes& bytes) {
+    std::vector<int> ids;
+    for (const std::uint8_t byte : bytes) {
+      if (const int id = Batch({byte}); id >= 0) ids.push_back(id);
+    }
+    return ids;
+  }
+
+  FrameAssembler m_assembler;
+};
+
+TEST_F(FrameAssemblerTest, FramesMayBeCutAnywhere) {
+  std::mt19937 random(1);
+  for (std::uint16_t id = 0; id < 300; ++id) {
+    const Bytes frame = Frame(id, random() % 129);
+    const auto cut = frame.begin() + static_cast<std::ptrdiff_t>(1 + random() % (frame.size() - 1));
+    EXPECT_EQ(Batch(frame), id);
+    EXPECT_EQ(Batch({}), -1) << "a message is handed out once";
+    EXPECT_EQ(Batch({frame.begin(), cut}), -1);
+    EXPECT_EQ(Batch({cut, frame.end()}), id);
+    EXPECT_EQ(ByteByByte(frame), std::vector<int>{id});
+  }
+}
+
+TEST_F(FrameAssemblerTest, WhatIsNoFrameIsDroppedAndTheNextFrameReceived) {
+  EXPECT_EQ(Batch(Bytes{0x00, 0x0A, 0x9F, 0xB0, 0xFF} + Frame(0x120)), 0x120) << "no header byte";
+  const Bytes kDamagedOrTooShort[] = {{0xA3, 0x83, 0x04, 0xF8},
+                                      {0xA4, 0x01, 0x05, 0x01, 0x36},
+                                      {0xA0},
+                                      {0xA1, 0},
+                                      {0xA2, 0xA0, 0xA3}};
+  for (const Bytes& bytes : kDamagedOrTooShort) {
+    EXPECT_EQ(Batch(bytes), -1);
+    EXPECT_TRUE(m_assembler.IsIdle());
+  }
+  EXPECT_EQ(Batch(Frame(0x121)), 0x121);
+}
+
+TEST_F(FrameAssemblerTest, AfterALostByteAssemblyGoesOnAtTheNextHeader) {
+  const Bytes bytes = Bytes{0xA4, 0x01, 0x04, 0x01} + Frame(0x121, 2);
+  EXPECT_EQ(ByteByByte(bytes), std::vector{0x121});
+  EXPECT_EQ(Batch(bytes), -1) << "one frame is examined per batch";
+  EXPECT_EQ(Batch({}), 0x121);
+  EXPECT_EQ(ByteByByte(Bytes{0xA5} + Frame(0x122, 8)), std::vector{0x122}) << "a stray header";
+}
+
+TEST_F(FrameAssemblerTest, WhatLiesBehindAFrameInItsBatchIsDropped) {
+  EXPECT_EQ(Batch(Frame(0x120) + Frame(0x121)), 0x120);
+  EXPECT_EQ(Batch({}), -1);
+  EXPECT_EQ(Batch(Frame(0x120, 128) + Bytes(500, 0x55)), 0x120) << "more than the buffer holds";
+  EXPECT_TRUE(m_assembler.IsIdle());
+}
+
+TEST_F(FrameAssemblerTest, AnUnfinishedFrameIsDroppedAfterFourSecondsOfSilence) {
+  const Bytes frame = Frame(0x120, 2);
+  for (const bool inTime : {true, false}) {
+    m_assembler.Tick(0xFFFF);  // silence before a frame does not count
+    Batch({frame[0], frame[1]});
+    m_assembler.Tick(3999);
+    Batch({frame[2], frame[3], frame[4]});
+    m_assembler.Tick(3000);
+    m_assembler.Tick(inTime ? 999 : 1000);
+    EXPECT_EQ(Batch({frame[5]}), inTime ? 0x120 : -1);
+  }
+}
+
+TEST_F(FrameAssemblerTest, NoiseYieldsOnlyFramesThatStoodInIt) {
+  std::mt19937 random(7);
+  const Bytes noise = Noise(random, 100'000);
+  int handedOut = 0;
+  for (auto end = noise.begin(); end != noise.end();) {
+    const auto message = Take({*end++});
+    if (!message) continue;
+    ++handedOut;
+    const auto payload = message->payload.begin();
+    const Bytes frame = tavosim::EncodeFrame({message->id, {payload, payload + message->length}});
+    const auto oldest = end - std::min<std::ptrdiff_t>(end - noise.begin(), kMaxFrame);
+    ASSERT_NE(std::search(oldest, end, frame.begin(), frame.end()), end);
+  }
+  EXPECT_GT(handedOut, 0) << "a checksum of one byte lets some noise pass";
+}
+
+TEST_F(FrameAssemblerTest, AfterAnyNoiseAndASilenceAFrameIsReceived) {
+  std::mt19937 random(8);
+  for (int round = 0; round < 1000; ++round) {
+    for (int batch = 0; batch < 5; ++batch) Batch(Noise(random, random() % 300));
+    m_assembler.Tick(FrameAssembler::kInterByteTimeoutMs);
+    ASSERT_EQ(Batch(Frame(0x120, random() % 129)), 0x120);
+  }
+}
+
+}  // namespace
+}  // namespace tavo::test

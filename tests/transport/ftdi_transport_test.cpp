@@ -1,0 +1,184 @@
+#include <gtest/gtest.h>
+
+#include "log/logger.h"
+#include "tests/support/fake_d2xx.h"
+#include "tests/support/virtual_platform.h"
+#include "transport/comm_ftdi.h"
+
+namespace tavo::test {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+using Calls = std::vector<std::string>;
+
+class FtdiTransportTest : public testing::Test {
+ protected:
+  void SetUp() override { m_d2xx.adapters = {{"A1", "First"}, {"B2", "Second"}}; }
+
+  void OpenFirst() {
+    ASSERT_TRUE(m_transport.Open(0));
+    m_d2xx.calls.clear();
+  }
+
+  bool Send(std::size_t count) {
+    const Bytes bytes(count, 0x55);
+    return m_transport.SendRawData(bytes.data(), static_cast<std::int32_t>(count));
+  }
+
+  struct Received {
+    bool ok;
+    Bytes bytes;
+    bool operator==(const Received&) const = default;
+  };
+  Received Receive(std::size_t capacity = 256) {
+    Bytes buffer(capacity);
+    auto length = static_cast<std::int32_t>(capacity);
+    const bool ok = m_transport.ReceiveRawData(buffer.data(), &length);
+    buffer.resize(static_cast<std::size_t>(length));
+    return {ok, buffer};
+  }
+
+  VirtualPlatform m_platform;
+  Logger m_log{m_platform};
+  TavoLink m_link;
+  FakeD2xx m_d2xx;
+  CCommFTDI m_transport{m_link, m_platform, m_log, m_d2xx};
+};
+
+TEST_F(FtdiTransportTest, ListsAdaptersBySerialNumber) {
+  const std::string longText(64, 'x');
+  m_d2xx.adapters = {{"A1", "First"}, {"0123456789ABCDEF", longText}, {"", ""}};
+  m_d2xx.status["GetDeviceInfoList"] = kD2xxIoError;  // says nothing about the records
+  for (int round = 0; round < 2; ++round) {
+    const std::vector<CCommDevDesc>& listed = *m_transport.EnumerateDevices();
+    ASSERT_EQ(listed.size(), m_d2xx.adapters.size());
+    for (std::uint32_t i = 0; i < listed.size(); ++i) {
+      EXPECT_EQ(listed[i].deviceRef, i);
+      EXPECT_EQ(listed[i].port, m_d2xx.adapters[i].serialNumber);
+      EXPECT_EQ(listed[i].description, m_d2xx.adapters[i].description);
+    }
+  }
+  EXPECT_EQ(m_platform.Console(), "");
+}
+
+TEST_F(FtdiTransportTest, ListsNothingWhenCountingFailsOrFindsNone) {
+  m_d2xx.status["CreateDeviceInfoList"] = kD2xxDeviceNotFound;
+  EXPECT_TRUE(m_transport.EnumerateDevices()->empty());
+  m_d2xx.status.clear();
+  m_d2xx.adapters.clear();
+  EXPECT_TRUE(m_transport.EnumerateDevices()->empty());
+  EXPECT_EQ(m_platform.Console(), "");
+}
+
+TEST_F(FtdiTransportTest, OpensWithItsLineSettings) {
+  EXPECT_TRUE(m_transport.Open(1));
+  EXPECT_TRUE(m_transport.IsOpen());
+  EXPECT_EQ(m_d2xx.TakeCalls(),
+            (Calls{"Open 1", "SetBaudRate 19200", "SetDataCharacteristics 8 0 0"}));
+
+  m_transport.SetLineSettings({.baudRate = 57600, .wordLength = 7, .parity = 2, .stopBits = 1});
+  EXPECT_TRUE(m_transport.Open(0));
+  EXPECT_EQ(m_d2xx.TakeCalls(),
+            (Calls{"Close", "Open 0", "SetBaudRate 57600", "SetDataCharacteristics 7 1 2"}));
+  EXPECT_TRUE(m_transport.Reconnect());
+  EXPECT_EQ(m_d2xx.TakeCalls(), Calls{});
+}
+
+TEST_F(FtdiTransportTest, AFailedOpenPrintsTheStatusAndLeavesNothingOpen) {
+  const struct {
+    const char* function;
+    D2xxStatus status;
+    const char* printed;
+  } kFailures[]{{"Open", kD2xxDeviceNotFound, "FTDI Open Error 2"},
+                {"SetBaudRate", 7, "FTDI Open Error 7"},
+                {"SetDataCharacteristics", kD2xxIoError, "FTDI Open Error 4"}};
+  for (const auto& failure : kFailures) {
+    SCOPED_TRACE(failure.function);
+    m_platform.ClearConsole();
+    m_d2xx.status = {{failure.function, failure.status}};
+    EXPECT_FALSE(m_transport.Open(0));
+    EXPECT_FALSE(m_transport.IsOpen());
+    EXPECT_EQ(m_platform.Console(), failure.printed);
+    EXPECT_EQ(m_d2xx.handles, 0);
+  }
+}
+
+TEST_F(FtdiTransportTest, DropsTheEchoAcrossReads) {
+  OpenFirst();
+  m_transport.SetEcho(true);
+  EXPECT_TRUE(Send(10));
+  m_d2xx.Receive(Bytes(6, 0x55));
+  EXPECT_EQ(Receive(), (Received{true, {}}));
+  m_d2xx.Receive({0x55, 0x55, 0x55, 0x55, 1, 2});
+  EXPECT_EQ(Receive(), (Received{true, {1, 2}}));
+  m_d2xx.Receive({3, 4, 5, 6});
+  EXPECT_EQ(Receive(), (Received{true, {3, 4, 5, 6}}));
+
+  m_transport.SetEcho(false);
+  EXPECT_TRUE(Send(3));
+  m_d2xx.Receive({7, 8});
+  EXPECT_EQ(Receive(), (Received{true, {7, 8}}));
+}
+
+TEST_F(FtdiTransportTest, OnlyWhatWasWrittenComesBack) {
+  OpenFirst();
+  m_transport.SetEcho(true);
+  EXPECT_TRUE(m_transport.SendRawData(Bytes{1}.data(), 0));
+  m_d2xx.takesPerWrite = 2;
+  EXPECT_FALSE(Send(5)) << "a part is not enough";
+  m_d2xx.Receive({0x55, 0x55, 1});
+  EXPECT_EQ(Receive(), (Received{true, {1}}));
+
+  m_d2xx.status["Write"] = kD2xxIoError;
+  EXPECT_FALSE(Send(5));
+  m_d2xx.Receive({0x55, 2});
+  EXPECT_EQ(Receive(), (Received{true, {2}}));
+  EXPECT_EQ(m_platform.Console(), "");
+}
+
+TEST_F(FtdiTransportTest, ASilentReadWaitsAMomentAndReadsNothing) {
+  OpenFirst();
+  EXPECT_EQ(Receive(), (Received{true, {}}));
+  m_d2xx.status["GetStatus"] = kD2xxIoError;
+  EXPECT_EQ(Receive(), (Received{true, {}})) << "an unknown count is no input";
+  EXPECT_EQ(m_d2xx.calls, (Calls{"GetStatus", "GetStatus"}));
+  EXPECT_EQ(m_d2xx.waits, std::vector(2, std::chrono::milliseconds(10)));
+}
+
+TEST_F(FtdiTransportTest, ReadsNoMoreThanFits) {
+  OpenFirst();
+  m_d2xx.Receive({1, 2, 3});
+  EXPECT_EQ(Receive(2), (Received{true, {1, 2}}));
+  EXPECT_EQ(Receive(2), (Received{true, {3}}));
+  EXPECT_TRUE(m_d2xx.waits.empty());
+}
+
+TEST_F(FtdiTransportTest, LogsAFailedRead) {
+  OpenFirst();
+  m_transport.SetEcho(true);
+  EXPECT_TRUE(Send(2));
+  m_d2xx.Receive({0x55, 0x55, 1, 2, 3});
+  m_d2xx.status["Read"] = kD2xxIoError;
+  EXPECT_EQ(Receive(), (Received{false, {}}));
+  EXPECT_TRUE(
+      m_platform.ConsoleHas("WARN CCommFTDI: Error while receiving data: Length: 3, Error: 4\n"));
+}
+
+TEST_F(FtdiTransportTest, NothingMovesWithoutAnOpenAdapter) {
+  std::int32_t length = 1;
+  std::uint8_t byte = 0;
+  EXPECT_FALSE(Send(1));
+  EXPECT_TRUE(m_platform.ConsoleHas("DBG  CCommFTDI: SendRawData: No Interface\n"));
+  EXPECT_FALSE(m_transport.ReceiveRawData(&byte, &length));
+  EXPECT_TRUE(m_platform.ConsoleHas("WARN CCommFTDI: ReceiveRawData: No Interface.\n"));
+  EXPECT_EQ(m_d2xx.calls, Calls{});
+
+  OpenFirst();
+  EXPECT_FALSE(m_transport.SendRawData(nullptr, 1));
+  EXPECT_FALSE(m_transport.ReceiveRawData(nullptr, &length));
+  EXPECT_FALSE(m_transport.ReceiveRawData(&byte, nullptr));
+  EXPECT_EQ(m_d2xx.calls, Calls{});
+}
+
+}  // namespace
+}  // namespace tavo::test
