@@ -44,10 +44,14 @@
  *   12  the request to call the bootloader was not sent
  *   13  the application size request was not sent, or the firmware does not fit the device
  *   14  the verify request was not sent, or the checksums differ
- *   15  an identity request was not sent (a stop is shown on the console as error 15, but not
- * stored) 16  the label could not be set 18  the update file holds no valid firmware, or none that
- * matches the device 19  the request for the application's sign of life was not sent 20  the
- * request for the reset modules was not sent 4, 5, 7 and 17 are reserved.
+ *   15  an identity request was not sent
+ *   16  the label could not be set
+ *   18  the update file holds no valid firmware, or none that matches the device
+ *   19  the request for the application's sign of life was not sent
+ *   20  the request for the reset modules was not sent
+ *
+ *   4, 5, 7 and 17 are reserved. A stop is shown on the console as error 15, but not stored. After a
+ *   failure the device is led back to its application; when that fails too, its code is the last one.
  */
 #ifndef FIRMWARE_UPDATER_H
 #define FIRMWARE_UPDATER_H
@@ -93,7 +97,8 @@ bool FIRMWARE_UPDATER_CALL get_resetted_modules(char* buffer, uint32_t index);
 
 /*
  * Prints one line for each device that could be updated: USB devices with their port, then FTDI
- * adapters with their description. Not while an update runs.
+ * adapters with their description. (The serial number that update_ftdi_device takes is the one of
+ * the adapter's USB descriptor, as operating systems show it.) Not while an update runs.
  */
 void FIRMWARE_UPDATER_CALL list_devices(void);
 
@@ -115,7 +120,7 @@ void FIRMWARE_UPDATER_CALL stop_update(void);
  *   skipIdentityCheck  do not ask for device ids, do not check the hardware id
  *   extendedErase      erase mode 3 instead of 1
  *   bootloaderOnly     no tunnel, identity, label and module requests: for a device that sits in
- * its bootloader without a working application
+ *                      its bootloader without a working application and needs no tunnel
  *
  * True when the firmware was written and the application came up. False in every other case; the
  * console says why, and get_last_error when the update itself had begun.

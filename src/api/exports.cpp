@@ -34,14 +34,25 @@ tavo::UpdateContext Context() {
   return {FirmwareUpdater::Instance(), tavo::TransportHolder::Instance(), tavo::SystemPlatform()};
 }
 
-// What an exception leaves to say: memory has run out, or a system call of the standard library has
-// failed. The host learns of it as of any other failure.
 template <typename Result, typename Call>
 Result Guarded(Result onException, Call call) noexcept {
   try {
     return call();
   } catch (...) {
     return onException;
+  }
+}
+
+// An update that ends by an exception (memory has run out) runs no closing plan.
+template <typename Update>
+bool GuardedUpdate(Update update) noexcept {
+  try {
+    return update();
+  } catch (...) {
+    tavo::SystemPlatform().Print(
+        "\nOut of memory: the update has ended where it was, the device may be in its "
+        "bootloader\n");
+    return false;
   }
 }
 
@@ -84,7 +95,7 @@ FIRMWARE_UPDATER_EXPORT bool update_ftdi_device(const char* serialNumber, uint32
                                                 bool echo, const char* updateFile,
                                                 bool skipIdentityCheck, bool extendedErase,
                                                 bool bootloaderOnly) {
-  return Guarded(false, [&] {
+  return GuardedUpdate([&] {
     return tavo::UpdateFtdiDevice(Context(), {Text(serialNumber), baudRate, echo}, Text(updateFile),
                                   Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
   });
@@ -93,7 +104,7 @@ FIRMWARE_UPDATER_EXPORT bool update_ftdi_device(const char* serialNumber, uint32
 FIRMWARE_UPDATER_EXPORT bool update_usb_device(const char* port, const char* updateFile,
                                                bool skipIdentityCheck, bool extendedErase,
                                                bool bootloaderOnly) {
-  return Guarded(false, [&] {
+  return GuardedUpdate([&] {
     return tavo::UpdateUsbDevice(Context(), Text(port), Text(updateFile),
                                  Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
   });

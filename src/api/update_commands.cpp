@@ -40,12 +40,13 @@ bool RunUpdate(const UpdateContext& context, TransportKind kind, const std::stri
 
   context.platform.Print("\nStart Update\n");
   context.engine.SetFlags(flags);
-  context.engine.Start(updateFile);
+  context.engine.Start(run, updateFile);
   return context.engine.Succeeded();
 }
 
 // False when none was named and none is found.
-bool FindNameless(const UpdateContext& context, ICommInterface& transport, std::string& name) {
+bool TakeFirstIfUnnamed(const UpdateContext& context, ICommInterface& transport,
+                        std::string& name) {
   if (!name.empty()) return true;
   const std::vector<CCommDevDesc>& devices = *transport.EnumerateDevices();
   if (devices.empty()) {
@@ -69,7 +70,7 @@ std::optional<std::uint32_t> FindAdapter(ICommInterface& transport, const std::s
 bool OpenAdapter(const UpdateContext& context, CCommFTDI& transport, FtdiTarget& target) {
   transport.SetEcho(target.echo);
   transport.SetLineSettings({.baudRate = target.baudRate});
-  if (!FindNameless(context, transport, target.serialNumber)) return false;
+  if (!TakeFirstIfUnnamed(context, transport, target.serialNumber)) return false;
   context.platform.Print("FtDI-Port: " + target.serialNumber + "\n");
   const std::optional<std::uint32_t> adapter = FindAdapter(transport, target.serialNumber);
   if (!adapter) {
@@ -86,7 +87,7 @@ bool OpenAdapter(const UpdateContext& context, CCommFTDI& transport, FtdiTarget&
 bool UpdateUsbDevice(UpdateContext context, std::string port, const std::string& updateFile,
                      const UpdateFlags& flags) {
   return RunUpdate(context, TransportKind::Usb, updateFile, flags, [&](ICommInterface& transport) {
-    if (!FindNameless(context, transport, port)) return false;
+    if (!TakeFirstIfUnnamed(context, transport, port)) return false;
     context.platform.Print("USB-Port: " + port + "\n");
     return static_cast<CCommWinUSB&>(transport).OpenPort(port);
   });

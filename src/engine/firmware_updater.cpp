@@ -5,15 +5,18 @@ namespace tavo {
 FirmwareUpdater::FirmwareUpdater(Platform& platform, Logger& log, TransportHolder& holder)
     : m_platform(platform), m_log(log), m_holder(holder), m_status(platform, *this) {}
 
-FirmwareUpdater::Run::Run(FirmwareUpdater& engine)
-    : m_engine(engine), m_lock(engine.m_running, std::try_to_lock) {}
+FirmwareUpdater::Run::Run(FirmwareUpdater& engine) : m_engine(engine) {
+  const std::lock_guard lock(engine.m_runLock);
+  m_granted = !engine.m_updateRuns;
+  if (m_granted) engine.m_updateRuns = true;
+}
 
 FirmwareUpdater::Run::~Run() {
-  if (!Granted()) return;
-  m_lock.unlock();
-  // A stop request that came after the update's last look at it found the lock held and left the
-  // rest to us.
-  m_engine.ReleaseIfStopped();
+  if (!m_granted) return;
+  const std::lock_guard lock(m_engine.m_runLock);
+  // A stop request after the update's last look at it has left the rest to us.
+  if (m_engine.m_stopRequested) m_engine.ReleaseStoppedUpdate();
+  m_engine.m_updateRuns = false;
 }
 
 void FirmwareUpdater::SetFlags(const UpdateFlags& flags) {
@@ -23,15 +26,10 @@ void FirmwareUpdater::SetFlags(const UpdateFlags& flags) {
 }
 
 void FirmwareUpdater::RequestStop() {
-  if (m_stopRequested) return;
+  if (m_stopRequested.exchange(true)) return;
   m_log.LogInfo("FirmwareUpdater: Stopped.");
-  m_stopRequested = true;
-  ReleaseIfStopped();
-}
-
-void FirmwareUpdater::ReleaseIfStopped() {
-  const std::unique_lock run(m_running, std::try_to_lock);
-  if (run && m_stopRequested) ReleaseStoppedUpdate();
+  const std::lock_guard lock(m_runLock);
+  if (!m_updateRuns) ReleaseStoppedUpdate();
 }
 
 void FirmwareUpdater::ReleaseStoppedUpdate() {

@@ -1,9 +1,11 @@
 // The update engine: all state of the update in progress and of the last finished one, the plan of
 // steps, the runner that walks it, and the steps themselves as member operations.
 //
-//   FirmwareUpdater engine(platform, log, holder);    // the holder holds an open transport
+//   FirmwareUpdater engine(platform, log, holder);
+//   FirmwareUpdater::Run run(engine);                 // the right to update, if Granted()
+//   ...                                               // open a transport of the holder
 //   engine.SetFlags({.extendedErase = true});
-//   engine.Start("firmware.zip");                     // blocks until the update has ended
+//   engine.Start(run, "firmware.zip");                // blocks until the update has ended
 //   if (!engine.Succeeded()) Show(engine.LastError());
 //
 // A step sends one request and is called again with its answer or its timeout. The runner, not the
@@ -68,23 +70,25 @@ class FirmwareUpdater {
     ~Run();
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
-    bool Granted() const { return m_lock.owns_lock(); }
+    bool Granted() const { return m_granted; }
 
    private:
     FirmwareUpdater& m_engine;
-    std::unique_lock<std::mutex> m_lock;
+    bool m_granted;
   };
 
   void SetFlags(const UpdateFlags& flags);
 
-  // Runs one update to its end over the held, open transport. The result is in Succeeded.
-  void Start(const std::string& updateFile);
+  // Runs one update to its end over the held, open transport; `run` must have been granted. The
+  // result is in Succeeded.
+  void Start(const Run& run, const std::string& updateFile);
   bool Succeeded() const { return m_succeeded; }
 
   // --- From any thread ---
 
-  // Asks the running update to end before its next step; without one, releases what the last update
-  // kept. The first request since the last Start counts, further ones do nothing.
+  // Asks the running update to end before its next step, at the latest after the pause or the wait
+  // for a quiet line that is in hand; without a running update, releases what the last one kept.
+  // The first request since the last Start counts, further ones do nothing.
   void RequestStop();
 
   // The code stored last; it outlives later updates.
@@ -146,7 +150,6 @@ class FirmwareUpdater {
   void EndPlan();
   void AbortPlan();
   void FailPlan();
-  void ReleaseIfStopped();
   void ReleaseStoppedUpdate();
   void Report(const StatusMessage& message) { m_status.Handle(message); }
   void InsertNext(const Step& step);
@@ -165,17 +168,16 @@ class FirmwareUpdater {
   void CommSendEscape();
   void WaitUntilQuiet();
   void DrainLine();
-  void PrintFormatted(const char* format, ...) TAVO_PRINTF_LIKE(2, 3);
 
   bool TrySend(const Command& command, std::span<const std::uint8_t> arguments = {});
   StepResult Send(const Command& command, std::span<const std::uint8_t> arguments = {});
   StepResult FailSend(const Command& command);
   StepResult OnTimeout(const Command& command);
+  StepResult Tolerate(const Command& command);
   StepResult Fail(ErrorCode code, const char* format, ...) TAVO_PRINTF_LIKE(3, 4);
   StepResult RetryAfterPause();
-  StepResult RequestValue(StepPhase phase, const char* name, const TavoMessage& request,
-                          std::int32_t& destination, std::chrono::milliseconds timeout,
-                          bool failOnTimeout);
+  StepResult RequestValue(StepPhase phase, const char* name, const Command& command,
+                          std::int32_t& destination, bool failOnTimeout);
 
   // Parts of single steps
   StepResult RejectFirmware(const char* text);
@@ -236,7 +238,8 @@ class FirmwareUpdater {
   WriteState m_writeState = WriteState::Positioning;
   bool m_succeeded = false;
   bool m_failed = false;  // a step has failed during the current update
-  std::mutex m_running;   // held by the Run of the update in progress
+  std::mutex m_runLock;
+  bool m_updateRuns = false;  // guarded by m_runLock: a Run is granted
 };
 
 }  // namespace tavo

@@ -1,5 +1,4 @@
 // The plan of an update: which steps run, in which order, under which flags.
-#include <algorithm>
 #include <array>
 
 #include "engine/firmware_updater.h"

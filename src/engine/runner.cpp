@@ -7,7 +7,7 @@
 
 namespace tavo {
 
-void FirmwareUpdater::Start(const std::string& updateFile) {
+void FirmwareUpdater::Start(const Run& /*run*/, const std::string& updateFile) {
   ResetForUpdate();
   Report({StatusKind::UpdateBegins});
   m_selectedFirmware = nullptr;

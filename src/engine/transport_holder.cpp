@@ -18,8 +18,9 @@ bool TransportHolder::SelectTransport(TransportKind kind) {
   if (m_transport && kind == m_kind) return true;
   // The old one goes first: a new transport resets the link that both share.
   m_transport.reset();
+  m_kind = TransportKind::None;
   m_transport = m_factory(kind);
-  m_kind = m_transport ? kind : TransportKind::None;
+  if (m_transport) m_kind = kind;
   return m_transport != nullptr;
 }
 

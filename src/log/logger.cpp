@@ -45,19 +45,22 @@ void Logger::LogCrit(const char* format, ...) { TAVO_FORWARD_LOG(LogLevel::Crit)
 
 #undef TAVO_FORWARD_LOG
 
-void Logger::Write(LogLevel level, const char* format, std::va_list arguments) {
+void Logger::Write(LogLevel level, const char* format, std::va_list arguments) noexcept {
   std::array<char, kMaxMessageLength + 1> message{};
   std::vsnprintf(message.data(), message.size(), format, arguments);
-
-  // The line is made under the lock too, so that the times in the file never run backwards.
-  const std::lock_guard lock(m_lock);
-  const std::string line =
-      Timestamp(m_platform.LocalTime()) + " " + Tag(level) + " " + message.data() + "\n";
-  Append(line);
+  try {
+    WriteLine(level, message.data());
+  } catch (...) {
+    // Out of memory: an update that goes on without this line is better than one that ends here.
+  }
 }
 
-void Logger::Append(const std::string& line) {
+void Logger::WriteLine(LogLevel level, const char* message) {
   const std::string path = LogFilePath(kLogFileName);
+  // The time is read under the lock too, so that the times in the file never run backwards.
+  const std::lock_guard lock(m_lock);
+  const std::string line =
+      Timestamp(m_platform.LocalTime()) + " " + Tag(level) + " " + message + "\n";
   const std::unique_ptr<std::FILE, CloseFile> file(m_platform.OpenFile(path, "a"));
   if (!file) m_platform.Print("Error during open log file \"" + path + "\"\n");
   m_platform.Print(line);

@@ -31,7 +31,8 @@ class Logger {
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  // Formats like printf and writes one line. A message is cut to 299 characters.
+  // Formats like printf and writes one line. A message is cut to 299 characters. Nothing is thrown
+  // and nothing reported: a line that cannot be written is lost.
   void LogDebug(const char* format, ...) TAVO_PRINTF_LIKE(2, 3);
   void LogInfo(const char* format, ...) TAVO_PRINTF_LIKE(2, 3);
   void LogWarn(const char* format, ...) TAVO_PRINTF_LIKE(2, 3);
@@ -42,10 +43,10 @@ class Logger {
   std::string LogFilePath(const std::string& name);
 
   // The line itself; a level outside the enumeration is tagged "----".
-  void Write(LogLevel level, const char* format, std::va_list arguments);
+  void Write(LogLevel level, const char* format, std::va_list arguments) noexcept;
 
  private:
-  void Append(const std::string& line);
+  void WriteLine(LogLevel level, const char* message);
 
   Platform& m_platform;
   std::mutex m_lock;

@@ -34,7 +34,6 @@ class AdbView {
   std::uint32_t AddressWidth() const {
     return m_addressWidth;
   }  // of a stored address: 2 or 3 bytes
-  std::uint32_t AdbAddress() const { return m_adbAddress; }
   std::uint32_t EntryStride() const { return m_addressWidth == 2 ? 8 : 10; }
 
   // The value at an address; none when it does not lie wholly in the image.

@@ -6,8 +6,10 @@
 namespace tavo {
 namespace {
 
-static_assert(std::is_sorted(McuTable.begin(), McuTable.end(),
-                             [](const McuRow& a, const McuRow& b) { return a.mcuId <= b.mcuId; }),
+static_assert(std::adjacent_find(McuTable.begin(), McuTable.end(),
+                                 [](const McuRow& a, const McuRow& b) {
+                                   return a.mcuId >= b.mcuId;
+                                 }) == McuTable.end(),
               "each MCU-ID stands once, in ascending order");
 
 template <typename Table>

@@ -13,6 +13,7 @@
 #include <deque>
 #include <limits>
 #include <memory>
+#include <new>
 #include <tuple>
 #include <vector>
 
@@ -150,12 +151,17 @@ class InputStream {
     static_cast<InputStream*>(transfer->user_data)->Done();
   }
 
-  void Done() {
+  // Called through libusb's C code, which no exception may cross.
+  void Done() noexcept {
     m_inFlight = false;
     if (m_transfer->status != LIBUSB_TRANSFER_COMPLETED) m_failed = true;
     if (m_failed) return;
     const auto arrived = static_cast<std::size_t>(std::max(m_transfer->actual_length, 0));
-    Append({m_buffer.data(), std::min(arrived, m_buffer.size())});
+    try {
+      Append({m_buffer.data(), std::min(arrived, m_buffer.size())});
+    } catch (const std::bad_alloc&) {
+      m_failed = true;  // bytes are missing now; the adapter must be opened anew
+    }
     SubmitIfRoom();
   }
 

@@ -4,6 +4,7 @@
 
 #include <libusb.h>
 
+#include <cstddef>
 #include <cstdint>
 
 namespace tavo {

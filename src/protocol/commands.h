@@ -56,6 +56,19 @@ inline constexpr Command kInitTunnel{  // + slave, master
 inline constexpr Command kDeinitTunnel{
     kApplicationRequest, {{0xEC, 0x00}, 2}, nullptr,
     ErrorCode::None, nullptr, LogLevel::Info, nullptr, nullptr};
+inline constexpr Command kRequestDeviceId{
+    kApplicationRequest, {{0xBB, 0x0A}, 2}, TAVO_LOG "Request Device-ID",
+    ErrorCode::Identity, "Error: Request Device-ID",
+    LogLevel::Warn, TAVO_LOG "Request Device-ID: Timeout", "Timeout: Request Device-ID"};
+inline constexpr Command kRequestDeviceIdAdmin{
+    0x802, {}, TAVO_LOG "Request Device-ID (Admin)",
+    ErrorCode::Identity, "Error: Request Device-ID (Admin)",
+    LogLevel::Warn, TAVO_LOG "Request Device-ID (Admin): Timeout",
+    "Timeout: Request Device-ID (Admin)"};
+inline constexpr Command kRequestSoftwareId{
+    kApplicationRequest, {{0xBB, 0x02}, 2}, TAVO_LOG "Request Software-ID",
+    ErrorCode::Identity, "Error: Request Software-ID",
+    LogLevel::Warn, TAVO_LOG "Request Software-ID: Timeout", nullptr};
 inline constexpr Command kCallBootloader{
     kApplicationRequest, {{0xFD, 0x00}, 2}, TAVO_LOG "Call Bootloader: Request.",
     ErrorCode::CallBootloader, "Error: Sending Bootloader Request",

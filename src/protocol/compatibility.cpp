@@ -7,13 +7,13 @@
 namespace tavo {
 namespace {
 
-constexpr std::uint64_t kApplicationSizeUnit = 1024;
+constexpr std::size_t kApplicationSizeUnit = 1024;
 
 // A device that reports this in a field of its hardware id takes any value there.
-constexpr std::uint8_t kAnyField = 15;
+constexpr std::uint8_t kDeviceTakesAny = 15;
 
 bool FieldMatches(std::uint8_t device, std::uint8_t accepted) {
-  return device == accepted || device == kAnyField;
+  return device == accepted || device == kDeviceTakesAny;
 }
 
 bool Matches(const HardwareIdRecord& device, const HardwareIdRecord& accepted) {
@@ -34,17 +34,15 @@ StepResult FirmwareUpdater::CheckApplicationSize(StepPhase phase) {
 }
 
 StepResult FirmwareUpdater::CompareApplicationSize() {
-  const std::uint64_t device = AnswerValue() * kApplicationSizeUnit;
-  const std::uint64_t firmware = SelectedFirmware().data.size();
-  PrintFormatted("FirmwareUpdater: Check Application Section Size: Device %llu | Firmware %llu\n",
-                 static_cast<unsigned long long>(device),
-                 static_cast<unsigned long long>(firmware));
+  const std::size_t device = AnswerValue() * kApplicationSizeUnit;
+  const std::size_t firmware = SelectedFirmware().data.size();
+  m_platform.Print("FirmwareUpdater: Check Application Section Size: Device " +
+                   std::to_string(device) + " | Firmware " + std::to_string(firmware) + "\n");
   const bool wholeBlocks = m_blockSize != 0 && firmware % m_blockSize == 0;
   if (firmware == device && wholeBlocks) return StepResult::Done;
   // The sizes stand on the console; the failure itself is reported by its code alone.
-  PrintFormatted("Error: Application Size incorrect. Device: %llu FW: %llu\n",
-                 static_cast<unsigned long long>(device),
-                 static_cast<unsigned long long>(firmware));
+  m_platform.Print("Error: Application Size incorrect. Device: " + std::to_string(device) +
+                   " FW: " + std::to_string(firmware) + "\n");
   m_errorCode = ErrorCode::ApplicationSize;
   return StepResult::Failed;
 }

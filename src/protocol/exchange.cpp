@@ -2,6 +2,7 @@
 // and trying again.
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstdarg>
 #include <cstdio>
 
@@ -16,6 +17,7 @@ constexpr std::uint32_t kEngineSender = 1;
 constexpr std::uint32_t kOnlyChannel = 0;
 constexpr std::size_t kMaxErrorText = 199;
 constexpr std::chrono::milliseconds kRetryPause{1000};
+constexpr std::chrono::milliseconds kIdentityTimeout{15000};
 
 // A device with this software id takes any firmware of its kind and knows no labels.
 constexpr std::int32_t kSoftwareIdNoLabel = 0xEE00;
@@ -44,7 +46,7 @@ std::uint16_t FirmwareUpdater::AnswerValue() const {
 }
 
 bool FirmwareUpdater::SoftwareIdIsNoLabel() const {
-  return m_softwareId != -1 && (m_softwareId & 0xFFFF) == kSoftwareIdNoLabel;
+  return (m_softwareId & 0xFFFF) == kSoftwareIdNoLabel;
 }
 
 bool FirmwareUpdater::CommSendTavo(std::uint16_t id, const std::uint8_t* payload,
@@ -71,20 +73,12 @@ void FirmwareUpdater::DrainLine() {
   Transport()->DiscardInput();
 }
 
-void FirmwareUpdater::PrintFormatted(const char* format, ...) {
-  std::array<char, kMaxErrorText + 1> text{};
-  std::va_list arguments;
-  va_start(arguments, format);
-  std::vsnprintf(text.data(), text.size(), format, arguments);
-  va_end(arguments);
-  m_platform.Print(text.data());
-}
-
 void FirmwareUpdater::CommSendEscape() {
   CommSendRaw(kEscapeSequence.data(), static_cast<std::int32_t>(kEscapeSequence.size()));
 }
 
 bool FirmwareUpdater::TrySend(const Command& command, std::span<const std::uint8_t> arguments) {
+  assert(arguments.size() <= kMaxBlockSize);
   std::array<std::uint8_t, std::tuple_size_v<decltype(PayloadHead::bytes)> + kMaxBlockSize> payload;
   const auto head = std::copy_n(command.head.bytes.begin(), command.head.length, payload.begin());
   const auto end = std::copy(arguments.begin(), arguments.end(), head);
@@ -104,15 +98,18 @@ StepResult FirmwareUpdater::FailSend(const Command& command) {
 }
 
 StepResult FirmwareUpdater::OnTimeout(const Command& command) {
-  if (command.timeoutLine) {
-    if (command.timeoutLevel == LogLevel::Warn) {
-      m_log.LogWarn("%s", command.timeoutLine);
-    } else {
-      m_log.LogInfo("%s", command.timeoutLine);
-    }
-  }
-  if (!command.timeoutText) return StepResult::Done;
+  const StepResult result = Tolerate(command);
+  if (!command.timeoutText) return result;
   return Fail(ErrorCode::Timeout, "%s", command.timeoutText);
+}
+
+StepResult FirmwareUpdater::Tolerate(const Command& command) {
+  if (command.timeoutLine && command.timeoutLevel == LogLevel::Warn) {
+    m_log.LogWarn("%s", command.timeoutLine);
+  } else if (command.timeoutLine) {
+    m_log.LogInfo("%s", command.timeoutLine);
+  }
+  return StepResult::Done;
 }
 
 StepResult FirmwareUpdater::Fail(ErrorCode code, const char* format, ...) {
@@ -133,9 +130,9 @@ StepResult FirmwareUpdater::RetryAfterPause() {
   return StepResult::Wait;
 }
 
-StepResult FirmwareUpdater::RequestValue(StepPhase phase, const char* name,
-                                         const TavoMessage& request, std::int32_t& destination,
-                                         std::chrono::milliseconds timeout, bool failOnTimeout) {
+// The time limit counts from the first try: each try waits for the link's answer timeout.
+StepResult FirmwareUpdater::RequestValue(StepPhase phase, const char* name, const Command& command,
+                                         std::int32_t& destination, bool failOnTimeout) {
   switch (phase) {
     case StepPhase::Start:
       destination = -1;
@@ -147,16 +144,10 @@ StepResult FirmwareUpdater::RequestValue(StepPhase phase, const char* name,
                     static_cast<unsigned>(destination));
       return StepResult::Done;
     case StepPhase::Timeout:
-      if (m_platform.MonotonicNow() - m_valueRequestStart <= timeout) break;
-      m_log.LogWarn("FirmwareUpdater: Request %s: Timeout", name);
-      if (!failOnTimeout) return StepResult::Done;
-      return Fail(ErrorCode::Timeout, "Timeout: Request %s", name);
+      if (m_platform.MonotonicNow() - m_valueRequestStart <= kIdentityTimeout) break;
+      return failOnTimeout ? OnTimeout(command) : Tolerate(command);
   }
-  if (!CommSendTavo(request.id, request.payload.data(), request.length)) {
-    return Fail(ErrorCode::Identity, "Error: Request %s", name);
-  }
-  m_log.LogInfo("FirmwareUpdater: Request %s", name);
-  return StepResult::Wait;
+  return Send(command);
 }
 
 }  // namespace tavo

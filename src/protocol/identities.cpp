@@ -9,20 +9,11 @@
 namespace tavo {
 namespace {
 
-constexpr std::chrono::milliseconds kIdentityTimeout{15000};
-
 // Only firmware of this kind labels its device, and needs the device id to choose the label.
 constexpr int kLabellingAdbType = 5;
 
 // The request names a module by one byte.
 constexpr std::size_t kMaxModules = 256;
-
-TavoMessage IdentityRequest(std::uint16_t id, std::initializer_list<std::uint8_t> payload) {
-  TavoMessage request;
-  request.id = id;
-  for (const std::uint8_t byte : payload) request.payload[request.length++] = byte;
-  return request;
-}
 
 // Three letters of five bits each, the first one uppermost; 1 is A.
 std::string ModuleName(std::uint16_t code) {
@@ -37,8 +28,7 @@ std::string ModuleName(std::uint16_t code) {
 
 StepResult FirmwareUpdater::RequestDeviceId(StepPhase phase) {
   const bool required = AdbView(FirstImage()).AdbType() == kLabellingAdbType;
-  return RequestValue(phase, "Device-ID", IdentityRequest(kApplicationRequest, {0xBB, 0x0A}),
-                      m_deviceId, kIdentityTimeout, required);
+  return RequestValue(phase, "Device-ID", kRequestDeviceId, m_deviceId, required);
 }
 
 StepResult FirmwareUpdater::RequestDeviceIdAdmin(StepPhase phase) {
@@ -46,13 +36,13 @@ StepResult FirmwareUpdater::RequestDeviceIdAdmin(StepPhase phase) {
     m_log.LogInfo("FirmwareUpdater: Request Device-ID (Admin): Skipped.");
     return StepResult::Done;
   }
-  return RequestValue(phase, "Device-ID (Admin)", IdentityRequest(0x802, {}), m_deviceId,
-                      kIdentityTimeout, true);
+  return RequestValue(phase, "Device-ID (Admin)", kRequestDeviceIdAdmin, m_deviceId, true);
 }
 
 StepResult FirmwareUpdater::RequestSoftwareId(StepPhase phase) {
-  return RequestValue(phase, "Software-ID", IdentityRequest(ApplicationRequestId(), {0xBB, 0x02}),
-                      m_softwareId, kIdentityTimeout, false);
+  Command command = kRequestSoftwareId;
+  command.id = ApplicationRequestId();
+  return RequestValue(phase, "Software-ID", command, m_softwareId, false);
 }
 
 StepResult FirmwareUpdater::RequestProcessorId(StepPhase phase) {

@@ -86,7 +86,9 @@ StepResult FirmwareUpdater::RetryWriting() {
       "FirmwareUpdater: Write Block: Timeout in Mode: %u at Address 0x%.8X. Try: %d of %d",
       static_cast<unsigned>(m_writeState), SelectedFirmware().startAddress + m_writeOffset,
       m_retryCount, m_maxRetries);
-  if (++m_retryCount > m_maxRetries) return OnTimeout(kWriteFlash);
+  if (++m_retryCount > m_maxRetries) {
+    return OnTimeout(m_writeState == WriteState::Writing ? kWriteFlash : kPositionFlash);
+  }
   return SendWriteRequest();
 }
 

@@ -81,7 +81,7 @@ bool CCommFTDI::SendRawData(const std::uint8_t* data, std::int32_t length) {
   std::uint32_t written = 1;
   const D2xxStatus status = m_d2xx.Write(m_handle, {data, count}, &written);
   CountEcho(written);
-  return status == kD2xxOk && written == count;
+  return status == kD2xxOk;
 }
 
 bool CCommFTDI::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {
@@ -90,11 +90,13 @@ bool CCommFTDI::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {
     return false;
   }
   const auto capacity = static_cast<std::uint32_t>(std::max(*length, 0));
-  const std::uint32_t waiting = BytesWaiting();
-  if (waiting > 0) return Fetch(buffer, std::min(waiting, capacity), length);
-  m_d2xx.WaitForInput(m_handle, kInputWait);
+  std::uint32_t waiting = BytesWaiting();
+  if (waiting == 0) {
+    m_d2xx.WaitForInput(m_handle, kInputWait);
+    waiting = BytesWaiting();
+  }
   *length = 0;
-  return true;
+  return waiting == 0 || Fetch(buffer, std::min(waiting, capacity), length);
 }
 
 // A status that cannot be had counts as silence: the timeout of the awaited answer ends that.

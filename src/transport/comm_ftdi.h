@@ -12,6 +12,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "platform/d2xx.h"
@@ -51,10 +52,10 @@ class CCommFTDI : public ICommInterface {
   // An adapter stays where it is when the device behind it restarts: nothing to do, true.
   bool Reconnect() override { return true; }
 
-  // False when no adapter is open, or it did not take every byte.
+  // False when no adapter is open or the vendor's library reports a failure.
   bool SendRawData(const std::uint8_t* data, std::int32_t length) override;
 
-  // Waits at most 10 ms for input, for the next call to fetch.
+  // Waits at most 10 ms for input.
   bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) override;
 
  private:

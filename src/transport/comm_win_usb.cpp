@@ -239,14 +239,10 @@ bool CCommWinUSB::SendBuffer(const std::uint8_t* data, std::int32_t length) {
   return false;
 }
 
-// Nobody sends the rest of a transfer that the device took only a part of: that is an error as
-// well.
 int CCommWinUSB::TransferOut(const std::uint8_t* data, std::int32_t length, int* transferred) {
   // libusb takes both directions through one changeable pointer and only reads when sending.
-  const int result =
-      m_usb.BulkTransfer(m_handle, kBulkOut, const_cast<unsigned char*>(data), length, transferred,
-                         static_cast<unsigned>(m_sendTimeout.count()));
-  return result >= 0 && *transferred < length ? static_cast<int>(LIBUSB_ERROR_IO) : result;
+  return m_usb.BulkTransfer(m_handle, kBulkOut, const_cast<unsigned char*>(data), length,
+                            transferred, static_cast<unsigned>(m_sendTimeout.count()));
 }
 
 bool CCommWinUSB::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {

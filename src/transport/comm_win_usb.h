@@ -41,8 +41,7 @@ class CCommWinUSB : public ICommInterface {
   // Closes and opens again: the port that was last opened by name if there is one, else any device.
   bool Reconnect() override;
 
-  // False when no device is open, or it did not take every byte within the send timeout (per
-  // transfer).
+  // False when no device is open or a transfer failed; each has the send timeout.
   bool SendRawData(const std::uint8_t* data, std::int32_t length) override;
 
   // Waits at most 50 ms for input. When no device is open, tries to reconnect to the named port and

@@ -19,9 +19,10 @@ constexpr milliseconds kTickStep{10};
 // person who plugs it in again sees no delay, slow enough to leave processor and log alone.
 constexpr milliseconds kReconnectPace{250};
 
-// Enough for everything an adapter and the driver below it can hold; a device that never stops
-// talking must not stop us.
-constexpr int kMaxDiscardedReads = 64;
+// An adapter holds input back for up to its latency period (16 ms), so only a longer silence means
+// that nothing is left. A device that never stops talking must not stop us.
+constexpr milliseconds kInputSilence{30};
+constexpr int kMaxDiscardedReads = 100;
 
 // A request may have to wait for its own answer timer, then for half a frame that came meanwhile.
 constexpr milliseconds kQuietBound{TavoLink::kAnswerTimeoutMs + TavoLink::kQueueTimeoutMs +
@@ -72,6 +73,8 @@ bool ICommInterface::SendTavoMessage(std::uint32_t sender, std::uint32_t channel
   message.id = static_cast<std::uint16_t>(id);
   message.length = static_cast<std::uint8_t>(length);
   if (data != nullptr) std::copy_n(data, length, message.payload.begin());
+  // What we did since the last poll (a slow console, a slow disk) is no time that the device took.
+  if (m_link.IsQuiet()) m_lastTick = m_platform.MonotonicNow();
   if (channel != 0 || !m_link.Enqueue(message)) {
     m_log.LogDebug("CommInterface: SendTavoMessage: I/O Error.");
     return false;
@@ -105,8 +108,10 @@ void ICommInterface::AdvanceTimers() {
 void ICommInterface::ReadLine() {
   std::array<std::uint8_t, kReceiveCapacity> buffer;
   auto length = static_cast<std::int32_t>(buffer.size());
+  const bool wasOpen = IsOpen();
   if (!ReceiveRawData(buffer.data(), &length)) {
-    Reconnect();
+    // The failed read may already have found the device again.
+    if (wasOpen || !IsOpen()) Reconnect();
     m_platform.Sleep(kReconnectPace);
   } else if (length > 0) {
     m_link.Feed({buffer.data(), static_cast<std::size_t>(length)});
@@ -116,7 +121,11 @@ void ICommInterface::ReadLine() {
 bool ICommInterface::HandOut(TavoMessage* out, bool* timedOut) {
   const Response response = m_link.TakeResponse();
   *timedOut = !response.has_value();
-  if (!response) return true;
+  if (!response) {
+    // By now every echo has come; one that was lost must not eat the next answer.
+    m_pendingEcho = 0;
+    return true;
+  }
   if (m_awaitedId != 0 && response->id != m_awaitedId) return false;
   *out = *response;
   m_awaitedId = 0;
@@ -134,13 +143,18 @@ void ICommInterface::DiscardLeftovers() {
 
 void ICommInterface::DiscardInput() {
   std::array<std::uint8_t, kReceiveCapacity> buffer;
+  milliseconds lastInput = m_platform.MonotonicNow();
   for (int read = 0; read < kMaxDiscardedReads; ++read) {
     auto length = static_cast<std::int32_t>(buffer.size());
-    if (!ReceiveRawData(buffer.data(), &length) || length <= 0) return;
+    if (!ReceiveRawData(buffer.data(), &length)) return;
+    const milliseconds now = m_platform.MonotonicNow();
+    if (length > 0) lastInput = now;
+    if (now - lastInput >= kInputSilence) return;
   }
 }
 
 void ICommInterface::WaitUntilQuiet() {
+  m_link.DropResponses();
   if (m_link.IsQuiet()) return;
   const milliseconds start = m_platform.MonotonicNow();
   while (!m_link.IsQuiet() && m_platform.MonotonicNow() - start < kQuietBound) {

@@ -81,7 +81,7 @@ class ICommInterface {
   // Forgets whatever an earlier update left: requests, answers, echo, received bytes.
   void DiscardLeftovers();
 
-  // Reads received bytes away until there are none; bounded.
+  // Reads received bytes away until none have come for a while; bounded.
   void DiscardInput();
 
   // Polls until nothing is queued, awaited or half received, and drops what comes; bounded. Returns

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/station.h"
+#include "transport/comm_ftdi.h"
 
 namespace tavo::test {
 namespace {
@@ -59,6 +60,7 @@ TEST_F(UpdateCommands, TheTransportIsKeptForItsKindAndReplacedForTheOther) {
   EXPECT_EQ(station.holder.Transport(), usb);
   EXPECT_TRUE(UpdateFtdiDevice(Context(), Adapter("TAVO0001"), File(), {}));
   EXPECT_EQ(station.holder.Kind(), TransportKind::Ftdi);
+  EXPECT_EQ(static_cast<CCommFTDI&>(*station.holder.Transport()).SerialNumber(), "TAVO0001");
   EXPECT_FALSE(station.holder.SelectTransport(TransportKind{2}));
   EXPECT_EQ(station.holder.Kind(), TransportKind::None);
   EXPECT_EQ(station.holder.Transport(), nullptr);

@@ -25,7 +25,7 @@ class PlainBench : public EngineBench {
   }
   void Update() {
     const FirmwareUpdater::Run run(engine);
-    engine.Start(m_updateFile);
+    engine.Start(FirmwareUpdater::Run(engine), m_updateFile);
   }
 
  private:
@@ -164,7 +164,7 @@ TEST(Runner, AFailedStepSendsTheDeviceThroughTheClosingPlanOnce) {
 TEST(Runner, AnUpdateWithoutImagesFailsBeforeTheDeviceIsTouched) {
   EngineBench bench;
   bench.engine.SetFlags({.bootloaderOnly = true});
-  bench.engine.Start(bench.platform.Folder() + "missing.hex");
+  bench.engine.Start(FirmwareUpdater::Run(bench.engine), bench.platform.Folder() + "missing.hex");
   EXPECT_EQ(bench.device->requests, (Texts{"0x12F 01", "0x100 00"}));  // the closing plan
   EXPECT_EQ(bench.engine.LastError(), ErrorCode::Firmware);
 }

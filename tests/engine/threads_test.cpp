@@ -69,12 +69,14 @@ TEST(Threads, MayStopAnUpdateWhichThenEndsAndReleasesItsImages) {
   EXPECT_TRUE(station.FlashHoldsFirmware());
 }
 
-TEST(Threads, MayStopAtAnyMomentAndTheNextUpdateIsUntouched) {
+TEST(Threads, MayStopAtAnyMomentAndNoUpdateIsRefusedForIt) {
   Station station(PlainWithModules());
   {
-    const Poller stopper([&] { station.engine.RequestStop(); });
-    for (int update = 0; update < 5; ++update) station.UpdateOverUsb();
+    const Poller first([&] { station.engine.RequestStop(); });
+    const Poller second([&] { station.engine.RequestStop(); });
+    for (int update = 0; update < 20; ++update) station.UpdateOverUsb();
   }
+  EXPECT_FALSE(station.platform.ConsoleHas("Another update is running."));
   station.UpdateOverUsb({.bootloaderOnly = true});
   EXPECT_TRUE(station.UpdateOverUsb());
 }

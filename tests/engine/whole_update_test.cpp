@@ -15,36 +15,6 @@ using tavosim::OptionsFor;
 
 DeviceOptions Options(const char* family) { return OptionsFor(*tavosim::FindFamily(family)); }
 
-Lines operator+(Lines first, const Lines& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
-}
-
-Lines Times(int count, const Lines& lines) {
-  return count == 0 ? Lines{} : lines + Times(count - 1, lines);
-}
-
-// The requests of an update, part by part.
-const Lines kLeave{"0x12F 01"};
-const Lines kStatus{"1B 1B 1B", "0x100 EB 00"};
-const Lines kClose{"1B 1B 1B", "0x100 EC 00"};
-const Lines kDeviceId{"0x100 BB 0A"};
-const Lines kOpenTunnel41{"0x100 ED 00 01 04"};
-const Lines kSoftwareId{"0x100 BB 02"};
-const Lines kCallBootloader{"0x100 FD 00"};
-const Lines kSignOfLife{"0x100 00"};
-const Lines kModules{"0x814 00"};
-const Lines kUntilErase{"0x120", "0x121", "0x132", "0x122", "0x130 01"};
-const Lines kFlash16K{"120 blocks", "0x133 00 80 00 00"};
-const Lines kVerifyAndStart{"0x136", "0x12F"};
-const Lines kProgramming = kUntilErase + kFlash16K + kVerifyAndStart + kSignOfLife;
-const Lines kClosingPlan = kStatus + kLeave + Times(7, kSignOfLife);
-
-const Lines kPlainUpdate = kLeave + kStatus + kDeviceId + kSoftwareId + kCallBootloader +
-                           kProgramming + kSignOfLife + kModules;
-const Lines kTunnelUpdate = kLeave + kStatus + kDeviceId + kOpenTunnel41 + kSoftwareId +
-                            kCallBootloader + kProgramming + kSignOfLife + kModules + kClose;
-
 const Lines kBootloaderOnlyUpdate = kCallBootloader + Lines{"0x120", "0x121", "0x132", "0x130 01"} +
                                     kFlash16K + kVerifyAndStart + kSignOfLife;
 
@@ -133,15 +103,6 @@ struct OpenTunnelCase {
   Lines requests;
   std::chrono::milliseconds setUpPause;  // 0 = no tunnel is opened
 };
-
-// A tunnel that is already the right one is closed and not opened again: the status was taken
-// before it was closed. Its target stays out of reach, so that update fails; the next one works.
-const Lines kUnreachable = kLeave + kStatus + kClose + kDeviceId + Times(4, kSoftwareId) +
-                           kCallBootloader + Times(7, {"0x120"}) + kClosingPlan;
-const Lines kAfterOtherTunnel =
-    kLeave + kStatus + kClose + Lines(kTunnelUpdate.begin() + 3, kTunnelUpdate.end());
-const Lines kPlainAfterTunnel =
-    kLeave + kStatus + kClose + Lines(kPlainUpdate.begin() + 3, kPlainUpdate.end());
 
 const OpenTunnelCase kOpenTunnelCases[] = {
     {"another route", "tunnel", 0x0402, true, true, kAfterOtherTunnel, 1000ms},

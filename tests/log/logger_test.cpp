@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <latch>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -92,17 +93,31 @@ TEST_F(LoggerTest, WithoutAFileTheLineStillReachesTheConsole) {
             "Error during open log file \"" + LogFile() + "\"\n2024.03.01 - 12:00:00 INFO heard\n");
 }
 
-// Only the logger's own lock keeps two threads apart here: the platform has none.
-TEST_F(LoggerTest, LinesOfTwoThreadsStayWhole) {
-  const auto write = [this](const char* name) {
-    for (int i = 0; i < 200; ++i) m_log.LogInfo("%s %d", name, i);
+// Its console has no lock and takes its time, so that only the logger's lock keeps lines whole.
+class SlowConsole : public VirtualPlatform {
+ public:
+  void Print(std::string_view text) override {
+    for (const char character : text) {
+      VirtualPlatform::Print({&character, 1});
+      std::this_thread::yield();
+    }
+  }
+};
+
+TEST(LoggerThreadsTest, LinesOfTwoThreadsStayWhole) {
+  SlowConsole platform;
+  Logger log(platform);
+  std::latch bothAreHere(2);
+  const auto write = [&](const char* name) {
+    bothAreHere.arrive_and_wait();
+    for (int i = 0; i < 200; ++i) log.LogInfo("%s %d", name, i);
   };
   std::thread first(write, "first");
   std::thread second(write, "second");
   first.join();
   second.join();
 
-  std::istringstream file(Contents(LogFile()));
+  std::istringstream file(Contents(platform.Folder() + "FirmwareUpdater.log"));
   std::set<std::string> lines;
   for (std::string line; std::getline(file, line);) lines.insert(line);
   for (int i = 0; i < 200; ++i) {
@@ -111,7 +126,7 @@ TEST_F(LoggerTest, LinesOfTwoThreadsStayWhole) {
     }
   }
   EXPECT_TRUE(lines.empty());
-  EXPECT_EQ(Contents(LogFile()), m_platform.Console());
+  EXPECT_EQ(file.str(), platform.Console());
 }
 
 }  // namespace

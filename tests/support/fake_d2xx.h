@@ -34,6 +34,7 @@ class FakeD2xx : public D2xx {
 
   std::vector<std::string> calls;
   std::vector<std::uint8_t> sent;
+  std::vector<std::uint8_t> arrivesWhileWaiting;
   std::vector<std::chrono::milliseconds> waits;
   int handles = 0;  // not yet closed
 
@@ -104,6 +105,7 @@ class FakeD2xx : public D2xx {
   }
   void WaitForInput(D2xxHandle, std::chrono::milliseconds bound) override {
     waits.push_back(bound);
+    if (!arrivesWhileWaiting.empty()) Receive(std::exchange(arrivesWhileWaiting, {}));
   }
 
  private:

@@ -9,7 +9,6 @@
 #include <fstream>
 #include <iterator>
 #include <memory>
-#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,10 +17,9 @@
 #include "simulator/firmware_builder.h"
 #include "tests/support/simulated_d2xx.h"
 #include "tests/support/simulated_usb.h"
+#include "tests/support/transcript.h"
 
 namespace tavo::test {
-
-using Lines = std::vector<std::string>;
 
 class Station {
  public:
@@ -64,23 +62,12 @@ class Station {
     return device.State(SimNow(platform)) == tavosim::DeviceState::Application;
   }
 
-  // Every request since the last ForgetRequests, raw escape bytes included; a run of blocks, each
-  // positioned and written, is one line.
+  // Every request since the last ForgetRequests, raw escape bytes included.
   Lines Requests() const {
-    Lines lines;
-    unsigned blocks = 0;
-    for (const tavosim::Exchange& exchange : device.Journal()) {
-      if (exchange.id == 0x134) {
-        lines.pop_back();  // its positioning
-        ++blocks;
-        continue;
-      }
-      if (exchange.id != 0x133 && blocks > 0) {
-        lines.insert(lines.end() - 1, std::to_string(std::exchange(blocks, 0)) + " blocks");
-      }
-      lines.push_back(Describe(exchange));
-    }
-    return lines;
+    Lines requests;
+    for (const tavosim::Exchange& exchange : device.Journal())
+      requests.push_back(Describe(exchange));
+    return WithBlocksCounted(requests);
   }
   void ForgetRequests() { device.ClearJournal(); }
 
@@ -89,17 +76,7 @@ class Station {
     return {std::istreambuf_iterator<char>(file), {}};
   }
 
-  // The console without the copies of log lines; of the progress bar only what stands at last.
-  Lines Dialogue() const {
-    Lines lines;
-    std::istringstream console(platform.Console());
-    for (std::string line; std::getline(console, line);) {
-      if (line.starts_with("2024.")) continue;
-      const std::size_t drawn = line.rfind('\b');
-      lines.push_back(drawn == std::string::npos ? line : line.substr(drawn + 1));
-    }
-    return lines;
-  }
+  Lines Dialogue() const { return DialogueOf(platform.Console()); }
 
   VirtualPlatform platform;
   tavosim::Device device;

@@ -161,6 +161,14 @@ TEST_F(CommInterfaceTest, OnlyPausesOfOursAreLeftOut) {
   EXPECT_EQ(PollAfter(200 * 65536ms + 20ms), Polled::TimedOut) << "hours, not 20 ms";
 }
 
+TEST_F(CommInterfaceTest, WorkBeforeARequestIsNoTimeOfTheDevice) {
+  Poll();
+  m_platform.Advance(3s);
+  Request(0x120);
+  EXPECT_EQ(PollAfter(3990ms), Polled::Nothing);
+  EXPECT_EQ(PollAfter(10ms), Polled::TimedOut);
+}
+
 TEST_F(CommInterfaceTest, ASecondRequestWaitsInTheQueueForFiveSeconds) {
   Request(0x120);
   EXPECT_TRUE(Request(0x121));
