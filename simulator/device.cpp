@@ -134,12 +134,13 @@ void Device::SetFaults(std::vector<Fault> faults) {
   m_requestsById.clear();
 }
 
-void Device::PowerCut(SimTime now) {
+void Device::PowerCut(SimTime now, bool intoBootloader) {
   ForgetAnswers();
   m_reader.Reset();
   m_busyUntil = now;
   m_tunnel = 0;
-  StartUp(m_flash.Intact() ? DeviceState::Application : DeviceState::Bootloader, now);
+  const bool application = m_flash.Intact() && !intoBootloader;
+  StartUp(application ? DeviceState::Application : DeviceState::Bootloader, now);
 }
 
 void Device::Unplug(SimTime now, std::optional<SimTime> replugAfter) {
@@ -169,9 +170,10 @@ void Device::Handle(const Frame& request, SimTime now) {
   const auto hits = m_faults.Hitting(++m_requests, request.id, ++m_requestsById[request.id]);
   Exchange exchange{m_requests, request.id, request.payload, now, false};
   ReleaseWithheld(now);
-  if (FindKind(hits, FaultKind::PowerCut) != nullptr) {
-    PowerCut(now);
-  } else if (const auto reply = Dispatch(request, now)) {
+  if (const auto* const cut = FindKind(hits, FaultKind::PowerCut)) {
+    PowerCut(now, cut->intoBootloader);
+  } else if (auto reply = Dispatch(request, now)) {
+    if (m_options.numbersAnswers) Number(reply->payload);
     const auto due = Schedule(*reply, now);
     auto spoilt = m_faults.Spoil({request.id, reply->payload}, due, hits);
     exchange.answered = !spoilt.sent.empty();
@@ -231,6 +233,12 @@ bool Device::BehindClosedTunnel() const {
 }
 
 // A device does one thing after the other, however fast requests come.
+void Device::Number(std::vector<std::uint8_t>& payload) const {
+  payload.resize(std::max(payload.size(), kAnswerNumberOffset + 2));
+  payload[kAnswerNumberOffset] = static_cast<std::uint8_t>(m_requests);
+  payload[kAnswerNumberOffset + 1] = static_cast<std::uint8_t>(m_requests >> 8U);
+}
+
 SimTime Device::Schedule(const Reply& reply, SimTime now) {
   m_busyUntil = std::max(m_busyUntil, now) + m_options.answerDelay + reply.work;
   if (reply.startsThen) StartUp(*reply.startsThen, m_busyUntil);

@@ -37,6 +37,9 @@ namespace tavosim {
 enum class DeviceState { None, Application, Bootloader };  // None = starting up, silent
 enum class DeviceIdAnswers { Both, AdminOnly, Neither };   // to 0x100 BB 0A and to 0x802
 
+// Two bytes, low byte first.
+inline constexpr std::size_t kAnswerNumberOffset = 8;
+
 struct DeviceOptions {
   Family family = kFamilies[0];
   DeviceState start = DeviceState::Application;  // None is taken for Application
@@ -58,6 +61,10 @@ struct DeviceOptions {
   // Silence between the answer to the request that starts them and readiness.
   SimTime applicationBootTime{0};
   SimTime bootloaderStartTime{0};
+
+  // Puts the number of the request at kAnswerNumberOffset of every answer, behind all that a host
+  // reads, so that a test can tell which request an answer belongs to.
+  bool numbersAnswers = false;
 
   std::uint32_t seed = 1;
 };
@@ -98,8 +105,9 @@ class Device {
 
   // Replaces the faults and counts requests from 1 again.
   void SetFaults(std::vector<Fault> faults);
-  // The device restarts: answers on their way are lost, the tunnel closes.
-  void PowerCut(SimTime now);
+  // The device restarts: answers on their way are lost, the tunnel closes. It comes up in its
+  // application when that is intact, unless it is made to stay in its bootloader.
+  void PowerCut(SimTime now, bool intoBootloader = false);
   // Pulls the cable; the device itself keeps running. None = never plugged in again.
   void Unplug(SimTime now, std::optional<SimTime> replugAfter);
   bool Connected(SimTime now) const { return now >= m_connectedFrom; }
@@ -145,6 +153,7 @@ class Device {
   bool Matches(const Command& command, const Frame& request) const;
   bool Reachable(Unit unit, SimTime now) const;
   bool BehindClosedTunnel() const;
+  void Number(std::vector<std::uint8_t>& payload) const;
   SimTime Schedule(const Reply& reply, SimTime now);
   void Transmit(Transmission transmission);
   void ReleaseWithheld(SimTime now);

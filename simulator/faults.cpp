@@ -21,7 +21,8 @@ const std::string_view kFaultSyntax =
     "  before:5:A3FF00        these bytes come before the answer\n"
     "  after:5:A3FF00         these bytes come after the answer\n"
     "  withhold:5             the answer comes when the next request arrives\n"
-    "  powercut:5             the device restarts instead of acting on the request\n"
+    "  powercut:5             the device restarts instead of acting on the request;\n"
+    "  powercut:5:bootloader  it comes up in its bootloader\n"
     "  unplug:5[:2s]          the cable is pulled, and plugged in again after a time\n";
 
 namespace {
@@ -122,6 +123,11 @@ bool ReadBit(std::string_view text, Fault& fault) {
 
 bool ReadOtherId(std::string_view text, Fault& fault) { return ReadId(text, fault.otherId); }
 
+bool ReadStart(std::string_view text, Fault& fault) {
+  fault.intoBootloader = text == "bootloader";
+  return text.empty() || fault.intoBootloader;
+}
+
 bool ReadBytes(std::string_view text, Fault& fault) {
   if (text.empty() || text.size() % 2 != 0) return false;
   for (; !text.empty(); text.remove_prefix(2)) {
@@ -149,7 +155,7 @@ constexpr std::array kRules{
   Rule{FaultKind::Before,   "before",   ReadBytes,        Before},
   Rule{FaultKind::After,    "after",    ReadBytes,        After},
   Rule{FaultKind::Withhold, "withhold", ReadNothing,      Withhold},
-  Rule{FaultKind::PowerCut, "powercut", ReadNothing,      Leave},
+  Rule{FaultKind::PowerCut, "powercut", ReadStart,        Leave},
   Rule{FaultKind::Unplug,   "unplug",   ReadOptionalTime, Leave},
 };
 // clang-format on

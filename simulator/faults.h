@@ -47,6 +47,7 @@ struct Fault {
   std::optional<std::size_t> bit{};   // Damage: byte * 8 + bit of the frame; none = a random one
   std::uint16_t otherId = 0;          // OtherId
   std::vector<std::uint8_t> bytes{};  // Before, After
+  bool intoBootloader = false;        // PowerCut: even with an intact application
 };
 
 // The syntax of ParseFault, for a help text.

@@ -4,8 +4,8 @@
 
 namespace tavo {
 
-// The machine's seams are made first and never end, so whatever these objects still say at their
-// end finds its way.
+// The machine's seams are made first, so they end last: a transport still closes its device, and says
+// so, while these objects end.
 ProcessObjects::ProcessObjects()
     : log(SystemPlatform()),
       holder(
@@ -13,7 +13,10 @@ ProcessObjects::ProcessObjects()
           [this](TransportKind kind) {
             return MakeTransport(kind, {link, SystemPlatform(), log, SystemLibUsb(), SystemD2xx()});
           }),
-      engine(SystemPlatform(), log, holder) {}
+      engine(SystemPlatform(), log, holder) {
+  SystemLibUsb();
+  SystemD2xx();
+}
 
 ProcessObjects& ProcessObjects::Instance() {
   static ProcessObjects objects;

@@ -34,6 +34,7 @@
 #include <vector>
 
 #include "engine/error_code.h"
+#include "engine/evidence.h"
 #include "engine/status_handler.h"
 #include "engine/step.h"
 #include "engine/transport_holder.h"
@@ -83,6 +84,8 @@ class FirmwareUpdater {
   // result is in Succeeded.
   void Start(const Run& run, const std::string& updateFile);
   bool Succeeded() const { return m_succeeded; }
+  // What the answers of the last update say about the device; for the thread that ran it.
+  DeviceEvidence DeviceState() const { return m_evidence.Conclude(); }
 
   // --- From any thread ---
 
@@ -238,6 +241,8 @@ class FirmwareUpdater {
   WriteState m_writeState = WriteState::Positioning;
   bool m_succeeded = false;
   bool m_failed = false;  // a step has failed during the current update
+  Evidence m_evidence;
+  Bearing m_lastBearing = Bearing::Application;  // of the request sent last
   std::mutex m_runLock;
   bool m_updateRuns = false;  // guarded by m_runLock: a Run is granted
 };

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "engine/firmware_updater.h"
+#include "package/hardware_identity.h"
 #include "package/update_file.h"
 
 namespace tavo {
@@ -12,6 +13,7 @@ void FirmwareUpdater::Start(const Run& /*run*/, const std::string& updateFile) {
   Report({StatusKind::UpdateBegins});
   m_selectedFirmware = nullptr;
   m_firmwareImages = LoadUpdateFile(updateFile);
+  m_evidence.Begin(FindTunnelRoute(FirstImage()).master != -1);
   BuildPlan();
   m_log.LogInfo("FirmwareUpdater: Start.");
   PrepareTransport();
@@ -58,7 +60,11 @@ void FirmwareUpdater::PollUntilDone() {
 
 void FirmwareUpdater::OnTransportEvent(const TavoMessage* message) {
   m_rxMessage = message ? *message : TavoMessage{};
-  if (message) return RunSteps(StepPhase::Answer);
+  if (message) {
+    m_evidence.Answered(m_lastBearing);
+    return RunSteps(StepPhase::Answer);
+  }
+  m_evidence.Unanswered(m_lastBearing);
   // Half an answer, or a stray byte that looks like the beginning of one, would keep the next
   // request from the line.
   WaitUntilQuiet();
@@ -84,7 +90,9 @@ void FirmwareUpdater::RunSteps(StepPhase phase) {
 
 void FirmwareUpdater::EndPlan() {
   m_succeeded = !m_failed;
-  if (m_succeeded) Report({StatusKind::UpdateSucceeded});
+  if (!m_succeeded) return;
+  m_evidence.Succeeded();
+  Report({StatusKind::UpdateSucceeded});
 }
 
 void FirmwareUpdater::FailPlan() {

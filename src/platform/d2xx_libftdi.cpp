@@ -244,7 +244,7 @@ class LibftdiD2xx final : public D2xx {
  public:
   D2xxStatus CreateDeviceInfoList(std::uint32_t* count) override {
     *count = 0;
-    ForgetList();
+    m_list.reset();  // adapters that are open keep what they need of it
     auto list = std::make_shared<AdapterList>();
     if (!list->Search()) return kD2xxIoError;
     m_list = std::move(list);
@@ -327,9 +327,6 @@ class LibftdiD2xx final : public D2xx {
     if (adapter.Input().Waiting() == 0) adapter.Service(bound);
   }
 
-  // Adapters that are open keep what they need of the list.
-  void ForgetList() { m_list.reset(); }
-
  private:
   std::shared_ptr<const AdapterList> m_list;
 };
@@ -337,12 +334,7 @@ class LibftdiD2xx final : public D2xx {
 }  // namespace
 
 D2xx& SystemD2xx() {
-  // Never destroyed: a transport that is destroyed while the library is unloaded still closes. Only
-  // the list goes then, and with it the thread that libusb runs for it.
-  static LibftdiD2xx& adapters = *new LibftdiD2xx;
-  static struct AtUnload {
-    ~AtUnload() { adapters.ForgetList(); }
-  } atUnload;
+  static LibftdiD2xx adapters;
   return adapters;
 }
 

@@ -149,8 +149,7 @@ class VendorD2xx final : public D2xx {
 }  // namespace
 
 D2xx& SystemD2xx() {
-  // Never destroyed: a transport that is destroyed while the library is unloaded still closes.
-  static D2xx& adapters = *new VendorD2xx;
+  static VendorD2xx adapters;
   return adapters;
 }
 

@@ -79,8 +79,7 @@ class RealLibUsb final : public LibUsb {
 }  // namespace
 
 LibUsb& SystemLibUsb() {
-  // Never destroyed: a transport that is destroyed while the library is unloaded still closes.
-  static LibUsb& library = *new RealLibUsb;
+  static RealLibUsb library;
   return library;
 }
 

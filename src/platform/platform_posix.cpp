@@ -58,8 +58,7 @@ class PosixPlatform final : public Platform {
 }  // namespace
 
 Platform& SystemPlatform() {
-  // Never destroyed: whatever is destroyed while the library is unloaded may still log.
-  static Platform& platform = *new PosixPlatform;
+  static PosixPlatform platform;
   return platform;
 }
 

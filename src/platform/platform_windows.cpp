@@ -98,8 +98,7 @@ class WindowsPlatform final : public Platform {
 }  // namespace
 
 Platform& SystemPlatform() {
-  // Never destroyed: whatever is destroyed while the library is unloaded may still log.
-  static Platform& platform = *new WindowsPlatform;
+  static WindowsPlatform platform;
   return platform;
 }
 

@@ -11,6 +11,7 @@
 #include <span>
 
 #include "engine/error_code.h"
+#include "engine/evidence.h"
 #include "log/logger.h"
 
 namespace tavo {
@@ -33,6 +34,7 @@ struct PayloadHead {
 
 struct Command {
   std::uint16_t id;
+  Bearing bearing;
   PayloadHead head;
   const char* sentLine;  // logged at INFO once the request is on its way; null: not logged
   ErrorCode sendError;   // when the request could not be handed to the transport
@@ -46,84 +48,84 @@ struct Command {
 
 // clang-format off
 inline constexpr Command kTunnelStatus{
-    kApplicationRequest, {{0xEB, 0x00}, 2}, TAVO_LOG "Tunnel Status: Request.",
+    kApplicationRequest, Bearing::ReportsTunnel, {{0xEB, 0x00}, 2}, TAVO_LOG "Tunnel Status: Request.",
     ErrorCode::None, nullptr,
     LogLevel::Info, TAVO_LOG "Tunnel Status: Timeout", nullptr};
 inline constexpr Command kInitTunnel{  // + slave, master
-    kApplicationRequest, {{0xED, 0x00}, 2}, TAVO_LOG "Init Tunnel: Request.",
+    kApplicationRequest, Bearing::OpensTunnel, {{0xED, 0x00}, 2}, TAVO_LOG "Init Tunnel: Request.",
     ErrorCode::InitTunnel, "Error: Sending Init Tunnel Request",
     LogLevel::Info, TAVO_LOG "Init Tunnel: Timeout (Probably Bootloader)", nullptr};
 inline constexpr Command kDeinitTunnel{
-    kApplicationRequest, {{0xEC, 0x00}, 2}, nullptr,
+    kApplicationRequest, Bearing::ClosesTunnel, {{0xEC, 0x00}, 2}, nullptr,
     ErrorCode::None, nullptr, LogLevel::Info, nullptr, nullptr};
 inline constexpr Command kRequestDeviceId{
-    kApplicationRequest, {{0xBB, 0x0A}, 2}, TAVO_LOG "Request Device-ID",
+    kApplicationRequest, Bearing::Identity, {{0xBB, 0x0A}, 2}, TAVO_LOG "Request Device-ID",
     ErrorCode::Identity, "Error: Request Device-ID",
     LogLevel::Warn, TAVO_LOG "Request Device-ID: Timeout", "Timeout: Request Device-ID"};
 inline constexpr Command kRequestDeviceIdAdmin{
-    0x802, {}, TAVO_LOG "Request Device-ID (Admin)",
+    0x802, Bearing::Identity, {}, TAVO_LOG "Request Device-ID (Admin)",
     ErrorCode::Identity, "Error: Request Device-ID (Admin)",
     LogLevel::Warn, TAVO_LOG "Request Device-ID (Admin): Timeout",
     "Timeout: Request Device-ID (Admin)"};
 inline constexpr Command kRequestSoftwareId{
-    kApplicationRequest, {{0xBB, 0x02}, 2}, TAVO_LOG "Request Software-ID",
+    kApplicationRequest, Bearing::Application, {{0xBB, 0x02}, 2}, TAVO_LOG "Request Software-ID",
     ErrorCode::Identity, "Error: Request Software-ID",
     LogLevel::Warn, TAVO_LOG "Request Software-ID: Timeout", nullptr};
 inline constexpr Command kCallBootloader{
-    kApplicationRequest, {{0xFD, 0x00}, 2}, TAVO_LOG "Call Bootloader: Request.",
+    kApplicationRequest, Bearing::CallsBootloader, {{0xFD, 0x00}, 2}, TAVO_LOG "Call Bootloader: Request.",
     ErrorCode::CallBootloader, "Error: Sending Bootloader Request",
     LogLevel::Info, TAVO_LOG "Call Bootloader: Timeout (Probably Bootloader)", nullptr};
 inline constexpr Command kCheckVersion{
-    0x120, {}, TAVO_LOG "Check Version: Request.",
+    0x120, Bearing::Bootloader, {}, TAVO_LOG "Check Version: Request.",
     ErrorCode::BootloaderVersion, "Error: Bootloader Version Request",
     LogLevel::Info, nullptr, "Timeout: Bootloader Version Request"};
 inline constexpr Command kRequestProcessorId{
-    0x121, {}, TAVO_LOG "Request Prozessor-ID",
+    0x121, Bearing::Bootloader, {}, TAVO_LOG "Request Prozessor-ID",
     ErrorCode::Identity, "Error: Request Prozessor-ID",
     LogLevel::Warn, TAVO_LOG "Request Prozessor-ID: Timeout", "Timeout: Request Prozessor-ID"};
 inline constexpr Command kCheckHardwareId{
-    0x122, {}, TAVO_LOG "Check HardwareId: Request.",
+    0x122, Bearing::Bootloader, {}, TAVO_LOG "Check HardwareId: Request.",
     ErrorCode::HardwareId, "Error: Sending Hardware ID Request",
     LogLevel::Info, TAVO_LOG "Timeout: Check Hardware ID Request", "Timeout: Hardware ID Request"};
 inline constexpr Command kCheckApplicationSize{
-    0x132, {}, TAVO_LOG "Check Application Section Size: Request.",
+    0x132, Bearing::Bootloader, {}, TAVO_LOG "Check Application Section Size: Request.",
     ErrorCode::ApplicationSize, "Error: Sending Application Size Request",
     LogLevel::Info, TAVO_LOG "Check Application Section Size: Timeout",
     "Timeout: Application Size Request"};
 inline constexpr Command kEraseApplication{  // + erase mode
-    0x130, {}, TAVO_LOG "Erase Application Memory: Request.",
+    0x130, Bearing::Erases, {}, TAVO_LOG "Erase Application Memory: Request.",
     ErrorCode::Erase, "Error: Sending Erase Request",
     LogLevel::Info, TAVO_LOG "Erase Application Memory: Timeout", "Timeout: Erase Request"};
 inline constexpr Command kPositionFlash{  // + 32-bit address
-    0x133, {}, nullptr,
+    0x133, Bearing::Bootloader, {}, nullptr,
     ErrorCode::FlashPositioning, "Error: Sending Flash Positioning Request",
     LogLevel::Info, nullptr, "Timeout: Writing Flash"};
 inline constexpr Command kWriteFlash{  // + one block
-    0x134, {}, nullptr,
+    0x134, Bearing::Bootloader, {}, nullptr,
     ErrorCode::FlashWriting, "Error: Sending Flash Writing Request",
     LogLevel::Info, nullptr, "Timeout: Writing Flash"};
 inline constexpr Command kVerify{
-    0x136, {}, TAVO_LOG "Verify: Request.",
+    0x136, Bearing::Bootloader, {}, TAVO_LOG "Verify: Request.",
     ErrorCode::Verify, "Error: Sending Verify Request",
     LogLevel::Info, TAVO_LOG "Verify: Timeout", "Timeout: Verify Request"};
 inline constexpr Command kStartApplication{
-    0x12F, {}, TAVO_LOG "Start Application: Request.",
+    0x12F, Bearing::StartsApplication, {}, TAVO_LOG "Start Application: Request.",
     ErrorCode::StartApplication, "Error: Sending: Start Application Request",
     LogLevel::Info, TAVO_LOG "Start Application: Timeout", "Timeout: Start Application Request"};
 inline constexpr Command kLeaveBootloader{
-    0x12F, {{0x01}, 1}, TAVO_LOG "Start Application: Request.",
+    0x12F, Bearing::StartsApplication, {{0x01}, 1}, TAVO_LOG "Start Application: Request.",
     ErrorCode::StartApplication, "Error: Sending: Start Application Request",
     LogLevel::Info, nullptr, nullptr};
 inline constexpr Command kWaitForApplication{
-    kApplicationRequest, {{0x00}, 1}, TAVO_LOG "Wait for Application",
+    kApplicationRequest, Bearing::Application, {{0x00}, 1}, TAVO_LOG "Wait for Application",
     ErrorCode::WaitForApplication, "Error: Check Application",
     LogLevel::Info, TAVO_LOG "Timeout: Wait for Application", "Timeout: Wait for Application"};
 inline constexpr Command kSetLabel{  // + label
-    kApplicationRequest, {{0xA0}, 1}, nullptr,
+    kApplicationRequest, Bearing::Application, {{0xA0}, 1}, nullptr,
     ErrorCode::SetLabel, "Error: Sending: Set Label Request",
     LogLevel::Warn, TAVO_LOG "Set Label: Timeout", "Timeout: Set Label Request"};
 inline constexpr Command kRequestModule{  // + index
-    0x814, {}, nullptr,
+    0x814, Bearing::Modules, {}, nullptr,
     ErrorCode::ResettedModules, "Error: Request resetted Modules",
     LogLevel::Info, TAVO_LOG "Timeout: Request resetted Modules",
     "Timeout: Request resetted Modules"};

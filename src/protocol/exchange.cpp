@@ -82,7 +82,11 @@ bool FirmwareUpdater::TrySend(const Command& command, std::span<const std::uint8
   std::array<std::uint8_t, std::tuple_size_v<decltype(PayloadHead::bytes)> + kMaxBlockSize> payload;
   const auto head = std::copy_n(command.head.bytes.begin(), command.head.length, payload.begin());
   const auto end = std::copy(arguments.begin(), arguments.end(), head);
+  // Before the outcome is known: a request that fails may have reached the device all the same.
+  m_evidence.Sent(command.bearing);
+  m_lastBearing = command.bearing;
   if (!CommSendTavo(command.id, payload.data(), static_cast<std::uint8_t>(end - payload.begin()))) {
+    m_evidence.Unanswered(command.bearing);
     return false;
   }
   if (command.sentLine) m_log.LogInfo("%s", command.sentLine);

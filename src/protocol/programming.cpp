@@ -106,6 +106,7 @@ StepResult FirmwareUpdater::SendBlock() {
   const std::vector<std::uint8_t>& data = SelectedFirmware().data;
   const std::size_t length = std::min<std::size_t>(m_blockSize, data.size() - m_writeOffset);
   std::copy_n(data.begin() + m_writeOffset, length, block.begin());
+  if (NextWriteOffset() >= ImageSize()) m_evidence.LastBlockSent();
   return Send(kWriteFlash, std::span(block).first(m_blockSize));
 }
 

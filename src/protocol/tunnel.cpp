@@ -20,6 +20,8 @@ constexpr milliseconds kTunnelClosing{5000};
 constexpr Step kInitTunnelStep{&FirmwareUpdater::InitTunnel, "Init Tunnel"};
 constexpr Step kDeinitTunnelStep{&FirmwareUpdater::DeinitTunnel, "Deinit Tunnel"};
 
+bool IsOpen(std::uint16_t tunnel) { return tunnel != 0 && tunnel != kNoTunnelEither; }
+
 bool NeedsTunnel(const TunnelRoute& route) { return route.master != -1; }
 
 std::uint16_t AsTunnel(const TunnelRoute& route) {
@@ -40,11 +42,12 @@ StepResult FirmwareUpdater::TunnelStatus(StepPhase phase) {
       m_log.LogInfo("FirmwareUpdater: Tunnel Status: Master: %d | Slave %d.",
                     m_rxMessage.payload[1], m_rxMessage.payload[0]);
       tunnel = AnswerValue();
+      m_evidence.TunnelReported(IsOpen(tunnel));
       break;
     case StepPhase::Timeout: OnTimeout(kTunnelStatus); break;
   }
   m_activeTunnel = tunnel;
-  if (tunnel != 0 && tunnel != kNoTunnelEither) InsertNext(kDeinitTunnelStep);
+  if (IsOpen(tunnel)) InsertNext(kDeinitTunnelStep);
   return StepResult::Done;
 }
 

@@ -5,7 +5,7 @@
 #include <atomic>
 #include <thread>
 
-#include "tests/support/station.h"
+#include "testbench/station.h"
 
 namespace tavo::test {
 namespace {
@@ -55,16 +55,19 @@ TEST(Threads, MayPollWhileUpdatesRun) {
   EXPECT_FALSE(halfAName);
 }
 
-TEST(Threads, MayStopAnUpdateWhichThenEndsAndReleasesItsImages) {
+TEST(Threads, MayStopAnUpdateWhichThenEndsInTheBootloader) {
   Station station(PlainWithModules());
-  {
-    const Poller stopper([&] {
-      if (station.engine.Progress() > 0.3F) station.engine.RequestStop();
-    });
-    EXPECT_FALSE(station.UpdateOverUsb());
-  }
+  station.usb.failReceive = [&station, stopped = false]() mutable {
+    if (!stopped && station.engine.Progress() > 0.3F) {
+      stopped = true;
+      std::thread([&station] { station.engine.RequestStop(); }).join();
+    }
+    return false;
+  };
+  EXPECT_FALSE(station.UpdateOverUsb());
   EXPECT_TRUE(station.platform.ConsoleHas("Firmwareupdate Error: 15\n"));
   EXPECT_EQ(station.engine.LastError(), ErrorCode::None);
+  EXPECT_EQ(station.engine.DeviceState().device, DeviceCondition::BootloaderFlashErased);
   EXPECT_TRUE(station.UpdateOverUsb({.bootloaderOnly = true}));
   EXPECT_TRUE(station.FlashHoldsFirmware());
 }

@@ -4,7 +4,7 @@
 
 #include <map>
 
-#include "tests/support/station.h"
+#include "testbench/station.h"
 
 namespace tavo::test {
 namespace {

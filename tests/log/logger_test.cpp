@@ -9,7 +9,7 @@
 #include <sstream>
 #include <thread>
 
-#include "tests/support/virtual_platform.h"
+#include "testbench/virtual_platform.h"
 
 namespace tavo::test {
 namespace {

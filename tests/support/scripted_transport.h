@@ -18,7 +18,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/virtual_platform.h"
+#include "testbench/virtual_platform.h"
 #include "transport/i_comm_interface.h"
 
 namespace tavo::test {

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "simulator/frame.h"
-#include "tests/support/virtual_platform.h"
+#include "testbench/virtual_platform.h"
 
 namespace tavo::test {
 namespace {

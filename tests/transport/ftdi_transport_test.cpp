@@ -1,8 +1,8 @@
 #include <gtest/gtest.h>
 
 #include "log/logger.h"
+#include "testbench/virtual_platform.h"
 #include "tests/support/fake_d2xx.h"
-#include "tests/support/virtual_platform.h"
 #include "transport/comm_ftdi.h"
 
 namespace tavo::test {

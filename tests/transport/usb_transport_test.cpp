@@ -3,8 +3,8 @@
 #include <memory>
 
 #include "log/logger.h"
+#include "testbench/virtual_platform.h"
 #include "tests/support/fake_libusb.h"
-#include "tests/support/virtual_platform.h"
 #include "transport/comm_win_usb.h"
 
 namespace tavo::test {

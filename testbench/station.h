@@ -15,9 +15,9 @@
 #include "api/transport_factory.h"
 #include "api/update_commands.h"
 #include "simulator/firmware_builder.h"
-#include "tests/support/simulated_d2xx.h"
-#include "tests/support/simulated_usb.h"
-#include "tests/support/transcript.h"
+#include "testbench/simulated_d2xx.h"
+#include "testbench/simulated_usb.h"
+#include "testbench/transcript.h"
 
 namespace tavo::test {
 
@@ -27,7 +27,8 @@ class Station {
   static constexpr const char* kPort = "1-4-2";
 
   explicit Station(const tavosim::DeviceOptions& options, bool echo = false,
-                   const std::vector<std::string>& faults = {})
+                   const std::vector<std::string>& faults = {},
+                   decltype(MakeTransport)* makeTransport = MakeTransport)
       : device(options, ParseFaults(faults)),
         m_function(device),
         m_adapter(device, {19200, echo}, {{"", "", kSerialNumber}, 19200}),
@@ -35,8 +36,8 @@ class Station {
         d2xx(platform, device, m_adapter, kSerialNumber),
         log(platform),
         holder(platform,
-               [this](TransportKind kind) {
-                 return MakeTransport(kind, {link, platform, log, usb, d2xx});
+               [this, makeTransport](TransportKind kind) {
+                 return makeTransport(kind, {link, platform, log, usb, d2xx});
                }),
         engine(platform, log, holder),
         m_echo(echo),
@@ -53,6 +54,7 @@ class Station {
                             m_updateFile, flags);
   }
 
+  const std::vector<std::uint8_t>& Firmware() const { return m_firmware.data; }
   // The device begins with another firmware.
   bool FlashHoldsFirmware() const {
     const std::vector<std::uint8_t>& flash = device.ApplicationFlash().Bytes();

@@ -4,13 +4,14 @@
 
 #include <algorithm>
 #include <cstring>
+#include <functional>
 #include <list>
 #include <string>
 #include <vector>
 
 #include "platform/libusb_api.h"
 #include "simulator/cdc_function.h"
-#include "tests/support/virtual_platform.h"
+#include "testbench/virtual_platform.h"
 
 namespace tavo::test {
 
@@ -89,6 +90,10 @@ class SimulatedUsb : public LibUsb {
   }
   int OpenHandles() const { return m_opened; }
 
+  // What a test may put in the way of a transfer: true makes it fail.
+  std::function<bool()> failSend = [] { return false; };
+  std::function<bool()> failReceive = [] { return false; };
+
   int KernelDriverActive(libusb_device_handle* /*handle*/, int /*interface*/) override { return 0; }
   int DetachKernelDriver(libusb_device_handle* /*handle*/, int /*interface*/) override {
     return LIBUSB_ERROR_NOT_FOUND;
@@ -141,6 +146,7 @@ class SimulatedUsb : public LibUsb {
   int Out(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data, int length,
           int* transferred) {
     if (Gone(handle)) return LIBUSB_ERROR_NO_DEVICE;
+    if (failSend()) return LIBUSB_ERROR_IO;
     const std::size_t size = static_cast<std::size_t>(length);
     const auto result =
         AsHandle(handle).port.function.Out(endpoint, {data, size}, SimNow(m_platform));
@@ -154,6 +160,7 @@ class SimulatedUsb : public LibUsb {
     const auto end = m_platform.MonotonicNow() + bound;
     tavosim::CdcFunction& function = AsHandle(handle).port.function;
     while (!Gone(handle)) {
+      if (failReceive()) return LIBUSB_ERROR_IO;
       const auto result =
           function.In(endpoint, static_cast<std::size_t>(length), SimNow(m_platform));
       if (result.status == tavosim::UsbStatus::Done && !result.data.empty()) {

@@ -4,11 +4,12 @@
 
 #include <algorithm>
 #include <deque>
+#include <functional>
 #include <string>
 
 #include "platform/d2xx.h"
 #include "simulator/ftdi_adapter.h"
-#include "tests/support/simulated_usb.h"
+#include "testbench/simulated_usb.h"
 
 namespace tavo::test {
 
@@ -21,6 +22,12 @@ class SimulatedD2xx : public D2xx {
         m_device(device),
         m_adapter(adapter),
         m_serialNumber(std::move(serialNumber)) {}
+
+  // What a test may put in the way: true makes the call fail.
+  std::function<bool()> failSend = [] { return false; };
+  std::function<bool()> failReceive = [] { return false; };
+  // Called at every look for input.
+  std::function<void()> onPoll = [] {};
 
   D2xxStatus CreateDeviceInfoList(std::uint32_t* count) override {
     *count = m_adapter.Connected(Now()) ? 1 : 0;
@@ -59,7 +66,7 @@ class SimulatedD2xx : public D2xx {
   D2xxStatus Write(D2xxHandle /*handle*/, std::span<const std::uint8_t> data,
                    std::uint32_t* written) override {
     *written = 0;
-    if (Gone()) return kD2xxIoError;
+    if (Gone() || failSend()) return kD2xxIoError;
     if (m_adapter.Out(0x02, data, Now()).status != tavosim::UsbStatus::Done) return kD2xxIoError;
     *written = static_cast<std::uint32_t>(data.size());
     return kD2xxOk;
@@ -68,6 +75,7 @@ class SimulatedD2xx : public D2xx {
                        std::uint32_t* /*transmitQueue*/, std::uint32_t* /*eventState*/) override {
     // Like the vendor's library, which has nothing to say of an adapter that is gone; the read then
     // fails.
+    onPoll();
     *receiveQueue = 1;
     if (Gone()) return kD2xxIoError;
     Fetch();
@@ -77,7 +85,7 @@ class SimulatedD2xx : public D2xx {
   D2xxStatus Read(D2xxHandle /*handle*/, std::span<std::uint8_t> buffer,
                   std::uint32_t* received) override {
     *received = 0;
-    if (Gone()) return kD2xxIoError;
+    if (Gone() || failReceive()) return kD2xxIoError;
     const auto count = static_cast<std::ptrdiff_t>(std::min(buffer.size(), m_received.size()));
     std::copy_n(m_received.begin(), count, buffer.begin());
     m_received.erase(m_received.begin(), m_received.begin() + count);

@@ -10,8 +10,6 @@
 // Any thread may use it, as a host's threads may use the machine's.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -104,8 +102,8 @@ class VirtualPlatform : public Platform {
   static std::string MakeFolder() {
     static int made = 0;
     const auto moment = std::chrono::steady_clock::now().time_since_epoch().count();
-    const std::string folder =
-        testing::TempDir() + "tavo_" + std::to_string(moment) + "_" + std::to_string(made++) + "/";
+    const std::string folder = std::filesystem::temp_directory_path().string() + "/tavo_" +
+                               std::to_string(moment) + "_" + std::to_string(made++) + "/";
     std::filesystem::create_directories(folder);
     return folder;
   }

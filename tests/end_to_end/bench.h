@@ -1,0 +1,115 @@
+// A bench of simulated devices and hosts: every simulator and every host is a process of its own,
+// the host finds the devices through the substitute libusb, and all files lie in a new folder that
+// goes with the bench.
+//
+//   Bench bench;
+//   bench.PlugIn({"--family", "plain"});
+//   const Result result = bench.RunHost({"usb", "", "firmware.hex"});
+#pragma once
+
+#include <cstdlib>
+
+#include "testbench/transcript.h"
+#include "tests/end_to_end/child_process.h"
+
+namespace tavo::test {
+
+// How a host program ended.
+struct Result {
+  std::optional<int> exitCode;  // nothing: it had to be killed
+  std::string console;
+};
+
+class Bench {
+ public:
+  static constexpr std::chrono::seconds kPrompt{20};    // what needs no patience with a device
+  static constexpr std::chrono::seconds kLongest{170};  // an update that waits wherever it can
+
+  Bench() {
+    std::string name = std::filesystem::temp_directory_path() / "tavo-bench-XXXXXX";
+    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error(name + " cannot be made");
+    folder = name;
+  }
+  Bench(const Bench&) = delete;
+  ~Bench() {
+    m_simulators.clear();
+    std::error_code ignored;
+    std::filesystem::remove_all(folder, ignored);
+  }
+
+  // Writes firmware.hex, and the flash content that it makes into image.bin.
+  bool MakeFirmware(const std::string& family) const {
+    ChildProcess tool(
+        folder,
+        {Program("tavo-make-firmware"), "--family", family, "--image", "image.bin", "firmware.hex"},
+        Environment(), "make-firmware.txt");
+    return tool.Wait(kPrompt) == 0;
+  }
+
+  // Starts a simulator. False when it does not come up. What this class tells of "the device" is
+  // told of the first.
+  bool PlugIn(Words arguments) {
+    const std::string number = std::to_string(m_simulators.size());
+    const std::filesystem::path portFile = folder / ("port" + number);
+    arguments.insert(arguments.begin(), {Program("tavo-simulator"), "--listen", "0", "--port-file",
+                                         portFile, "--state", "device" + number});
+    m_simulators.emplace_back(folder, arguments, Environment(), "simulator" + number + ".txt");
+    if (!WaitUntil([&] { return std::filesystem::exists(portFile); }, kPrompt)) return false;
+    m_addresses += (m_addresses.empty() ? "" : ",") +
+                   ("127.0.0.1:" + std::to_string(std::stoi(FileContent(portFile))));
+    return true;
+  }
+
+  // Ends the simulators as a person would. False when one of them did not end well, for example
+  // because it had lost memory.
+  bool SwitchOff() {
+    bool well = true;
+    for (ChildProcess& simulator : m_simulators) well = simulator.AskToEnd(kPrompt) == 0 && well;
+    return well;
+  }
+
+  // A copy of the program in the bench's folder runs, so that the log comes to lie there.
+  Result Run(const std::string& program, const Words& arguments) const {
+    std::filesystem::copy_file(Program(program), folder / program,
+                               std::filesystem::copy_options::overwrite_existing);
+    Words command{folder / program};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    ChildProcess host(folder, command, Environment(), "console.txt");
+    const std::optional<int> exitCode = host.Wait(kLongest);
+    return {exitCode, host.Output()};
+  }
+  Result RunHost(const Words& arguments) const { return Run("update-host", arguments); }
+
+  // Every request that the device has received since the last call.
+  Lines TakeRequests() {
+    const Lines journal = LinesOf(FileContent(folder / "device0/journal.txt"));
+    Lines requests;
+    for (; m_journalLines < journal.size(); ++m_journalLines) {
+      constexpr std::size_t kRequestColumn = 19;
+      const std::string& line = journal[m_journalLines];
+      if (m_journalLines == 0) continue;  // the heading
+      requests.push_back(line.substr(kRequestColumn, line.find("  (") - kRequestColumn));
+    }
+    return WithBlocksCounted(requests);
+  }
+  bool FlashHoldsFirmware() const {
+    const std::string image = FileContent(folder / "image.bin");
+    return !image.empty() && FileContent(folder / "device0/flash.bin") == image;
+  }
+  std::string Log() const { return FileContent(folder / "FirmwareUpdater.log"); }
+
+  std::filesystem::path folder;
+
+ private:
+  static std::string Program(const std::string& name) { return TAVO_BUILD_DIR "/bin/" + name; }
+  Words Environment() const {
+    return {"PATH=/usr/bin:/bin", "LD_LIBRARY_PATH=" TAVO_BUILD_DIR "/substitute",
+            "TAVO_SIMULATORS=" + m_addresses};
+  }
+
+  std::vector<ChildProcess> m_simulators;
+  std::string m_addresses;
+  std::size_t m_journalLines = 0;
+};
+
+}  // namespace tavo::test

@@ -1,0 +1,184 @@
+// The shared library as a host meets it: real processes, a real socket between host and device, and
+// real time, so that a scenario lasts as long as the pauses and answer timeouts in it (seconds to
+// minutes). Each is a test of its own for ctest, which overlaps them. Linux only.
+#include <gtest/gtest.h>
+
+#include "tests/end_to_end/bench.h"
+
+namespace tavo::test {
+namespace {
+
+const Words kUsb{"usb", "", "firmware.hex"};
+const Words kFtdi{"ftdi", "", "19200", "firmware.hex"};
+
+Lines Opening(const std::string& port) {
+  return {"Firmware-Updater", "Firmware: firmware.hex", port, "Start Update", "Preparing Device"};
+}
+const Lines kOverUsb = Opening("USB-Port: 1");
+const Lines kOverFtdi = Opening("FtDI-Port: TAVO0001");
+const Lines kTransfer{
+    "FirmwareUpdater: Check Application Section Size: Device 16384 | Firmware 16384",
+    "Transferring Firmware", "[--------------------] 115 %"};
+const Lines kSuccess{"Firmwareupdate successfull"};
+const Lines kClosingTunnel{"Closing Tunnel"};
+const Lines kGood{"succeeded, last error 0, progress 1.15"};
+const Lines kSilentAtVerification =
+    Lines(kPlainUpdate.begin(), kPlainUpdate.end() - 4) + kStatus + kLeave + kSignOfLife;
+
+// One run of the host program.
+struct HostRun {
+  Words arguments;
+  int exitCode;
+  Lines requests;
+  bool flashed;
+  Lines dialogue;
+};
+
+struct Scenario {
+  const char* name;
+  const char* family;  // also of the firmware
+  Words simulator;     // further options of it
+  std::vector<HostRun> runs;
+};
+
+const Lines kPlainDialogue = kTransfer + kSuccess + kGood;
+const Lines kTunnelDialogue = kTransfer + kClosingTunnel + kSuccess + kGood;
+
+const Scenario kScenarios[] = {
+    {"OverUsb", "plain", {}, {{kUsb, 0, kPlainUpdate, true, kOverUsb + kPlainDialogue}}},
+    {"OverFtdi", "plain", {"--ftdi"}, {{kFtdi, 0, kPlainUpdate, true, kOverFtdi + kPlainDialogue}}},
+    {"OverFtdiWithEcho",
+     "plain",
+     {"--ftdi", "--echo"},
+     {{kFtdi + Words{"--echo"}, 0, kPlainUpdate, true, kOverFtdi + kPlainDialogue}}},
+    {"ThroughATunnelTwiceInOneProcess",
+     "tunnel",
+     {},
+     {{kUsb + Words{"--twice"}, 0, kTunnelUpdate + kTunnelUpdate, true,
+       kOverUsb + kTransfer + kClosingTunnel + kSuccess + kOverUsb + kTunnelDialogue}}},
+    {"ATunnelFoundOpenOnAnotherRoute",
+     "tunnel",
+     {"--open-tunnel", "4,2"},
+     {{kUsb, 0, kAfterOtherTunnel, true, kOverUsb + kClosingTunnel + kTunnelDialogue}}},
+    {"ATunnelFoundOpenOnTheRightRoute",
+     "tunnel",
+     {"--open-tunnel", "4,1"},
+     {{kUsb, 1, kUnreachable, false,
+       kOverUsb + kClosingTunnel +
+           Lines{"Timeout: Bootloader Version Request", "failed, last error 1, progress -1.00"}},
+      {kUsb, 0, kTunnelUpdate, true, kOverUsb + kTunnelDialogue}}},
+    {"UnpluggedForAMomentAtBootloaderEntry",
+     "plain",
+     {"--fault", "unplug:id=0x100:4:1500ms"},
+     {{kUsb, 0, kPlainUpdate, true, kOverUsb + kPlainDialogue}}},
+    {"SilentAtVerification",
+     "plain",
+     {"--fault", "lose:id=0x136:*"},
+     {{kUsb, 1, kSilentAtVerification, true,
+       kOverUsb + kTransfer +
+           Lines{"Timeout: Verify Request", "failed, last error 1, progress 1.15"}}}},
+    {"NoSuchPort",
+     "plain",
+     {},
+     {{{"usb", "3-9", "firmware.hex"},
+       1,
+       {},
+       false,
+       {"Firmware-Updater", "Firmware: firmware.hex", "USB-Port: 3-9", "Port 3-9 isnt found",
+        "failed, last error 0, progress -1.00"}}}},
+};
+
+void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
+
+// Some messages and the space between dialogue and update are empty lines: a matter of looks.
+Lines Dialogue(const Result& result) {
+  Lines lines = DialogueOf(result.console);
+  std::erase(lines, "");
+  return lines;
+}
+
+Lines LogLinesOf(const std::string& text) {
+  Lines lines = LinesOf(text);
+  std::erase_if(lines, [](const std::string& line) { return !IsLogLine(line); });
+  return lines;
+}
+
+class EndToEnd : public testing::TestWithParam<Scenario> {
+ protected:
+  Bench bench;
+};
+
+TEST_P(EndToEnd, RunsAsAPersonAndTheDeviceExpect) {
+  const Scenario& scenario = GetParam();
+  ASSERT_TRUE(bench.MakeFirmware(scenario.family));
+  ASSERT_TRUE(bench.PlugIn(Words{"--family", scenario.family} + scenario.simulator));
+  Lines logged;
+  for (const HostRun& run : scenario.runs) {
+    const Result result = bench.RunHost(run.arguments);
+    EXPECT_EQ(result.exitCode, run.exitCode) << result.console;
+    EXPECT_EQ(Dialogue(result), run.dialogue);
+    EXPECT_EQ(bench.TakeRequests(), run.requests);
+    EXPECT_EQ(bench.FlashHoldsFirmware(), run.flashed);
+    logged = logged + LogLinesOf(result.console);
+  }
+  EXPECT_EQ(LogLinesOf(bench.Log()), logged);
+  EXPECT_TRUE(bench.SwitchOff());
+}
+
+INSTANTIATE_TEST_SUITE_P(Update, EndToEnd, testing::ValuesIn(kScenarios),
+                         [](const auto& row) { return row.param.name; });
+
+TEST(EndToEndListing, NamesUsbDevicesThenAdaptersAndChangesNothing) {
+  Bench bench;
+  ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--port-path", "1-4.2"}));
+  ASSERT_TRUE(bench.PlugIn(
+      {"--family", "plain", "--port-path", "2-3", "--ftdi", "--description", "Tavo adapter"}));
+  ASSERT_TRUE(bench.PlugIn({"--family", "tunnel", "--port-path", "1-1"}));
+  const Result result = bench.RunHost({"list"});
+  EXPECT_EQ(result.exitCode, 0);
+  EXPECT_EQ(result.console,
+            "VID:03eb PID:2404 Port: 4-2\nVID:03eb PID:2404 Port: 1\nTavo adapter\n");
+  EXPECT_EQ(bench.TakeRequests(), Lines());
+  EXPECT_TRUE(bench.SwitchOff());
+}
+
+TEST(EndToEndListing, WithoutADeviceNothingIsListedAndNoUpdateBegins) {
+  const Bench bench;
+  EXPECT_EQ(Dialogue(bench.RunHost({"list"})), Lines());
+  for (const Words& host : {kUsb, kFtdi}) {
+    const Result result = bench.RunHost(host);
+    EXPECT_EQ(result.exitCode, 1);
+    EXPECT_TRUE(
+        result.console.ends_with("No device connected!failed, last error 0, progress -1.00\n"))
+        << result.console;
+  }
+}
+
+TEST(EndToEndStop, AnotherThreadEndsTheUpdateWhileItWrites) {
+  Bench bench;
+  ASSERT_TRUE(bench.MakeFirmware("plain"));
+  ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--block-time", "20"}));
+  const Result result = bench.Run("stopping_host", {"firmware.hex"});
+  EXPECT_EQ(result.exitCode, 0) << result.console;
+  const Lines dialogue = Dialogue(result);
+  ASSERT_GE(dialogue.size(), 2U);
+  EXPECT_EQ(Lines(dialogue.end() - 2, dialogue.end()),
+            (Lines{"Firmwareupdate Error: 15", "returned false, last error 0, stopped midway"}));
+  EXPECT_FALSE(bench.FlashHoldsFirmware());
+  EXPECT_TRUE(bench.SwitchOff());
+}
+
+TEST(EndToEndReadme, ItsExampleUpdatesTheDevice) {
+  Bench bench;
+  ASSERT_TRUE(bench.MakeFirmware("plain"));
+  ASSERT_TRUE(bench.PlugIn({"--family", "plain"}));
+  const Result result = bench.Run("readme_example", {"firmware.hex"});
+  EXPECT_EQ(result.exitCode, 0) << result.console;
+  EXPECT_EQ(Dialogue(result), kOverUsb + kTransfer + kSuccess + Lines{"result: updated"});
+  EXPECT_EQ(bench.TakeRequests(), kPlainUpdate);
+  EXPECT_TRUE(bench.FlashHoldsFirmware());
+  EXPECT_TRUE(bench.SwitchOff());
+}
+
+}  // namespace
+}  // namespace tavo::test
