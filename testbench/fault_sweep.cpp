@@ -11,6 +11,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "testbench/station.h"
 #include "transport/comm_ftdi.h"
@@ -170,6 +171,7 @@ class Bench {
     m_outcome.foreignAnswer = m_foreignAnswer;
     m_outcome.limit = FindLimit();
     CheckResult();
+    if (m_run.fault) CheckStep();
     CheckCode();
     CheckEvidence();
     UpdateAgain();
@@ -278,6 +280,34 @@ class Bench {
     if (m_outcome.succeeded) Promise(updated, "true means that the firmware is in and runs");
     Promise(m_station.link.IsQuiet() && !m_station.link.HasResponse(), "nothing is left pending");
     Promise(m_station.usb.OpenHandles() == 0, "the device is closed again");
+  }
+
+  // A device that falls silent at a request fails the step that sent it, unless that one tolerates it.
+  void CheckStep() {
+    if (!m_run.fault->spec || std::string_view(m_run.fault->spec) != "lose:#+") return;
+    static constexpr std::array<std::pair<const char*, const char*>, 11> kTimeoutOfRequest{{
+        {"0x120", "Timeout: Bootloader Version Request"},
+        {"0x121", "Timeout: Request Prozessor-ID"},
+        {"0x122", "Timeout: Hardware ID Request"},
+        {"0x130", "Timeout: Erase Request"},
+        {"0x132", "Timeout: Application Size Request"},
+        {"0x133", "Timeout: Writing Flash"},
+        {"0x134", "Timeout: Writing Flash"},
+        {"0x136", "Timeout: Verify Request"},
+        {"0x12F", "Timeout: Start Application Request"},
+        {"0x100 00", "Timeout: Wait for Application"},
+        {"0x100 A0", "Timeout: Set Label Request"},
+    }};
+    const std::string request = RequestText(m_run.request);
+    if (request == "0x12F 01") return;
+    for (const auto& [head, text] : kTimeoutOfRequest) {
+      if (!request.starts_with(head)) continue;
+      const Lines dialogue = m_station.Dialogue();
+      const auto first = std::find_if(dialogue.begin(), dialogue.end(), [](const auto& line) {
+        return line.starts_with("Timeout: ") || line.starts_with("Error: ");
+      });
+      Promise(first != dialogue.end() && *first == text, "the failure is that of the step");
+    }
   }
 
   // What the console says last of a failure, and the code that belongs to it.

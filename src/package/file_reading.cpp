@@ -1,12 +1,20 @@
 #include "package/file_reading.h"
 
+#include <sys/stat.h>
+
 #include <new>
 
 namespace tavo {
 namespace {
 
-// The number of bytes in the file, which is then at its start again; 0 also for what has no size
-// that could be read whole, such as a folder.
+// To open a pipe would wait for somebody to write into it.
+bool IsFile(const std::string& path) {
+  struct stat status {};
+  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// The number of bytes in the file, which is then at its start again; 0 also for one too
+// long to be read whole.
 std::size_t RewoundSize(std::FILE* file) {
   if (std::fseek(file, 0, SEEK_END) != 0) return 0;
   const long size = std::ftell(file);
@@ -19,7 +27,7 @@ std::size_t RewoundSize(std::FILE* file) {
 }  // namespace
 
 FileHandle OpenForReading(const std::string& path) {
-  return FileHandle(std::fopen(path.c_str(), "rb"));
+  return FileHandle(IsFile(path) ? std::fopen(path.c_str(), "rb") : nullptr);
 }
 
 std::vector<std::uint8_t> ReadWholeFile(const std::string& path) try {

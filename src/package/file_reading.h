@@ -12,18 +12,20 @@
 
 namespace tavo {
 
-// The most text that one update file is taken to hold, unpacked. A device reports its application
-// size as a 16-bit count of KiB, so that an image is below 64 MiB; written as records of one byte
-// each, 15 characters with the line end, it still stays below this.
-inline constexpr std::size_t kMaxUpdateTextBytes = std::size_t{1} << 30;
+// The most text that one update file is taken to hold, unpacked: as much as the largest application
+// could need. A device reports its application size as a 16-bit count of KiB, and written as records
+// of one byte each an application takes the most characters.
+inline constexpr std::size_t kMaxApplicationBytes = std::size_t{0xFFFF} * 1024;
+inline constexpr std::size_t kMaxTextPerByte = 15 + 1;  // its record with CR LF; address records
+inline constexpr std::size_t kMaxUpdateTextBytes = kMaxApplicationBytes * kMaxTextPerByte;
 
 struct FileCloser {
   void operator()(std::FILE* file) const { std::fclose(file); }
 };
 using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
 
-// Opens `path` for reading bytes, without shutting out other readers and writers. Null when it
-// cannot be opened.
+// Opens the file at `path` for reading bytes, without shutting out other readers and writers. Null
+// when it cannot be opened, and for what is no file, such as a folder or a pipe. Never waits.
 FileHandle OpenForReading(const std::string& path);
 
 // The complete contents of a file; empty when it cannot be opened or read, is longer than

@@ -31,10 +31,14 @@ ZipMembers ReadHexFiles(const std::string& path) {
 }  // namespace
 
 std::vector<FirmwareImage> LoadUpdateFile(std::string path) try {
+  ZipMembers files = ReadHexFiles(path);
   std::vector<FirmwareImage> images;
-  for (const auto& [name, text] : ReadHexFiles(path)) {
+  images.reserve(files.size());
+  for (auto& [name, text] : files) {
     CIntelHexConverter converter;
-    if (converter.Convert(text) != HexResult::Ok) continue;
+    const HexResult result = converter.Convert(text);
+    text = {};  // so that all texts and all images are never in memory together
+    if (result != HexResult::Ok) continue;
     const std::uint32_t startAddress = converter.StartAddress();
     images.push_back({std::move(converter).Data(), startAddress});
   }

@@ -4,8 +4,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
-#include <optional>
+#include <new>
 #include <utility>
 
 #include "miniz.h"
@@ -42,9 +41,22 @@ void* ResizeBlock(void*, void* block, std::size_t items, std::size_t itemSize) {
 
 void FreeBlock(void*, void* block) { std::free(block); }
 
-struct BlockFreer {
-  void operator()(void* block) const { std::free(block); }
+// Takes what miniz unpacks, piece by piece, so that a member costs no more memory than it has bytes.
+struct Unpacked {
+  std::size_t maxSize;
+  std::vector<std::uint8_t> bytes{};
 };
+
+// Returns fewer than `size` to stop the unpacking. miniz is C: nothing may be thrown through it.
+std::size_t TakeBytes(void* opaque, mz_uint64 /*offset*/, const void* data, std::size_t size) try {
+  auto& [maxSize, bytes] = *static_cast<Unpacked*>(opaque);
+  if (size > maxSize - bytes.size()) return 0;
+  const auto* piece = static_cast<const std::uint8_t*>(data);
+  bytes.insert(bytes.end(), piece, piece + size);
+  return size;
+} catch (const std::bad_alloc&) {
+  return 0;
+}
 
 class ZipReader {
  public:
@@ -78,17 +90,12 @@ class ZipReader {
     return name;
   }
 
-  // The bytes of a member of at most `maxSize` bytes.
-  std::optional<std::vector<std::uint8_t>> Extract(mz_uint index, std::size_t maxSize) {
+  // Whether the whole member is now in `unpacked`. If not, it holds what came before the failure.
+  bool Unpack(mz_uint index, Unpacked& unpacked) {
     mz_zip_archive_file_stat status;
-    if (!mz_zip_reader_file_stat(&m_archive, index, &status)) return std::nullopt;
-    if (status.m_uncomp_size > maxSize) return std::nullopt;
-    std::size_t size = 0;
-    const std::unique_ptr<void, BlockFreer> block(
-        mz_zip_reader_extract_to_heap(&m_archive, index, &size, 0));
-    if (block == nullptr) return std::nullopt;
-    const auto* bytes = static_cast<const std::uint8_t*>(block.get());
-    return std::vector<std::uint8_t>(bytes, bytes + size);
+    return mz_zip_reader_file_stat(&m_archive, index, &status) != 0 &&
+           status.m_uncomp_size <= unpacked.maxSize &&
+           mz_zip_reader_extract_to_callback(&m_archive, index, TakeBytes, &unpacked, 0) != 0;
   }
 
  private:
@@ -97,21 +104,36 @@ class ZipReader {
   bool m_isOpen = false;
 };
 
+// What unpacking an archive may still cost, in bytes. Damaged members are not kept, but take their
+// time: without a bound on it, thousands of members that share the same packed bytes and fail at the
+// end would take hours.
+struct Budget {
+  std::size_t kept = kMaxUpdateTextBytes;
+  std::size_t unpacked = 2 * kMaxUpdateTextBytes;
+};
+
+void AddMember(ZipReader& reader, mz_uint index, bool (*wanted)(std::string_view name),
+               Budget& budget, ZipMembers& members) try {
+  std::string name = reader.Name(index);
+  if (reader.IsFolder(index) || !wanted(name)) return;
+  Unpacked unpacked{std::min(budget.kept, budget.unpacked)};
+  const bool whole = reader.Unpack(index, unpacked);
+  budget.unpacked -= unpacked.bytes.size();
+  if (!whole) return;
+  budget.kept -= unpacked.bytes.size();
+  members.insert_or_assign(std::move(name), std::move(unpacked.bytes));
+} catch (const std::bad_alloc&) {
+  // A smaller member may still fit.
+}
+
 }  // namespace
 
 ZipMembers ExtractZipMembers(const std::string& path, bool (*wanted)(std::string_view name)) {
   ZipMembers members;
   ZipReader reader(path);
-  std::size_t bytesLeft = kMaxUpdateTextBytes;
+  Budget budget;
   const mz_uint count = reader.MemberCount();
-  for (mz_uint index = 0; index < count; ++index) {
-    std::string name = reader.Name(index);
-    if (reader.IsFolder(index) || !wanted(name)) continue;
-    auto bytes = reader.Extract(index, bytesLeft);
-    if (!bytes) continue;
-    bytesLeft -= bytes->size();
-    members.insert_or_assign(std::move(name), *std::move(bytes));
-  }
+  for (mz_uint index = 0; index < count; ++index) AddMember(reader, index, wanted, budget, members);
   return members;
 }
 

@@ -16,9 +16,9 @@ using ZipMembers = std::map<std::string, std::vector<std::uint8_t>>;
 
 // Unpacks the members for whose name `wanted` is true; the others cost nothing. Left out are
 // folders, members that are encrypted, packed by an unknown method or damaged, and those that do
-// not fit into memory or into what is left of kMaxUpdateTextBytes for the whole archive. Of two
-// members of one name the later one stays. Empty when the archive cannot be opened. May throw
-// std::bad_alloc.
+// not fit into memory or into what is left of kMaxUpdateTextBytes for the whole archive; unpacking
+// stops there, whatever size the archive claims. Of two members of one name the later one stays.
+// Empty when the archive cannot be opened. Throws nothing.
 ZipMembers ExtractZipMembers(const std::string& path, bool (*wanted)(std::string_view name));
 
 }  // namespace tavo

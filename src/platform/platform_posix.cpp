@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <signal.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -14,6 +16,32 @@ constexpr const char* kOwnExecutable = "/proc/self/exe";
 constexpr std::size_t kFirstPathCapacity = 256;
 // No file system gives longer paths; a kernel that claims so must not make us allocate for ever.
 constexpr std::size_t kMaxPathCapacity = 1 << 20;
+
+// While it lives, writing to a pipe whose reader has gone is an error of this thread and no signal to
+// the process: a host whose output nobody reads any more must not die in the middle of an update.
+class NoSigpipe {
+ public:
+  NoSigpipe() {
+    sigemptyset(&m_sigpipe);
+    sigaddset(&m_sigpipe, SIGPIPE);
+    sigset_t pending;
+    sigpending(&pending);
+    m_wasPending = sigismember(&pending, SIGPIPE) == 1;
+    pthread_sigmask(SIG_BLOCK, &m_sigpipe, &m_oldMask);
+  }
+  NoSigpipe(const NoSigpipe&) = delete;
+  NoSigpipe& operator=(const NoSigpipe&) = delete;
+  ~NoSigpipe() {
+    const timespec noWait{};
+    if (!m_wasPending) sigtimedwait(&m_sigpipe, nullptr, &noWait);
+    pthread_sigmask(SIG_SETMASK, &m_oldMask, nullptr);
+  }
+
+ private:
+  sigset_t m_sigpipe{};
+  sigset_t m_oldMask{};
+  bool m_wasPending = false;
+};
 
 class PosixPlatform final : public Platform {
  public:
@@ -46,12 +74,19 @@ class PosixPlatform final : public Platform {
   }
 
   void Print(std::string_view text) override {
+    const NoSigpipe noSigpipe;
     std::fwrite(text.data(), 1, text.size(), stdout);
     std::fflush(stdout);
   }
 
   std::FILE* OpenFile(const std::string& path, const char* mode) override {
-    return std::fopen(path.c_str(), mode);
+    std::FILE* file = std::fopen(path.c_str(), mode);
+    if (!file || fileno(file) > STDERR_FILENO) return file;
+    // The host has closed a standard stream and the file has taken its number: what is printed would
+    // go into the file.
+    const int descriptor = fcntl(fileno(file), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+    std::fclose(file);
+    return descriptor < 0 ? nullptr : fdopen(descriptor, mode);
   }
 };
 

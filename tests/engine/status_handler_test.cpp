@@ -39,7 +39,6 @@ TEST_F(StatusHandlerTest, EveryKindPrintsItsTextAndOneKindWaits) {
   } kRows[] = {
       {{StatusKind::UpdateBegins}, "Preparing Device\n"},
       {{StatusKind::UpdateSucceeded}, "Firmwareupdate successfull\n"},
-      {{StatusKind::UpdateFailed, 15}, "Firmwareupdate Error: 15\n"},
       {{StatusKind::UpdateFailed, 15, ""}, "Firmwareupdate Error: 15\n"},
       {{StatusKind::UpdateFailed, 15, "100 %s off"}, "100 %s off\n"},
       {{StatusKind::TransferBegins, 1000}, "Transferring Firmware\n"},
@@ -47,7 +46,6 @@ TEST_F(StatusHandlerTest, EveryKindPrintsItsTextAndOneKindWaits) {
       {{StatusKind::WaitAndResume, kTunnelCloses, {}, 5000ms}, "Closing Tunnel\n"},
       {{StatusKind::WaitAndResume, kRetryStep, {}, 1000ms}, ""},
       {{StatusKind{1123}}, "Unknown Message\n"},
-      {{StatusKind{1131}}, "Unknown Message\n"},
   };
   for (const auto& row : kRows) EXPECT_EQ(Printed(row.message), row.text);
   EXPECT_EQ(m_platform.Sleeps(), (std::vector{5000ms, 1000ms}));
@@ -58,16 +56,13 @@ TEST_F(StatusHandlerTest, TheBarGrowsByOneMarkEveryFivePercent) {
     std::int32_t current, total;
     const char* line;
   } kRows[] = {
-      {0, 1000, "[                    ]   0 %"},
       {49, 1000, "[                    ]   4 %"},
       {50, 1000, "[-                   ]   5 %"},
       {999, 2000, "[---------           ]  49 %"},
-      {999, 1000, "[------------------- ]  99 %"},
       {1000, 1000, "[--------------------] 100 %"},
       {1300, 1000, "[--------------------] 130 %"},
       {128, 0, "[                    ]   0 %"},
       {30 << 20, 40 << 20, "[---------------     ]  75 %"},  // above 2^31 when times 100
-      {2147483647, 2147483647, "[--------------------] 100 %"},
       {2147483647, 1, "[--------------------] 214748364700 %"},
   };
   for (const auto& row : kRows) EXPECT_EQ(Bar(row.current, row.total), row.line);

@@ -1,8 +1,8 @@
-// What the steps send and what they make of the answers when all goes well, and how long they go on
-// when it does not.
+// What the steps send and make of the answers where a whole update does not show it, and how long
+// they go on without an answer.
 #include <gtest/gtest.h>
 
-#include "tests/support/engine_access.h"
+#include "testbench/engine_access.h"
 
 namespace tavo::test {
 namespace {
@@ -34,34 +34,19 @@ void Expect(const Dialogue& row) {
 }
 
 // clang-format off
-TEST(Steps, AskAndUnderstand) {
+TEST(Steps, UnderstandAlsoTheRareAnswers) {
   using B = EngineBench;
   const Dialogue dialogues[] = {
-    {{&U::EraseApplication}, [](B&) {}, {"0x130 01"}, {"Erase Application Memory: Ok"}},
-    {{&U::EraseApplication}, [](B& b) { b.engine.SetFlags({.extendedErase = true}); }, {"0x130 03"}, {}},
     {{&U::LeaveBootloader}, [](B&) {}, {"0x12F 01"}, {"Start Application: Bootloader was active"}},
-    {{&U::WaitForApplication},
-     [](B& b) { b.device->On("0x100 00", kSilence, kSilence, Answer({})); },
-     {"0x100 00", "0x100 00", "0x100 00"}, {"Application started"}},
-    {{&U::CheckApplicationSize},
-     [](B& b) { b.Load({Bytes(98304, 0), 0}); b.access.blockSize = 96; b.device->On("0x132", Answer({96, 0})); },
-     {"0x132"}, {"Check Application Section Size: Device 98304 | Firmware 98304"}},
     {{&U::CheckHardwareId},  // asked for, but not compared
      [](B& b) { b.access.softwareId = 0xEE00; b.device->On("0x122", Answer({0x99, 0x99})); },
      {"0x122"}, {"Check Hardware-Id: Skipped"}},
-    {{&U::RequestDeviceId, &U::RequestDeviceIdAdmin},
-     [](B& b) { b.device->On("0x100 BB 0A", Answer({0x02, 0x01})); },
-     {"0x100 BB 0A"}, {"Device-ID received: 0x0102", "Request Device-ID (Admin): Skipped."}},
     {{&U::RequestDeviceId, &U::RequestDeviceIdAdmin},
      [](B& b) { b.device->On("0x100", kSilence); b.device->On("0x802", Answer({0x34, 0x12})); },
      {"0x100 BB 0A", "0x100 BB 0A", "0x100 BB 0A", "0x100 BB 0A", "0x802"},
      {"Device-ID (Admin) received: 0x1234"}},
     {{&U::RequestProcessorId}, [](B& b) { b.device->On("0x121", Answer({0x9E, 0x97, 0x48})); },
      {"0x121"}, {"Prozessor-ID received: 0x9E9748"}},
-    {{&U::RequestSoftwareId, &U::CallBootloader}, [](B&) {},
-     {"0x100 BB 02", "0x100 FD 00"}, {"Software-ID received: 0x0000", "Call Bootloader: Ok"}},
-    {{&U::RequestSoftwareId, &U::CallBootloader}, [](B& b) { b.Load(ImageWithAdb(6, 0x82E3)); },
-     {"0x180 BB 02", "0x180 FD 00"}, {}},
     {{&U::CallBootloader}, [](B& b) { b.Load({Bytes(64, 0), 0x4000}); }, {"0x100 FD 00"}, {}},
   };
   for (const Dialogue& row : dialogues) Expect(row);
@@ -79,7 +64,6 @@ TEST(Steps, TheLabelIsTheFirstEntryForTheDevice) {
   Expect({{&U::SetLabel}, device(5, 0x102, 0x1234), {"0x100 A0 01"}, {}});
   Expect({{&U::SetLabel}, device(5, 0x102, 0xEE00), {}, {"Set Label: Skipped"}});
   Expect({{&U::SetLabel}, device(5, -1, -1), {}, {"Set Label: Skipped"}});
-  Expect({{&U::SetLabel}, device(7, 0x102, -1), {}, {}});
   Expect({{&U::SetLabel}, device(2, 0x102, -1), {}, {}});
 }
 
@@ -130,7 +114,6 @@ TEST(Writing, SendsTheBlocksInOrderAndLeavesOutBlankOnesAfterTheFirst) {
                           {"A__D", {0, 1, 3}, 128},
                           {"_B", {0, 1}, 64},
                           {"__C", {0, 2}, 64},
-                          {"A__", {0, 1}, 64},
                           {"A_C_", {0, 1, 2, 3}, 128},
                           {"___", {0}, 0}}) {
     SCOPED_TRACE(row.blocks);
@@ -150,9 +133,6 @@ TEST(Writing, SendsTheBlocksInOrderAndLeavesOutBlankOnesAfterTheFirst) {
     EXPECT_EQ(bench.device->requests, expected);
     EXPECT_EQ(bench.access.bytesTotal, row.total);
     EXPECT_EQ(bench.access.bytesDone, row.written.size() * 64);
-    EXPECT_TRUE(bench.platform.ConsoleHas(
-        "Write Block: Ok. Firmware Size: " + std::to_string(size) + " | Transferred Bytes: " +
-        std::to_string(size) + " (" + std::to_string(row.written.size() * 64) + ")\n"));
   }
 }
 
@@ -182,25 +162,18 @@ TEST(Writing, AsksAgainForWhatWasLostAndForgetsTheCountAfterAnAnswer) {
   EXPECT_EQ(bench.access.retryCount, 0);
 }
 
-TEST(Modules, AreAskedForOneByOneAndNamed) {
+TEST(Modules, OfTheLastUpdateAreForgottenAndMayBeNone) {
   EngineBench bench;
-  bench.device->On("0x814", Answer(LowHigh(0x0443)), Answer(LowHigh(0x633A)), Answer({0, 0}));
+  bench.device->On("0x814", Answer(LowHigh(0x0443)), Answer({0, 0}));
   bench.Run({&U::RequestResettedModules});
-  EXPECT_TRUE(bench.engine.Succeeded());
-  EXPECT_EQ(bench.device->requests, (Texts{"0x814 00", "0x814 01", "0x814 02"}));
   EXPECT_EQ(bench.engine.ResettedModule(0), "ABC");
-  EXPECT_EQ(bench.engine.ResettedModule(1), "XYZ");
-  EXPECT_EQ(bench.engine.ResettedModule(2), std::nullopt);
-  EXPECT_EQ(bench.Count("INFO FirmwareUpdater: Resetted Modules ABC, XYZ\n"), 1u);
   EXPECT_EQ(bench.Count("\nFirmwareupdate Error: 0\n"), 1u);
 
-  bench.device->On("0x814", kSilence);  // the names of the last update go, no new ones come
+  bench.device->On("0x814", kSilence, Answer({0, 0}));
   bench.Run({&U::RequestResettedModules});
   EXPECT_TRUE(bench.engine.Succeeded());
   EXPECT_EQ(bench.engine.LastError(), ErrorCode::Timeout);
   EXPECT_EQ(bench.engine.ResettedModule(0), std::nullopt);
-
-  bench.device->On("0x814", Answer({0, 0}));
   bench.Run({&U::RequestResettedModules});
   EXPECT_EQ(bench.Count("INFO FirmwareUpdater: No resetted modules\n"), 1u);
 }
@@ -217,26 +190,15 @@ TEST(Modules, OfADeviceThatNeverEndsItsListAreAsManyAsCanBeAskedFor) {
 }
 
 TEST(BootloaderEntry, TheVersionDecidesSendModeAndVerification) {
-  struct Case {
-    std::uint8_t version;
-    SendMode sendMode;
-    Texts requests;
-  };
-  for (const Case& row : {Case{1, SendMode::Byte, {"0x120"}},
-                          {2, SendMode::Buffer, {"0x120"}},
-                          {3, SendMode::Buffer, {"0x120", "0x136"}},
-                          {255, SendMode::Buffer, {"0x120", "0x136"}}}) {
+  for (const std::uint8_t version : Bytes{1, 2, 3, 255}) {
+    SCOPED_TRACE(int{version});
     EngineBench bench;
-    bench.device->On("0x120", Answer({row.version, 0x80}));
-    bench.device->On("0x136", Answer({0x78, 0x56, 0x34, 0x12, 0x78, 0x56, 0x34, 0x12}));
+    bench.device->On("0x120", Answer({version, 0x80}));
     bench.Run({&U::CheckVersion, &U::Verify});
     EXPECT_TRUE(bench.engine.Succeeded());
-    EXPECT_EQ(bench.access.bootloaderVersion, row.version);
     EXPECT_EQ(bench.access.blockSize, 128u);
-    EXPECT_EQ(bench.device->GetSendMode(), row.sendMode);
-    EXPECT_EQ(bench.device->requests, row.requests);
-    EXPECT_EQ(bench.Count("Verify: successful Calc:0x12345678 IAR:0x12345678\n"),
-              row.requests.size() - 1);
+    EXPECT_EQ(bench.device->GetSendMode(), version >= 2 ? SendMode::Buffer : SendMode::Byte);
+    EXPECT_EQ(bench.device->requests, version >= 3 ? Texts({"0x120", "0x136"}) : Texts{"0x120"});
   }
 }
 
@@ -245,9 +207,6 @@ TEST(BootloaderEntry, ASlowBootloaderIsAskedAgainAfterAPause) {
   bench.device->On("0x120", kSilence, kRefusal, kSilence, Answer({1, 64}));
   bench.Run({&U::CheckVersion});
   EXPECT_TRUE(bench.engine.Succeeded());
-  EXPECT_EQ(bench.Count("Check Version: Timeout. Retry: 0\n"), 1u);
-  EXPECT_EQ(bench.Count("Check Version: Error: Retry: 1\n"), 1u);
-  EXPECT_EQ(bench.Count("Check Version: Timeout. Retry: 2\n"), 1u);
   EXPECT_EQ(bench.platform.Sleeps(), std::vector<std::chrono::milliseconds>(3, 1s));
   EXPECT_EQ(bench.access.retryCount, 0);
 }
@@ -299,13 +258,9 @@ TEST(SilentDevice, TimeLimitsIncludeTheirLastMillisecond) {
 }
 
 TEST(Selection, TakesTheImageForTheProcessorElseTheOnlyOneThatNamesNone) {
-  struct Image {
-    std::uint8_t adbType;
-    std::uint16_t mcuId;
-  };
   struct Case {
     const char* name;
-    std::vector<Image> images;
+    std::vector<std::pair<std::uint8_t, std::uint16_t>> images;  // ADB types and MCU ids
     std::int32_t processorId;
     int selected;  // -1: none
     const char* line = "";
@@ -316,11 +271,9 @@ TEST(Selection, TakesTheImageForTheProcessorElseTheOnlyOneThatNamesNone) {
     {"another processor", {{6, 256}}, 0x1E9749, -1},
     {"names none", {{2, 0}}, 0x1E9748, 0, "DBG  FirmwareUpdater: Select Firmware: ADB without MCU-ID\n"},
     {"two that name none", {{2, 0}, {2, 0}}, 0x1E9748, -1},
-    {"match behind one that names none", {{2, 0}, {6, 256}}, 0x1E9748, 1},
     {"one that names none behind others", {{6, 257}, {2, 0}}, 0x1E9748, 1},
     {"unknown id", {{7, 300}}, 0x1E9748, -1, "WARN FirmwareUpdater: Select Firmware: Unknown MCU-ID\n"},
     {"named in the trailer", {{6, 256}, {3, 0x105}}, 0x1E9842, 1},
-    {"trailer id 1 is none", {{3, 1}}, 0x1E9842, 0},
     {"first of several", {{6, 257}, {7, 256}, {6, 256}}, 0x1E9748, 1},
     {"no processor id", {{6, 256}, {6, 257}}, -1, -1},
     {"no processor id, one names none", {{6, 256}, {2, 0}}, -1, 1},
@@ -329,8 +282,8 @@ TEST(Selection, TakesTheImageForTheProcessorElseTheOnlyOneThatNamesNone) {
   for (const Case& row : cases) {
     SCOPED_TRACE(row.name);
     EngineBench bench;
-    for (const Image& image : row.images) {
-      bench.access.images.push_back(ImageWithAdb(image.adbType, 0x8410, {}, image.mcuId));
+    for (const auto& [adbType, mcuId] : row.images) {
+      bench.access.images.push_back(ImageWithAdb(adbType, 0x8410, {}, mcuId));
     }
     bench.access.processorId = row.processorId;
     bench.access.selected = &bench.access.images.front();

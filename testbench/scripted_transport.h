@@ -1,10 +1,6 @@
 // A device that follows a script, one message at a time: no frames, no line. Each request is noted
 // as text and answered by the rule given last whose text it begins with; without a rule the answer
 // is empty. An answer that does not come costs the answer timeout on the virtual clock.
-//
-//   device.On("0x120", kSilence, Answer({3, 128}));  // the last reply repeats
-//   engine.RunSteps(StepPhase::Start);
-//   EXPECT_EQ(device.requests, (Texts{"0x120"}));
 #pragma once
 
 #include <algorithm>
@@ -44,6 +40,7 @@ class ScriptedTransport : public ICommInterface {
   Texts requests;                                     // every one, those refused included
   std::function<void(const std::string&)> onRequest;  // called before the reply is looked up
 
+  // The last reply repeats.
   template <typename... Replies>
   void On(const std::string& beginning, const Replies&... replies) {
     m_rules.push_back({beginning, {replies...}});

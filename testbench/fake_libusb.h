@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <deque>
 #include <map>
-#include <memory>
 #include <string>
 #include <utility>
 #include <vector>
@@ -62,25 +61,21 @@ class FakeLibUsb : public LibUsb {
     return result;
   }
   void Exit(libusb_context* context) override { Release("Exit", context, &contexts); }
-  void SetDebug(libusb_context* context, int level) override {
-    EXPECT_NE(context, nullptr);
+  void SetDebug(libusb_context*, int level) override {
     Record("SetDebug " + std::to_string(level));
   }
 
-  std::ptrdiff_t GetDeviceList(libusb_context* context, libusb_device*** list) override {
-    EXPECT_NE(context, nullptr);
+  std::ptrdiff_t GetDeviceList(libusb_context*, libusb_device*** list) override {
     const int result = Record("GetDeviceList");
     if (result < 0) return result;
-    ++lists;
-    // The devices of an older list stay as they were, as long as somebody holds that list.
-    auto* entries = new std::vector<libusb_device*>;
-    for (const FakeUsbDevice& device : devices) {
-      m_made.push_back(std::make_unique<FakeUsbDevice>(device));
-      entries->push_back(reinterpret_cast<libusb_device*>(m_made.back().get()));
+    EXPECT_EQ(lists++, 0) << "the older list is still held";
+    m_listed = devices;
+    m_entries.clear();
+    for (FakeUsbDevice& device : m_listed) {
+      m_entries.push_back(reinterpret_cast<libusb_device*>(&device));
     }
-    m_lists.emplace_back(entries);
-    entries->push_back(nullptr);
-    *list = entries->data();
+    m_entries.push_back(nullptr);
+    *list = m_entries.data();
     return static_cast<std::ptrdiff_t>(devices.size());
   }
   void FreeDeviceList(libusb_device** list, int unrefDevices) override {
@@ -89,27 +84,26 @@ class FakeLibUsb : public LibUsb {
   }
   int GetDeviceDescriptor(libusb_device* device, libusb_device_descriptor* descriptor) override {
     *descriptor = {};
-    descriptor->idVendor = Made(device).vendor;
-    descriptor->idProduct = Made(device).product;
+    descriptor->idVendor = Listed(device).vendor;
+    descriptor->idProduct = Listed(device).product;
     return 0;
   }
   int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) override {
-    const Bytes& path = Made(device).ports;
-    if (path.size() > static_cast<std::size_t>(capacity)) return LIBUSB_ERROR_OVERFLOW;
+    const Bytes& path = Listed(device).ports;
+    EXPECT_LE(path.size(), static_cast<std::size_t>(capacity));
     std::copy(path.begin(), path.end(), ports);
     return static_cast<int>(path.size());
   }
 
   int Open(libusb_device* device, libusb_device_handle** handle) override {
     std::string path;
-    for (const int port : Made(device).ports) path += " " + std::to_string(port);
+    for (const int port : Listed(device).ports) path += " " + std::to_string(port);
     const int result = Record("Open" + path);
     if (result == 0) *handle = New<libusb_device_handle>(&handles);
     return result;
   }
-  libusb_device_handle* OpenDeviceWithVidPid(libusb_context* context, std::uint16_t vendor,
+  libusb_device_handle* OpenDeviceWithVidPid(libusb_context*, std::uint16_t vendor,
                                              std::uint16_t product) override {
-    EXPECT_NE(context, nullptr);
     EXPECT_EQ(vendor, 0x03EB);
     EXPECT_EQ(product, 0x2404);
     return Record("OpenAny") < 0 ? nullptr : New<libusb_device_handle>(&handles);
@@ -138,16 +132,14 @@ class FakeLibUsb : public LibUsb {
   }
   int BulkTransfer(libusb_device_handle*, unsigned char endpoint, unsigned char* data, int length,
                    int* transferred, unsigned timeoutMs) override {
-    const auto capacity = static_cast<std::size_t>(length);
     if (endpoint == 0x02) return TakeOutput({data, data + length}, transferred, timeoutMs);
     EXPECT_EQ(endpoint, 0x81);
     EXPECT_EQ(timeoutMs, 50u);
-    FakeBulkResult next{LIBUSB_ERROR_TIMEOUT, {}};
-    if (!input.empty()) {
-      next = input.front();
-      input.pop_front();
-    }
-    EXPECT_LE(next.data.size(), capacity);
+    *transferred = 0;
+    if (input.empty()) return LIBUSB_ERROR_TIMEOUT;
+    const FakeBulkResult next = input.front();
+    input.pop_front();
+    EXPECT_LE(std::ssize(next.data), length);
     std::copy(next.data.begin(), next.data.end(), data);
     *transferred = static_cast<int>(next.data.size());
     return next.result;
@@ -173,22 +165,20 @@ class FakeLibUsb : public LibUsb {
     Record(call);
     --*count;
   }
-
   int TakeOutput(const Bytes& data, int* transferred, unsigned timeoutMs) {
     EXPECT_EQ(timeoutMs, 300u);
-    const std::size_t taken = std::min(data.size(), takesPerTransfer);
-    sent.emplace_back(data.begin(), data.begin() + static_cast<std::ptrdiff_t>(taken));
-    *transferred = static_cast<int>(taken);
+    sent.push_back(data);
+    *transferred = static_cast<int>(std::min(data.size(), takesPerTransfer));
     const auto result = results.find("Out " + std::to_string(sent.size()));
     return result == results.end() ? 0 : result->second;
   }
 
-  static const FakeUsbDevice& Made(libusb_device* device) {
+  static const FakeUsbDevice& Listed(libusb_device* device) {
     return *reinterpret_cast<const FakeUsbDevice*>(device);
   }
 
-  std::vector<std::unique_ptr<FakeUsbDevice>> m_made;
-  std::vector<std::unique_ptr<std::vector<libusb_device*>>> m_lists;
+  std::vector<FakeUsbDevice> m_listed;
+  std::vector<libusb_device*> m_entries;
 };
 
 }  // namespace tavo::test

@@ -1,11 +1,5 @@
 // The bench for tests of the engine and its steps: an engine on a virtual clock over a scripted
 // device, and a look at the engine's fields.
-//
-//   EngineBench bench;
-//   bench.Load({Bytes(192, 1), 0x4000});
-//   bench.access.blockSize = 64;
-//   bench.Run({&FirmwareUpdater::WriteBlock});
-//   EXPECT_EQ(bench.device->requests, ...);
 #pragma once
 
 #include <deque>
@@ -16,7 +10,7 @@
 
 #include "engine/firmware_updater.h"
 #include "simulator/firmware_builder.h"
-#include "tests/support/scripted_transport.h"
+#include "testbench/scripted_transport.h"
 
 namespace tavo {
 
@@ -24,7 +18,7 @@ namespace tavo {
 class EngineAccess {
  public:
   explicit EngineAccess(FirmwareUpdater& engine) : m_engine(engine) {
-    statusHandler = &engine.m_status;
+    engine.m_statusHandler = &engine.m_status;
   }
 
   void Await() { m_engine.PollUntilDone(); }
@@ -37,7 +31,6 @@ class EngineAccess {
   FirmwareUpdater& m_engine;
 
  public:
-  StatusHandler*& statusHandler = m_engine.m_statusHandler;
   std::deque<Step>& plan = m_engine.m_plan;
   std::vector<FirmwareImage>& images = m_engine.m_firmwareImages;
   const FirmwareImage*& selected = m_engine.m_selectedFirmware;

@@ -1,0 +1,99 @@
+// The machine itself, as far as a test can see it without waiting or changing it.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iterator>
+#include <string>
+
+#include "log/logger.h"
+#include "platform/platform.h"
+#include "testbench/virtual_platform.h"
+
+namespace tavo::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+// What becomes of a process that does `work` with its standard output closed or on a full disk; its
+// exit code is 0 when it came to the end.
+int ExitStatusWithOutput(const char* output, const std::function<void()>& work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(20);  // blocked means killed
+    close(STDOUT_FILENO);
+    if (output) open(output, O_WRONLY);
+    work();
+    _exit(0);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status;
+}
+
+TEST(PlatformPosix, WithoutAConsoleOnlyTheTextIsLost) {
+  for (const char* output : {static_cast<const char*>(nullptr), "/dev/full"}) {
+    const auto print = [] {
+      for (int line = 0; line < 1000; ++line) SystemPlatform().Print(std::string(100, 'x'));
+    };
+    EXPECT_EQ(ExitStatusWithOutput(output, print), 0) << (output ? output : "closed");
+  }
+}
+
+// This machine's console and files, and a folder for the log.
+class RealConsole : public VirtualPlatform {
+ public:
+  void Print(std::string_view text) override { SystemPlatform().Print(text); }
+  std::FILE* OpenFile(const std::string& path, const char* mode) override {
+    return SystemPlatform().OpenFile(path, mode);
+  }
+};
+
+TEST(PlatformPosix, AReaderThatHasGoneDoesNotEndTheHost) {
+  const auto print = [] {
+    int ends[2];
+    if (pipe(ends) != 0 || dup2(ends[1], STDOUT_FILENO) < 0) _exit(1);
+    close(ends[0]);
+    SystemPlatform().Print("nobody reads this");
+  };
+  EXPECT_EQ(ExitStatusWithOutput("/dev/null", print), 0);
+}
+
+TEST(PlatformPosix, WithoutAConsoleTheLogIsTheSame) {
+  for (const char* output : {static_cast<const char*>(nullptr), "/dev/full"}) {
+    RealConsole platform;
+    const auto write = [&platform] {
+      Logger log(platform);
+      for (int line = 0; line < 3; ++line) log.LogInfo("line");
+    };
+    EXPECT_EQ(ExitStatusWithOutput(output, write), 0);
+    std::ifstream file(platform.Folder() + "FirmwareUpdater.log");
+    const std::string text{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 3) << (output ? output : "closed");
+  }
+}
+
+TEST(PlatformPosix, TellsThisExecutableAndATimeThatPasses) {
+  EXPECT_EQ(SystemPlatform().ExecutablePath(), std::filesystem::canonical("/proc/self/exe"));
+  const auto begin = SystemPlatform().MonotonicNow();
+  SystemPlatform().Sleep(3ms);
+  EXPECT_GE(SystemPlatform().MonotonicNow() - begin, 3ms);
+  auto last = begin;
+  for (int look = 0; look < 10'000; ++look) {
+    const auto now = SystemPlatform().MonotonicNow();
+    ASSERT_GE(now, last);
+    last = now;
+  }
+}
+
+TEST(PlatformPosix, NoFileIsNoFailure) {
+  EXPECT_EQ(SystemPlatform().OpenFile(testing::TempDir() + "tavo_missing/a.log", "a"), nullptr);
+}
+
+}  // namespace
+}  // namespace tavo::test
