@@ -105,6 +105,8 @@ class Device {
 
   // Replaces the faults and counts requests from 1 again.
   void SetFaults(std::vector<Fault> faults);
+  // Ends all faults; the counting goes on.
+  void ClearFaults() { m_faults = FaultPlan(); }
   // The device restarts: answers on their way are lost, the tunnel closes. It comes up in its
   // application when that is intact, unless it is made to stay in its bootloader.
   void PowerCut(SimTime now, bool intoBootloader = false);

@@ -4,6 +4,7 @@
 // work? Prints a table of what ran, and every promise that was broken; exit code 1 if there is one.
 //
 //   fault-sweep [PLAN]     only the plan of that name
+#include <algorithm>
 #include <array>
 #include <cstdio>
 #include <functional>
@@ -30,6 +31,8 @@ struct Plan {
   std::uint16_t openTunnel;
   UpdateFlags flags;
   int updates;  // in a row; the fault comes in the last one
+  DeviceState start = DeviceState::Application;
+  bool intact = true;
 };
 
 constexpr std::array kPlans{
@@ -41,6 +44,8 @@ constexpr std::array kPlans{
     Plan{"type 7", "variant", 0, {}, 1},
     Plan{"old bootloader", "legacy", 0, {}, 1},
     Plan{"two in a row", "plain", 0, {}, 2},
+    Plan{"found in its bootloader", "plain", 0, {}, 1, DeviceState::Bootloader},
+    Plan{"found erased", "plain", 0, {.bootloaderOnly = true}, 1, DeviceState::Bootloader, false},
 };
 
 enum class Interference { None, SendFails, ReceiveFails, Stop };
@@ -127,6 +132,11 @@ constexpr std::array<const char*, 3> kLimitTexts{
     "request is tolerated, and the closing of a tunnel is not awaited",
 };
 
+// Promises that no limit of the protocol excuses.
+constexpr const char* kTimely = "returns within its bound of time";
+constexpr const char* kQuiet = "nothing is left pending";
+constexpr const char* kClosed = "the device is closed again";
+
 struct Outcome {
   bool succeeded = false;
   bool foreignAnswer = false;  // a step took the answer to another request
@@ -161,7 +171,6 @@ class Bench {
     for (int update = 1; update < m_run.plan.updates; ++update) Update(m_run.plan.flags);
     m_station.ForgetRequests();
     m_before = Flash();
-    m_modeBefore = Mode();
     if (m_run.fault) Interfere();
 
     const auto begin = m_station.platform.MonotonicNow();
@@ -184,6 +193,8 @@ class Bench {
     family.applicationKiB = 1;  // a few blocks say as much as many
     DeviceOptions options = tavosim::OptionsFor(family);
     options.openTunnel = plan.openTunnel;
+    options.start = plan.start;
+    options.applicationIntact = plan.intact;
     options.numbersAnswers = true;
     return options;
   }
@@ -227,7 +238,7 @@ class Bench {
   }
 
   void RemoveInterference() {
-    m_station.device.SetFaults({});
+    m_station.device.ClearFaults();
     m_station.usb.failSend = m_station.d2xx.failSend = [] { return false; };
     m_station.usb.failReceive = m_station.d2xx.failReceive = [] { return false; };
     m_station.d2xx.onPoll = [] {};
@@ -275,11 +286,11 @@ class Bench {
   }
 
   void CheckResult() {
-    Promise(m_outcome.took <= kTimeBound, "returns within its bound of time");
+    Promise(m_outcome.took <= kTimeBound, kTimely);
     const bool updated = m_station.FlashHoldsFirmware() && Mode() == DeviceState::Application;
     if (m_outcome.succeeded) Promise(updated, "true means that the firmware is in and runs");
-    Promise(m_station.link.IsQuiet() && !m_station.link.HasResponse(), "nothing is left pending");
-    Promise(m_station.usb.OpenHandles() == 0, "the device is closed again");
+    Promise(m_station.link.IsQuiet() && !m_station.link.HasResponse(), kQuiet);
+    Promise(m_station.usb.OpenHandles() == 0, kClosed);
   }
 
   // A device that falls silent at a request fails the step that sent it, unless that one tolerates it.
@@ -355,11 +366,12 @@ class Bench {
     const bool bootloader = Mode() == DeviceState::Bootloader;
     const bool unchanged = Flash() == m_before;
     switch (claim) {
-      case DeviceCondition::Untouched: return unchanged && Mode() == m_modeBefore;
+      case DeviceCondition::Untouched: return unchanged;
       case DeviceCondition::OldApplicationRuns: return unchanged && application;
       case DeviceCondition::UpdatedAndVerified:
       case DeviceCondition::UpdatedNotVerified:
       case DeviceCondition::RunsIncomplete: return m_station.FlashHoldsFirmware() && application;
+      case DeviceCondition::BootloaderAsFound: return bootloader && unchanged;
       case DeviceCondition::BootloaderFlashIntact: return bootloader && Intact();
       case DeviceCondition::BootloaderFlashErased: return bootloader && !Intact();
       case DeviceCondition::Unknown: return true;
@@ -386,9 +398,13 @@ class Bench {
 
   void UpdateAgain() {
     RemoveInterference();
+    // Two things may cost one update more: a tunnel left open on the right route, which is closed and
+    // not opened again, and an answer still on its way, which may come in one read with that to a
+    // later request; only the first of two is taken.
+    const bool tunnelOpen = m_station.device.OpenTunnel() != 0;
+    const bool answerOnItsWay = m_station.device.NextDue().has_value();
     m_outcome.secondSucceeded = Update(RevivingFlags());
-    // A tunnel left open on the right route is closed and not opened again; then comes a third.
-    if (!m_outcome.secondSucceeded) {
+    if (!m_outcome.secondSucceeded && (tunnelOpen || answerOnItsWay)) {
       m_outcome.thirdNeeded = true;
       m_outcome.secondSucceeded = Update(RevivingFlags());
     }
@@ -400,7 +416,6 @@ class Bench {
   const Run& m_run;
   Station m_station;
   std::vector<std::uint8_t> m_before;
-  DeviceState m_modeBefore = DeviceState::Application;
   bool m_foreignAnswer = false;
   Outcome m_outcome;
 };
@@ -433,7 +448,9 @@ struct Sweep {
     row.second += outcome.secondSucceeded;
     row.third += outcome.thirdNeeded;
     row.longest = std::max(row.longest, outcome.took);
-    if (!outcome.broken.empty() && outcome.limit != Limit::None) {
+    const bool excusable = !outcome.broken.contains(kTimely) && !outcome.broken.contains(kQuiet) &&
+                           !outcome.broken.contains(kClosed);
+    if (!outcome.broken.empty() && excusable && outcome.limit != Limit::None) {
       ++limits[static_cast<std::size_t>(outcome.limit)];
       return;
     }

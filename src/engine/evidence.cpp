@@ -11,14 +11,14 @@ namespace tavo {
 const DeviceCondition Evidence::kConditions[8][4] = {
 #define C DeviceCondition
     //                      Nobody                     Application            Starting                   Bootloader
-    /* NothingAsked     */ {C::Untouched,              C::OldApplicationRuns, C::Unknown,                C::BootloaderFlashIntact},
-    /* BootloaderAsked  */ {C::Unknown,                C::OldApplicationRuns, C::Unknown,                C::BootloaderFlashIntact},
-    /* BootloaderCalled */ {C::Unknown,                C::OldApplicationRuns, C::OldApplicationRuns,     C::BootloaderFlashIntact},
+    /* NothingAsked     */ {C::Untouched,              C::OldApplicationRuns, C::Unknown,                C::BootloaderAsFound},
+    /* BootloaderAsked  */ {C::Unknown,                C::OldApplicationRuns, C::Unknown,                C::BootloaderAsFound},
+    /* BootloaderCalled */ {C::Unknown,                C::OldApplicationRuns, C::Unknown,                C::BootloaderFlashIntact},
     /* EraseAsked       */ {C::Unknown,                C::OldApplicationRuns, C::Unknown,                C::Unknown},
     /* Erased           */ {C::BootloaderFlashErased,  C::Unknown,            C::BootloaderFlashErased,  C::BootloaderFlashErased},
     /* Written          */ {C::Unknown,                C::UpdatedNotVerified, C::Unknown,                C::Unknown},
     /* VerifyFailed     */ {C::BootloaderFlashErased,  C::Unknown,            C::BootloaderFlashErased,  C::BootloaderFlashErased},
-    /* Verified         */ {C::Unknown,                C::RunsIncomplete,     C::RunsIncomplete,         C::BootloaderFlashIntact},
+    /* Verified         */ {C::Unknown,                C::RunsIncomplete,     C::Unknown,                C::BootloaderFlashIntact},
 #undef C
 };
 // clang-format on
@@ -34,13 +34,15 @@ bool Evidence::Reaches(Bearing bearing) const {
     case Bearing::OpensTunnel:
     case Bearing::ClosesTunnel: return false;  // the master's own business
     case Bearing::Identity: return !m_needsTunnel;
-    default: return !m_needsTunnel || m_tunnel != TunnelCondition::Closed;
+    default: return !m_needsTunnel || (m_tunnel != TunnelCondition::Closed && !m_closeAsked);
   }
 }
 
 void Evidence::Sent(Bearing bearing) {
-  if (bearing == Bearing::OpensTunnel) m_tunnel = TunnelCondition::Unknown;
-  if (bearing == Bearing::ClosesTunnel) m_tunnel = TunnelCondition::Closed;
+  if (bearing == Bearing::OpensTunnel || bearing == Bearing::ClosesTunnel) {
+    m_tunnel = TunnelCondition::Unknown;
+    m_closeAsked = bearing == Bearing::ClosesTunnel;
+  }
   if (!Reaches(bearing)) return;
   if (bearing == Bearing::CallsBootloader) {
     m_progress = std::max(m_progress, Progress::BootloaderAsked);
@@ -50,6 +52,7 @@ void Evidence::Sent(Bearing bearing) {
 
 void Evidence::Answered(Bearing bearing) {
   if (bearing == Bearing::OpensTunnel) m_tunnel = TunnelCondition::LeftOpen;
+  if (bearing == Bearing::ClosesTunnel) m_tunnel = TunnelCondition::Closed;
   if (!Reaches(bearing)) return;
   switch (bearing) {
     case Bearing::StartsApplication: m_heard = Heard::Starting; break;
@@ -68,7 +71,6 @@ void Evidence::Answered(Bearing bearing) {
 
 void Evidence::Unanswered(Bearing bearing) {
   if (bearing == Bearing::Modules) m_modulesUnknown = true;
-  if (bearing == Bearing::ClosesTunnel) m_tunnel = TunnelCondition::Unknown;
   if (Reaches(bearing)) m_heard = Heard::Nobody;
 }
 

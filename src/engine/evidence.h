@@ -18,12 +18,13 @@
 namespace tavo {
 
 enum class DeviceCondition {
-  Untouched,              // not heard of, and nothing was asked that changes it
+  Untouched,              // not heard of; its flash was not changed
   OldApplicationRuns,     // its application answers; the firmware was not changed
   UpdatedAndVerified,     // the new firmware is verified and was heard running
   UpdatedNotVerified,     // the new firmware was heard running, but nothing has verified it
   RunsIncomplete,         // the new firmware is verified and was heard; label or modules unknown
-  BootloaderFlashIntact,  // in its bootloader, the flash as it was found or verified
+  BootloaderAsFound,      // in its bootloader, the flash not changed, with or without a firmware
+  BootloaderFlashIntact,  // in its bootloader, with its old firmware or the new one verified
   BootloaderFlashErased,  // in its bootloader, the application erased or partly written
   Unknown,
 };
@@ -96,6 +97,7 @@ class Evidence {
   bool Reaches(Bearing bearing) const;
 
   bool m_needsTunnel = false;
+  bool m_closeAsked = false;  // since the tunnel was opened, whether or not it was answered
   TunnelCondition m_tunnel = TunnelCondition::NotAsked;
   Progress m_progress = Progress::NothingAsked;
   Heard m_heard = Heard::Nobody;

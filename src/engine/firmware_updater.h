@@ -170,7 +170,7 @@ class FirmwareUpdater {
   void CommSendRaw(const std::uint8_t* bytes, std::int32_t length);
   void CommSendEscape();
   void WaitUntilQuiet();
-  void DrainLine();
+  bool DrainLine();
 
   bool TrySend(const Command& command, std::span<const std::uint8_t> arguments = {});
   StepResult Send(const Command& command, std::span<const std::uint8_t> arguments = {});
@@ -182,7 +182,7 @@ class FirmwareUpdater {
   StepResult RequestValue(StepPhase phase, const char* name, const Command& command,
                           std::int32_t& destination, bool failOnTimeout);
 
-  // Parts of single steps
+  // The work of single steps
   StepResult RejectFirmware(const char* text);
   StepResult AcceptBootloader();
   StepResult CompareApplicationSize();

@@ -1,16 +1,16 @@
 #include "package/file_reading.h"
 
-#include <sys/stat.h>
-
+#include <filesystem>
 #include <new>
+#include <system_error>
 
 namespace tavo {
 namespace {
 
 // To open a pipe would wait for somebody to write into it.
 bool IsFile(const std::string& path) {
-  struct stat status {};
-  return stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+  std::error_code ignored;
+  return std::filesystem::is_regular_file(path, ignored);
 }
 
 // The number of bytes in the file, which is then at its start again; 0 also for one too

@@ -45,6 +45,14 @@ class NoSigpipe {
 
 class PosixPlatform final : public Platform {
  public:
+  // A standard stream that the host has closed is given to the null device: otherwise the next
+  // device or file that is opened takes its number, and what is printed goes into that.
+  PosixPlatform() {
+    for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
+      if (fcntl(stream, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDWR));
+    }
+  }
+
   milliseconds MonotonicNow() override {
     return std::chrono::duration_cast<milliseconds>(
         std::chrono::steady_clock::now().time_since_epoch());
@@ -82,11 +90,13 @@ class PosixPlatform final : public Platform {
   std::FILE* OpenFile(const std::string& path, const char* mode) override {
     std::FILE* file = std::fopen(path.c_str(), mode);
     if (!file || fileno(file) > STDERR_FILENO) return file;
-    // The host has closed a standard stream and the file has taken its number: what is printed would
-    // go into the file.
+    // The host has closed a stream since, and the file has taken its number.
     const int descriptor = fcntl(fileno(file), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     std::fclose(file);
-    return descriptor < 0 ? nullptr : fdopen(descriptor, mode);
+    if (descriptor < 0) return nullptr;
+    file = fdopen(descriptor, mode);
+    if (!file) close(descriptor);
+    return file;
   }
 };
 

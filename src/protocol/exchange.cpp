@@ -67,10 +67,12 @@ void FirmwareUpdater::CommSendRaw(const std::uint8_t* bytes, std::int32_t length
   Transport()->SendRawData(bytes, length);
 }
 
-void FirmwareUpdater::DrainLine() {
-  if (!Transport()) return;
-  Transport()->WaitUntilQuiet();
+// True when the request in hand was answered after all.
+bool FirmwareUpdater::DrainLine() {
+  if (!Transport()) return false;
+  const bool answered = Transport()->WaitUntilQuiet();
   Transport()->DiscardInput();
+  return answered;
 }
 
 void FirmwareUpdater::CommSendEscape() {

@@ -93,7 +93,7 @@ StepResult FirmwareUpdater::DeinitTunnel(StepPhase phase) {
       Report({StatusKind::WaitAndResume, kTunnelCloses, {}, kTunnelClosing});
       return StepResult::Wait;
     case StepPhase::Answer:
-      DrainLine();
+      if (DrainLine()) m_evidence.Answered(Bearing::ClosesTunnel);
       m_log.LogInfo("FirmwareUpdater: Deinit Tunnel: Ok.");
       return StepResult::Done;
     case StepPhase::Timeout: return StepResult::Wait;

@@ -153,17 +153,19 @@ void ICommInterface::DiscardInput() {
   }
 }
 
-void ICommInterface::WaitUntilQuiet() {
+bool ICommInterface::WaitUntilQuiet() {
   m_link.DropResponses();
-  if (m_link.IsQuiet()) return;
+  bool answered = false;
+  if (m_link.IsQuiet()) return answered;
   const milliseconds start = m_platform.MonotonicNow();
   while (!m_link.IsQuiet() && m_platform.MonotonicNow() - start < kQuietBound) {
     TavoMessage dropped;
     bool timedOut = false;
-    ReceiveTavoMessage(&dropped, &timedOut);
+    answered |= ReceiveTavoMessage(&dropped, &timedOut) && !timedOut;
   }
   m_link.Reset();
   m_link.DropResponses();
+  return answered;
 }
 
 }  // namespace tavo

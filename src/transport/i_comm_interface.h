@@ -85,8 +85,8 @@ class ICommInterface {
   void DiscardInput();
 
   // Polls until nothing is queued, awaited or half received, and drops what comes; bounded. Returns
-  // at once when the line is quiet already.
-  void WaitUntilQuiet();
+  // at once when the line is quiet already. True when an awaited answer was among what it dropped.
+  bool WaitUntilQuiet();
 
  protected:
   // Counts bytes that will come back, and removes from the front of received data those that did.

@@ -97,7 +97,8 @@ class CommInterfaceTest : public testing::Test {
     return bytes;
   }
 
-  milliseconds TimeFor(void (ICommInterface::*operation)()) {
+  template <typename Result>
+  milliseconds TimeFor(Result (ICommInterface::*operation)()) {
     m_transport.readTakes = 1ms;
     const milliseconds start = m_platform.MonotonicNow();
     (m_transport.*operation)();
