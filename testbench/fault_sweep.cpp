@@ -14,6 +14,7 @@
 #include <string_view>
 #include <utility>
 
+#include "testbench/engine_access.h"
 #include "testbench/station.h"
 #include "transport/comm_ftdi.h"
 #include "transport/comm_win_usb.h"
@@ -141,6 +142,8 @@ struct Outcome {
   bool succeeded = false;
   bool foreignAnswer = false;  // a step took the answer to another request
   bool unknown = false;
+  std::pair<int, int> cell{};  // of the table of evidence that said so
+  std::string truth;           // what was true then
   bool secondSucceeded = false;
   bool thirdNeeded = false;
   std::chrono::milliseconds took{0};
@@ -361,6 +364,12 @@ class Bench {
     Promise(code == static_cast<unsigned>(m_station.engine.LastError()), "code and text agree");
   }
 
+  std::string Truth() {
+    const std::string mode = Mode() == DeviceState::Application ? "application" : "bootloader";
+    if (m_station.FlashHoldsFirmware()) return mode + ", new firmware";
+    return mode + (Flash() == m_before ? ", flash as before" : ", flash incomplete");
+  }
+
   bool Holds(DeviceCondition claim) {
     const bool application = Mode() == DeviceState::Application;
     const bool bootloader = Mode() == DeviceState::Bootloader;
@@ -382,6 +391,8 @@ class Bench {
   void CheckEvidence() {
     const DeviceEvidence evidence = m_station.engine.DeviceState();
     m_outcome.unknown = evidence.device == DeviceCondition::Unknown;
+    m_outcome.cell = EngineAccess::EvidenceCell(m_station.engine);
+    m_outcome.truth = Truth();
     Promise(Holds(evidence.device), "what is said of the device is true (" +
                                         std::to_string(static_cast<int>(evidence.device)) + ")");
     const bool open = m_station.device.OpenTunnel() != 0;
@@ -437,6 +448,7 @@ struct Sweep {
   unsigned runs = 0;
   unsigned broken = 0;
   std::array<unsigned, kLimitTexts.size()> limits{};
+  std::map<std::pair<int, int>, std::map<std::string, unsigned>> openStates;
 
   void Count(const Run& run, const Outcome& outcome) {
     Row& row = rows[run.fault];
@@ -447,6 +459,7 @@ struct Sweep {
     row.unknown += outcome.unknown;
     row.second += outcome.secondSucceeded;
     row.third += outcome.thirdNeeded;
+    if (outcome.unknown) ++openStates[outcome.cell][outcome.truth];
     row.longest = std::max(row.longest, outcome.took);
     const bool excusable = !outcome.broken.contains(kTimely) && !outcome.broken.contains(kQuiet) &&
                            !outcome.broken.contains(kClosed);
@@ -458,6 +471,27 @@ struct Sweep {
       ++broken;
       std::printf("BROKEN %s over %s, request %u, %s: %s\n", run.plan.name,
                   run.usb ? "USB" : "FTDI", run.request, run.fault->name, promise.c_str());
+    }
+  }
+
+  // "Unknown" is only for what is open: after silence each such cell must have met two states. The
+  // others are open because nothing was waited for, or nothing has verified what was written.
+  void PrintUnknown() {
+    static constexpr std::array<const char*, 8> kProgress{
+        "nothing asked", "bootloader asked", "bootloader called", "erase asked",
+        "erased",        "written",          "verify failed",     "verified"};
+    static constexpr std::array<const char*, 4> kHeard{"nobody", "the application",
+                                                       "the start agreed to", "the bootloader"};
+    for (const auto& [cell, states] : openStates) {
+      const auto& [progress, heard] = cell;
+      std::printf("unknown: %s, heard %s:", kProgress.at(static_cast<std::size_t>(progress)),
+                  kHeard.at(static_cast<std::size_t>(heard)));
+      for (const auto& [state, count] : states) std::printf(" %s (%u);", state.c_str(), count);
+      std::printf("\n");
+      if (heard == 0 && states.size() < 2) {
+        ++broken;
+        std::printf("BROKEN unknown was said where the answers leave one state only\n");
+      }
     }
   }
 
@@ -500,6 +534,7 @@ int Main(std::string_view onlyPlan) {
     if (!onlyPlan.empty() && onlyPlan != plan.name) continue;
     for (const bool usb : {true, false}) SweepPlan(plan, usb, sweep);
   }
+  sweep.PrintUnknown();
   sweep.Print();
   return sweep.broken == 0 && sweep.runs > 0 ? 0 : 1;
 }

@@ -76,6 +76,8 @@ class Evidence {
   DeviceEvidence Conclude() const;
 
  private:
+  friend class EngineAccess;  // tests ask which cell of the table a claim comes from
+
   enum class Progress {
     NothingAsked,
     BootloaderAsked,   // and not answered: the device may have been there already
