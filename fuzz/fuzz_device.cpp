@@ -150,8 +150,8 @@ class ScriptedUsb : public LibUsb {
 // The log is written, but nobody keeps it.
 class FuzzPlatform : public test::VirtualPlatform {
  public:
-  std::FILE* OpenFile(const std::string& /*path*/, const char* mode) override {
-    return std::fopen("/dev/null", mode);
+  FileHandle OpenFile(const std::string& /*path*/, const char* mode) override {
+    return FileHandle(std::fopen("/dev/null", mode));
   }
 };
 

@@ -260,7 +260,7 @@ class ForgetfulPlatform : public Platform {
   void Sleep(std::chrono::milliseconds duration) override { m_machine.Advance(duration); }
   std::string ExecutablePath() override { return m_machine.ExecutablePath(); }
   void Print(std::string_view /*text*/) override {}
-  std::FILE* OpenFile(const std::string& path, const char* mode) override {
+  FileHandle OpenFile(const std::string& path, const char* mode) override {
     return m_machine.OpenFile(path, mode);
   }
 

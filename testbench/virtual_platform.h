@@ -71,8 +71,8 @@ class VirtualPlatform : public Platform {
     m_console += text;
   }
 
-  std::FILE* OpenFile(const std::string& path, const char* mode) override {
-    return std::fopen(path.c_str(), mode);
+  FileHandle OpenFile(const std::string& path, const char* mode) override {
+    return FileHandle(std::fopen(path.c_str(), mode));
   }
 
   // Time passes without a sleep.

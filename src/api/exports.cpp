@@ -79,7 +79,7 @@ FIRMWARE_UPDATER_EXPORT void list_devices(void) {
   Guarded(false, [] {
     tavo::ProcessObjects& objects = tavo::ProcessObjects::Instance();
     tavo::ListDevices(objects.link, tavo::SystemPlatform(), objects.log, tavo::SystemLibUsb(),
-                      tavo::SystemD2xx());
+                      *objects.d2xx);
     return true;
   });
 }

@@ -1,11 +1,15 @@
 // The objects that live as long as the library is loaded. Made together on first use, whichever
 // export comes first, so that they also end together and in a fixed order: the engine, then the
-// transport, then the link that transports share, then the log that all of them write to.
+// transport, then the link that transports share, the log that all of them write to, and what is
+// known of adapters.
 #pragma once
+
+#include <memory>
 
 #include "engine/firmware_updater.h"
 #include "engine/transport_holder.h"
 #include "log/logger.h"
+#include "platform/d2xx.h"
 #include "transport/tavo_link.h"
 
 namespace tavo {
@@ -15,6 +19,7 @@ struct ProcessObjects {
 
   static ProcessObjects& Instance();
 
+  const std::unique_ptr<D2xx> d2xx = MakeSystemD2xx();
   Logger log;
   TavoLink link;
   TransportHolder holder;

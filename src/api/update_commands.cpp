@@ -12,9 +12,9 @@ namespace {
 
 constexpr std::uint8_t kFrameFormat = 0;
 
-struct CloseTransport {
+struct EndSession {
   ICommInterface& transport;
-  ~CloseTransport() { transport.Close(); }
+  ~EndSession() { transport.EndSession(); }
 };
 
 // The part that both commands have in common, around the opening of the device.
@@ -35,7 +35,7 @@ bool RunUpdate(const UpdateContext& context, TransportKind kind, const std::stri
   if (!context.holder.SelectTransport(kind)) return false;
   ICommInterface& transport = *context.holder.Transport();
   transport.SetFrameFormat(kFrameFormat);
-  const CloseTransport closing{transport};
+  const EndSession ending{transport};
   if (!open(transport)) return false;
 
   context.platform.Print("\nStart Update\n");

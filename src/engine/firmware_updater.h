@@ -63,6 +63,10 @@ class FirmwareUpdater {
   // The one engine of the process; for the exports only.
   static FirmwareUpdater& Instance();
 
+  // Whether an update runs, or another thread is at this moment about to begin or end one. Never
+  // waits: for the end of the process, when a lock may never be given back.
+  bool IsInUse();
+
   // The right to run an update, held from before the transport is touched until it is closed again.
   // Only one is granted at a time.
   class Run {
@@ -189,6 +193,8 @@ class FirmwareUpdater {
   StepResult CompareHardwareId();
   bool MatchesHardwareId(std::uint16_t hardwareId, const std::vector<std::uint16_t>& accepted);
   std::uint32_t ImageSize() const;
+  // What the image has of the block at `offset`, which lies within it; less at its end.
+  std::span<const std::uint8_t> BlockAt(std::uint32_t offset) const;
   bool IsBlank(std::uint32_t offset) const;
   std::uint32_t NextWriteOffset() const;
   std::uint32_t CountBytesToTransfer() const;

@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdio>
-#include <memory>
 #include <string_view>
 
 namespace tavo {
@@ -25,10 +24,6 @@ std::string Timestamp(const std::tm& time) {
                 time.tm_mon + 1, time.tm_mday, time.tm_hour, time.tm_min, time.tm_sec);
   return text.data();
 }
-
-struct CloseFile {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
 
 }  // namespace
 
@@ -61,7 +56,7 @@ void Logger::WriteLine(LogLevel level, const char* message) {
   const std::lock_guard lock(m_lock);
   const std::string line =
       Timestamp(m_platform.LocalTime()) + " " + Tag(level) + " " + message + "\n";
-  const std::unique_ptr<std::FILE, CloseFile> file(m_platform.OpenFile(path, "a"));
+  const FileHandle file = m_platform.OpenFile(path, "a");
   if (!file) m_platform.Print("Error during open log file \"" + path + "\"\n");
   m_platform.Print(line);
   if (file) std::fwrite(line.data(), 1, line.size(), file.get());

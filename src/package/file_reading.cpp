@@ -1,17 +1,12 @@
 #include "package/file_reading.h"
 
-#include <filesystem>
+#include <cstdio>
 #include <new>
-#include <system_error>
+
+#include "platform/file.h"
 
 namespace tavo {
 namespace {
-
-// To open a pipe would wait for somebody to write into it.
-bool IsFile(const std::string& path) {
-  std::error_code ignored;
-  return std::filesystem::is_regular_file(path, ignored);
-}
 
 // The number of bytes in the file, which is then at its start again; 0 also for one too
 // long to be read whole.
@@ -25,10 +20,6 @@ std::size_t RewoundSize(std::FILE* file) {
 }
 
 }  // namespace
-
-FileHandle OpenForReading(const std::string& path) {
-  return FileHandle(IsFile(path) ? std::fopen(path.c_str(), "rb") : nullptr);
-}
 
 std::vector<std::uint8_t> ReadWholeFile(const std::string& path) try {
   const FileHandle file = OpenForReading(path);

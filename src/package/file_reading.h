@@ -1,12 +1,9 @@
-// Opens and reads the files that an update is made of. Only the update file reader and the ZIP
-// reader use it; both need the file opened in the same way, and their text bounded by the same
-// limit.
+// Reads the text that an update is made of. Only the update file reader and the ZIP reader use it;
+// both need the text bounded by the same limit.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 #include <string>
 #include <vector>
 
@@ -18,15 +15,6 @@ namespace tavo {
 inline constexpr std::size_t kMaxApplicationBytes = std::size_t{0xFFFF} * 1024;
 inline constexpr std::size_t kMaxTextPerByte = 15 + 1;  // its record with CR LF; address records
 inline constexpr std::size_t kMaxUpdateTextBytes = kMaxApplicationBytes * kMaxTextPerByte;
-
-struct FileCloser {
-  void operator()(std::FILE* file) const { std::fclose(file); }
-};
-using FileHandle = std::unique_ptr<std::FILE, FileCloser>;
-
-// Opens the file at `path` for reading bytes, without shutting out other readers and writers. Null
-// when it cannot be opened, and for what is no file, such as a folder or a pipe. Never waits.
-FileHandle OpenForReading(const std::string& path);
 
 // The complete contents of a file; empty when it cannot be opened or read, is longer than
 // kMaxUpdateTextBytes, or does not fit into memory. Throws nothing.

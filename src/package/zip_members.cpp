@@ -9,6 +9,7 @@
 
 #include "miniz.h"
 #include "package/file_reading.h"
+#include "platform/file.h"
 
 namespace tavo {
 namespace {

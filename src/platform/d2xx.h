@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <span>
 
 namespace tavo {
@@ -69,6 +70,6 @@ class D2xx {
 };
 
 // The adapters of the machine this process runs on.
-D2xx& SystemD2xx();
+std::unique_ptr<D2xx> MakeSystemD2xx();
 
 }  // namespace tavo

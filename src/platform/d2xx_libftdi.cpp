@@ -333,9 +333,6 @@ class LibftdiD2xx final : public D2xx {
 
 }  // namespace
 
-D2xx& SystemD2xx() {
-  static LibftdiD2xx adapters;
-  return adapters;
-}
+std::unique_ptr<D2xx> MakeSystemD2xx() { return std::make_unique<LibftdiD2xx>(); }
 
 }  // namespace tavo

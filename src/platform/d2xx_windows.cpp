@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <memory>
 #include <type_traits>
 #include <vector>
 
@@ -12,6 +13,9 @@ namespace {
 constexpr const char* kLibrary = "FTD2XX.dll";
 
 constexpr std::chrono::milliseconds kInputPollPace{1};
+
+// More than any machine has; a library that counts more is not believed.
+constexpr std::uint32_t kMaxAdapters = 1024;
 
 // One adapter as the vendor's library lays it out in memory.
 struct VendorRecord {
@@ -68,7 +72,7 @@ class VendorD2xx final : public D2xx {
     *count = 0;
     if (!m_present) return kD2xxDeviceNotFound;
     const D2xxStatus status = m_vendor.createDeviceInfoList(count);
-    m_listed = status == kD2xxOk ? *count : 0;
+    m_listed = status == kD2xxOk && *count <= kMaxAdapters ? *count : 0;
     return status;
   }
 
@@ -148,9 +152,6 @@ class VendorD2xx final : public D2xx {
 
 }  // namespace
 
-D2xx& SystemD2xx() {
-  static VendorD2xx adapters;
-  return adapters;
-}
+std::unique_ptr<D2xx> MakeSystemD2xx() { return std::make_unique<VendorD2xx>(); }
 
 }  // namespace tavo

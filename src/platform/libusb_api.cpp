@@ -1,5 +1,7 @@
 #include "platform/libusb_api.h"
 
+#include "platform/undying.h"
+
 namespace tavo {
 namespace {
 
@@ -79,8 +81,8 @@ class RealLibUsb final : public LibUsb {
 }  // namespace
 
 LibUsb& SystemLibUsb() {
-  static RealLibUsb library;
-  return library;
+  static Undying<RealLibUsb> library;
+  return library.object;
 }
 
 }  // namespace tavo

@@ -7,10 +7,11 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <ctime>
 #include <string>
 #include <string_view>
+
+#include "platform/file.h"
 
 namespace tavo {
 
@@ -41,7 +42,7 @@ class Platform {
   virtual void Print(std::string_view text) = 0;
 
   // Opens a file as std::fopen does; `path` is UTF-8. Null when it cannot be opened.
-  virtual std::FILE* OpenFile(const std::string& path, const char* mode) = 0;
+  virtual FileHandle OpenFile(const std::string& path, const char* mode) = 0;
 };
 
 // The machine this process runs on.

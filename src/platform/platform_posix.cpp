@@ -1,11 +1,14 @@
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <thread>
+#include <utility>
 
 #include "platform/platform.h"
+#include "platform/undying.h"
 
 namespace tavo {
 namespace {
@@ -42,6 +45,14 @@ class NoSigpipe {
   sigset_t m_oldMask{};
   bool m_wasPending = false;
 };
+
+// Takes the descriptor over; null for none.
+FileHandle AsFile(int descriptor, const char* mode) {
+  if (descriptor < 0) return nullptr;
+  FileHandle file(fdopen(descriptor, mode));
+  if (!file) close(descriptor);
+  return file;
+}
 
 class PosixPlatform final : public Platform {
  public:
@@ -87,24 +98,27 @@ class PosixPlatform final : public Platform {
     std::fflush(stdout);
   }
 
-  std::FILE* OpenFile(const std::string& path, const char* mode) override {
-    std::FILE* file = std::fopen(path.c_str(), mode);
-    if (!file || fileno(file) > STDERR_FILENO) return file;
+  FileHandle OpenFile(const std::string& path, const char* mode) override {
+    FileHandle file(std::fopen(path.c_str(), mode));
+    if (!file || fileno(file.get()) > STDERR_FILENO) return file;
     // The host has closed a stream since, and the file has taken its number.
-    const int descriptor = fcntl(fileno(file), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-    std::fclose(file);
-    if (descriptor < 0) return nullptr;
-    file = fdopen(descriptor, mode);
-    if (!file) close(descriptor);
-    return file;
+    return AsFile(fcntl(fileno(file.get()), F_DUPFD_CLOEXEC, STDERR_FILENO + 1), mode);
   }
 };
 
 }  // namespace
 
 Platform& SystemPlatform() {
-  static PosixPlatform platform;
-  return platform;
+  static Undying<PosixPlatform> platform;
+  return platform.object;
+}
+
+FileHandle OpenForReading(const std::string& path) {
+  // Without O_NONBLOCK opening a pipe waits for somebody to write into it.
+  FileHandle file = AsFile(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC), "rb");
+  struct stat status {};
+  if (!file || fstat(fileno(file.get()), &status) != 0) return nullptr;
+  return S_ISREG(status.st_mode) ? std::move(file) : nullptr;
 }
 
 }  // namespace tavo

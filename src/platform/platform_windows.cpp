@@ -1,3 +1,5 @@
+#include <fcntl.h>
+#include <io.h>
 #include <windows.h>
 
 #include <algorithm>
@@ -5,6 +7,7 @@
 
 #include "platform/dynamic_library.h"
 #include "platform/platform.h"
+#include "platform/undying.h"
 
 namespace tavo {
 namespace {
@@ -90,16 +93,34 @@ class WindowsPlatform final : public Platform {
     }
   }
 
-  std::FILE* OpenFile(const std::string& path, const char* mode) override {
-    return _wfopen(WidenPath(path).c_str(), WidenPath(mode).c_str());
+  FileHandle OpenFile(const std::string& path, const char* mode) override {
+    return FileHandle(_wfopen(WidenPath(path).c_str(), WidenPath(mode).c_str()));
   }
 };
 
 }  // namespace
 
 Platform& SystemPlatform() {
-  static WindowsPlatform platform;
-  return platform;
+  static Undying<WindowsPlatform> platform;
+  return platform.object;
+}
+
+FileHandle OpenForReading(const std::string& path) {
+  const HANDLE handle = CreateFileW(WidenPath(path).c_str(), GENERIC_READ,
+                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                    OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
+  if (handle == INVALID_HANDLE_VALUE) return nullptr;
+  // A folder has not been opened; pipes and consoles, which may make a reader wait, have.
+  const int descriptor = GetFileType(handle) == FILE_TYPE_DISK
+                             ? _open_osfhandle(reinterpret_cast<std::intptr_t>(handle), _O_RDONLY)
+                             : -1;
+  if (descriptor < 0) {
+    CloseHandle(handle);
+    return nullptr;
+  }
+  FileHandle file(_fdopen(descriptor, "rb"));
+  if (!file) _close(descriptor);
+  return file;
 }
 
 AnyFunction FindLibraryFunction(const char* library, const char* function) {

@@ -103,9 +103,7 @@ StepResult FirmwareUpdater::SendBlock() {
   // Pads a block that reaches past the end of the image with what the erase left there.
   std::array<std::uint8_t, kMaxBlockSize> block;
   block.fill(kErased);
-  const std::vector<std::uint8_t>& data = SelectedFirmware().data;
-  const std::size_t length = std::min<std::size_t>(m_blockSize, data.size() - m_writeOffset);
-  std::copy_n(data.begin() + m_writeOffset, length, block.begin());
+  std::ranges::copy(BlockAt(m_writeOffset), block.begin());
   if (NextWriteOffset() >= ImageSize()) m_evidence.LastBlockSent();
   return Send(kWriteFlash, std::span(block).first(m_blockSize));
 }
@@ -129,11 +127,13 @@ std::uint32_t FirmwareUpdater::ImageSize() const {
   return static_cast<std::uint32_t>(SelectedFirmware().data.size());
 }
 
+std::span<const std::uint8_t> FirmwareUpdater::BlockAt(std::uint32_t offset) const {
+  const std::span<const std::uint8_t> rest = std::span(SelectedFirmware().data).subspan(offset);
+  return rest.first(std::min<std::size_t>(m_blockSize, rest.size()));
+}
+
 bool FirmwareUpdater::IsBlank(std::uint32_t offset) const {
-  const std::vector<std::uint8_t>& data = SelectedFirmware().data;
-  const std::size_t end = std::min<std::size_t>(offset + std::size_t{m_blockSize}, data.size());
-  return std::all_of(data.begin() + offset, data.begin() + static_cast<std::ptrdiff_t>(end),
-                     [](std::uint8_t byte) { return byte == kErased; });
+  return std::ranges::all_of(BlockAt(offset), [](std::uint8_t byte) { return byte == kErased; });
 }
 
 std::uint32_t FirmwareUpdater::CountBytesToTransfer() const {

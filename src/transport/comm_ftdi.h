@@ -1,7 +1,7 @@
 // The transport for devices reached through an FTDI USB-serial adapter, driven through the adapter
 // vendor's D2XX library. Adapters are named by their serial number and opened by their index.
 //
-//   CCommFTDI ftdi(link, SystemPlatform(), log, SystemD2xx());
+//   CCommFTDI ftdi(link, SystemPlatform(), log, adapters);
 //   ftdi.SetLineSettings({.baudRate = 57600});
 //   ftdi.SetEcho(true);
 //   if (ftdi.Open(ftdi.EnumerateDevices()->front().deviceRef)) ftdi.SendRawData(bytes, length);

@@ -50,16 +50,26 @@ std::string Describe(const libusb_device_descriptor& descriptor, const std::stri
 
 CCommWinUSB::CCommWinUSB(TavoLink& link, Platform& platform, Logger& log, LibUsb& usb)
     : ICommInterface(link, platform, log), m_usb(usb) {
+  StartSession();
+}
+
+CCommWinUSB::~CCommWinUSB() { CCommWinUSB::EndSession(); }
+
+void CCommWinUSB::StartSession() {
+  if (m_inSession) return;
+  m_inSession = true;
   const int result = m_usb.Init(&m_context);
   if (result >= 0) return;
   m_context = nullptr;
   m_log.LogInfo("CCommWinUSB: Error initializing libusb: %s", m_usb.ErrorName(result));
 }
 
-CCommWinUSB::~CCommWinUSB() {
-  ReleaseHandle();
+void CCommWinUSB::EndSession() {
+  CCommWinUSB::Close();
   FreeDeviceList();
   if (m_context != nullptr) m_usb.Exit(m_context);
+  m_context = nullptr;
+  m_inSession = false;
 }
 
 bool CCommWinUSB::HasContext() {
@@ -77,6 +87,7 @@ void CCommWinUSB::FreeDeviceList() {
 }
 
 std::vector<CCommDevDesc>* CCommWinUSB::EnumerateDevices() {
+  StartSession();
   FreeDeviceList();
   const std::ptrdiff_t count =
       m_context == nullptr ? 0 : m_usb.GetDeviceList(m_context, &m_deviceList);
@@ -119,6 +130,7 @@ const CCommDevDesc* CCommWinUSB::FindPort(const std::string& name) const {
 // --- opening and closing ---
 
 bool CCommWinUSB::Open(std::uint32_t deviceRef) {
+  StartSession();
   m_isOpen = HasContext() && (m_handle != nullptr || OpenDevice(deviceRef));
   return m_isOpen;
 }

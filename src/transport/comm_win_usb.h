@@ -20,8 +20,8 @@ namespace tavo {
 
 class CCommWinUSB : public ICommInterface {
  public:
-  // Without a libusb context, which the log then tells, nothing is ever found or opened. `usb` must
-  // outlive the transport.
+  // Begins a session: makes the libusb context. Without one, which the log then tells, nothing is
+  // found or opened until the next session. `usb` must outlive the transport.
   CCommWinUSB(TavoLink& link, Platform& platform, Logger& log, LibUsb& usb);
   ~CCommWinUSB() override;
 
@@ -41,6 +41,10 @@ class CCommWinUSB : public ICommInterface {
   // Closes and opens again: the port that was last opened by name if there is one, else any device.
   bool Reconnect() override;
 
+  // Ends the libusb context too, and with it the thread that libusb runs on some systems. That thread
+  // cannot end any more while the library is being unloaded, and ending the context waits for it.
+  void EndSession() override;
+
   // False when no device is open or a transfer failed; each has the send timeout.
   bool SendRawData(const std::uint8_t* data, std::int32_t length) override;
 
@@ -49,6 +53,7 @@ class CCommWinUSB : public ICommInterface {
   bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) override;
 
  private:
+  void StartSession();
   bool HasContext();
   bool IsUsable(const void* data) const;
   void FreeDeviceList();
@@ -70,6 +75,7 @@ class CCommWinUSB : public ICommInterface {
   LibUsb& m_usb;
   libusb_device_handle* m_handle = nullptr;
   libusb_context* m_context = nullptr;
+  bool m_inSession = false;                // m_context has been made, or could not be
   libusb_device** m_deviceList = nullptr;  // held so that device references stay valid
   std::size_t m_deviceCount = 0;
   std::vector<CCommDevDesc> m_devices;

@@ -59,6 +59,10 @@ class ICommInterface {
   virtual void SetFrameFormat(std::uint8_t format) { m_link.SetFrameFormat(format); }
   virtual std::uint32_t GetFrameFormat() { return m_link.GetFrameFormat(); }
 
+  // Closes the device and gives back everything else that the transport holds of the system. It is
+  // taken again by the next enumeration or opening.
+  virtual void EndSession() { Close(); }
+
   // Queues one request and hands its frame to the line. `sender` is a token of the requester, not
   // 0; `channel` must be 0; `data` may be null (all zero); `length` is 0..128. True when the
   // request was accepted and its bytes were handed over. After a failed hand-over the request stays

@@ -17,7 +17,7 @@ using namespace std::chrono_literals;
 
 std::string Contents(const std::string& path) {
   std::ostringstream contents;
-  contents << std::ifstream(path, std::ios::binary).rdbuf();
+  contents << std::ifstream(path).rdbuf();
   return contents.str();
 }
 

@@ -49,7 +49,7 @@ TEST(PlatformPosix, WithoutAConsoleOnlyTheTextIsLost) {
 class RealConsole : public VirtualPlatform {
  public:
   void Print(std::string_view text) override { SystemPlatform().Print(text); }
-  std::FILE* OpenFile(const std::string& path, const char* mode) override {
+  FileHandle OpenFile(const std::string& path, const char* mode) override {
     return SystemPlatform().OpenFile(path, mode);
   }
 };

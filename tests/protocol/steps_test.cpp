@@ -124,7 +124,8 @@ TEST(Writing, SendsTheBlocksInOrderAndLeavesOutBlankOnesAfterTheFirst) {
     EXPECT_TRUE(bench.engine.Succeeded());
     Texts expected;
     for (const std::uint32_t block : row.written) {
-      const auto begin = bench.access.selected->data.begin() + block * 64;
+      const auto begin =
+          bench.access.selected->data.begin() + static_cast<std::ptrdiff_t>(block * 64);
       expected.push_back(Positioning(0x4000 + block * 64));
       expected.push_back(ScriptedTransport::Text(0x134, Bytes(begin, begin + 64)));
     }

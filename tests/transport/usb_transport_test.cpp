@@ -92,6 +92,20 @@ TEST_F(UsbTransportTest, OpensStepByStep) {
   EXPECT_EQ(m_usb.TakeCalls(), Calls{"Close"});
 }
 
+TEST_F(UsbTransportTest, AfterASessionTheNextUseBeginsAnother) {
+  EXPECT_TRUE(Transport().OpenPort("2"));
+  m_usb.TakeCalls();
+  for (int twice = 0; twice < 2; ++twice) Transport().EndSession();
+  EXPECT_EQ(m_usb.TakeCalls(), (Calls{"Close", "FreeDeviceList", "Exit"}));
+  EXPECT_FALSE(Transport().IsOpen());
+
+  EXPECT_TRUE(Transport().OpenPort("2"));
+  EXPECT_EQ(m_usb.TakeCalls(), (Calls{"Init", "GetDeviceList", "SetDebug 0", "Open 2"} + kSetUp));
+  Transport().EndSession();
+  EXPECT_TRUE(Transport().Open(0));
+  EXPECT_EQ(m_usb.calls.at(3), "Init");
+}
+
 TEST_F(UsbTransportTest, TakesTheDataInterfaceFromADriverThatIsOrMayBeAttached) {
   m_usb.results["ClaimInterface 0"] = LIBUSB_ERROR_BUSY;
   for (const int active : {1, int{LIBUSB_ERROR_NOT_SUPPORTED}}) {
