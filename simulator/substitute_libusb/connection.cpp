@@ -1,11 +1,7 @@
 #include "simulator/substitute_libusb/connection.h"
 
-#include <arpa/inet.h>
-#include <poll.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -20,8 +16,9 @@ constexpr auto kPatience = std::chrono::milliseconds(500);
 
 std::optional<Address> ParseAddress(const std::string& text) {
   const std::size_t colon = std::min(text.find(':'), text.size());
-  Address address{.port = kDefaultPort};
-  if (inet_pton(AF_INET, text.substr(0, colon).c_str(), &address.ip) != 1) return std::nullopt;
+  const std::optional<std::uint32_t> ip = ParseIp(text.substr(0, colon));
+  if (!ip) return std::nullopt;
+  Address address{.ip = *ip, .port = kDefaultPort};
   if (colon == text.size()) return address;
   const char* const end = text.data() + text.size();
   const auto [next, error] = std::from_chars(text.data() + colon + 1, end, address.port);
@@ -98,19 +95,19 @@ Connection::ImportOutcome Connection::Import(const Address& address, const Devic
 
 void Connection::Close() {
   if (!m_socket) return;
-  shutdown(m_socket.Fd(), SHUT_WR);
+  FinishSending(m_socket);
   const auto deadline = Clock::now() + kPatience;
-  while (Receive() && WaitFor(POLLIN, deadline)) m_input.clear();
+  while (Receive() && WaitFor(Readiness::Input, deadline)) m_input.clear();
   m_socket = Socket();
 }
 
 bool Connection::Send(ByteView bytes) {
   const auto deadline = Clock::now() + kPatience;
   while (!bytes.empty()) {
-    const ssize_t sent = send(m_socket.Fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
-    if (sent > 0) bytes = bytes.subspan(static_cast<std::size_t>(sent));
-    if (sent < 0 && errno != EAGAIN && errno != EINTR) return false;
-    if (!bytes.empty() && !WaitFor(POLLOUT, deadline)) return false;
+    const auto sent = SendSome(m_socket, bytes);
+    if (!sent) return false;
+    bytes = bytes.subspan(*sent);
+    if (!bytes.empty() && !WaitFor(Readiness::Room, deadline)) return false;
   }
   return true;
 }
@@ -118,11 +115,11 @@ bool Connection::Send(ByteView bytes) {
 bool Connection::Receive() {
   std::array<std::uint8_t, 16 * 1024> chunk;
   while (m_input.size() < 2 * kMaxTransferSize) {
-    const ssize_t got = recv(m_socket.Fd(), chunk.data(), chunk.size(), 0);
-    if (got < 0 && (errno == EAGAIN || errno == EINTR)) return true;
-    if (got <= 0) return false;
-    m_input.insert(m_input.end(), chunk.begin(), chunk.begin() + got);
-    if (static_cast<std::size_t>(got) < chunk.size()) return true;
+    const auto got = ReceiveSome(m_socket, chunk);
+    if (!got) return false;
+    const ByteView arrived = ByteView(chunk).first(*got);
+    m_input.insert(m_input.end(), arrived.begin(), arrived.end());
+    if (*got < chunk.size()) return true;
   }
   return true;
 }
@@ -132,23 +129,15 @@ void Connection::Consume(std::size_t size) {
 }
 
 bool Connection::Connect(const Address& address, Clock::time_point deadline) {
-  m_socket = Socket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-  if (!m_socket) return false;
-  MakeInteractive(m_socket.Fd());
-  const sockaddr_in peer = SocketAddress(address.ip, address.port);
-  if (connect(m_socket.Fd(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0)
-    return true;
-  if (errno != EINPROGRESS || !WaitFor(POLLOUT, deadline)) return false;
-  int error = 0;
-  socklen_t size = sizeof error;
-  return getsockopt(m_socket.Fd(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+  m_socket = ConnectTo(address.ip, address.port, deadline - Clock::now());
+  return static_cast<bool>(m_socket);
 }
 
 // The next `size` bytes; none when they do not arrive before the deadline.
 std::optional<Bytes> Connection::Await(std::size_t size, Clock::time_point deadline) {
   bool alive = true;
   while (m_input.size() < size) {
-    if (!alive || !WaitFor(POLLIN, deadline)) return std::nullopt;
+    if (!alive || !WaitFor(Readiness::Input, deadline)) return std::nullopt;
     alive = Receive();
   }
   const auto end = m_input.begin() + static_cast<std::ptrdiff_t>(size);
@@ -157,12 +146,10 @@ std::optional<Bytes> Connection::Await(std::size_t size, Clock::time_point deadl
   return bytes;
 }
 
-bool Connection::WaitFor(short events, Clock::time_point deadline) {
-  pollfd entry{m_socket.Fd(), events, 0};
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - Clock::now()).count();
-  if (left <= 0) return false;
-  const int ready = poll(&entry, 1, static_cast<int>(left));
-  return ready > 0 || (ready < 0 && errno == EINTR);
+bool Connection::WaitFor(Readiness what, Clock::time_point deadline) {
+  const auto left = deadline - Clock::now();
+  const SocketFd fd = m_socket.Fd();
+  return left > Clock::duration::zero() && WaitUntilReady({&fd, 1}, what, left);
 }
 
 }  // namespace tavosim::substitute

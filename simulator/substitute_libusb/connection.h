@@ -52,7 +52,7 @@ class Connection {
   // Lets go of the device and waits, half a second at most, until the simulator knows.
   void Close();
 
-  int Fd() const { return m_socket.Fd(); }
+  usbip::SocketFd Fd() const { return m_socket.Fd(); }
 
   // False when the connection is lost, or takes nothing for half a second.
   bool Send(ByteView bytes);
@@ -67,7 +67,7 @@ class Connection {
 
   bool Connect(const Address& address, Clock::time_point deadline);
   std::optional<Bytes> Await(std::size_t size, Clock::time_point deadline);
-  bool WaitFor(short events, Clock::time_point deadline);
+  bool WaitFor(usbip::Readiness what, Clock::time_point deadline);
 
   usbip::Socket m_socket;
   Bytes m_input;

@@ -38,7 +38,7 @@ libusb_context* tavosim::substitute::Resolve(libusb_context* context) {
   return context != nullptr ? context : g_defaultContext;
 }
 
-int libusb_init(libusb_context** context) {
+int LIBUSB_CALL libusb_init(libusb_context** context) {
   if (context == nullptr && g_defaultContext != nullptr) {
     ++g_defaultContext->references;
     return LIBUSB_SUCCESS;
@@ -48,7 +48,7 @@ int libusb_init(libusb_context** context) {
   return LIBUSB_SUCCESS;
 }
 
-void libusb_exit(libusb_context* context) {
+void LIBUSB_CALL libusb_exit(libusb_context* context) {
   context = Resolve(context);
   if (context == nullptr || --context->references > 0) return;
   // What the program has not given back stays valid for giving back.
@@ -57,11 +57,11 @@ void libusb_exit(libusb_context* context) {
   delete context;
 }
 
-void libusb_set_debug(libusb_context*, int) {}  // it never logs
+void LIBUSB_CALL libusb_set_debug(libusb_context*, int) {}  // it never logs
 
-int libusb_set_option(libusb_context*, libusb_option, ...) { return LIBUSB_SUCCESS; }
+int LIBUSB_CALL libusb_set_option(libusb_context*, libusb_option, ...) { return LIBUSB_SUCCESS; }
 
-ssize_t libusb_get_device_list(libusb_context* context, libusb_device*** list) {
+ssize_t LIBUSB_CALL libusb_get_device_list(libusb_context* context, libusb_device*** list) {
   context = Resolve(context);
   if (context == nullptr || list == nullptr) return LIBUSB_ERROR_INVALID_PARAM;
   std::vector<libusb_device*> devices;
@@ -72,29 +72,33 @@ ssize_t libusb_get_device_list(libusb_context* context, libusb_device*** list) {
   return static_cast<ssize_t>(devices.size());
 }
 
-void libusb_free_device_list(libusb_device** list, int unrefDevices) {
+void LIBUSB_CALL libusb_free_device_list(libusb_device** list, int unrefDevices) {
   if (list == nullptr) return;
   for (libusb_device** entry = list; unrefDevices != 0 && *entry != nullptr; ++entry)
     libusb_unref_device(*entry);
   delete[] list;
 }
 
-libusb_device* libusb_ref_device(libusb_device* device) {
+libusb_device* LIBUSB_CALL libusb_ref_device(libusb_device* device) {
   ++device->references;
   return device;
 }
 
-void libusb_unref_device(libusb_device* device) {
+void LIBUSB_CALL libusb_unref_device(libusb_device* device) {
   if (device == nullptr || --device->references > 0) return;
   if (device->context != nullptr) std::erase(device->context->devices, device);
   delete device;
 }
 
-std::uint8_t libusb_get_bus_number(libusb_device* device) { return device->place.front(); }
+std::uint8_t LIBUSB_CALL libusb_get_bus_number(libusb_device* device) {
+  return device->place.front();
+}
 
-std::uint8_t libusb_get_port_number(libusb_device* device) { return device->place.back(); }
+std::uint8_t LIBUSB_CALL libusb_get_port_number(libusb_device* device) {
+  return device->place.back();
+}
 
-int libusb_get_port_numbers(libusb_device* device, std::uint8_t* ports, int capacity) {
+int LIBUSB_CALL libusb_get_port_numbers(libusb_device* device, std::uint8_t* ports, int capacity) {
   const std::size_t count = device->place.size() - 1;
   if (capacity <= 0 || ports == nullptr) return LIBUSB_ERROR_INVALID_PARAM;
   if (count > static_cast<std::size_t>(capacity)) return LIBUSB_ERROR_OVERFLOW;
@@ -102,10 +106,12 @@ int libusb_get_port_numbers(libusb_device* device, std::uint8_t* ports, int capa
   return static_cast<int>(count);
 }
 
-libusb_device* libusb_get_parent(libusb_device*) { return nullptr; }  // hubs are not simulated
+libusb_device* LIBUSB_CALL libusb_get_parent(libusb_device*) {
+  return nullptr;
+}  // hubs are not simulated
 
-std::uint8_t libusb_get_device_address(libusb_device* device) {
+std::uint8_t LIBUSB_CALL libusb_get_device_address(libusb_device* device) {
   return static_cast<std::uint8_t>(device->view.record.deviceNumber);
 }
 
-int libusb_get_device_speed(libusb_device*) { return LIBUSB_SPEED_FULL; }
+int LIBUSB_CALL libusb_get_device_speed(libusb_device*) { return LIBUSB_SPEED_FULL; }

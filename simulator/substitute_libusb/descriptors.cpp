@@ -150,7 +150,8 @@ bool tavosim::substitute::HasInterface(const libusb_device& device, int interfac
   return found;
 }
 
-int libusb_get_device_descriptor(libusb_device* device, libusb_device_descriptor* descriptor) {
+int LIBUSB_CALL libusb_get_device_descriptor(libusb_device* device,
+                                             libusb_device_descriptor* descriptor) {
   const ByteView raw = device->view.deviceDescriptor;
   descriptor->bLength = raw[0];
   descriptor->bDescriptorType = raw[1];
@@ -169,8 +170,8 @@ int libusb_get_device_descriptor(libusb_device* device, libusb_device_descriptor
   return LIBUSB_SUCCESS;
 }
 
-int libusb_get_config_descriptor(libusb_device* device, std::uint8_t index,
-                                 libusb_config_descriptor** result) {
+int LIBUSB_CALL libusb_get_config_descriptor(libusb_device* device, std::uint8_t index,
+                                             libusb_config_descriptor** result) {
   if (index != 0 || device->view.configuration.empty()) return LIBUSB_ERROR_NOT_FOUND;
   auto configuration = std::make_unique<OwnedConfiguration>();
   ForEachDescriptor(device->view.configuration, [&](ByteView one) { Take(*configuration, one); });
@@ -179,22 +180,23 @@ int libusb_get_config_descriptor(libusb_device* device, std::uint8_t index,
   return LIBUSB_SUCCESS;
 }
 
-int libusb_get_active_config_descriptor(libusb_device* device, libusb_config_descriptor** result) {
+int LIBUSB_CALL libusb_get_active_config_descriptor(libusb_device* device,
+                                                    libusb_config_descriptor** result) {
   return libusb_get_config_descriptor(device, 0, result);
 }
 
-void libusb_free_config_descriptor(libusb_config_descriptor* configuration) {
+void LIBUSB_CALL libusb_free_config_descriptor(libusb_config_descriptor* configuration) {
   delete static_cast<OwnedConfiguration*>(configuration);
 }
 
-int libusb_get_max_packet_size(libusb_device* device, unsigned char endpoint) {
+int LIBUSB_CALL libusb_get_max_packet_size(libusb_device* device, unsigned char endpoint) {
   const auto place = FindEndpoint(*device, endpoint);
   if (!place) return LIBUSB_ERROR_NOT_FOUND;
   return place->packetSize;
 }
 
-int libusb_get_string_descriptor_ascii(libusb_device_handle* handle, std::uint8_t index,
-                                       unsigned char* text, int capacity) {
+int LIBUSB_CALL libusb_get_string_descriptor_ascii(libusb_device_handle* handle, std::uint8_t index,
+                                                   unsigned char* text, int capacity) {
   if (index == 0 || capacity <= 0) return LIBUSB_ERROR_INVALID_PARAM;
   std::array<unsigned char, 255> raw{};
   int size = libusb_get_string_descriptor(handle, 0, 0, raw.data(), raw.size());

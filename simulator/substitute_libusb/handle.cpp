@@ -30,7 +30,7 @@ int StandardRequest(libusb_device_handle* handle, std::uint8_t recipient, std::u
 
 }  // namespace
 
-int libusb_open(libusb_device* device, libusb_device_handle** result) {
+int LIBUSB_CALL libusb_open(libusb_device* device, libusb_device_handle** result) {
   if (device->context == nullptr) return LIBUSB_ERROR_INVALID_PARAM;
   auto handle = std::make_unique<libusb_device_handle>();
   switch (handle->connection.Import(device->address, device->view.record)) {
@@ -43,8 +43,9 @@ int libusb_open(libusb_device* device, libusb_device_handle** result) {
   return LIBUSB_SUCCESS;
 }
 
-libusb_device_handle* libusb_open_device_with_vid_pid(libusb_context* context, std::uint16_t vendor,
-                                                      std::uint16_t product) {
+libusb_device_handle* LIBUSB_CALL libusb_open_device_with_vid_pid(libusb_context* context,
+                                                                  std::uint16_t vendor,
+                                                                  std::uint16_t product) {
   libusb_device** list = nullptr;
   if (libusb_get_device_list(context, &list) < 0) return nullptr;
   libusb_device_handle* handle = nullptr;
@@ -58,7 +59,7 @@ libusb_device_handle* libusb_open_device_with_vid_pid(libusb_context* context, s
   return handle;
 }
 
-void libusb_close(libusb_device_handle* handle) {
+void LIBUSB_CALL libusb_close(libusb_device_handle* handle) {
   if (handle == nullptr) return;
   const std::unique_ptr<libusb_device_handle> owned(handle);
   handle->connection.Close();
@@ -71,9 +72,11 @@ void libusb_close(libusb_device_handle* handle) {
   libusb_unref_device(handle->device);
 }
 
-libusb_device* libusb_get_device(libusb_device_handle* handle) { return handle->device; }
+libusb_device* LIBUSB_CALL libusb_get_device(libusb_device_handle* handle) {
+  return handle->device;
+}
 
-int libusb_get_configuration(libusb_device_handle* handle, int* configuration) {
+int LIBUSB_CALL libusb_get_configuration(libusb_device_handle* handle, int* configuration) {
   std::uint8_t value = 0;
   const int result =
       libusb_control_transfer(handle, LIBUSB_ENDPOINT_IN, LIBUSB_REQUEST_GET_CONFIGURATION, 0, 0,
@@ -83,13 +86,13 @@ int libusb_get_configuration(libusb_device_handle* handle, int* configuration) {
   return LIBUSB_SUCCESS;
 }
 
-int libusb_set_configuration(libusb_device_handle* handle, int configuration) {
+int LIBUSB_CALL libusb_set_configuration(libusb_device_handle* handle, int configuration) {
   if (handle->claimed != 0) return LIBUSB_ERROR_BUSY;
   return StandardRequest(handle, LIBUSB_RECIPIENT_DEVICE, LIBUSB_REQUEST_SET_CONFIGURATION,
                          static_cast<std::uint16_t>(std::max(configuration, 0)), 0);
 }
 
-int libusb_claim_interface(libusb_device_handle* handle, int interfaceNumber) {
+int LIBUSB_CALL libusb_claim_interface(libusb_device_handle* handle, int interfaceNumber) {
   if (!HasInterface(*handle->device, interfaceNumber)) return LIBUSB_ERROR_NOT_FOUND;
   const std::uint32_t bit = Bit(interfaceNumber);
   const auto drivers = Drivers(*handle);
@@ -103,7 +106,7 @@ int libusb_claim_interface(libusb_device_handle* handle, int interfaceNumber) {
   return LIBUSB_SUCCESS;
 }
 
-int libusb_release_interface(libusb_device_handle* handle, int interfaceNumber) {
+int LIBUSB_CALL libusb_release_interface(libusb_device_handle* handle, int interfaceNumber) {
   if (!HasInterface(*handle->device, interfaceNumber)) return LIBUSB_ERROR_NOT_FOUND;
   const std::uint32_t bit = Bit(interfaceNumber);
   if ((handle->claimed & bit) == 0) return LIBUSB_ERROR_NOT_FOUND;
@@ -113,47 +116,47 @@ int libusb_release_interface(libusb_device_handle* handle, int interfaceNumber) 
   return attach == 0 || Drivers(*handle, 0, attach) ? LIBUSB_SUCCESS : LIBUSB_ERROR_NO_DEVICE;
 }
 
-int libusb_set_interface_alt_setting(libusb_device_handle* handle, int interfaceNumber,
-                                     int alternateSetting) {
+int LIBUSB_CALL libusb_set_interface_alt_setting(libusb_device_handle* handle, int interfaceNumber,
+                                                 int alternateSetting) {
   if (!HasInterface(*handle->device, interfaceNumber)) return LIBUSB_ERROR_NOT_FOUND;
   return StandardRequest(handle, LIBUSB_RECIPIENT_INTERFACE, LIBUSB_REQUEST_SET_INTERFACE,
                          static_cast<std::uint16_t>(alternateSetting),
                          static_cast<std::uint16_t>(interfaceNumber));
 }
 
-int libusb_kernel_driver_active(libusb_device_handle* handle, int interfaceNumber) {
+int LIBUSB_CALL libusb_kernel_driver_active(libusb_device_handle* handle, int interfaceNumber) {
   if (!HasInterface(*handle->device, interfaceNumber)) return LIBUSB_ERROR_NOT_FOUND;
   const auto drivers = Drivers(*handle);
   if (!drivers) return LIBUSB_ERROR_NO_DEVICE;
   return (*drivers & Bit(interfaceNumber)) != 0 ? 1 : 0;
 }
 
-int libusb_detach_kernel_driver(libusb_device_handle* handle, int interfaceNumber) {
+int LIBUSB_CALL libusb_detach_kernel_driver(libusb_device_handle* handle, int interfaceNumber) {
   const int active = libusb_kernel_driver_active(handle, interfaceNumber);
   if (active < 0) return active;
   if (active == 0) return LIBUSB_ERROR_NOT_FOUND;
   return Drivers(*handle, Bit(interfaceNumber)) ? LIBUSB_SUCCESS : LIBUSB_ERROR_NO_DEVICE;
 }
 
-int libusb_attach_kernel_driver(libusb_device_handle* handle, int interfaceNumber) {
+int LIBUSB_CALL libusb_attach_kernel_driver(libusb_device_handle* handle, int interfaceNumber) {
   const int active = libusb_kernel_driver_active(handle, interfaceNumber);
   if (active < 0) return active;
   if (active != 0 || (handle->claimed & Bit(interfaceNumber)) != 0) return LIBUSB_ERROR_BUSY;
   return Drivers(*handle, 0, Bit(interfaceNumber)) ? LIBUSB_SUCCESS : LIBUSB_ERROR_NO_DEVICE;
 }
 
-int libusb_set_auto_detach_kernel_driver(libusb_device_handle* handle, int enable) {
+int LIBUSB_CALL libusb_set_auto_detach_kernel_driver(libusb_device_handle* handle, int enable) {
   handle->autoDetach = enable != 0;
   return LIBUSB_SUCCESS;
 }
 
-int libusb_clear_halt(libusb_device_handle* handle, unsigned char endpoint) {
+int LIBUSB_CALL libusb_clear_halt(libusb_device_handle* handle, unsigned char endpoint) {
   constexpr std::uint16_t kEndpointHalt = 0;
   return StandardRequest(handle, LIBUSB_RECIPIENT_ENDPOINT, LIBUSB_REQUEST_CLEAR_FEATURE,
                          kEndpointHalt, endpoint);
 }
 
 // USB/IP has no bus reset; what is left of it is whether the device is still there.
-int libusb_reset_device(libusb_device_handle* handle) {
+int LIBUSB_CALL libusb_reset_device(libusb_device_handle* handle) {
   return !handle->lost && Drivers(*handle) ? LIBUSB_SUCCESS : LIBUSB_ERROR_NO_DEVICE;
 }

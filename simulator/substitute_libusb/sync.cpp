@@ -24,7 +24,9 @@ int ErrorOf(libusb_transfer_status status) {
   }
 }
 
-extern "C" void SetDone(libusb_transfer* transfer) { *static_cast<int*>(transfer->user_data) = 1; }
+extern "C" void LIBUSB_CALL SetDone(libusb_transfer* transfer) {
+  *static_cast<int*>(transfer->user_data) = 1;
+}
 
 int RunToEnd(libusb_transfer& transfer) {
   libusb_context* const context = transfer.dev_handle->device->context;
@@ -54,9 +56,10 @@ int Transfer(libusb_transfer_type type, libusb_device_handle* handle, unsigned c
 
 }  // namespace
 
-int libusb_control_transfer(libusb_device_handle* handle, std::uint8_t requestType,
-                            std::uint8_t request, std::uint16_t value, std::uint16_t index,
-                            unsigned char* data, std::uint16_t length, unsigned timeoutMs) {
+int LIBUSB_CALL libusb_control_transfer(libusb_device_handle* handle, std::uint8_t requestType,
+                                        std::uint8_t request, std::uint16_t value,
+                                        std::uint16_t index, unsigned char* data,
+                                        std::uint16_t length, unsigned timeoutMs) {
   std::vector<unsigned char> buffer(LIBUSB_CONTROL_SETUP_SIZE + length);
   unsigned char* const stage = buffer.data() + LIBUSB_CONTROL_SETUP_SIZE;
   libusb_fill_control_setup(buffer.data(), requestType, request, value, index, length);
@@ -70,15 +73,16 @@ int libusb_control_transfer(libusb_device_handle* handle, std::uint8_t requestTy
   return transfer->actual_length;
 }
 
-int libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data,
-                         int length, int* transferred, unsigned timeoutMs) {
+int LIBUSB_CALL libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint,
+                                     unsigned char* data, int length, int* transferred,
+                                     unsigned timeoutMs) {
   return Transfer(LIBUSB_TRANSFER_TYPE_BULK, handle, endpoint, data, length, transferred,
                   timeoutMs);
 }
 
-int libusb_interrupt_transfer(libusb_device_handle* handle, unsigned char endpoint,
-                              unsigned char* data, int length, int* transferred,
-                              unsigned timeoutMs) {
+int LIBUSB_CALL libusb_interrupt_transfer(libusb_device_handle* handle, unsigned char endpoint,
+                                          unsigned char* data, int length, int* transferred,
+                                          unsigned timeoutMs) {
   return Transfer(LIBUSB_TRANSFER_TYPE_INTERRUPT, handle, endpoint, data, length, transferred,
                   timeoutMs);
 }

@@ -44,16 +44,16 @@ const ErrorText& Find(int code) {
 
 }  // namespace
 
-const libusb_version* libusb_get_version() {
+const libusb_version* LIBUSB_CALL libusb_get_version() {
   static const libusb_version version{1, 0, 26, 0, "", "substitute for simulated devices"};
   return &version;
 }
 
-int libusb_has_capability(std::uint32_t capability) {
+int LIBUSB_CALL libusb_has_capability(std::uint32_t capability) {
   return capability == LIBUSB_CAP_HAS_CAPABILITY ||
          capability == LIBUSB_CAP_SUPPORTS_DETACH_KERNEL_DRIVER;
 }
 
-const char* libusb_error_name(int code) { return Find(code).name; }
+const char* LIBUSB_CALL libusb_error_name(int code) { return Find(code).name; }
 
-const char* libusb_strerror(int code) { return Find(code).text; }
+const char* LIBUSB_CALL libusb_strerror(int code) { return Find(code).text; }

@@ -1,6 +1,4 @@
 // Asynchronous transfers and the event loop that moves them.
-#include <poll.h>
-
 #include <algorithm>
 #include <cstdlib>
 
@@ -61,7 +59,7 @@ int Prepare(const libusb_transfer& transfer, Urb& urb) {
   }
 }
 
-bool SendMessage(libusb_device_handle& handle, const UrbHeader& header, ByteView payload = {}) {
+bool SendUrb(libusb_device_handle& handle, const UrbHeader& header, ByteView payload = {}) {
   Writer out;
   Encode(out, header);
   return handle.connection.Send(out.Raw(payload).Take());
@@ -87,7 +85,7 @@ bool StartUnlink(libusb_device_handle& handle, Flight& flight) {
                          .sequence = flight.unlinkSequence,
                          .deviceId = DeviceIdOf(handle),
                          .detail = flight.sequence};
-  if (SendMessage(handle, header)) return true;
+  if (SendUrb(handle, header)) return true;
   LoseDevice(handle);
   return false;
 }
@@ -177,15 +175,12 @@ void TakeAnswers(libusb_device_handle& handle) {
 }
 
 void Wait(const libusb_context& context, Clock::time_point limit) {
-  std::vector<pollfd> polls;
+  std::vector<SocketFd> sockets;
   for (const libusb_device_handle* handle : context.handles) {
-    if (!handle->lost) polls.push_back({handle->connection.Fd(), POLLIN, 0});
+    if (!handle->lost) sockets.push_back(handle->connection.Fd());
     limit = NextDeadline(*handle, limit);
   }
-  const auto left = std::max(limit - Clock::now(), Clock::duration::zero());
-  const auto whole = std::chrono::duration_cast<std::chrono::seconds>(left);
-  const timespec timeout{whole.count(), std::chrono::nanoseconds(left - whole).count()};
-  ppoll(polls.data(), polls.size(), &timeout, nullptr);
+  WaitUntilReady(sockets, Readiness::Input, limit - Clock::now());
 }
 
 void Advance(libusb_context& context) {
@@ -220,20 +215,20 @@ int tavosim::substitute::RunEvents(libusb_context& context, Clock::duration limi
   return LIBUSB_SUCCESS;
 }
 
-libusb_transfer* libusb_alloc_transfer(int isoPackets) {
+libusb_transfer* LIBUSB_CALL libusb_alloc_transfer(int isoPackets) {
   if (isoPackets < 0) return nullptr;
   const std::size_t packets =
       static_cast<std::size_t>(isoPackets) * sizeof(libusb_iso_packet_descriptor);
   return static_cast<libusb_transfer*>(std::calloc(1, sizeof(libusb_transfer) + packets));
 }
 
-void libusb_free_transfer(libusb_transfer* transfer) {
+void LIBUSB_CALL libusb_free_transfer(libusb_transfer* transfer) {
   if (transfer == nullptr) return;
   if ((transfer->flags & LIBUSB_TRANSFER_FREE_BUFFER) != 0) std::free(transfer->buffer);
   std::free(transfer);
 }
 
-int libusb_submit_transfer(libusb_transfer* transfer) {
+int LIBUSB_CALL libusb_submit_transfer(libusb_transfer* transfer) {
   libusb_device_handle& handle = *transfer->dev_handle;
   if (handle.lost || handle.device->context == nullptr) return LIBUSB_ERROR_NO_DEVICE;
   if (std::ranges::count(handle.flights, transfer, &Flight::transfer) != 0)
@@ -243,8 +238,7 @@ int libusb_submit_transfer(libusb_transfer* transfer) {
   urb.header.sequence = ++handle.lastSequence;
   urb.header.deviceId = DeviceIdOf(handle);
   transfer->actual_length = 0;
-  if (!SendMessage(handle, urb.header, urb.payload))
-    return LoseDevice(handle), LIBUSB_ERROR_NO_DEVICE;
+  if (!SendUrb(handle, urb.header, urb.payload)) return LoseDevice(handle), LIBUSB_ERROR_NO_DEVICE;
   Flight flight{.sequence = urb.header.sequence,
                 .transfer = transfer,
                 .in = urb.header.direction == kDirectionIn};
@@ -254,15 +248,15 @@ int libusb_submit_transfer(libusb_transfer* transfer) {
   return LIBUSB_SUCCESS;
 }
 
-int libusb_cancel_transfer(libusb_transfer* transfer) {
+int LIBUSB_CALL libusb_cancel_transfer(libusb_transfer* transfer) {
   libusb_device_handle& handle = *transfer->dev_handle;
   const auto flight = std::ranges::find(handle.flights, transfer, &Flight::transfer);
   if (flight == handle.flights.end() || flight->unlinkSequence != 0) return LIBUSB_ERROR_NOT_FOUND;
   return StartUnlink(handle, *flight) ? LIBUSB_SUCCESS : LIBUSB_ERROR_NO_DEVICE;
 }
 
-int libusb_handle_events_timeout_completed(libusb_context* context, timeval* limit,
-                                           int* completed) {
+int LIBUSB_CALL libusb_handle_events_timeout_completed(libusb_context* context, timeval* limit,
+                                                       int* completed) {
   context = Resolve(context);
   if (context == nullptr || limit == nullptr) return LIBUSB_ERROR_INVALID_PARAM;
   const auto duration =
@@ -270,15 +264,17 @@ int libusb_handle_events_timeout_completed(libusb_context* context, timeval* lim
   return RunEvents(*context, std::min<Clock::duration>(duration, kLongestTransfer), completed);
 }
 
-int libusb_handle_events_timeout(libusb_context* context, timeval* limit) {
+int LIBUSB_CALL libusb_handle_events_timeout(libusb_context* context, timeval* limit) {
   return libusb_handle_events_timeout_completed(context, limit, nullptr);
 }
 
-int libusb_handle_events_completed(libusb_context* context, int* completed) {
-  timeval limit{std::chrono::seconds(kLongestTransfer).count(), 0};
+int LIBUSB_CALL libusb_handle_events_completed(libusb_context* context, int* completed) {
+  timeval limit{};
+  limit.tv_sec =
+      static_cast<decltype(limit.tv_sec)>(std::chrono::seconds(kLongestTransfer).count());
   return libusb_handle_events_timeout_completed(context, &limit, completed);
 }
 
-int libusb_handle_events(libusb_context* context) {
+int LIBUSB_CALL libusb_handle_events(libusb_context* context) {
   return libusb_handle_events_completed(context, nullptr);
 }

@@ -1,6 +1,8 @@
 #include "simulator/usbip/server.h"
 
+#include <netinet/in.h>
 #include <poll.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <array>
@@ -49,7 +51,10 @@ Socket Listen(std::uint16_t port) {
   Socket listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
   const int on = 1;
   setsockopt(listener.Fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  const sockaddr_in address = SocketAddress(htonl(INADDR_LOOPBACK), port);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
   if (bind(listener.Fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
       listen(listener.Fd(), SOMAXCONN) != 0)
     throw std::system_error(
@@ -152,7 +157,7 @@ void Server::ServePeers() {
 void Server::Accept() {
   Socket socket(accept4(m_listener.Fd(), nullptr, nullptr, SOCK_CLOEXEC));
   if (!socket) return;  // the peer has already given up
-  MakeInteractive(socket.Fd());
+  MakeInteractive(socket);
   if (m_peers.size() >= kMaxPeers) {
     const auto idle = std::ranges::find(m_peers, false, &Peer::imported);
     if (idle != m_peers.end()) Drop(*idle, "too many connections");
@@ -176,10 +181,11 @@ void Server::Drop(Peer& peer, const std::string& why) {
 void Server::Receive(Peer& peer) {
   std::array<std::uint8_t, 16 * 1024> chunk;
   for (int turn = 0; turn < kMaxChunksPerTurn && !peer.gone; ++turn) {
-    const ssize_t got = recv(peer.socket.Fd(), chunk.data(), chunk.size(), 0);
-    if (got < 0 && (errno == EAGAIN || errno == EINTR)) return;
-    if (got <= 0) return End(peer);
-    peer.input.insert(peer.input.end(), chunk.begin(), chunk.begin() + got);
+    const auto got = ReceiveSome(peer.socket, chunk);
+    if (!got) return End(peer);
+    if (*got == 0) return;
+    const ByteView arrived = ByteView(chunk).first(*got);
+    peer.input.insert(peer.input.end(), arrived.begin(), arrived.end());
     std::size_t used = 0;
     while (const std::size_t size = HandleMessage(peer, ByteView(peer.input).subspan(used)))
       used += size;
@@ -196,10 +202,10 @@ void Server::Send(Peer& peer, const Bytes& bytes) {
 
 void Server::Flush(Peer& peer) {
   if (!peer.output.empty()) {
-    const ssize_t sent =
-        send(peer.socket.Fd(), peer.output.data(), peer.output.size(), MSG_NOSIGNAL);
-    if (sent < 0 && errno != EAGAIN && errno != EINTR) return End(peer);
-    if (sent > 0) peer.output.erase(peer.output.begin(), peer.output.begin() + sent);
+    const auto sent = SendSome(peer.socket, peer.output);
+    if (!sent) return End(peer);
+    peer.output.erase(peer.output.begin(),
+                      peer.output.begin() + static_cast<std::ptrdiff_t>(*sent));
   }
   if (peer.output.empty() && peer.ending) End(peer);
 }

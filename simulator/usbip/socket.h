@@ -1,49 +1,67 @@
-// Owner of one file descriptor, and the two socket settings that both ends of USB/IP use.
+// The sockets under both ends of USB/IP, the same on every system: TCP over IPv4, which never waits
+// but in ConnectTo and WaitUntilReady. There is one implementation for POSIX and one for Windows.
+// Nothing here knows what the bytes mean.
 #pragma once
 
-#include <fcntl.h>
-#include <netinet/in.h>
-#include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
 #include <utility>
 
 namespace tavosim::usbip {
 
+// The system's own number of a socket; on POSIX any file descriptor.
+#ifdef _WIN32
+using SocketFd = std::uintptr_t;
+#else
+using SocketFd = int;
+#endif
+inline constexpr SocketFd kNoSocket = static_cast<SocketFd>(-1);
+
+// Owner of one.
 class Socket {
  public:
-  explicit Socket(int fd = -1) : m_fd(fd) {}
-  Socket(Socket&& other) noexcept : m_fd(std::exchange(other.m_fd, -1)) {}
+  explicit Socket(SocketFd fd = kNoSocket) : m_fd(fd) {}
+  Socket(Socket&& other) noexcept : m_fd(std::exchange(other.m_fd, kNoSocket)) {}
   Socket& operator=(Socket&& other) noexcept {
     std::swap(m_fd, other.m_fd);
     return *this;
   }
-  ~Socket() {
-    if (m_fd >= 0) close(m_fd);
-  }
+  ~Socket();
 
-  int Fd() const { return m_fd; }
-  explicit operator bool() const { return m_fd >= 0; }
+  SocketFd Fd() const { return m_fd; }
+  explicit operator bool() const { return m_fd != kNoSocket; }
 
  private:
-  int m_fd;
+  SocketFd m_fd;
 };
 
-// Never waits in send and recv; small messages leave at once (an exchange is a ping-pong of small
-// messages, which Nagle's algorithm would hold back for tens of milliseconds).
-inline void MakeInteractive(int fd) {
-  fcntl(fd, F_SETFL, fcntl(fd, F_GETFL) | O_NONBLOCK);
-  const int on = 1;
-  setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-}
+// An address such as 127.0.0.1, in network byte order; none when `text` is no such.
+std::optional<std::uint32_t> ParseIp(const std::string& text);
 
-inline sockaddr_in SocketAddress(in_addr_t address, in_port_t port) {
-  sockaddr_in result{};
-  result.sin_family = AF_INET;
-  result.sin_port = htons(port);
-  result.sin_addr.s_addr = address;
-  return result;
-}
+// Never waits in sending and receiving; small messages leave at once (an exchange is a ping-pong of
+// small messages, which Nagle's algorithm would hold back for tens of milliseconds).
+void MakeInteractive(const Socket& socket);
+
+// Interactive, or no socket when the connection does not come about within `limit`. `ip` is in
+// network byte order, `port` is not.
+Socket ConnectTo(std::uint32_t ip, std::uint16_t port, std::chrono::nanoseconds limit);
+
+// How many bytes the connection has taken or given, 0 when it cannot just now; none when it is lost,
+// or has been ended by the peer.
+std::optional<std::size_t> SendSome(const Socket& socket, std::span<const std::uint8_t> bytes);
+std::optional<std::size_t> ReceiveSome(const Socket& socket, std::span<std::uint8_t> buffer);
+
+// Tells the peer that nothing more will come; its last bytes can still be received.
+void FinishSending(const Socket& socket);
+
+// Waits until one of the sockets has input, or room for output, or is lost, at most for `limit`;
+// without sockets it just waits. True when one may be ready, false when the time is over.
+enum class Readiness { Input, Room };
+bool WaitUntilReady(std::span<const SocketFd> sockets, Readiness what,
+                    std::chrono::nanoseconds limit);
 
 }  // namespace tavosim::usbip

@@ -5,6 +5,10 @@
 //   Bench bench;
 //   bench.PlugIn({"--family", "plain"});
 //   const Result result = bench.RunHost({"usb", "", "firmware.hex"});
+//
+// With TAVO_WINDOWS_BUILD in the environment, the folder of a Windows build, the hosts are the
+// programs of that build: they run under Wine (TAVO_WINE_BITS is 64 or 32) with the DLL and the
+// substitutes of both vendor libraries beside them.
 #pragma once
 
 #include <cstdlib>
@@ -70,9 +74,28 @@ class Bench {
 
   // A copy of the program in the bench's folder runs, so that the log comes to lie there.
   Result Run(const std::string& program, const Words& arguments) const {
-    std::filesystem::copy_file(Program(program), folder / program,
-                               std::filesystem::copy_options::overwrite_existing);
-    Words command{folder / program};
+    Words command = m_windowsBuild.empty()
+                        ? Words{CopyHere(Program(program))}
+                        : Words{TAVO_SOURCE_DIR "/scripts/wine", FromHost("TAVO_WINE_BITS"),
+                                CopyHere(m_windowsBuild + "/bin/" + program + ".exe")};
+    if (!m_windowsBuild.empty()) {
+      CopyHere(m_windowsBuild + "/bin/FirmwareUpdater.dll");
+      CopyHere(m_windowsBuild + "/substitute/libusb-1.0.dll");
+      CopyHere(m_windowsBuild + "/substitute/FTD2XX.dll");
+    }
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    ChildProcess host(folder, command, Environment(), "console.txt");
+    const std::optional<int> exitCode = host.Wait(kLongest);
+    std::string console = host.Output();
+    std::erase(console, '\r');  // text of the host itself, as its runtime writes it
+    return {exitCode, console};
+  }
+  // Runs an example in Python, always on this system. Its interpreter too is a copy for the log's sake.
+  Result RunPython(const std::string& example, const Words& arguments) const {
+    CopyHere(std::filesystem::canonical("/usr/bin/python3"));
+    Words command{folder / std::filesystem::canonical("/usr/bin/python3").filename(),
+                  TAVO_SOURCE_DIR "/examples/" + example,
+                  TAVO_BUILD_DIR "/lib/libFirmwareUpdater.so"};
     command.insert(command.end(), arguments.begin(), arguments.end());
     ChildProcess host(folder, command, Environment(), "console.txt");
     const std::optional<int> exitCode = host.Wait(kLongest);
@@ -96,17 +119,36 @@ class Bench {
     const std::string image = FileContent(folder / "image.bin");
     return !image.empty() && FileContent(folder / "device0/flash.bin") == image;
   }
-  std::string Log() const { return FileContent(folder / "FirmwareUpdater.log"); }
+  std::string Log() const {
+    std::string log = FileContent(folder / "FirmwareUpdater.log");
+    std::erase(log, '\r');
+    return log;
+  }
 
   std::filesystem::path folder;
 
  private:
   static std::string Program(const std::string& name) { return TAVO_BUILD_DIR "/bin/" + name; }
+  static std::string FromHost(const char* variable) {
+    const char* const value = std::getenv(variable);
+    return value == nullptr ? "" : value;
+  }
+  std::string CopyHere(const std::filesystem::path& file) const {
+    const std::filesystem::path copy = folder / file.filename();
+    std::filesystem::copy_file(file, copy, std::filesystem::copy_options::overwrite_existing);
+    return copy;
+  }
   Words Environment() const {
-    return {"PATH=/usr/bin:/bin", "LD_LIBRARY_PATH=" TAVO_BUILD_DIR "/substitute",
-            "TAVO_SIMULATORS=" + m_addresses};
+    return {"PATH=/usr/sbin:/usr/bin:/sbin:/bin",
+            "PYTHONHOME=/usr",
+            "LD_LIBRARY_PATH=" TAVO_BUILD_DIR "/substitute",
+            "TAVO_SIMULATORS=" + m_addresses,
+            "HOME=" + FromHost("HOME"),
+            "XDG_CACHE_HOME=" + FromHost("XDG_CACHE_HOME"),
+            "TAVO_WINE_HOME=" + FromHost("TAVO_WINE_HOME")};
   }
 
+  const std::string m_windowsBuild = FromHost("TAVO_WINDOWS_BUILD");
   std::vector<ChildProcess> m_simulators;
   std::string m_addresses;
   std::size_t m_journalLines = 0;

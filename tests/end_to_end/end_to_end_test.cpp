@@ -168,6 +168,46 @@ TEST(EndToEndStop, AnotherThreadEndsTheUpdateWhileItWrites) {
   EXPECT_TRUE(bench.SwitchOff());
 }
 
+TEST(EndToEndStop, AHostThatLeavesInTheMidstOfAnUpdateEnds) {
+  Bench bench;
+  ASSERT_TRUE(bench.MakeFirmware("plain"));
+  for (const Words& front : {Words{"--usb"}, Words{"--ftdi"}}) {
+    ASSERT_TRUE(bench.PlugIn(Words{"--family", "plain", "--block-time", "20"} + front));
+  }
+  constexpr int kLeft = 7;
+  EXPECT_EQ(bench.Run("stopping_host", {"firmware.hex", "leave"}).exitCode, kLeft);
+  EXPECT_FALSE(bench.FlashHoldsFirmware());
+  EXPECT_TRUE(bench.SwitchOff());
+}
+
+TEST(EndToEndLoading, AHostThatLoadsAndUnloadsTheLibraryUpdatesToo) {
+  for (const std::string kind : {"usb", "ftdi"}) {
+    Bench bench;
+    ASSERT_TRUE(bench.MakeFirmware("plain"));
+    ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--" + kind}));
+    const Result result = bench.Run("loading_host", {kind, "firmware.hex"});
+    EXPECT_EQ(result.exitCode, 0);
+    EXPECT_TRUE(result.console.ends_with("\nupdated 1, last error 0, unloaded 1\n"))
+        << result.console;
+    EXPECT_TRUE(bench.FlashHoldsFirmware());
+  }
+}
+
+TEST(EndToEndExamples, TheHostInPythonUpdatesTheDevice) {
+  for (const Words& words : {Words{"usb", ""}, Words{"ftdi", "", "19200"}}) {
+    Bench bench;
+    ASSERT_TRUE(bench.MakeFirmware("plain"));
+    ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--" + words[0]}));
+    const Result listed = bench.RunPython("update_host.py", {"list"});
+    EXPECT_EQ(listed.exitCode, 0);
+    EXPECT_NE(listed.console, "") << "one line for the device";
+    const Result result = bench.RunPython("update_host.py", words + Words{"firmware.hex"});
+    EXPECT_EQ(result.exitCode, 0) << result.console;
+    EXPECT_TRUE(result.console.ends_with("updated\n")) << result.console;
+    EXPECT_TRUE(bench.FlashHoldsFirmware());
+  }
+}
+
 TEST(EndToEndReadme, ItsExampleUpdatesTheDevice) {
   Bench bench;
   ASSERT_TRUE(bench.MakeFirmware("plain"));

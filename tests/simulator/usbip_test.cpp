@@ -126,6 +126,7 @@ TEST_F(UsbipTest, StallAndTimeoutLoseNothing) {
 }
 
 TEST_F(UsbipTest, PeerThatBreaksTheProtocolIsDisconnected) {
+  constexpr auto kPatience = std::chrono::seconds(5);
   const auto import = [](const UrbHeader& urb) {
     Writer out;
     Encode(out, OpHeader{.code = kReqImport});
@@ -143,13 +144,15 @@ TEST_F(UsbipTest, PeerThatBreaksTheProtocolIsDisconnected) {
       import({.command = kCmdSubmit, .deviceId = id + 1, .direction = 1}),
   };
   for (const Bytes& bytes : bad) {
-    const Socket peer(socket(AF_INET, SOCK_STREAM, 0));
-    const sockaddr_in address = SocketAddress(htonl(INADDR_LOOPBACK), m_server.Port());
-    ASSERT_EQ(connect(peer.Fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
-    ASSERT_GT(send(peer.Fd(), bytes.data(), bytes.size(), MSG_NOSIGNAL), 0);
-    std::array<char, 512> answer{};
-    while (recv(peer.Fd(), answer.data(), answer.size(), 0) > 0) {
-    }
+    const Socket peer = ConnectTo(htonl(INADDR_LOOPBACK), m_server.Port(), kPatience);
+    ASSERT_TRUE(peer);
+    ASSERT_EQ(SendSome(peer, bytes), bytes.size());
+    std::array<std::uint8_t, 512> answer{};
+    std::optional<std::size_t> got = 0;
+    const SocketFd fd = peer.Fd();
+    while (got && WaitUntilReady({&fd, 1}, Readiness::Input, kPatience))
+      got = ReceiveSome(peer, answer);
+    EXPECT_FALSE(got);
     EXPECT_EQ(AddressOnBus(), 1);
   }
 }

@@ -1,0 +1,58 @@
+# Sourced by scripts that fetch something from Debian's archive, through the mirror and with the
+# keyring that this machine's apt is set up for. Nothing is installed, the machine's own package
+# lists stay as they are, and root is not needed.
+
+archive_suite=bookworm
+
+# Sets `mirror` and `keyring` (a path, or empty for apt's own). They are those of the machine's entry
+# for its own release, which is known even before the first apt-get update. Fails without one.
+find_mirror() {
+  command -v apt-get >/dev/null || return 1
+  codename=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
+  format='$(REPO_URI) $(RELEASE) $(COMPONENT) $(SOURCESENTRY)'
+  entry=$(apt-get indextargets --no-release-info --format "$format" 'Created-By: Packages' |
+    grep " $codename main " | head -n 1) || true
+  mirror=${entry%% *}
+  [ -n "$mirror" ] || return 1
+  entry_file=${entry##* }
+  keyring=$(sed -n 's/.*[Ss]igned-[Bb]y[:=] *\(\/[^] ]*\).*/\1/p' "${entry_file%:*}" | head -n 1)
+}
+
+# fetch_source PACKAGE VERSION TARBALL HASH FOLDER: puts the upstream tarball of a source package
+# into the folder. On failure says why on standard error.
+fetch_source() {
+  find_mirror || {
+    echo "apt has no entry for the main archive of this machine's Debian release" >&2
+    return 1
+  }
+  mkdir -p "$5/lists/partial" "$5/cache/archives/partial"
+  {
+    printf 'Types: deb-src\nURIs: %s\nSuites: %s\nComponents: main\n' "$mirror" "$archive_suite"
+    [ -z "$keyring" ] || printf 'Signed-By: %s\n' "$keyring"
+  } >"$5/entry.sources"
+  private_apt_get "$5" update >"$5/log" 2>&1 || {
+    cat "$5/log" >&2
+    echo "this machine's mirror does not serve the sources of '$archive_suite'" >&2
+    return 1
+  }
+  # Only the upstream tarball is wanted; apt's exit code also speaks of the packaging files, which a
+  # mirror may have dropped. The hash decides.
+  (cd "$5" && private_apt_get "$5" source --download-only --tar-only "$1=$2") >"$5/log" 2>&1 || true
+  [ -f "$5/$3" ] || {
+    cat "$5/log" >&2
+    echo "this machine's mirror no longer has $1 $2" >&2
+    return 1
+  }
+  echo "$4  $5/$3" | sha256sum --check --status || {
+    echo "$3 is not the expected file" >&2
+    return 1
+  }
+}
+
+private_apt_get() { # private_apt_get FOLDER ARGUMENTS...
+  private=$1
+  shift
+  apt-get -qq -o "Dir::Etc::sourcelist=$private/entry.sources" -o Dir::Etc::sourceparts=/dev/null \
+    -o "Dir::State::Lists=$private/lists" -o "Dir::Cache=$private/cache" \
+    -o APT::Sandbox::User=root -o Acquire::Retries=2 "$@"
+}

@@ -1,0 +1,110 @@
+// The order of these two is Windows' own.
+#include <winsock2.h>
+#include <ws2tcpip.h>
+
+#include <algorithm>
+#include <limits>
+#include <type_traits>
+#include <vector>
+
+#include "simulator/usbip/socket.h"
+
+namespace tavosim::usbip {
+namespace {
+
+static_assert(std::is_same_v<SocketFd, SOCKET> && kNoSocket == INVALID_SOCKET);
+
+// At the first use, because a library may not do it while it is being loaded; and never undone,
+// because neither may it while it is being unloaded.
+bool IsStarted() {
+  static const bool started = [] {
+    WSADATA data{};
+    return WSAStartup(MAKEWORD(2, 2), &data) == 0;
+  }();
+  return started;
+}
+
+bool IsPassing(int error) { return error == WSAEWOULDBLOCK || error == WSAEINTR; }
+
+int BoundedSize(std::size_t size) {
+  constexpr std::size_t kMost = std::numeric_limits<int>::max();
+  return static_cast<int>(std::min(size, kMost));
+}
+
+// Whether a connection that was begun has come about.
+bool IsConnected(const Socket& socket) {
+  int error = 0;
+  int size = sizeof error;
+  return getsockopt(socket.Fd(), SOL_SOCKET, SO_ERROR, reinterpret_cast<char*>(&error), &size) ==
+             0 &&
+         error == 0;
+}
+
+}  // namespace
+
+Socket::~Socket() {
+  if (*this) closesocket(m_fd);
+}
+
+std::optional<std::uint32_t> ParseIp(const std::string& text) {
+  in_addr address{};
+  if (!IsStarted() || inet_pton(AF_INET, text.c_str(), &address) != 1) return std::nullopt;
+  return address.s_addr;
+}
+
+void MakeInteractive(const Socket& socket) {
+  u_long nonBlocking = 1;
+  ioctlsocket(socket.Fd(), static_cast<long>(FIONBIO), &nonBlocking);
+  const int on = 1;
+  setsockopt(socket.Fd(), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
+}
+
+// Older systems do not report a refused connection to who waits for it; there `limit` ends it.
+Socket ConnectTo(std::uint32_t ip, std::uint16_t port, std::chrono::nanoseconds limit) {
+  if (!IsStarted()) return Socket();
+  Socket socket(WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
+                           WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
+  if (!socket) return Socket();
+  MakeInteractive(socket);
+  sockaddr_in peer{};
+  peer.sin_family = AF_INET;
+  peer.sin_port = htons(port);
+  peer.sin_addr.s_addr = ip;
+  if (connect(socket.Fd(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0)
+    return socket;
+  const bool begun = WSAGetLastError() == WSAEWOULDBLOCK;
+  const SocketFd fd = socket.Fd();
+  if (!begun || !WaitUntilReady({&fd, 1}, Readiness::Room, limit)) return Socket();
+  return IsConnected(socket) ? std::move(socket) : Socket();
+}
+
+std::optional<std::size_t> SendSome(const Socket& socket, std::span<const std::uint8_t> bytes) {
+  const int sent =
+      send(socket.Fd(), reinterpret_cast<const char*>(bytes.data()), BoundedSize(bytes.size()), 0);
+  if (sent >= 0) return static_cast<std::size_t>(sent);
+  return IsPassing(WSAGetLastError()) ? std::optional<std::size_t>(0) : std::nullopt;
+}
+
+std::optional<std::size_t> ReceiveSome(const Socket& socket, std::span<std::uint8_t> buffer) {
+  const int got =
+      recv(socket.Fd(), reinterpret_cast<char*>(buffer.data()), BoundedSize(buffer.size()), 0);
+  if (got > 0) return static_cast<std::size_t>(got);
+  return got < 0 && IsPassing(WSAGetLastError()) ? std::optional<std::size_t>(0) : std::nullopt;
+}
+
+void FinishSending(const Socket& socket) { shutdown(socket.Fd(), SD_SEND); }
+
+bool WaitUntilReady(std::span<const SocketFd> sockets, Readiness what,
+                    std::chrono::nanoseconds limit) {
+  const short events = what == Readiness::Input ? POLLIN : POLLOUT;
+  std::vector<WSAPOLLFD> polls;
+  for (const SocketFd fd : sockets) polls.push_back({fd, events, 0});
+  // Rounded up: with less than the time left the caller would come back at once, again and again.
+  const auto left = std::chrono::ceil<std::chrono::milliseconds>(limit).count();
+  const int timeoutMs = BoundedSize(static_cast<std::size_t>(std::max<decltype(left)>(left, 0)));
+  if (!polls.empty()) return WSAPoll(polls.data(), static_cast<ULONG>(polls.size()), timeoutMs) > 0;
+  Sleep(static_cast<DWORD>(timeoutMs));  // WSAPoll refuses to wait for nothing
+  return false;
+}
+
+}  // namespace tavosim::usbip
