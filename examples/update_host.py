@@ -21,8 +21,7 @@ SIGNATURES = {
     "get_resetted_modules": (c_bool, [c_char_p, c_uint32]),
     "list_devices": (None, []),
     "stop_update": (None, []),
-    "update_ftdi_device": (
-        c_bool, [c_char_p, c_uint32, c_bool, c_char_p, c_bool, c_bool, c_bool]),
+    "update_ftdi_device": (c_bool, [c_char_p, c_uint32, c_bool, c_char_p, c_bool, c_bool, c_bool]),
     "update_usb_device": (c_bool, [c_char_p, c_char_p, c_bool, c_bool, c_bool]),
 }
 
@@ -49,12 +48,11 @@ def update(library: ctypes.CDLL, kind: str, words: list[str]) -> bool:
     """Runs one update, in a thread of its own so that this one hears Ctrl-C."""
     device, file = os.fsencode(words[0]), os.fsencode(words[-1])
     flags = [False, False, False]  # check the identity, erase mode 1, the full plan
+    call, arguments = library.update_usb_device, [device, file, *flags]
+    if kind == "ftdi":
+        call, arguments = library.update_ftdi_device, [device, int(words[1]), False, file, *flags]
     result = []
-    if kind == "usb":
-        call = lambda: library.update_usb_device(device, file, *flags)
-    else:
-        call = lambda: library.update_ftdi_device(device, int(words[1]), False, file, *flags)
-    thread = threading.Thread(target=lambda: result.append(call()))
+    thread = threading.Thread(target=lambda: result.append(call(*arguments)))
     thread.start()
     while thread.is_alive():
         try:
@@ -65,7 +63,8 @@ def update(library: ctypes.CDLL, kind: str, words: list[str]) -> bool:
 
 
 def main(words: list[str]) -> int:
-    if [*words[1:2], len(words)] not in (["list", 2], ["usb", 4], ["ftdi", 5]):
+    known = [*words[1:2], len(words)] in (["list", 2], ["usb", 4], ["ftdi", 5])
+    if not known or (words[1] == "ftdi" and not words[3].isdecimal()):
         sys.exit(__doc__)
     library = load(words[0])
     if words[1] == "list":

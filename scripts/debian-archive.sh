@@ -1,3 +1,4 @@
+# shellcheck shell=sh
 # Sourced by scripts that fetch something from Debian's archive, through the mirror and with the
 # keyring that this machine's apt is set up for. Nothing is installed, the machine's own package
 # lists stay as they are, and root is not needed.

@@ -3,7 +3,8 @@
 //
 // It differs from the real one in this: FT_Read never waits, it gives what is there; an adapter is
 // read only while the program calls something; and a loss of the adapter is told by every call from
-// then on until it is closed.
+// then on until it is closed. It shares no code with what the library itself makes of such an adapter
+// on Linux, so that neither can hide a mistake of the other.
 #include <algorithm>
 #include <array>
 #include <cstddef>

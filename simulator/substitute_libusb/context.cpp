@@ -106,9 +106,8 @@ int LIBUSB_CALL libusb_get_port_numbers(libusb_device* device, std::uint8_t* por
   return static_cast<int>(count);
 }
 
-libusb_device* LIBUSB_CALL libusb_get_parent(libusb_device*) {
-  return nullptr;
-}  // hubs are not simulated
+// Hubs are not simulated.
+libusb_device* LIBUSB_CALL libusb_get_parent(libusb_device*) { return nullptr; }
 
 std::uint8_t LIBUSB_CALL libusb_get_device_address(libusb_device* device) {
   return static_cast<std::uint8_t>(device->view.record.deviceNumber);

@@ -1,7 +1,8 @@
 // A libusb for programs and tests that meet simulated devices only: it has the C interface of
-// libusb 1.0.26 and takes its place through LD_LIBRARY_PATH, on Windows by lying beside the program,
-// so that a program linked with the real one, and libftdi1 in between, run unchanged. TAVO_SIMULATORS names the simulators; each is one
-// device on the bus, and one that does not answer or is unplugged is not listed.
+// libusb 1.0.26 and takes its place through LD_LIBRARY_PATH, on Windows by lying beside the
+// program, so that a program linked with the real one, and libftdi1 in between, run unchanged.
+// TAVO_SIMULATORS names the simulators; each is one device on the bus, and one that does not answer
+// or is unplugged is not listed.
 //
 // It differs from the real one in this: a context belongs to one thread at a time; there are no
 // isochronous transfers and no hotplug events; a device can be open once; a bulk transfer needs

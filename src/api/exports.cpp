@@ -36,6 +36,7 @@ tavo::UpdateContext Context() {
 
 template <typename Result, typename Call>
 Result Guarded(Result onException, Call call) noexcept {
+  const tavo::ExportedCall underWay;
   try {
     return call();
   } catch (...) {
@@ -46,6 +47,7 @@ Result Guarded(Result onException, Call call) noexcept {
 // An update that ends by an exception (memory has run out) runs no closing plan.
 template <typename Update>
 bool GuardedUpdate(Update update) noexcept {
+  const tavo::ExportedCall underWay;
   try {
     return update();
   } catch (...) {

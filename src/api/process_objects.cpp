@@ -1,13 +1,17 @@
 #include "api/process_objects.h"
 
+#include <atomic>
+
 #include "api/transport_factory.h"
 
 namespace tavo {
 namespace {
 
-// A host may end its process while an update runs in one of its threads. On some systems that thread
-// still goes on while static objects are destroyed, on others it has been ended where it stood,
-// perhaps with a lock held: what it uses is left alone, and goes with the process.
+std::atomic<int> callsUnderWay = 0;
+
+// A host may end its process while one of its threads is in an exported function. On some systems
+// that thread still goes on while static objects are destroyed, on others it has been ended where it
+// stood, perhaps with a lock held: what it uses is left alone, and goes with the process.
 struct Owner {
   ProcessObjects* objects = new ProcessObjects;
 
@@ -15,11 +19,15 @@ struct Owner {
   Owner(const Owner&) = delete;
   Owner& operator=(const Owner&) = delete;
   ~Owner() {
-    if (!objects->engine.IsInUse()) delete objects;
+    if (callsUnderWay == 0) delete objects;
   }
 };
 
 }  // namespace
+
+ExportedCall::ExportedCall() { ++callsUnderWay; }
+
+ExportedCall::~ExportedCall() { --callsUnderWay; }
 
 ProcessObjects::ProcessObjects()
     : log(SystemPlatform()),

@@ -14,6 +14,16 @@
 
 namespace tavo {
 
+// Lives for as long as an exported function runs. While any does, in whatever thread, these objects
+// are not destroyed.
+class ExportedCall {
+ public:
+  ExportedCall();
+  ~ExportedCall();
+  ExportedCall(const ExportedCall&) = delete;
+  ExportedCall& operator=(const ExportedCall&) = delete;
+};
+
 struct ProcessObjects {
   ProcessObjects();
 

@@ -19,11 +19,6 @@ FirmwareUpdater::Run::~Run() {
   m_engine.m_updateRuns = false;
 }
 
-bool FirmwareUpdater::IsInUse() {
-  const std::unique_lock lock(m_runLock, std::try_to_lock);
-  return !lock.owns_lock() || m_updateRuns;
-}
-
 void FirmwareUpdater::SetFlags(const UpdateFlags& flags) {
   m_checkIdentity = flags.checkIdentity;
   m_extendedErase = flags.extendedErase;

@@ -63,10 +63,6 @@ class FirmwareUpdater {
   // The one engine of the process; for the exports only.
   static FirmwareUpdater& Instance();
 
-  // Whether an update runs, or another thread is at this moment about to begin or end one. Never
-  // waits: for the end of the process, when a lock may never be given back.
-  bool IsInUse();
-
   // The right to run an update, held from before the transport is touched until it is closed again.
   // Only one is granted at a time.
   class Run {

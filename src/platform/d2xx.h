@@ -21,6 +21,9 @@ inline constexpr D2xxStatus kD2xxIoError = 4;
 
 using D2xxHandle = void*;
 
+// More adapters than any machine has; a library that counts more must not make us allocate it.
+inline constexpr std::uint32_t kMaxAdapters = 1024;
+
 // What the vendor's library tells of one adapter. Texts end at the first zero byte or fill their
 // array.
 struct D2xxDeviceInfo {

@@ -14,9 +14,6 @@ constexpr const char* kLibrary = "FTD2XX.dll";
 
 constexpr std::chrono::milliseconds kInputPollPace{1};
 
-// More than any machine has; a library that counts more is not believed.
-constexpr std::uint32_t kMaxAdapters = 1024;
-
 // One adapter as the vendor's library lays it out in memory.
 struct VendorRecord {
   std::uint32_t flags;
@@ -72,13 +69,19 @@ class VendorD2xx final : public D2xx {
     *count = 0;
     if (!m_present) return kD2xxDeviceNotFound;
     const D2xxStatus status = m_vendor.createDeviceInfoList(count);
-    m_listed = status == kD2xxOk && *count <= kMaxAdapters ? *count : 0;
-    return status;
+    m_listed = 0;
+    if (status != kD2xxOk) return status;
+    if (*count > kMaxAdapters) {
+      *count = 0;
+      return kD2xxDeviceNotFound;
+    }
+    m_listed = *count;
+    return kD2xxOk;
   }
 
   D2xxStatus GetDeviceInfoList(std::span<D2xxDeviceInfo> devices, std::uint32_t* count) override {
     *count = 0;
-    if (!m_present) return kD2xxDeviceNotFound;
+    if (!m_present || m_listed == 0) return kD2xxDeviceNotFound;
     // The library fills in all it has listed, however few are asked for.
     std::vector<VendorRecord> records(m_listed);
     std::uint32_t filled = m_listed;

@@ -9,9 +9,6 @@ namespace {
 // The pause of a silent poll. Short against the 16 ms that an adapter itself holds input back.
 constexpr std::chrono::milliseconds kInputWait{10};
 
-// More than any machine can attach; a library that reports nonsense must not make us allocate it.
-constexpr std::uint32_t kMaxAdapters = 1024;
-
 // A text that fills its array has no zero byte at its end.
 template <std::size_t kCapacity>
 std::string Text(const std::array<char, kCapacity>& field) {

@@ -59,8 +59,8 @@ class ICommInterface {
   virtual void SetFrameFormat(std::uint8_t format) { m_link.SetFrameFormat(format); }
   virtual std::uint32_t GetFrameFormat() { return m_link.GetFrameFormat(); }
 
-  // Closes the device and gives back everything else that the transport holds of the system. It is
-  // taken again by the next enumeration or opening.
+  // Closes the device and ends what the transport has set up to reach devices at all. It is set up
+  // again by the next enumeration or opening.
   virtual void EndSession() { Close(); }
 
   // Queues one request and hands its frame to the line. `sender` is a token of the requester, not

@@ -1,6 +1,6 @@
 /* A host that loads and unloads the DLL again and again, finds its functions by ordinal, and has an
- * update fail in between: each time the DLL must be gone at once, with everything that it had taken,
- * threads above all. Only the real libusb shows whether it is, since it runs a thread of its own.
+ * update fail in between: each time the DLL must be gone at once, with its memory and its threads. Only
+ * the real libusb shows whether it is, since it runs a thread of its own.
  *
  * usage: reload_test DLL
  */

@@ -83,23 +83,17 @@ class Bench {
       CopyHere(m_windowsBuild + "/substitute/libusb-1.0.dll");
       CopyHere(m_windowsBuild + "/substitute/FTD2XX.dll");
     }
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    ChildProcess host(folder, command, Environment(), "console.txt");
-    const std::optional<int> exitCode = host.Wait(kLongest);
-    std::string console = host.Output();
-    std::erase(console, '\r');  // text of the host itself, as its runtime writes it
-    return {exitCode, console};
+    return RunCommand(command, arguments, Environment());
   }
-  // Runs an example in Python, always on this system. Its interpreter too is a copy for the log's sake.
+  // Runs an example in Python, always on this system. Its interpreter too is a copy, which has to be
+  // told where the rest of Python lies.
   Result RunPython(const std::string& example, const Words& arguments) const {
-    CopyHere(std::filesystem::canonical("/usr/bin/python3"));
-    Words command{folder / std::filesystem::canonical("/usr/bin/python3").filename(),
-                  TAVO_SOURCE_DIR "/examples/" + example,
-                  TAVO_BUILD_DIR "/lib/libFirmwareUpdater.so"};
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    ChildProcess host(folder, command, Environment(), "console.txt");
-    const std::optional<int> exitCode = host.Wait(kLongest);
-    return {exitCode, host.Output()};
+    const Words command{CopyHere(std::filesystem::canonical("/usr/bin/python3")),
+                        TAVO_SOURCE_DIR "/examples/" + example,
+                        TAVO_BUILD_DIR "/lib/libFirmwareUpdater.so"};
+    Words environment = Environment();
+    environment.push_back("PYTHONHOME=/usr");
+    return RunCommand(command, arguments, environment);
   }
   Result RunHost(const Words& arguments) const { return Run("update-host", arguments); }
 
@@ -138,9 +132,16 @@ class Bench {
     std::filesystem::copy_file(file, copy, std::filesystem::copy_options::overwrite_existing);
     return copy;
   }
+  Result RunCommand(Words command, const Words& arguments, const Words& environment) const {
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    ChildProcess host(folder, command, environment, "console.txt");
+    const std::optional<int> exitCode = host.Wait(kLongest);
+    std::string console = host.Output();
+    std::erase(console, '\r');  // the runtime of a Windows host writes it
+    return {exitCode, console};
+  }
   Words Environment() const {
     return {"PATH=/usr/sbin:/usr/bin:/sbin:/bin",
-            "PYTHONHOME=/usr",
             "LD_LIBRARY_PATH=" TAVO_BUILD_DIR "/substitute",
             "TAVO_SIMULATORS=" + m_addresses,
             "HOME=" + FromHost("HOME"),

@@ -1,5 +1,4 @@
-// The machine itself, as far as a test can see it without changing it. This is the file that the
-// same test of other systems has no use for: paths, console and runtime of Windows.
+// The machine itself, as far as a test can see it without changing it: what is different on Windows.
 #include <gtest/gtest.h>
 #include <windows.h>
 
@@ -95,7 +94,6 @@ TEST_F(WindowsPaths, TheLogIsAppendedUnderAnyName) {
   EXPECT_EQ(SystemPlatform().OpenFile(path + "/none/a.log", "a"), nullptr);
 }
 
-// What Print writes while the standard output of the process is `output`.
 TEST(PlatformWindows, PrintsToWhateverTheHostHasAsOutput) {
   const HANDLE console = GetStdHandle(STD_OUTPUT_HANDLE);
   for (const HANDLE none : {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE}) {
