@@ -39,8 +39,10 @@ class WindowsPaths : public testing::Test {
     return path.wstring();
   }
 
+  // One for each test: they run at the same time, each in a process of its own.
   const std::filesystem::path m_folder =
-      std::filesystem::temp_directory_path() / L"tavo_p\u00e4ths_\u4e2d\u6587_\U0001F527";
+      std::filesystem::temp_directory_path() /
+      (L"tavo_p\u00e4ths_\u4e2d\u6587_\U0001F527_" + std::to_wstring(GetCurrentProcessId()));
 };
 
 int FirstByte(const std::string& path) {
@@ -60,7 +62,8 @@ TEST_F(WindowsPaths, UpdateFilesOfAnyNameOpen) {
 
 TEST(WindowsCodePage, APathInItOpensToo) {
   const std::filesystem::path file =
-      std::filesystem::temp_directory_path() / L"tavo_\u00e9\u00fc.hex";
+      std::filesystem::temp_directory_path() /
+      (L"tavo_\u00e9\u00fc_" + std::to_wstring(GetCurrentProcessId()) + L".hex");
   std::ofstream(file, std::ios::binary) << tavosim::HexText({{7}, 0, 0});
   const std::string path = InCodePage(CP_ACP, file.wstring());
   const bool representable = path.find('?') == std::string::npos;
