@@ -59,6 +59,7 @@ class ScriptedUsb : public LibUsb {
     to->idProduct = 0x2404;
     return 0;
   }
+  std::uint8_t GetBusNumber(libusb_device* /*device*/) override { return 1; }
   int GetPortNumbers(libusb_device* /*device*/, std::uint8_t* ports, int /*capacity*/) override {
     ports[0] = 1;
     return 1;

@@ -28,6 +28,7 @@ struct FakeUsbDevice {
   std::uint16_t vendor = 0x03EB;
   std::uint16_t product = 0x2404;
   Bytes ports{};
+  std::uint8_t bus = 1;
 };
 
 struct FakeBulkResult {
@@ -88,6 +89,7 @@ class FakeLibUsb : public LibUsb {
     descriptor->idProduct = Listed(device).product;
     return 0;
   }
+  std::uint8_t GetBusNumber(libusb_device* device) override { return Listed(device).bus; }
   int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) override {
     const Bytes& path = Listed(device).ports;
     EXPECT_LE(path.size(), static_cast<std::size_t>(capacity));

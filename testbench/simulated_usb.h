@@ -62,6 +62,7 @@ class SimulatedUsb : public LibUsb {
     std::memcpy(descriptor, bytes.data(), std::min(bytes.size(), sizeof *descriptor));
     return LIBUSB_SUCCESS;
   }
+  std::uint8_t GetBusNumber(libusb_device* /*device*/) override { return 1; }
   int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) override {
     const std::vector<std::uint8_t>& path = AsPort(device).path;
     if (static_cast<int>(path.size()) > capacity) return LIBUSB_ERROR_OVERFLOW;

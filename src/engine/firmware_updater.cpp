@@ -19,10 +19,13 @@ FirmwareUpdater::Run::~Run() {
   m_engine.m_updateRuns = false;
 }
 
-void FirmwareUpdater::SetFlags(const UpdateFlags& flags) {
-  m_checkIdentity = flags.checkIdentity;
-  m_extendedErase = flags.extendedErase;
-  m_bootloaderOnly = flags.bootloaderOnly;
+DeviceFacts FirmwareUpdater::Facts() const {
+  return {.deviceId = m_deviceId,
+          .softwareId = m_softwareId,
+          .bootloaderVersion = m_bootloaderVersion,
+          .blockSize = m_blockSize == 0 ? -1 : static_cast<std::int32_t>(m_blockSize),
+          .processorId = m_processorId,
+          .hardwareId = m_hardwareId};
 }
 
 void FirmwareUpdater::RequestStop() {

@@ -51,7 +51,20 @@ struct UpdateFlags {
   bool checkIdentity = true;    // ask for device ids and check the hardware id
   bool extendedErase = false;   // erase mode 3 instead of 1
   bool bootloaderOnly = false;  // no tunnel, identity, label or module steps
+  bool dryRun = false;          // all up to the erase, then back to the application
 };
+
+// What the device has told of itself during the last update; -1 = nothing.
+struct DeviceFacts {
+  std::int32_t deviceId = -1;
+  std::int32_t softwareId = -1;  // of the application before the update
+  std::int32_t bootloaderVersion = -1;
+  std::int32_t blockSize = -1;  // bytes
+  std::int32_t processorId = -1;
+  std::int32_t hardwareId = -1;
+};
+
+class UpdateObserver;
 
 class FirmwareUpdater {
  public:
@@ -78,7 +91,10 @@ class FirmwareUpdater {
     bool m_granted;
   };
 
-  void SetFlags(const UpdateFlags& flags);
+  void SetFlags(const UpdateFlags& flags) { m_flags = flags; }
+
+  // From the next update on; null for nobody. Must outlive the update.
+  void SetObserver(UpdateObserver* observer) { m_observer = observer; }
 
   // Runs one update to its end over the held, open transport; `run` must have been granted. The
   // result is in Succeeded.
@@ -86,6 +102,9 @@ class FirmwareUpdater {
   bool Succeeded() const { return m_succeeded; }
   // What the answers of the last update say about the device; for the thread that ran it.
   DeviceEvidence DeviceState() const { return m_evidence.Conclude(); }
+
+  // The same, for the same thread.
+  DeviceFacts Facts() const;
 
   // --- From any thread ---
 
@@ -154,7 +173,7 @@ class FirmwareUpdater {
   void AbortPlan();
   void FailPlan();
   void ReleaseStoppedUpdate();
-  void Report(const StatusMessage& message) { m_status.Handle(message); }
+  void Report(const StatusMessage& message);
   void InsertNext(const Step& step);
 
   // Shared by the steps
@@ -219,8 +238,9 @@ class FirmwareUpdater {
   std::deque<Step> m_plan;                         // the front one is the current step
   std::deque<Step> m_closingPlan;                  // what follows a failure
   StatusHandler* m_statusHandler = nullptr;        // none until the first Start
-  TavoMessage m_rxMessage;                         // the answer in hand
-  std::uint16_t m_activeTunnel = 0;                // master * 256 + slave; 0 = none
+  UpdateObserver* m_observer = nullptr;
+  TavoMessage m_rxMessage;           // the answer in hand
+  std::uint16_t m_activeTunnel = 0;  // master * 256 + slave; 0 = none
   std::atomic<ErrorCode> m_errorCode = ErrorCode::None;
   std::string m_errorText;  // of the current failure
   std::vector<FirmwareImage> m_firmwareImages;
@@ -229,6 +249,7 @@ class FirmwareUpdater {
   std::int32_t m_deviceId = -1;  // -1 = none received, here and below
   std::int32_t m_softwareId = -1;
   std::int32_t m_processorId = -1;
+  std::int32_t m_hardwareId = -1;
   std::chrono::milliseconds m_valueRequestStart{0};  // of the identity request in hand
   std::uint32_t m_waitStartTick = 0;                 // ms, system tick count
   mutable std::mutex m_modulesLock;
@@ -237,9 +258,7 @@ class FirmwareUpdater {
   std::uint32_t m_writeOffset = 0;             // bytes from the start of the image
   std::atomic<std::uint32_t> m_bytesTotal = 0;
   std::atomic<std::uint32_t> m_bytesDone = 0;
-  bool m_checkIdentity = true;
-  bool m_extendedErase = false;
-  bool m_bootloaderOnly = false;
+  UpdateFlags m_flags;
   WriteState m_writeState = WriteState::Positioning;
   bool m_succeeded = false;
   bool m_failed = false;  // a step has failed during the current update

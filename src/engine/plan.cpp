@@ -10,6 +10,8 @@ enum class When {
   Always,
   FullPlan,          // unless the update is to talk to the bootloader only
   FullPlanIdentity,  // the same, and only with identity checks on
+  Changing,          // unless the run is to be a dry one
+  FullPlanChanging,
 };
 
 struct PlannedStep {
@@ -34,14 +36,14 @@ constexpr std::array<PlannedStep, 21> kPlan{{
     {{&U::SelectFirmware,         "Select Firmware"},                When::Always},
     {{&U::CheckApplicationSize,   "Check Application Section Size"}, When::Always},
     {{&U::CheckHardwareId,        "Check HardwareId"},               When::FullPlanIdentity},
-    {{&U::EraseApplication,       "Erase Application Memory"},       When::Always},
-    {{&U::WriteBlock,             "Write Block"},                    When::Always},
-    {{&U::Verify,                 "Verify"},                         When::Always},
+    {{&U::EraseApplication,       "Erase Application Memory"},       When::Changing},
+    {{&U::WriteBlock,             "Write Block"},                    When::Changing},
+    {{&U::Verify,                 "Verify"},                         When::Changing},
     {{&U::StartApplication,       "Start Application"},              When::Always},
     {{&U::WaitForApplication,     "Wait for Application"},           When::Always},
-    {{&U::SetLabel,               "Set Label"},                      When::FullPlan},
-    {{&U::WaitForApplication,     "Wait for Application"},           When::FullPlan},
-    {{&U::RequestResettedModules, "Request resetted Modules"},       When::FullPlan},
+    {{&U::SetLabel,               "Set Label"},                      When::FullPlanChanging},
+    {{&U::WaitForApplication,     "Wait for Application"},           When::FullPlanChanging},
+    {{&U::RequestResettedModules, "Request resetted Modules"},       When::FullPlanChanging},
 }};
 
 // What brings a device back to its application after a failure.
@@ -52,11 +54,13 @@ constexpr std::array<PlannedStep, 3> kClosingPlan{{
 }};
 // clang-format on
 
-bool Included(When when, bool bootloaderOnly, bool checkIdentity) {
+bool Included(When when, const UpdateFlags& flags) {
   switch (when) {
     case When::Always: return true;
-    case When::FullPlan: return !bootloaderOnly;
-    case When::FullPlanIdentity: return !bootloaderOnly && checkIdentity;
+    case When::FullPlan: return !flags.bootloaderOnly;
+    case When::FullPlanIdentity: return !flags.bootloaderOnly && flags.checkIdentity;
+    case When::Changing: return !flags.dryRun;
+    case When::FullPlanChanging: return !flags.bootloaderOnly && !flags.dryRun;
   }
   return false;
 }
@@ -67,7 +71,7 @@ void FirmwareUpdater::BuildPlan() {
   const auto fill = [this](std::deque<Step>& plan, const auto& table) {
     plan.clear();
     for (const PlannedStep& row : table) {
-      if (Included(row.when, m_bootloaderOnly, m_checkIdentity)) plan.push_back(row.step);
+      if (Included(row.when, m_flags)) plan.push_back(row.step);
     }
   };
   fill(m_plan, kPlan);

@@ -3,6 +3,7 @@
 #include <utility>
 
 #include "engine/firmware_updater.h"
+#include "engine/update_observer.h"
 #include "package/hardware_identity.h"
 #include "package/update_file.h"
 
@@ -27,6 +28,9 @@ void FirmwareUpdater::ResetForUpdate() {
   m_blockSize = 0;
   m_deviceId = -1;
   m_softwareId = -1;
+  m_bootloaderVersion = -1;
+  m_processorId = -1;
+  m_hardwareId = -1;
   m_succeeded = false;
   m_failed = false;
   m_activeTunnel = 0;
@@ -75,6 +79,7 @@ void FirmwareUpdater::RunSteps(StepPhase phase) {
   while (!m_plan.empty()) {
     if (m_stopRequested) return AbortPlan();
     const Step step = m_plan.front();
+    if (m_observer) m_observer->StepCalled(step, phase);
     const StepResult result = (this->*step.run)(phase);
     if (result == StepResult::Done) {
       m_plan.pop_front();
@@ -90,9 +95,14 @@ void FirmwareUpdater::RunSteps(StepPhase phase) {
 
 void FirmwareUpdater::EndPlan() {
   m_succeeded = !m_failed;
-  if (!m_succeeded) return;
+  if (!m_succeeded || m_flags.dryRun) return;
   m_evidence.Succeeded();
   Report({StatusKind::UpdateSucceeded});
+}
+
+void FirmwareUpdater::Report(const StatusMessage& message) {
+  if (m_observer) m_observer->StatusReported(message);
+  m_status.Handle(message);
 }
 
 void FirmwareUpdater::FailPlan() {

@@ -5,8 +5,6 @@
 #include <utility>
 
 #include "package/file_reading.h"
-#include "package/intel_hex_converter.h"
-#include "package/zip_members.h"
 
 namespace tavo {
 namespace {
@@ -20,23 +18,33 @@ std::string LowerCaseExtension(std::string_view name) {
   return extension;
 }
 
-bool IsHexName(std::string_view name) { return LowerCaseExtension(name) == "hex"; }
+bool IsHexName(std::string_view name) { return KindByName(name) == UpdateFileKind::Hex; }
 
-ZipMembers ReadHexFiles(const std::string& path) {
-  if (IsHexName(path)) return {{path, ReadWholeFile(path)}};
-  if (LowerCaseExtension(path) == "zip") return ExtractZipMembers(path, IsHexName);
+ZipMembers ReadHexFiles(const std::string& path, UpdateFileObserver* observer) {
+  switch (KindByName(path)) {
+    case UpdateFileKind::Hex: return {{path, ReadWholeFile(path)}};
+    case UpdateFileKind::Zip: return ExtractZipMembers(path, IsHexName, observer);
+    case UpdateFileKind::Neither: break;
+  }
   return {};
 }
 
 }  // namespace
 
-std::vector<FirmwareImage> LoadUpdateFile(std::string path) try {
-  ZipMembers files = ReadHexFiles(path);
+UpdateFileKind KindByName(std::string_view name) {
+  const std::string extension = LowerCaseExtension(name);
+  if (extension == "hex") return UpdateFileKind::Hex;
+  return extension == "zip" ? UpdateFileKind::Zip : UpdateFileKind::Neither;
+}
+
+std::vector<FirmwareImage> LoadUpdateFile(std::string path, UpdateFileObserver* observer) try {
+  ZipMembers files = ReadHexFiles(path, observer);
   std::vector<FirmwareImage> images;
   images.reserve(files.size());
   for (auto& [name, text] : files) {
     CIntelHexConverter converter;
     const HexResult result = converter.Convert(text);
+    if (observer != nullptr) observer->OnConverted(name, text, result);
     text = {};  // so that all texts and all images are never in memory together
     if (result != HexResult::Ok) continue;
     const std::uint32_t startAddress = converter.StartAddress();

@@ -77,6 +77,8 @@ class ZipReader {
   ZipReader(const ZipReader&) = delete;
   ZipReader& operator=(const ZipReader&) = delete;
 
+  bool IsOpen() const { return m_isOpen; }
+
   mz_uint MemberCount() { return m_isOpen ? mz_zip_reader_get_num_files(&m_archive) : 0; }
 
   bool IsFolder(mz_uint index) { return mz_zip_reader_is_file_a_directory(&m_archive, index) != 0; }
@@ -91,12 +93,30 @@ class ZipReader {
     return name;
   }
 
-  // Whether the whole member is now in `unpacked`. If not, it holds what came before the failure.
-  bool Unpack(mz_uint index, Unpacked& unpacked) {
+  // The whole member is in `unpacked` when its fate is Unpacked. If not, `unpacked` holds what came
+  // before the failure.
+  MemberFate Unpack(mz_uint index, Unpacked& unpacked) {
     mz_zip_archive_file_stat status;
-    return mz_zip_reader_file_stat(&m_archive, index, &status) != 0 &&
-           status.m_uncomp_size <= unpacked.maxSize &&
-           mz_zip_reader_extract_to_callback(&m_archive, index, TakeBytes, &unpacked, 0) != 0;
+    if (mz_zip_reader_file_stat(&m_archive, index, &status) == 0) return MemberFate::Damaged;
+    if (status.m_uncomp_size > unpacked.maxSize) return MemberFate::TooLarge;
+    if (mz_zip_reader_extract_to_callback(&m_archive, index, TakeBytes, &unpacked, 0) != 0) {
+      return MemberFate::Unpacked;
+    }
+    switch (mz_zip_peek_last_error(&m_archive)) {
+      case MZ_ZIP_UNSUPPORTED_ENCRYPTION: return MemberFate::Encrypted;
+      case MZ_ZIP_UNSUPPORTED_METHOD: return MemberFate::UnknownMethod;
+      case MZ_ZIP_ALLOC_FAILED:
+      case MZ_ZIP_WRITE_CALLBACK_FAILED: return MemberFate::TooLarge;
+      case MZ_ZIP_DECOMPRESSION_FAILED:
+      case MZ_ZIP_CRC_CHECK_FAILED:
+        return unpacked.bytes.size() == status.m_uncomp_size ? MemberFate::BadChecksum
+                                                             : MemberFate::Damaged;
+      default: return MemberFate::Damaged;
+    }
+  }
+
+  std::string_view LastError() {
+    return mz_zip_get_error_string(mz_zip_peek_last_error(&m_archive));
   }
 
  private:
@@ -113,28 +133,45 @@ struct Budget {
   std::size_t unpacked = 2 * kMaxUpdateTextBytes;
 };
 
-void AddMember(ZipReader& reader, mz_uint index, bool (*wanted)(std::string_view name),
-               Budget& budget, ZipMembers& members) try {
-  std::string name = reader.Name(index);
-  if (reader.IsFolder(index) || !wanted(name)) return;
+MemberFate AddMember(ZipReader& reader, mz_uint index, const std::string& name,
+                     bool (*wanted)(std::string_view name), Budget& budget, ZipMembers& members) {
+  if (reader.IsFolder(index)) return MemberFate::Folder;
+  if (!wanted(name)) return MemberFate::NotWanted;
   Unpacked unpacked{std::min(budget.kept, budget.unpacked)};
-  const bool whole = reader.Unpack(index, unpacked);
+  const MemberFate fate = reader.Unpack(index, unpacked);
   budget.unpacked -= unpacked.bytes.size();
-  if (!whole) return;
+  if (fate != MemberFate::Unpacked) return fate;
   budget.kept -= unpacked.bytes.size();
-  members.insert_or_assign(std::move(name), std::move(unpacked.bytes));
-} catch (const std::bad_alloc&) {
-  // A smaller member may still fit.
+  members.insert_or_assign(name, std::move(unpacked.bytes));
+  return fate;
+}
+
+void VisitMember(ZipReader& reader, mz_uint index, bool (*wanted)(std::string_view name),
+                 Budget& budget, ZipMembers& members, ZipObserver* observer) {
+  std::string name;
+  MemberFate fate = MemberFate::TooLarge;
+  try {
+    name = reader.Name(index);
+    fate = AddMember(reader, index, name, wanted, budget, members);
+  } catch (const std::bad_alloc&) {
+    // A smaller member may still fit.
+  }
+  if (observer == nullptr) return;
+  observer->OnMember(name, fate, fate == MemberFate::Damaged ? reader.LastError() : "");
 }
 
 }  // namespace
 
-ZipMembers ExtractZipMembers(const std::string& path, bool (*wanted)(std::string_view name)) {
+ZipMembers ExtractZipMembers(const std::string& path, bool (*wanted)(std::string_view name),
+                             ZipObserver* observer) {
   ZipMembers members;
   ZipReader reader(path);
+  if (!reader.IsOpen() && observer != nullptr) observer->OnNoArchive();
   Budget budget;
   const mz_uint count = reader.MemberCount();
-  for (mz_uint index = 0; index < count; ++index) AddMember(reader, index, wanted, budget, members);
+  for (mz_uint index = 0; index < count; ++index) {
+    VisitMember(reader, index, wanted, budget, members, observer);
+  }
   return members;
 }
 

@@ -36,6 +36,10 @@ class RealLibUsb final : public LibUsb {
     return libusb_get_device_descriptor(device, descriptor);
   }
 
+  std::uint8_t GetBusNumber(libusb_device* device) override {
+    return libusb_get_bus_number(device);
+  }
+
   int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) override {
     return libusb_get_port_numbers(device, ports, capacity);
   }

@@ -1,5 +1,5 @@
-// libusb 1.0, call for call: one virtual function per library function that the USB transport uses,
-// same arguments and meaning, no logic of its own. A test puts a simulated device in its place.
+// libusb 1.0, call for call: one virtual function per library function in use, same arguments and
+// meaning, no logic of its own. A test puts a simulated device in its place.
 #pragma once
 
 #include <libusb.h>
@@ -21,6 +21,7 @@ class LibUsb {
   virtual std::ptrdiff_t GetDeviceList(libusb_context* context, libusb_device*** list) = 0;
   virtual void FreeDeviceList(libusb_device** list, int unrefDevices) = 0;
   virtual int GetDeviceDescriptor(libusb_device* device, libusb_device_descriptor* descriptor) = 0;
+  virtual std::uint8_t GetBusNumber(libusb_device* device) = 0;
   // Returns the number of ports from the root hub to the device, or a negative error.
   virtual int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) = 0;
 

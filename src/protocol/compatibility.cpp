@@ -58,8 +58,9 @@ StepResult FirmwareUpdater::CheckHardwareId(StepPhase phase) {
 
 StepResult FirmwareUpdater::CompareHardwareId() {
   const std::uint16_t hardwareId = AnswerValue();
+  m_hardwareId = hardwareId;
   m_log.LogInfo("FirmwareUpdater: Check HardwareId: HardwareID 0x%.4X", hardwareId);
-  if (!m_checkIdentity || SoftwareIdIsNoLabel()) {
+  if (!m_flags.checkIdentity || SoftwareIdIsNoLabel()) {
     m_log.LogInfo("FirmwareUpdater: Check Hardware-Id: Skipped");
     return StepResult::Done;
   }

@@ -33,7 +33,7 @@ std::array<std::uint8_t, 4> LittleEndian(std::uint32_t value) {
 StepResult FirmwareUpdater::EraseApplication(StepPhase phase) {
   switch (phase) {
     case StepPhase::Start: {
-      const std::array mode{m_extendedErase ? kExtendedErase : kNormalErase};
+      const std::array mode{m_flags.extendedErase ? kExtendedErase : kNormalErase};
       return Send(kEraseApplication, mode);
     }
     case StepPhase::Answer:
