@@ -24,9 +24,7 @@ constexpr std::uint8_t kMcuIdFollows = 0x01;
 constexpr std::size_t kBlankCycle = 16;
 constexpr std::array<std::size_t, 3> kBlankInCycle{3, 8, 9};
 
-[[noreturn]] void Refuse(const std::string& why) {
-  throw std::invalid_argument("firmware builder: " + why);
-}
+[[noreturn]] void Refuse(const std::string& why) { throw std::invalid_argument(why); }
 
 // Writes little-endian values one after the other, within the image that it was given.
 class Writer {
@@ -70,7 +68,7 @@ bool IsBlankBlock(FirmwareFill fill, std::size_t block) {
          kBlankInCycle.end();
 }
 
-std::vector<std::uint8_t> Content(const FirmwareRecipe& recipe) {
+std::vector<std::uint8_t> GeneratedContent(const FirmwareRecipe& recipe) {
   if (recipe.blockSize == 0) Refuse("the block size is 0");
   std::vector<std::uint8_t> content(recipe.size, 0xFF);
   Random random(recipe.seed);
@@ -105,6 +103,20 @@ std::size_t DescriptorSize(const FirmwareRecipe& recipe) {
     size += EntryStride(recipe) + 2 * (entry.hardwareIds.size() + 1);
   }
   return size;
+}
+
+// All bytes of the image, with room at its end for what describes it.
+std::vector<std::uint8_t> Content(const FirmwareRecipe& recipe) {
+  if (!recipe.content) return GeneratedContent(recipe);
+  std::vector<std::uint8_t> content = *recipe.content;
+  const std::size_t room = recipe.size - kTrailerSize - DescriptorSize(recipe);
+  if (content.size() > room) {
+    Refuse("the content is " + std::to_string(content.size()) + " bytes long, but only " +
+           std::to_string(room) + " of the image's " + std::to_string(recipe.size) +
+           " bytes are left for it");
+  }
+  content.resize(recipe.size, 0xFF);
+  return content;
 }
 
 void PutAdb(std::span<std::uint8_t> image, const FirmwareRecipe& recipe, std::size_t offset) {
@@ -225,6 +237,10 @@ FirmwareRecipe RecipeFor(const Family& family) {
                     {deviceId(1), {otherVariant(2)}},
                     {deviceId(0), {otherVariant(3), family.hardwareId}}};
   return recipe;
+}
+
+std::size_t DescriptionSize(const FirmwareRecipe& recipe) {
+  return DescriptorSize(recipe) + kTrailerSize;
 }
 
 Firmware BuildFirmware(const FirmwareRecipe& recipe) {

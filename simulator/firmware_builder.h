@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <filesystem>
+#include <optional>
 #include <span>
 #include <string>
 #include <string_view>
@@ -45,6 +46,8 @@ struct FirmwareRecipe {
   std::size_t size = 0;         // bytes
   std::size_t blockSize = 128;  // bytes; blank blocks are whole blocks
   FirmwareFill fill = FirmwareFill::Mixed;
+  // What the image begins with instead of generated content, followed by bytes of 0xFF.
+  std::optional<std::vector<std::uint8_t>> content{};
 
   std::uint8_t adbType = 6;
   std::uint16_t mcuId = 0;  // in the ADB where its type has a place for it, else in the trailer
@@ -56,6 +59,10 @@ struct FirmwareRecipe {
 // The firmware that a device of the family takes. With an entry table its device is in the last of
 // three entries, and only that entry allows its hardware id.
 FirmwareRecipe RecipeFor(const Family& family);
+
+// The bytes at the end of the image that describe it. The recipe's size plays no part in them, but
+// whether the image ends above 0xFFFF does.
+std::size_t DescriptionSize(const FirmwareRecipe& recipe);
 
 // Throws std::invalid_argument when the recipe does not fit into `size` bytes or, with its address,
 // into what the format can express. The last four bytes are the CRC-32 of all bytes before them,
