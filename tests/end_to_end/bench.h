@@ -95,6 +95,12 @@ class Bench {
     environment.push_back("PYTHONHOME=/usr");
     return RunCommand(command, arguments, environment);
   }
+  // Starts a program of this system, which then runs beside the test.
+  ChildProcess Start(const std::string& program, const Words& arguments) const {
+    Words command{CopyHere(Program(program))};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return ChildProcess(folder, command, Environment(), "console.txt");
+  }
   Result RunHost(const Words& arguments) const { return Run("update-host", arguments); }
 
   // Every request that the device has received since the last call.
@@ -144,6 +150,7 @@ class Bench {
     return {"PATH=/usr/sbin:/usr/bin:/sbin:/bin",
             "LD_LIBRARY_PATH=" TAVO_BUILD_DIR "/substitute",
             "TAVO_SIMULATORS=" + m_addresses,
+            "XDG_STATE_HOME=" + (folder / "state").string(),
             "HOME=" + FromHost("HOME"),
             "XDG_CACHE_HOME=" + FromHost("XDG_CACHE_HOME"),
             "TAVO_WINE_HOME=" + FromHost("TAVO_WINE_HOME")};

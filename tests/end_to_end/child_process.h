@@ -77,8 +77,11 @@ class ChildProcess {
     WaitUntil([this] { return Ended(); }, limit);
     return m_exitCode;
   }
+  void Send(int signal) {
+    if (!Ended()) kill(m_pid, signal);
+  }
   std::optional<int> AskToEnd(std::chrono::seconds limit) {
-    if (!Ended()) kill(m_pid, SIGTERM);
+    Send(SIGTERM);
     return Wait(limit);
   }
   std::string Output() const { return FileContent(m_output); }

@@ -1,0 +1,99 @@
+// The host tool as a process of its own, with real signals and real time.
+#include <gtest/gtest.h>
+
+#include <csignal>
+
+#include "tests/end_to_end/bench.h"
+
+namespace tavo::test {
+namespace {
+
+constexpr int kDone = 0;
+constexpr int kStopped = 6;
+
+// The command that the tool recommends in its last line, as words without the tool itself.
+Words RecommendedBy(const std::string& console) {
+  const std::string mark = "To get it going: firmware-updater ";
+  const std::size_t at = console.rfind(mark);
+  Words words;
+  if (at == std::string::npos) return words;
+  std::istringstream stream(console.substr(at + mark.size()));
+  for (std::string word; stream >> word;) words.push_back(word);
+  return words;
+}
+
+TEST(EndToEndTool, UpdatesTheOnlyUsbDeviceAndANamedAdapter) {
+  Bench bench;
+  ASSERT_TRUE(bench.MakeFirmware("plain"));
+  ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--ftdi"}));
+  ASSERT_TRUE(bench.PlugIn({"--family", "plain"}));
+  for (const Words& target : {Words{}, Words{"--ftdi", "TAVO0001"}}) {
+    const Result result = bench.Run("firmware-updater", Words{"update", "firmware.hex"} + target);
+    EXPECT_EQ(result.exitCode, kDone) << result.console;
+    EXPECT_TRUE(result.console.ends_with("\nThe device runs the new firmware, verified.\n"))
+        << result.console;
+  }
+  EXPECT_TRUE(bench.FlashHoldsFirmware()) << "of the adapter's device";
+  const std::string log = FileContent(bench.folder / "state/firmware-updater/firmware-updater.log");
+  EXPECT_NE(log.find("INFO FirmwareUpdater: Start.\n"), std::string::npos);
+}
+
+TEST(EndToEndTool, AnInterruptWhileItWritesIsExplainedAndTheCommandItNamesBringsTheDeviceBack) {
+  for (const int signal : {SIGINT, SIGTERM}) {
+    Bench bench;
+    ASSERT_TRUE(bench.MakeFirmware("plain"));
+    ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--block-time", "30"}));
+    ChildProcess tool = bench.Start("firmware-updater", {"update", "firmware.hex", "--json"});
+    ASSERT_TRUE(
+        WaitUntil([&] { return tool.Output().find("\"event\":\"bytes\"") != std::string::npos; },
+                  Bench::kPrompt));
+    tool.Send(signal);
+    EXPECT_EQ(tool.Wait(Bench::kPrompt), kStopped);
+    const std::string console = tool.Output();
+    EXPECT_NE(console.find("Stopping before the next request."), std::string::npos) << console;
+    EXPECT_NE(console.find("\"ending\":\"stopped\""), std::string::npos) << console;
+    EXPECT_NE(console.find("\"device\":\"bootloader-flash-erased\""), std::string::npos) << console;
+    EXPECT_NE(console.find("\"next\":\"firmware-updater recover firmware.hex --usb 1\""),
+              std::string::npos)
+        << console;
+    EXPECT_FALSE(bench.FlashHoldsFirmware());
+
+    const Result result = bench.Run("firmware-updater", {"recover", "firmware.hex", "--usb", "1"});
+    EXPECT_EQ(result.exitCode, kDone) << result.console;
+    EXPECT_TRUE(bench.FlashHoldsFirmware());
+  }
+}
+
+TEST(EndToEndTool, ASecondInterruptEndsItAtOnce) {
+  Bench bench;
+  ASSERT_TRUE(bench.MakeFirmware("plain"));
+  // Nothing answers: the first interrupt has to wait for a timeout of four seconds.
+  ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--fault", "lose:*"}));
+  ChildProcess tool = bench.Start("firmware-updater", {"update", "firmware.hex"});
+  ASSERT_TRUE(WaitUntil([&] { return !bench.TakeRequests().empty(); }, Bench::kPrompt));
+  const auto said = [&](const char* text) {
+    return WaitUntil([&] { return tool.Output().find(text) != std::string::npos; },
+                     std::chrono::seconds(3));
+  };
+  tool.Send(SIGINT);
+  EXPECT_TRUE(said("Ctrl-C again ends the program at once"));
+  tool.Send(SIGINT);
+  EXPECT_EQ(tool.Wait(std::chrono::seconds(3)), kStopped);
+  EXPECT_TRUE(said("To get it going: firmware-updater recover firmware.hex")) << tool.Output();
+}
+
+TEST(EndToEndTool, AFailureEndsWithTheCommandThatMendsIt) {
+  Bench bench;
+  ASSERT_TRUE(bench.MakeFirmware("labelled"));
+  ASSERT_TRUE(bench.PlugIn({"--family", "labelled", "--fault", "powercut:id=0x134:20"}));
+  const Result failed = bench.Run("firmware-updater", {"update", "firmware.hex"});
+  EXPECT_EQ(failed.exitCode, 5) << failed.console;
+  const Words next = RecommendedBy(failed.console);
+  ASSERT_EQ(next, (Words{"recover", "firmware.hex", "--usb", "1"})) << failed.console;
+  const Result mended = bench.Run("firmware-updater", next);
+  EXPECT_EQ(mended.exitCode, kDone) << mended.console;
+  EXPECT_TRUE(bench.FlashHoldsFirmware());
+}
+
+}  // namespace
+}  // namespace tavo::test

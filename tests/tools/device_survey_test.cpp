@@ -1,0 +1,212 @@
+// What list finds and says, and that looking changes nothing.
+#include "device_survey.h"
+
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "testbench/fake_d2xx.h"
+#include "testbench/fake_libusb.h"
+#include "testbench/virtual_platform.h"
+
+namespace tavo::tool {
+namespace {
+
+using namespace std::chrono_literals;
+using test::FakeAdapter;
+using test::FakeUsbDevice;
+
+#if defined(_WIN32)
+constexpr bool kWindows = true;
+#else
+constexpr bool kWindows = false;
+#endif
+
+// Devices that are plugged in after a while.
+class LateUsb : public test::FakeLibUsb {
+ public:
+  explicit LateUsb(Platform& platform) : m_platform(platform) {}
+
+  std::chrono::milliseconds pluggedInAt{0};
+
+  std::ptrdiff_t GetDeviceList(libusb_context* context, libusb_device*** list) override {
+    const std::vector<FakeUsbDevice> all = devices;
+    if (m_platform.MonotonicNow() < pluggedInAt) devices.clear();
+    const std::ptrdiff_t count = FakeLibUsb::GetDeviceList(context, list);
+    devices = all;
+    return count;
+  }
+
+ private:
+  Platform& m_platform;
+};
+
+struct DeviceSurvey : testing::Test {
+  test::VirtualPlatform platform;
+  LateUsb usb{platform};
+  test::FakeD2xx adapters;
+  std::ostringstream out, err;
+  Machine machine{platform, usb, adapters, out, err};
+
+  ExitCode List(const std::string& arguments = {}) {
+    CLI::App app;
+    ExitCode exit = ExitCode::Usage;
+    AddListCommand(app, machine, exit);
+    try {
+      app.parse("list " + arguments, false);
+    } catch (const CLI::ParseError&) {
+      return ExitCode::Usage;
+    }
+    return exit;
+  }
+};
+
+// "4-2 ok, - no-port-path"
+std::string Summary(const std::vector<FoundDevice>& devices) {
+  std::string text;
+  for (const FoundDevice& device : devices) {
+    text += (text.empty() ? "" : ", ") + (device.address.empty() ? "-" : device.address);
+    for (const Obstacle& obstacle : device.obstacles) text += " " + obstacle.name;
+    if (device.IsUsable()) text += " ok";
+  }
+  return text;
+}
+
+struct ObstacleCase {
+  const char* what;
+  std::vector<FakeUsbDevice> devices;
+  std::map<std::string, int> results;
+  std::vector<FakeAdapter> adapters;
+  std::string found;
+  std::string foundOnWindows{};  // empty: the same
+};
+
+const FakeUsbDevice kDevice{.ports = {4, 2}};
+const FakeUsbDevice kTwin{.ports = {4, 2}, .bus = 3};
+const FakeUsbDevice kFtdiChip{.vendor = 0x0403, .product = 0x6001, .ports = {5}};
+
+// clang-format off
+const ObstacleCase kObstacleCases[] = {
+    {"nothing", {}, {}, {}, ""},
+    {"other devices", {{.product = 0x2403, .ports = {1}}, {.vendor = 1, .ports = {1}}}, {}, {}, ""},
+    {"both kinds", {kDevice}, {}, {{"A1", "x"}}, "4-2 ok, A1 ok"},
+    {"a kernel driver", {kDevice},
+     {{"KernelDriverActive 1", 1}, {"ClaimInterface 1", LIBUSB_ERROR_BUSY}}, {}, "4-2 ok"},
+    {"not permitted", {kDevice}, {{"Open 4 2", LIBUSB_ERROR_ACCESS}}, {},
+     "4-2 no-permission", "4-2 in-use"},
+    {"held: opening", {kDevice}, {{"Open 4 2", LIBUSB_ERROR_BUSY}}, {}, "4-2 in-use"},
+    {"held: claiming", {kDevice}, {{"ClaimInterface 1", LIBUSB_ERROR_BUSY}}, {}, "4-2 in-use"},
+    {"no driver", {kDevice}, {{"Open 4 2", LIBUSB_ERROR_NOT_SUPPORTED}}, {}, "4-2 no-driver"},
+    {"broken", {kDevice}, {{"Open 4 2", LIBUSB_ERROR_IO}}, {}, "4-2 cannot-open"},
+    {"just gone", {kDevice}, {{"Open 4 2", LIBUSB_ERROR_NO_DEVICE}}, {}, ""},
+    {"no ports", {{.ports = {}}, {.ports = {}}}, {}, {}, "- no-port-path, - no-port-path"},
+    {"same port", {kDevice, kTwin}, {}, {}, "4-2 ambiguous-port, 4-2 ambiguous-port"},
+    {"no serial number", {}, {}, {{"", "x"}, {"A2", "x"}}, "- no-serial-number, A2 ok"},
+    {"same serial number", {}, {}, {{"A1", "x"}, {"A1", "y"}},
+     "A1 ambiguous-serial-number, A1 ambiguous-serial-number"},
+    {"a silent adapter, not permitted", {kFtdiChip}, {{"Open 5", LIBUSB_ERROR_ACCESS}}, {{"", ""}},
+     "- no-permission", "- in-use"},
+    {"a held adapter", {kFtdiChip}, {{"ClaimInterface 0", LIBUSB_ERROR_BUSY}}, {{"A1", "x"}},
+     "A1 in-use", "A1 ok"},
+    {"a chip that is no adapter yet", {kFtdiChip, kFtdiChip}, {{"Open 5", LIBUSB_ERROR_ACCESS}},
+     {{"A1", "x"}}, "A1 ok"},
+};
+// clang-format on
+
+TEST(DeviceSurveyTable, EveryObstacleIsFoundAndNothingIsTouched) {
+  for (const ObstacleCase& row : kObstacleCases) {
+    SCOPED_TRACE(row.what);
+    test::VirtualPlatform platform;
+    test::FakeLibUsb usb;
+    test::FakeD2xx adapters;
+    std::ostringstream stream;
+    usb.devices = row.devices;
+    usb.results = row.results;
+    adapters.adapters = row.adapters;
+    const bool special = kWindows && !row.foundOnWindows.empty();
+    EXPECT_EQ(Summary(SurveyDevices({platform, usb, adapters, stream, stream})),
+              special ? row.foundOnWindows : row.found);
+    for (const std::string& call : usb.calls) {
+      EXPECT_FALSE(call.starts_with("Detach") || call.starts_with("Control")) << call;
+    }
+    EXPECT_TRUE(usb.sent.empty());
+    for (const std::string& call : adapters.calls) {
+      EXPECT_TRUE(call.ends_with("DeviceInfoList")) << call;
+    }
+    EXPECT_EQ(platform.Console(), "");
+  }
+}
+
+TEST_F(DeviceSurvey, ListSaysWhatAddressesADeviceAndWhatStandsInTheWay) {
+  usb.devices = {{.ports = {4, 2}}, {.ports = {1}}};
+  usb.results["Open 1"] = LIBUSB_ERROR_BUSY;
+  adapters.adapters = {{"A\x1B\xB5 1", "It's\na\x9B b"}};
+  EXPECT_EQ(List(), ExitCode::Done);
+  EXPECT_EQ(out.str(),
+            "--usb 4-2       USB device 03eb:2404, bus 1\n"
+            "--usb 1         USB device 03eb:2404, bus 1\n"
+            "                cannot be used: another program holds it (in-use)\n"
+            "                hint: end the program that uses it, then try again\n"
+            "--ftdi 'A?? 1'  It's?a? b\n");
+  EXPECT_EQ(err.str(), "");
+}
+
+TEST_F(DeviceSurvey, MissingPermissionComesWithTheRuleThatGrantsIt) {
+  if (kWindows) GTEST_SKIP() << "no such rules there";
+  usb.devices = {kDevice};
+  usb.results["Open 4 2"] = LIBUSB_ERROR_ACCESS;
+  EXPECT_EQ(List(), ExitCode::NoDevice);
+  EXPECT_NE(out.str().find("SUBSYSTEM==\"usb\", ATTR{idVendor}==\"03eb\", "
+                           "ATTR{idProduct}==\"2404\", TAG+=\"uaccess\""),
+            std::string::npos)
+      << out.str();
+}
+
+TEST_F(DeviceSurvey, JsonIsOneDocumentWhateverAnAdapterCallsItself) {
+  usb.devices = {kDevice, kTwin};
+  adapters.adapters = {{"\xFF\x01", "\xC3"}};
+  EXPECT_EQ(List("--json"), ExitCode::Done);
+  const auto document = nlohmann::json::parse(out.str());
+  EXPECT_EQ(document["version"], 1);
+  ASSERT_EQ(document["devices"].size(), 3u);
+  EXPECT_EQ(document["devices"][1]["obstacles"][0]["name"], "ambiguous-port");
+  EXPECT_EQ(document["devices"][2]["kind"], "ftdi");
+  EXPECT_EQ(document["devices"][2]["usable"], true);
+}
+
+TEST_F(DeviceSurvey, NothingFoundTellsWhatWasLookedForAndWhy) {
+  usb.results["Init"] = LIBUSB_ERROR_OTHER;
+  EXPECT_EQ(List(), ExitCode::NoDevice);
+  EXPECT_EQ(out.str(), "");
+  EXPECT_NE(err.str().find("LIBUSB_ERROR_OTHER"), std::string::npos) << err.str();
+  EXPECT_NE(err.str().find("looked for USB devices 03eb:2404 and FTDI adapters"),
+            std::string::npos);
+  EXPECT_EQ(List("--json"), ExitCode::NoDevice);
+  EXPECT_EQ(nlohmann::json::parse(out.str())["devices"].size(), 0u);
+}
+
+TEST_F(DeviceSurvey, WaitEndsWithAUsableDevice) {
+  usb.devices = {kDevice};
+  usb.pluggedInAt = 1s;
+  EXPECT_EQ(List("--wait 1.5"), ExitCode::Done);
+  EXPECT_EQ(platform.MonotonicNow(), 1s);
+}
+
+TEST_F(DeviceSurvey, WaitEndsWithItsTime) {
+  usb.devices = {kDevice};
+  usb.pluggedInAt = 2s;
+  EXPECT_EQ(List("--wait 1.25"), ExitCode::NoDevice);
+  EXPECT_EQ(platform.MonotonicNow(), 1250ms);
+  EXPECT_EQ(List("--wait 86400"), ExitCode::Done);
+}
+
+TEST_F(DeviceSurvey, WaitsThatAreNoneAreRefused) {
+  for (const char* const wait : {"-1", "nan", "inf", "86401", "ten", "\"\""}) {
+    EXPECT_EQ(List(std::string("--wait=") + wait), ExitCode::Usage) << wait;
+  }
+  EXPECT_TRUE(usb.calls.empty());
+}
+
+}  // namespace
+}  // namespace tavo::tool

@@ -1,0 +1,172 @@
+// What is written from the parser: nothing of it is missing, and the programs that read it take it.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "app.h"
+#include "tests/end_to_end/child_process.h"
+
+namespace tavo::tool {
+namespace {
+
+using test::ChildProcess;
+using test::Words;
+
+class GenerateTest : public testing::Test {
+ protected:
+  GenerateTest() {
+    std::string name = std::filesystem::temp_directory_path() / "generate-XXXXXX";
+    folder = mkdtemp(name.data());
+    std::ofstream(folder / "fw one.hex");
+    std::filesystem::create_directory(folder / "fw");
+  }
+  ~GenerateTest() override { std::filesystem::remove_all(folder); }
+
+  // The document, which is also put into a file of that name.
+  std::string Generate(const char* document) {
+    out.str({});
+    const std::array arguments{"firmware-updater", "generate", document};
+    EXPECT_EQ(RunTool(static_cast<int>(arguments.size()), arguments.data(), machine), 0);
+    std::ofstream(folder / document) << out.str();
+    return out.str();
+  }
+
+  // The exit code; 127 when the system has no such program. The output goes to `output`.
+  int Run(const std::string& script) {
+    ChildProcess shell(folder, {"bash", "-c", script}, {"PATH=/usr/local/bin:/usr/bin:/bin"},
+                       "output.txt");
+    const int code = shell.Wait(std::chrono::seconds(20)).value_or(-1);
+    output = shell.Output();
+    return code;
+  }
+
+  // What bash offers for the last of the words, one a line.
+  std::string Complete(const std::string& words) {
+    EXPECT_EQ(Run("source ./bash; COMP_WORDS=(firmware-updater " + words +
+                  "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1)); _firmware_updater;"
+                  "printf '%s\\n' \"${COMPREPLY[@]}\" | LC_ALL=C sort"),
+              0);
+    return output;
+  }
+
+  std::filesystem::path folder;
+  std::string output;
+  std::ostringstream out;
+  std::ostringstream err;
+  std::unique_ptr<D2xx> adapters = MakeSystemD2xx();
+  Machine machine{SystemPlatform(), SystemLibUsb(), *adapters, out, err};
+};
+
+// Every visible word of the parser, and the command that it belongs to.
+std::vector<std::string> ParserWords(const CLI::App& app) {
+  std::vector<std::string> words;
+  for (const CLI::Option* option : app.get_options()) {
+    for (const std::string& name : option->get_lnames()) words.push_back("--" + name);
+  }
+  for (const CLI::App* command : app.get_subcommands([](const CLI::App*) { return true; })) {
+    if (command->get_group().empty()) continue;
+    words.push_back(command->get_name());
+    for (const std::string& word : ParserWords(*command)) words.push_back(word);
+  }
+  return words;
+}
+
+TEST_F(GenerateTest, EveryCommandAndOptionIsInEveryDocument) {
+  CLI::App app{"", "firmware-updater"};
+  ExitCode exit = ExitCode::Usage;
+  AddEverything(app, machine, exit);
+  const std::vector<std::string> words = ParserWords(app);
+  ASSERT_GT(words.size(), 40U);
+  for (const char* const document : {"man", "bash", "zsh"}) {
+    std::string text = Generate(document);
+    if (document == std::string("man")) std::erase(text, '\\');
+    for (const std::string& word : words)
+      EXPECT_NE(text.find(word), std::string::npos) << word << " is not in " << document;
+    EXPECT_EQ(text.find("DOCUMENT"), std::string::npos) << document << " tells of hidden commands";
+  }
+}
+
+TEST_F(GenerateTest, TheManualIsSoundAndHasTheExitCodes) {
+  Generate("man");
+  const int code = Run("groff -man -Tascii -P-cbu -ww man");
+  if (code == 127) GTEST_SKIP() << "needs groff";
+  ASSERT_EQ(code, 0) << output;
+  EXPECT_EQ(output.find("man:"), std::string::npos) << output;  // a warning begins with the file
+  for (const ExitDescription& row : kExitTable)
+    EXPECT_NE(output.find(row.meaning), std::string::npos) << row.meaning;
+}
+
+TEST_F(GenerateTest, TheShellsTakeTheirScripts) {
+  Generate("bash");
+  EXPECT_EQ(Run("bash -n bash"), 0) << output;
+  Generate("zsh");
+  if (Run("command -v zsh") != 0) GTEST_SKIP() << "needs zsh";
+  EXPECT_EQ(Run("zsh -n zsh"), 0) << output;
+}
+
+TEST_F(GenerateTest, BashCompletes) {
+  Generate("bash");
+  const struct {
+    const char* words;
+    const char* offered;
+  } kCases[] = {
+      {"si", "simulate\n"},
+      {"--v", "--version\n"},
+      {"gen", "\n"},
+      {"simulate --family l", "labelled\nlegacy\n"},
+      {"simulate --family = d", "drive\n"},
+      {"simulate --family =", "drive\ngateway\nlabelled\nlegacy\nplain\ntunnel\nvariant\n"},
+      {"simulate --port-p", "--port-path\n"},
+      {"simulate --seed ''", "\n"},
+      {"simulate --state f", "fw\n"},
+      {"simulate --ftdi --start b", "bootloader\n"},
+      {"simulate -- firmware-updater update f", "fw\nfw one.hex\n"},
+      {"update f", "fw\nfw one.hex\n"},
+      {"update --dry", "--dry-run\n"},
+      {"update --log f", "fw\nfw one.hex\n"},
+  };
+  for (const auto& row : kCases) EXPECT_EQ(Complete(row.words), row.offered) << row.words;
+  EXPECT_NE(Complete("simulate -- tru").find("true\n"), std::string::npos);
+}
+
+TEST_F(GenerateTest, AWrongCommandLineGetsOneLineAndAHint) {
+  const struct {
+    std::vector<const char*> arguments;
+    const char* complaint;
+  } kCases[] = {
+      {{"nothing"}, "there is no command \"nothing\"\nhint: firmware-updater --help\n"},
+      {{"--nothing"}, "there is no option \"--nothing\"\nhint: firmware-updater --help\n"},
+      {{"list", "--nothing"},
+       "there is no option \"--nothing\"\nhint: firmware-updater list --help\n"},
+      {{"list", "x"}, "\"x\" is one argument too many\nhint: firmware-updater list --help\n"},
+      {{"list", "--wait"}, "--wait needs a value\nhint: firmware-updater list --help\n"},
+      {{"update"}, "FILE is required\nhint: firmware-updater update --help\n"},
+      {{"simulate", "--nothing", "--", "true"},
+       "there is no option \"--nothing\"\nhint: firmware-updater simulate --help\n"},
+  };
+  for (const auto& row : kCases) {
+    err.str({});
+    std::vector<const char*> arguments{"firmware-updater"};
+    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
+    EXPECT_EQ(RunTool(static_cast<int>(arguments.size()), arguments.data(), machine), 2);
+    EXPECT_EQ(err.str(), std::string("firmware-updater: ") + row.complaint);
+    EXPECT_EQ(out.str(), "");
+  }
+}
+
+TEST_F(GenerateTest, WithoutACommandTheHelpIsShownAndNothingDone) {
+  const std::array arguments{"firmware-updater"};
+  EXPECT_EQ(RunTool(1, arguments.data(), machine), 2);
+  EXPECT_NE(err.str().find("Exit codes:"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace tavo::tool

@@ -1,0 +1,329 @@
+// What inspect says of good and bad update files, and that its report is what the engine gets and
+// its block map what the engine writes.
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "block_map.h"
+#include "hex_survey.h"
+#include "package_report.h"
+#include "simulator/device.h"
+#include "testbench/engine_access.h"
+#include "tests/tools/command_run.h"
+
+namespace tavo::tool {
+namespace {
+
+using nlohmann::json;
+using tavosim::FirmwareRecipe;
+using tavosim::HexText;
+using tavosim::ZipArchive;
+
+std::string HexOf(const char* family, std::uint64_t seed = 1) {
+  FirmwareRecipe recipe = tavosim::RecipeFor(*tavosim::FindFamily(family));
+  recipe.seed = seed;
+  return HexText(BuildFirmware(recipe));
+}
+
+std::string HexOf(const FirmwareRecipe& recipe) { return HexText(BuildFirmware(recipe)); }
+
+FirmwareRecipe Recipe(std::uint16_t mcuId, std::size_t size = 1024) {
+  FirmwareRecipe recipe;
+  recipe.startAddress = 0x4000;
+  recipe.size = size;
+  recipe.mcuId = mcuId;
+  recipe.hardwareId = 0x8410;
+  return recipe;
+}
+
+std::string WithoutDescriptor() {
+  FirmwareRecipe recipe = Recipe(0x100);
+  recipe.validTrailer = false;
+  return HexOf(recipe);
+}
+
+std::string With(std::string text, std::size_t at, char c) {
+  text[at] = c;
+  return text;
+}
+
+std::string Without(std::string text, std::string_view part) {
+  return text.erase(text.find(part), part.size());
+}
+
+json Inspect(CommandRun& run, const std::string& arguments, ExitCode expected) {
+  EXPECT_EQ(run(AddInspectCommand, "inspect --json " + arguments), expected) << run.err.str();
+  return json::parse(run.out.str(), nullptr, false);
+}
+
+struct BadFile {
+  const char* name;
+  std::string content;
+  const char* phrase;  // of the complaint or its hint
+};
+
+TEST(Inspect, FilesThatCouldNeverBeWrittenAreCalledByTheirFault) {
+  const std::string good = HexOf("plain");
+  FirmwareRecipe noMcu = Recipe(0);
+  noMcu.adbType = 2;
+  const std::string ambiguous = HexOf(noMcu);
+  const std::string damaged = [&] {
+    std::string zip = ZipArchive({{"fw.hex", good}});
+    return With(zip, zip.find("PK\1\2") + 16, '?');
+  }();
+  const BadFile rows[] = {
+      {"page.hex", "\n<!DOCTYPE HTML><html>", "this is an HTML page, not Intel HEX"},
+      {"page.zip", "<html>", "this is an HTML page, not a ZIP archive"},
+      {"packed.hex", ZipArchive({{"fw.hex", good}}), "ends in .zip"},
+      {"text.zip", good, "ends in .hex"},
+      {"fw.bin", good, "neither in .hex nor in .zip; by its content it is Intel HEX"},
+      {"fw", "junk", "give a .hex file"},
+      {"empty.hex", "", "the file is empty"},
+      {"mark.hex", "\xEF\xBB\xBF" + good, "byte order mark"},
+      {"junk.hex", "\x01\x02", "begins with the byte 0x01"},
+      {"end.hex", ":00000001FF\r\n", "there are no data records"},
+      {"sum.hex", With(good, 10, good[10] == '0' ? '1' : '0'), "line 1, column 42: wrong checksum"},
+      {"bare.hex", WithoutDescriptor(), "no valid descriptor block"},
+      {"size.hex", HexOf(Recipe(0x100, 1000)), "1000 bytes long"},
+      {"mcu.hex", HexOf(Recipe(0x200)), "MCU-ID 0x200 is unknown"},
+      {"empty.zip", ZipArchive({}), "the archive is empty"},
+      {"cut.zip", ZipArchive({{"fw.hex", good}}).substr(0, 900), "damaged or cut off"},
+      {"inner.zip", ZipArchive({{"fw.zip", ZipArchive({})}}), "another archive in it: 'fw.zip'"},
+      {"none.zip", ZipArchive({{"readme.txt", "x"}}), "no member ends in .hex"},
+      {"damaged.zip", damaged, "'fw.hex': it is damaged: its CRC-32"},
+      {"spoilt.zip", ZipArchive({{"a.hex", good}, {"b.hex", WithoutDescriptor()}}),
+       "'b.hex': the image has no valid descriptor block; for this one member the whole file"},
+      {"two.zip", ZipArchive({{"a.hex", ambiguous}, {"b.hex", ambiguous}}), "no choosing"},
+  };
+  CommandRun run;
+  for (const BadFile& row : rows) {
+    SCOPED_TRACE(row.name);
+    run.Write(row.name, row.content);
+    EXPECT_EQ(run(AddInspectCommand, "inspect @" + std::string(row.name)), ExitCode::BadFile);
+    EXPECT_NE(run.err.str().find(row.phrase), std::string::npos) << run.err.str();
+    EXPECT_NE(run.err.str().find("\nhint: "), std::string::npos) << run.err.str();
+    const json document = Inspect(run, "@" + std::string(row.name), ExitCode::BadFile);
+    EXPECT_EQ(document["canBeWritten"], false);
+    EXPECT_NE(document["problem"], "");
+  }
+}
+
+TEST(Inspect, WhatIsNoReadableFileIsNeitherOpenedNorWaitedFor) {
+  CommandRun run;
+  ASSERT_EQ(mkfifo(run.Path("pipe.hex").c_str(), 0600), 0);
+  std::filesystem::create_directory(run.Path("folder.zip"));
+  std::filesystem::create_symlink("/dev/zero", run.Path("endless.hex"));
+  for (const char* name : {"huge.hex", "huge.zip"}) {
+    std::filesystem::resize_file(run.Write(name, ":"), std::uintmax_t{4} << 30);
+  }
+  std::vector<BadFile> rows = {
+      {"missing.hex", "", "there is no such file"},
+      {"pipe.hex", "", "is a pipe"},
+      {"folder.zip", "", "is a folder"},
+      {"endless.hex", "", "is a device"},
+      {"huge.hex", "", "4294967296 bytes long"},
+      {"huge.zip", "", "not a ZIP archive"},
+  };
+  run.Write("secret.hex", HexOf("plain"));
+  ASSERT_EQ(chmod(run.Path("secret.hex").c_str(), 0), 0);
+  if (geteuid() != 0) rows.push_back({"secret.hex", "", "may not be read"});
+  for (const BadFile& row : rows) {
+    EXPECT_EQ(run(AddInspectCommand, "inspect @" + std::string(row.name)), ExitCode::BadFile);
+    EXPECT_NE(run.err.str().find(row.phrase), std::string::npos) << row.name << run.err.str();
+  }
+}
+
+TEST(Inspect, EveryMemberHasItsVerdict) {
+  CommandRun run;
+  const std::string good = HexOf("plain");
+  run.Write("fw.zip", ZipArchive({{"z.hex", good},
+                                  {"folder/", ""},
+                                  {"readme.txt", "x"},
+                                  {"inner.zip", "x"},
+                                  {"b.hex", Without(good, ":")},
+                                  {"same.hex", HexOf("drive")},
+                                  {"same.hex", HexOf("drive", 2)},
+                                  {"zz.hex", HexOf("plain", 2)}}));
+  const json document = Inspect(run, "@fw.zip", ExitCode::Done);
+  EXPECT_EQ(document["version"], 1);
+  std::string verdicts;
+  for (const json& member : document["members"]) {
+    verdicts += member["name"].get<std::string>() + " " + member["verdict"].get<std::string>();
+    if (!member["image"].is_null()) verdicts += " " + member["image"].dump();
+    verdicts += "\n";
+  }
+  EXPECT_EQ(verdicts,
+            "z.hex used 1\nfolder/ folder\nreadme.txt wrong-extension\ninner.zip "
+            "wrong-extension\nb.hex not-converted\nsame.hex replaced\nsame.hex used 0\nzz.hex "
+            "never-chosen 2\n");
+  EXPECT_EQ(document["members"][4]["line"], 1);
+  EXPECT_EQ(document["members"][4]["column"], 1);
+}
+
+TEST(Inspect, FactsOfAnImage) {
+  CommandRun run;
+  run.Write("fw.hex", HexOf("gateway"));
+  const json image = Inspect(run, "@fw.hex --block-size 64", ExitCode::Done)["images"][0];
+  EXPECT_EQ(image["startAddress"], 0x4000);
+  EXPECT_EQ(image["endAddress"], 0x8000);
+  EXPECT_EQ(image["adbType"], 6);
+  EXPECT_EQ(image["addressWidth"], 2);
+  EXPECT_EQ(image["mcuId"], "0x101");
+  EXPECT_EQ(image["processorId"], "0x1E9749");
+  EXPECT_EQ(image["requestId"], "0x180");
+  EXPECT_EQ(image["route"], json({{"master", 4}, {"slave", 0}}));
+  EXPECT_EQ(image["hardwareIds"][0]["module"], 14);
+  EXPECT_EQ(image["endsInCrc"], true);
+  EXPECT_EQ(image["writing"]["blocks"], 256);
+  EXPECT_EQ(image["writing"]["map"]["rows"].size(), 4u);
+
+  run.Write("fw.hex", HexOf("variant"));
+  const json table = Inspect(run, "@fw.hex", ExitCode::Done)["images"][0];
+  EXPECT_EQ(table["addressWidth"], 3);
+  EXPECT_EQ(table["route"], nullptr);
+  EXPECT_EQ(table["entries"].size(), 3u);
+  EXPECT_EQ(table["entries"][2]["deviceId"], "0x0602");
+  EXPECT_EQ(table["entries"][2]["hardwareIds"][1]["id"], "0x8440");
+}
+
+TEST(Inspect, BlockSizesThatNoUpdateCouldWriteAreRefused) {
+  CommandRun run;
+  run.Write("fw.hex", HexOf("plain"));
+  for (const char* size : {"0", "129", "-1", "x"}) {
+    EXPECT_EQ(run(AddInspectCommand, "inspect @fw.hex --block-size " + std::string(size)),
+              ExitCode::Usage)
+        << size;
+  }
+}
+
+TEST(Inspect, NamesFromAnArchiveCannotSteerTheTerminal) {
+  CommandRun run;
+  run.Write("fw.zip", ZipArchive({{"a\x1b[2J.hex", HexOf("plain")}, {"\xFF.txt", "x"}}));
+  EXPECT_EQ(run(AddInspectCommand, "inspect @fw.zip"), ExitCode::Done);
+  EXPECT_EQ(run.out.str().find('\x1b'), std::string::npos);
+  EXPECT_FALSE(Inspect(run, "@fw.zip", ExitCode::Done).is_discarded());
+}
+
+TEST(Inspect, ScreensAreNarrow) {
+  CommandRun run;
+  run.Write("fw.zip", ZipArchive({{std::string(80, 'n') + ".hex", HexOf("labelled")},
+                                  {"b.hex", With(HexOf("plain"), 3, 'x')}}));
+  EXPECT_EQ(run(AddInspectCommand, "inspect @fw.zip --block-size 1"), ExitCode::Done);
+  std::istringstream lines(run.out.str());
+  for (std::string line; std::getline(lines, line);) {
+    const bool namesPath = line.find(run.Folder()) != std::string::npos;
+    EXPECT_TRUE(namesPath || line.size() <= 100) << line;
+  }
+}
+
+struct HexRow {
+  const char* text;
+  const char* fault;  // "line:column text"; empty for none
+  std::vector<const char*> warnings;
+};
+
+TEST(HexSurvey, SaysWhatTheConverterDoesAndWhy) {
+  const char* const end = "line 1: there is no end record, the text may be cut off";
+  const HexRow rows[] = {
+      {":0100000001FE\n:00000001FF\n", "", {}},
+      {":0100000001FE", "", {end}},
+      {":0100000001FE\n\n", "2:1 the line is empty", {}},
+      {":0100000001FE\r\n :00", "2:1 a record begins with ':', not with the byte 0x20", {}},
+      {":01000000G1FE\n", "1:10 'G' is no hexadecimal digit", {}},
+      {":0100000001F\n", "1:12 the last digit has no partner", {}},
+      {":010000\n", "1:8 the record is too short: it has 6 digits, the shortest has 10", {}},
+      {":0500000001FE\n", "1:2 the record is too short: of 5 data bytes there are 1", {}},
+      {":0100000001FF\n", "1:12 wrong checksum: found 0xFF, expected 0xFE", {}},
+      {":00000001FE\n", "1:10 wrong checksum: found 0xFE, expected 0xFF", {}},
+      {":00000001FF\n:junk\n", "", {"line 2: what stands behind the end record is ignored"}},
+      {":0400000500000000FF\n:00000001FF\n",
+       "",
+       {"line 1: start address record, which is ignored, with a wrong checksum: found 0xFF, "
+        "expected 0xF7"}},
+      {":00000009F7\n:00000001FF\n",
+       "",
+       {"line 1: the record is of the unknown type 0x09 and is "
+        "ignored"}},
+      {":0100000001FE\r:00000001FF\r", "", {"line 1: the text behind the record is ignored", end}},
+      {":0100100001EE\n:0100200001DE\n:0100000001FE\n:00000001FF\n",
+       "",
+       {"line 2: gap: the record for 0x00000020 follows 0x00000010, and its bytes would be written "
+        "at 0x00000001",
+        "line 3: out of order: the record for 0x00000000 follows 0x00000020, and its bytes would "
+        "be written at 0x00000002"}},
+      {":0100000001FE\n:0100020001FC\n:0100030001FB",
+       "",
+       {"line 2: gap: the record for 0x00000002 follows 0x00000000, and its bytes would be written "
+        "at 0x00000001",
+        "line 3: there is no end record, the text may be cut off"}},
+  };
+  for (const HexRow& row : rows) {
+    SCOPED_TRACE(row.text);
+    const std::string text = row.text;
+    const std::vector<std::uint8_t> bytes(text.begin(), text.end());
+    const HexSurvey survey = SurveyHex(bytes);
+    std::string fault;
+    if (survey.fault) {
+      fault = std::to_string(survey.fault->line) + ":" + std::to_string(survey.fault->column) +
+              " " + survey.fault->text;
+    }
+    EXPECT_EQ(fault, row.fault);
+    EXPECT_EQ(survey.warnings,
+              (std::vector<std::string>(row.warnings.begin(), row.warnings.end())));
+    CIntelHexConverter converter;
+    EXPECT_EQ(converter.Convert(bytes), survey.fault ? survey.fault->result : HexResult::Ok);
+  }
+}
+
+// Each byte of a small text becomes each of some others.
+TEST(HexSurvey, AlwaysAgreesWithTheConverter) {
+  const std::string good = ":020000040001F9\r\n:0200100001FFEE\n:00000001FF\n";
+  for (std::size_t at = 0; at < good.size(); ++at) {
+    for (const char c : std::string("0F:\r\n G\0", 8)) {
+      const std::string text = With(good, at, c);
+      const std::vector<std::uint8_t> bytes(text.begin(), text.end());
+      CIntelHexConverter converter;
+      const HexSurvey survey = SurveyHex(bytes);
+      EXPECT_EQ(converter.Convert(bytes), survey.fault ? survey.fault->result : HexResult::Ok)
+          << text;
+    }
+  }
+}
+
+TEST(BlockMap, IsWhatTheEngineWrites) {
+  for (const std::uint32_t blockSize : {64u, 128u}) {
+    for (const auto fill : {tavosim::FirmwareFill::Mixed, tavosim::FirmwareFill::AllBlank}) {
+      FirmwareRecipe recipe = Recipe(0x100, 8192);
+      recipe.fill = fill;
+      tavosim::Firmware firmware = BuildFirmware(recipe);
+      // From the last blocks on everything is blank.
+      if (fill == tavosim::FirmwareFill::Mixed) {
+        std::fill(firmware.data.end() - 512, firmware.data.end(), std::uint8_t{0xFF});
+      }
+      const FirmwareImage image{firmware.data, firmware.startAddress};
+      const BlockMap map = MapBlocks(image, blockSize);
+      test::EngineBench bench;
+      bench.Load(image);
+      bench.access.blockSize = blockSize;
+      bench.Run({&FirmwareUpdater::WriteBlock});
+      EXPECT_EQ(bench.device->requests.size(), map.requests);
+      const std::size_t written = map.Count(BlockUse::Data) + map.Count(BlockUse::BlankWritten);
+      EXPECT_EQ(bench.access.bytesDone, written * blockSize);
+      EXPECT_EQ(bench.access.bytesTotal, map.Count(BlockUse::Data) * blockSize);
+    }
+  }
+}
+
+TEST(BlockMap, CountsTheBytesOfFrames) {
+  const FirmwareImage image{std::vector<std::uint8_t>(192, 1), 0x4000};
+  const BlockMap map = MapBlocks(image, 64);
+  EXPECT_EQ(map.requests, 7u);
+  EXPECT_EQ(map.bytesSent, 4u * 8 + 3 * 68);
+  EXPECT_EQ(map.bytesReceived, 7u * 4);
+  EXPECT_DOUBLE_EQ(map.Seconds(19200), 264 * 10 / 19200.0);
+}
+
+}  // namespace
+}  // namespace tavo::tool

@@ -1,0 +1,159 @@
+// What pack writes: it passes inspect, holds what was asked for, and is the image that the engine
+// gets. What cannot be built leaves nothing behind.
+#include <gtest/gtest.h>
+
+#include "package/adb_view.h"
+#include "package_report.h"
+#include "tests/tools/command_run.h"
+
+namespace tavo::tool {
+namespace {
+
+std::string Bytes(std::size_t count) {
+  std::string bytes(count, '\0');
+  for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<char>(i * 7 % 251);
+  return bytes;
+}
+
+const char* Description(int adbType) {
+  switch (adbType) {
+    case 5: return " --entry 0x0501=8.4.3.1 --entry 0x0502=0x8432,8.4.3.15";
+    case 6: return " --hardware-id 8.4.1.0 --mcu-id 0x100";
+    case 7: return " --entry 0x0501=8.4.3.1 --entry 0x0502=0x8432,8.4.3.15 --mcu-id 0x103";
+    default: return " --hardware-id 0x8410 --mcu-id 0x105";
+  }
+}
+
+class Pack : public testing::Test {
+ protected:
+  ExitCode operator()(const std::string& arguments) {
+    return m_run(AddPackCommand, "pack " + arguments);
+  }
+
+  std::size_t FilesInFolder() const {
+    const std::filesystem::directory_iterator files(m_run.Folder());
+    return static_cast<std::size_t>(std::distance(begin(files), end(files)));
+  }
+
+  CommandRun m_run{};
+};
+
+TEST_F(Pack, EveryAdbTypeAndAddressWidthComesBackAsItWasAskedFor) {
+  const std::string content = Bytes(3000);
+  m_run.Write("app.bin", content);
+  for (int adbType = 1; adbType <= 7; ++adbType) {
+    for (const std::uint32_t address : {0x4000u, 0x14000u, 0xFEF000u}) {
+      const std::string kind = "--adb-type " + std::to_string(adbType);
+      SCOPED_TRACE(kind + " at " + std::to_string(address));
+      ASSERT_EQ(
+          (*this)("--force --image @app.bin -o @fw.zip --raw @raw.bin --size 4096 --address " +
+                  std::to_string(address) + " " + kind + Description(adbType)),
+          ExitCode::Done)
+          << m_run.err.str();
+      const PackageReport report = ReportOn(m_run.Path("fw.zip"));
+      ASSERT_TRUE(report.CouldBeWritten()) << report.problem;
+      EXPECT_TRUE(report.members[0].warnings.empty());
+      const ImageReport& image = report.images.at(0);
+      EXPECT_EQ(image.adbType, adbType);
+      EXPECT_EQ(image.image.startAddress, address);
+      EXPECT_EQ(image.addressWidth, address < 0x10000 ? 2u : 3u);
+      EXPECT_TRUE(image.endsInCrc);
+      EXPECT_TRUE(image.warnings.empty());
+      const bool hasTable = adbType == 5 || adbType == 7;
+      EXPECT_EQ(image.entries.size(), hasTable ? 2u : 0u);
+      if (hasTable) {
+        EXPECT_EQ(image.entries[1].hardwareIds, (std::vector<std::uint16_t>{0x8432, 0x843F}));
+      } else {
+        EXPECT_EQ(image.hardwareIds, std::vector<std::uint16_t>{0x8410});
+      }
+      const std::vector<FirmwareImage> images = LoadUpdateFile(m_run.Path("fw.zip"));
+      ASSERT_EQ(images.size(), 1u);
+      EXPECT_EQ(images[0].data, image.image.data);
+      const std::string flash(images[0].data.begin(), images[0].data.end());
+      EXPECT_EQ(flash, m_run.Read("raw.bin"));
+      EXPECT_EQ(flash.substr(0, 3100), content + std::string(100, '\xFF'));
+    }
+  }
+}
+
+TEST_F(Pack, SizeIsTheNextWholeKibUnlessGiven) {
+  const std::string base = "--image @app.bin --address 0x4000 --adb-type 2 --hardware-id 8.4.1.0 ";
+  for (const auto& [content, size] : {std::pair{996u, 1024u}, {997u, 2048u}}) {
+    m_run.Write("app.bin", Bytes(content));
+    ASSERT_EQ((*this)(base + "--force -o @fw.hex"), ExitCode::Done) << m_run.err.str();
+    EXPECT_EQ(LoadUpdateFile(m_run.Path("fw.hex")).at(0).data.size(), size);
+  }
+}
+
+TEST_F(Pack, ArchiveOfSeveralImagesAndFinishedBinaries) {
+  ASSERT_EQ((*this)("--family plain --seed 3 -o @a.hex --raw @a.bin"), ExitCode::Done);
+  ASSERT_EQ((*this)("--family variant -o @b.hex"), ExitCode::Done);
+  ASSERT_EQ((*this)("--add @b.hex --add @a.hex -o @fw.zip"), ExitCode::Done) << m_run.err.str();
+  const PackageReport report = ReportOn(m_run.Path("fw.zip"));
+  ASSERT_EQ(report.images.size(), 2u);
+  EXPECT_EQ(report.members[0].name, "b.hex");
+  EXPECT_EQ(report.images[0].member, "a.hex");
+  ASSERT_EQ((*this)("--image @a.bin --address 0x4000 -o @c.hex"), ExitCode::Done);
+  EXPECT_EQ(m_run.Read("c.hex"), m_run.Read("a.hex"));
+}
+
+struct Row {
+  const char* arguments;
+  ExitCode exit;
+  const char* phrase;
+};
+
+TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
+  m_run.Write("app.bin", Bytes(2000));
+  m_run.Write("empty.bin", "");
+  m_run.Write("page.hex", "<html>");
+  ASSERT_EQ((*this)("--family legacy -o @a.hex"), ExitCode::Done);
+  m_run.Write("b.hex", m_run.Read("a.hex"));
+  const std::size_t filesBefore = FilesInFolder();
+  const std::string oldOutput = m_run.Read("a.hex");
+  const std::string app = "--image @app.bin --address 0x4000 -o @fw.hex ";
+  const Row rows[] = {
+      {"-o @fw.hex", ExitCode::Usage, "one of --image, --family and --add"},
+      {"--family plain --add @a.hex -o @fw.zip", ExitCode::Usage, "one of --image"},
+      {"--family plain -o @fw.bin", ExitCode::Usage, "no name of an update file"},
+      {"--family plain -o @a.hex", ExitCode::Usage, "exists already"},
+      {"--family plain -o @fw.hex --raw @a.hex", ExitCode::Usage, "exists already"},
+      {"--family plain -o @missing/fw.hex", ExitCode::Usage, "cannot write"},
+      {"--family nobody -o @fw.hex", ExitCode::Usage, "nobody"},
+      {"--add @a.hex -o @fw.hex", ExitCode::Usage, "added to an archive"},
+      {"--add @a.hex --add @a.hex -o @fw.zip", ExitCode::Usage, "two files are called 'a.hex'"},
+      {"--add @a.hex --add @b.hex -o @fw.zip", ExitCode::Usage, "no choosing between them"},
+      {"--add @page.hex -o @fw.zip", ExitCode::BadFile, "an HTML page"},
+      {"--add @none.hex -o @fw.zip", ExitCode::BadFile, "no such file"},
+      {"--add @app.bin -o @fw.zip", ExitCode::BadFile, "only .hex files"},
+      {"--image @none.bin -o @fw.hex", ExitCode::BadFile, "no such file"},
+      {"--image @empty.bin -o @fw.hex", ExitCode::BadFile, "the file is empty"},
+      {"--adb-type 8", ExitCode::Usage, "8"},
+      {"--adb-type 6", ExitCode::Usage, "name one hardware id"},
+      {"--adb-type 5 --hardware-id 0x8410", ExitCode::Usage, "name their hardware in entries"},
+      {"--adb-type 5 --entry 0x0501", ExitCode::Usage, "'0x0501' is no entry"},
+      {"--adb-type 5 --entry 0x0501=8.4.3", ExitCode::Usage, "'8.4.3' is no hardware id"},
+      {"--adb-type 2 --hardware-id 8.4.16.0", ExitCode::Usage, "is no hardware id"},
+      {"--adb-type 2 --hardware-id 0", ExitCode::Usage, "means none"},
+      {"--adb-type 2 --hardware-id 0x8410 --size 2000", ExitCode::Usage, "2000 bytes long, but"},
+      {"--adb-type 2 --hardware-id 0x8410 --size 10", ExitCode::Usage, "too small"},
+      {"--adb-type 2 --hardware-id 0x8410 --size 3000", ExitCode::Usage, "whole KiB"},
+      {"--adb-type 6 --hardware-id 0x8410 --mcu-id 0x99", ExitCode::Usage, "0x099 is unknown"},
+      {"--image @app.bin -o @fw.hex --adb-type 2 --hardware-id 0x8410 --address 0xFEFF00",
+       ExitCode::Usage, "ends above 0xFF0000"},
+      {"--hardware-id 0x8410", ExitCode::Usage, "taken as it stands"},
+      {"", ExitCode::Usage, "no valid descriptor block"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.arguments);
+    const std::string arguments = row.arguments;
+    const bool isWhole = arguments.find("-o ") != std::string::npos;
+    EXPECT_EQ((*this)((isWhole ? "" : app) + arguments), row.exit) << m_run.err.str();
+    EXPECT_NE(m_run.err.str().find(row.phrase), std::string::npos) << m_run.err.str();
+    EXPECT_EQ(FilesInFolder(), filesBefore);
+  }
+  EXPECT_EQ(m_run.Read("a.hex"), oldOutput);
+}
+
+}  // namespace
+}  // namespace tavo::tool

@@ -1,0 +1,87 @@
+// The command "simulate", as a process of its own: it starts others and takes signals.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <utility>
+
+#include "tests/end_to_end/child_process.h"
+
+namespace tavo::test {
+namespace {
+
+constexpr std::chrono::seconds kPrompt{20};
+
+class SimulateTest : public testing::Test {
+ protected:
+  SimulateTest() {
+    std::string name = std::filesystem::temp_directory_path() / "simulate-XXXXXX";
+    folder = mkdtemp(name.data());
+  }
+  ~SimulateTest() override { std::filesystem::remove_all(folder); }
+
+  ChildProcess Start(Words arguments, Words environment = {}) {
+    arguments.insert(arguments.begin(), {TAVO_BUILD_DIR "/bin/firmware-updater", "simulate"});
+    environment.push_back("PATH=/usr/bin:/bin");
+    return {folder, arguments, environment, "output.txt"};
+  }
+  int Run(Words arguments, Words environment = {}) {
+    ChildProcess tool = Start(std::move(arguments), std::move(environment));
+    const int code = tool.Wait(kPrompt).value_or(-1);
+    output = tool.Output();
+    return code;
+  }
+  bool Says(const std::string& text) const { return output.find(text) != std::string::npos; }
+
+  std::filesystem::path folder;
+  std::string output;
+};
+
+TEST_F(SimulateTest, ACommandSeesTheDeviceBesideThoseThatAreThere) {
+  const std::string substitute = "LD_LIBRARY_PATH=" TAVO_BUILD_DIR "/substitute";
+  ASSERT_EQ(Run({"--", "env"}), 0) << output;
+  EXPECT_TRUE(Says("TAVO_SIMULATORS=127.0.0.1:")) << output;
+  EXPECT_TRUE(Says(substitute + "\n")) << output;
+  ASSERT_EQ(Run({"--", "env"}, {"TAVO_SIMULATORS=1.2.3.4:5", "LD_LIBRARY_PATH=/there"}), 0);
+  EXPECT_TRUE(Says("TAVO_SIMULATORS=1.2.3.4:5,127.0.0.1:")) << output;
+  EXPECT_TRUE(Says(substitute + ":/there\n")) << output;
+}
+
+TEST_F(SimulateTest, TheArgumentsOfTheCommandStayAsTheyAreAndItsExitCodeIsHandedOn) {
+  EXPECT_EQ(Run({"--family", "8.2.14", "--", "sh", "-c", "echo \"$@\"; exit 9", "sh", "--family",
+                 "[a,b]", "--", "update"}),
+            9);
+  EXPECT_EQ(output, "--family [a,b] -- update\n");
+  EXPECT_EQ(Run({"--", "sh", "-c", "kill -KILL $$"}), 128 + SIGKILL);
+}
+
+TEST_F(SimulateTest, SignalsGoToTheCommand) {
+  ChildProcess tool =
+      Start({"--", "sh", "-c", "trap 'exit 7' TERM; echo ready; while :; do sleep 0.1; done"});
+  ASSERT_TRUE(WaitUntil([&] { return tool.Output() == "ready\n"; }, kPrompt)) << tool.Output();
+  EXPECT_EQ(tool.AskToEnd(kPrompt), 7);
+}
+
+TEST_F(SimulateTest, WithoutACommandItPrintsTheEnvironmentAndServesUntilItIsEnded) {
+  ChildProcess tool = Start({"--family", "drive"});
+  const auto printed = [&] { return tool.Output().find("/substitute\n") != std::string::npos; };
+  ASSERT_TRUE(WaitUntil(printed, kPrompt)) << tool.Output();
+  EXPECT_NE(tool.Output().find("export TAVO_SIMULATORS=127.0.0.1:"), std::string::npos);
+  EXPECT_EQ(tool.AskToEnd(kPrompt), 0);
+}
+
+TEST_F(SimulateTest, MistakesAreExplained) {
+  EXPECT_EQ(Run({"--family", "8.9.9", "--", "true"}), 2);
+  EXPECT_TRUE(Says("there is no family \"8.9.9\"")) << output;
+  EXPECT_TRUE(Says("gateway   8.2.14  behind a tunnel")) << output;
+  EXPECT_EQ(Run({"--", "no-such-program"}), 2);
+  EXPECT_TRUE(Says("no-such-program: No such file or directory\nhint: ")) << output;
+  EXPECT_EQ(Run({"--state", "/proc/nowhere", "--", "true"}), 2);
+  EXPECT_TRUE(Says("choose another --state")) << output;
+}
+
+}  // namespace
+}  // namespace tavo::test

@@ -1,0 +1,123 @@
+#include "app.h"
+
+#include <algorithm>
+#include <exception>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace tavo::tool {
+namespace {
+
+constexpr const char* kName = "firmware-updater";
+constexpr const char* kAbout = "Updates the firmware of control modules on the Tavo bus.";
+constexpr const char* kVersion = "firmware-updater " TAVO_VERSION;
+constexpr const char* kExamples =
+    "\nExamples:\n"
+    "  firmware-updater list\n"
+    "  firmware-updater inspect firmware.hex\n"
+    "  firmware-updater update firmware.hex\n"
+    "  firmware-updater update firmware.hex --ftdi TAVO0001 --baud 115200\n"
+    "  firmware-updater simulate -- firmware-updater list\n";
+
+std::string Footer() {
+  std::string footer = kExamples;
+  footer += "\nExit codes:\n";
+  for (const ExitDescription& row : kExitTable) {
+    footer += "  " + std::to_string(static_cast<int>(row.code)) + "  ";
+    footer += std::string(row.meaning) + "\n";
+  }
+  return footer + "\nEach command tells more: firmware-updater COMMAND --help";
+}
+
+// The innermost command that the arguments have named; the app itself when they named none.
+const CLI::App& Chosen(const CLI::App& app) {
+  const std::vector<CLI::App*> commands = app.get_subcommands();
+  return commands.empty() ? app : Chosen(*commands.front());
+}
+
+// What the parser had no use for, in the order of the command line.
+std::vector<std::string> LeftOver(const CLI::App& app) {
+  std::vector<std::string> words = app.remaining(true);
+  std::erase(words, "--");
+  return words;
+}
+
+// The parser's own text, which for a value left out speaks of types.
+std::string Plain(const CLI::ParseError& error) {
+  const std::string text = error.what();
+  return text.ends_with(" missing") ? text.substr(0, text.find(':')) + " needs a value" : text;
+}
+
+std::string Complaint(const CLI::App& app, const CLI::ParseError& error) {
+  const std::vector<std::string> words = LeftOver(app);
+  if (words.empty()) return Plain(error);
+  const std::string& word = words.front();
+  if (word.starts_with('-')) return "there is no option \"" + word + "\"";
+  if (&Chosen(app) == &app) return "there is no command \"" + word + "\"";
+  return "\"" + word + "\" is one argument too many";
+}
+
+std::string HelpHint(const CLI::App& app) {
+  const CLI::App& chosen = Chosen(app);
+  return std::string(kName) + " " + (&chosen == &app ? "" : chosen.get_name() + " ") + "--help";
+}
+
+ExitCode Refuse(const CLI::App& app, const CLI::ParseError& error, const Machine& machine) {
+  if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {  // --help, --version
+    app.exit(error, machine.out, machine.err);
+    return ExitCode::Done;
+  }
+  Complain(machine, Complaint(app, error), HelpHint(app));
+  return ExitCode::Usage;
+}
+
+ExitCode Run(int argc, const char* const* argv, const Machine& machine) {
+  CLI::App app{kAbout, kName};
+  ExitCode exit = ExitCode::Usage;
+  AddEverything(app, machine, exit);
+  if (argc < 2) {
+    machine.err << app.help();
+    return ExitCode::Usage;
+  }
+  try {
+    app.parse(argc, argv);
+  } catch (const CLI::ParseError& error) {
+    return Refuse(app, error, machine);
+  }
+  return exit;
+}
+
+}  // namespace
+
+void Complain(const Machine& machine, std::string_view text, std::string_view hint) {
+  machine.err << kName << ": " << text << '\n';
+  if (!hint.empty()) machine.err << "hint: " << hint << '\n';
+  machine.err << std::flush;
+}
+
+void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
+  app.set_version_flag("--version", kVersion, "Print the version and exit");
+  app.require_subcommand(1);
+  app.footer(Footer());
+  AddListCommand(app, machine, exit);
+  AddInfoCommand(app, machine, exit);
+  AddUpdateCommand(app, machine, exit);
+  AddRecoverCommand(app, machine, exit);
+  AddInspectCommand(app, machine, exit);
+  AddPackCommand(app, machine, exit);
+  AddSimulateCommand(app, machine, exit);
+  AddGenerateCommand(app, machine, exit);
+}
+
+int RunTool(int argc, const char* const* argv, const Machine& machine) {
+  try {
+    return static_cast<int>(Run(argc, argv, machine));
+  } catch (const std::exception& error) {
+    // A fault of the tool or a lack of memory: how far it came is not known here.
+    Complain(machine, std::string("unexpected: ") + error.what(), {});
+    return static_cast<int>(ExitCode::FailedUnknown);
+  }
+}
+
+}  // namespace tavo::tool

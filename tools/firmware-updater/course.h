@@ -1,0 +1,97 @@
+// The course of an update as a person follows it: a handful of phases instead of some twenty steps,
+// with how long each took, what was written and what had to be asked again. It listens to the
+// engine, and tells a view what there is to show.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "engine/error_code.h"
+#include "engine/update_observer.h"
+#include "platform/platform.h"
+
+namespace tavo::tool {
+
+enum class Phase { None, Contact, Bootloader, Erase, Write, Verify, Start, Finish, BringBack };
+
+struct PhaseDescription {
+  Phase phase;
+  const char* name;   // stable, for scripts
+  const char* title;  // for a person
+};
+
+// Row n describes phase n.
+inline constexpr std::array<PhaseDescription, 9> kPhaseTable{{
+    {Phase::None, "none", "-"},
+    {Phase::Contact, "contact", "Contacting device"},
+    {Phase::Bootloader, "bootloader", "Entering bootloader"},
+    {Phase::Erase, "erase", "Erasing"},
+    {Phase::Write, "write", "Writing"},
+    {Phase::Verify, "verify", "Verifying"},
+    {Phase::Start, "start", "Starting application"},
+    {Phase::Finish, "finish", "Finishing"},
+    {Phase::BringBack, "bring-back", "Bringing device back"},
+}};
+
+inline const PhaseDescription& DescriptionOf(Phase phase) {
+  return kPhaseTable[static_cast<std::size_t>(phase)];
+}
+
+struct Transfer {
+  std::int64_t done = 0;   // bytes; blank blocks that were written too can take it above `total`
+  std::int64_t total = 0;  // bytes that have to be written
+  std::chrono::milliseconds elapsed{0};
+};
+
+class View {
+ public:
+  virtual ~View() = default;
+  virtual void PhaseBegins(Phase phase) = 0;
+  virtual void Wrote(const Transfer& transfer) = 0;
+  // `transfer` is that of the update so far.
+  virtual void PhaseEnds(Phase phase, bool well, std::chrono::milliseconds elapsed,
+                         const Transfer& transfer) = 0;
+  virtual void Retried(const char* request) = 0;
+};
+
+class Course final : public UpdateObserver {
+ public:
+  Course(Platform& platform, View& view) : m_platform(platform), m_view(view) {}
+
+  void StepCalled(const Step& step, StepPhase phase) override;
+  void StatusReported(const StatusMessage& message) override;
+  // The update is over; `well` is said of the phase that was under way.
+  void End(bool well);
+
+  // From any thread.
+  Phase Current() const { return m_phase; }
+
+  // For the thread that ran the update, and over all its updates, should there be several.
+  const Transfer& Written() const { return m_transfer; }
+  int Retries() const { return m_retries; }
+  std::chrono::milliseconds Duration(Phase phase) const {
+    return m_durations[static_cast<std::size_t>(phase)];
+  }
+  // The first failure of the current update: what follows it may only be its consequence.
+  ErrorCode Failure() const { return m_failure; }
+  const std::string& FailureText() const { return m_failureText; }
+
+ private:
+  void Enter(Phase phase);
+  void Leave(bool well);
+
+  Platform& m_platform;
+  View& m_view;
+  std::atomic<Phase> m_phase = Phase::None;
+  std::chrono::milliseconds m_phaseBegin{0};
+  std::array<std::chrono::milliseconds, kPhaseTable.size()> m_durations{};
+  Transfer m_transfer;
+  int m_retries = 0;
+  ErrorCode m_failure = ErrorCode::None;
+  std::string m_failureText;
+};
+
+}  // namespace tavo::tool

@@ -1,0 +1,226 @@
+// info: asks one device who it is and what it is doing, and leaves it as it was.
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <utility>
+#include <vector>
+
+#include "commands.h"
+#include "inquiry.h"
+#include "log_platform.h"
+#include "package/hardware_identity.h"
+#include "session.h"
+#include "target_choice.h"
+
+namespace tavo::tool {
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Facts = std::vector<std::pair<std::string, std::string>>;
+
+constexpr int kDocumentVersion = 1;
+
+struct Options {
+  TargetOptionsValues target{};
+  bool json = false;
+};
+
+enum class Doing { Application, Bootloader, Hidden, Silent };
+
+struct Description {
+  Doing doing;
+  const char* name;      // stable, for scripts
+  const char* sentence;  // for people
+};
+
+// clang-format off
+constexpr std::array kDescriptions{
+    Description{Doing::Application, "application", "It runs its application."},
+    Description{Doing::Bootloader,  "bootloader",  "It sits in its bootloader: firmware-updater recover FILE "},
+    Description{Doing::Hidden,      "hidden",
+                "A module answers, but neither an application nor a bootloader was heard: a master module "
+                "hides the device behind it until a tunnel is opened, which this command never does."},
+    Description{Doing::Silent,      "silent",      "Nothing answered."},
+};
+// clang-format on
+
+const Description& DescriptionOf(const DeviceReport& report) {
+  const Doing doing = report.inBootloader         ? Doing::Bootloader
+                      : report.RunsApplication()  ? Doing::Application
+                      : report.AnythingAnswered() ? Doing::Hidden
+                                                  : Doing::Silent;
+  return *std::ranges::find(kDescriptions, doing, &Description::doing);
+}
+
+std::string Hex(std::uint32_t value, int digits) {
+  std::array<char, 16> text{};
+  std::snprintf(text.data(), text.size(), "0x%.*X", digits, unsigned{value});
+  return text.data();
+}
+std::string HexId(std::uint16_t id) { return Hex(id, 4); }
+std::string HexProcessor(std::uint32_t id) { return Hex(id, 6); }
+
+const McuRow* FindMcu(std::uint32_t processorId) {
+  const auto row = std::ranges::find(McuTable, processorId, &McuRow::processorId);
+  return row == McuTable.end() ? nullptr : &*row;
+}
+std::string HexMcu(const McuRow& mcu) { return Hex(static_cast<std::uint32_t>(mcu.mcuId), 3); }
+
+int MasterOf(std::uint16_t tunnel) { return tunnel >> 8; }
+int SlaveOf(std::uint16_t tunnel) { return tunnel & 0xFF; }
+
+// --- for people ---
+
+std::string TunnelText(std::uint16_t tunnel) {
+  if (tunnel == 0) return "closed";
+  return "open to master " + std::to_string(MasterOf(tunnel)) + ", slave " +
+         std::to_string(SlaveOf(tunnel));
+}
+
+std::string ProcessorText(std::uint32_t id) {
+  const McuRow* const mcu = FindMcu(id);
+  return HexProcessor(id) + (mcu == nullptr ? " (unknown)" : " (MCU-ID " + HexMcu(*mcu) + ")");
+}
+
+std::string HardwareText(std::uint16_t id) {
+  const HardwareIdRecord fields = SplitHardwareId(id);
+  return HexId(id) + " (Serie " + std::to_string(fields.serie) + ", Type " +
+         std::to_string(fields.type) + ", Module " + std::to_string(fields.module) + ", Variant " +
+         std::to_string(fields.variant) + ")";
+}
+
+Facts FactsOf(const DeviceReport& report) {
+  Facts facts;
+  if (report.deviceId) facts.emplace_back("device id", HexId(*report.deviceId));
+  if (report.softwareId) facts.emplace_back("software id", HexId(*report.softwareId));
+  if (report.inBootloader) {
+    facts.emplace_back("bootloader", "version " + std::to_string(*report.bootloaderVersion) +
+                                         ", blocks of " + std::to_string(*report.blockSize) +
+                                         " bytes");
+  }
+  if (report.processorId) facts.emplace_back("processor", ProcessorText(*report.processorId));
+  if (report.applicationKiB) {
+    facts.emplace_back("application", "up to " + std::to_string(*report.applicationKiB) + " KiB");
+  }
+  if (report.hardwareId) facts.emplace_back("hardware id", HardwareText(*report.hardwareId));
+  if (report.tunnel) facts.emplace_back("tunnel", TunnelText(*report.tunnel));
+  return facts;
+}
+
+void WriteText(std::ostream& to, const Target& target, const DeviceReport& report) {
+  constexpr std::size_t kColumn = 13;
+  Facts facts = FactsOf(report);
+  facts.emplace(facts.begin(), "device", TargetOptions(target));
+  for (const auto& [name, value] : facts) {
+    to << name << std::string(kColumn - name.size(), ' ') << value << '\n';
+  }
+  const Description& description = DescriptionOf(report);
+  to << description.sentence;
+  if (description.doing == Doing::Bootloader) to << TargetOptions(target);
+  to << '\n';
+}
+
+// --- for scripts ---
+
+template <typename Value, typename Convert>
+Json OrNull(const std::optional<Value>& value, Convert convert) {
+  return value ? Json(convert(*value)) : Json();
+}
+
+Json TunnelJson(std::uint16_t tunnel) {
+  if (tunnel == 0) return {{"open", false}};
+  return {{"open", true}, {"master", MasterOf(tunnel)}, {"slave", SlaveOf(tunnel)}};
+}
+
+Json ProcessorJson(std::uint32_t id) {
+  const McuRow* const mcu = FindMcu(id);
+  return {{"id", HexProcessor(id)}, {"mcuId", mcu == nullptr ? Json() : Json(HexMcu(*mcu))}};
+}
+
+Json HardwareJson(std::uint16_t id) {
+  const HardwareIdRecord fields = SplitHardwareId(id);
+  return {{"id", HexId(id)},
+          {"serie", fields.serie},
+          {"type", fields.type},
+          {"module", fields.module},
+          {"variant", fields.variant}};
+}
+
+Json BootloaderJson(const DeviceReport& report) {
+  if (!report.inBootloader) return {};
+  return {{"version", *report.bootloaderVersion}, {"blockSize", *report.blockSize}};
+}
+
+void WriteJson(std::ostream& to, const Target& target, const DeviceReport& report) {
+  const auto number = [](std::uint32_t value) { return value; };
+  const Json document{
+      {"version", kDocumentVersion},
+      {"kind", target.kind == TransportKind::Usb ? "usb" : "ftdi"},
+      {"address", target.address},
+      {"state", DescriptionOf(report).name},
+      {"deviceId", OrNull(report.deviceId, HexId)},
+      {"softwareId", OrNull(report.softwareId, HexId)},
+      {"bootloader", BootloaderJson(report)},
+      {"processor", OrNull(report.processorId, ProcessorJson)},
+      {"applicationKiB", OrNull(report.applicationKiB, number)},
+      {"hardwareId", OrNull(report.hardwareId, HardwareJson)},
+      {"tunnel", OrNull(report.tunnel, TunnelJson)},
+  };
+  to << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+// --- the command ---
+
+std::string SilenceHint(const Target& target) {
+  const std::string adapter =
+      target.kind == TransportKind::Ftdi ? "check --baud and --echo; " : std::string();
+  return adapter +
+         "it may be without power or just starting: ask again in ten seconds; a device whose "
+         "master module left a tunnel open may be silent too";
+}
+
+ExitCode Tell(const Machine& machine, const Options& options, const Target& target,
+              const DeviceReport& report) {
+  if (options.json) WriteJson(machine.out, target, report);
+  if (!report.AnythingAnswered()) {
+    Complain(machine, "the device at " + TargetOptions(target) + " answers nothing",
+             SilenceHint(target));
+    return ExitCode::FailedUnknown;
+  }
+  if (!options.json) WriteText(machine.out, target, report);
+  return ExitCode::Done;
+}
+
+ExitCode Info(const Machine& machine, const Options& options) {
+  const TargetChoice choice = ChooseTarget(machine, options.target);
+  if (!choice.target) return choice.exit;
+  LogPlatform quiet(machine.platform, {}, nullptr);
+  Session session(machine, quiet);
+  if (const std::string problem = session.Open(*choice.target); !problem.empty()) {
+    Complain(machine, problem, "`firmware-updater list` shows what stands in the way");
+    return ExitCode::NoDevice;
+  }
+  Inquiry inquiry(session.Transport(), quiet);
+  return Tell(machine, options, *choice.target, AskWho(inquiry));
+}
+
+}  // namespace
+
+void AddInfoCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
+  CLI::App& command =
+      *app.add_subcommand("info", "Ask a device who it is and what it is doing, changing nothing");
+  const auto options = std::make_shared<Options>();
+  AddTargetOptions(command, options->target);
+  command.add_flag("--json", options->json, "Write one JSON document");
+  command.footer(
+      "Without --usb and --ftdi the only connected USB device is asked.\n\n"
+      "Examples:\n"
+      "  firmware-updater info\n"
+      "  firmware-updater info --ftdi TAVO0001 --baud 115200 --json");
+  command.callback([&machine, &exit, options] { exit = Info(machine, *options); });
+}
+
+}  // namespace tavo::tool

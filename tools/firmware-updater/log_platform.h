@@ -1,0 +1,44 @@
+// The machine, with the library's voice led into a log file: what it would print on the console, its
+// own log lines among it, is appended to one file, and with --verbose shown on a stream as well. The
+// tool tells the user itself how things stand.
+//
+// Every write opens the file and closes it again, as the library's log does: it is complete after
+// each line and may be moved away at any time.
+#pragma once
+
+#include <iosfwd>
+#include <string>
+
+#include "platform/platform.h"
+
+namespace tavo::tool {
+
+class LogPlatform final : public Platform {
+ public:
+  // An empty path: no file. `echo` may be null.
+  LogPlatform(Platform& machine, std::string path, std::ostream* echo);
+
+  std::chrono::milliseconds MonotonicNow() override { return m_machine.MonotonicNow(); }
+  std::uint32_t TickCount() override { return m_machine.TickCount(); }
+  std::tm LocalTime() override { return m_machine.LocalTime(); }
+  void Sleep(std::chrono::milliseconds duration) override { m_machine.Sleep(duration); }
+  std::string ExecutablePath() override { return m_machine.ExecutablePath(); }
+
+  // Leaves the progress bar out: it is drawn anew again and again, and the tool has its own.
+  void Print(std::string_view text) override;
+  // The library's log file: the same lines come by Print.
+  FileHandle OpenFile(const std::string& path, const char* mode) override;
+
+  const std::string& Path() const { return m_path; }
+
+ private:
+  Platform& m_machine;
+  std::string m_path;
+  std::ostream* m_echo;
+};
+
+// Where the log goes when the user names no file: firmware-updater/firmware-updater.log in
+// $XDG_STATE_HOME, or in .local/state of $HOME. Makes the folders. Empty when there is no such place.
+std::string DefaultLogPath();
+
+}  // namespace tavo::tool

@@ -1,0 +1,52 @@
+// firmware-updater recover: gets a device going that was left in its bootloader.
+#include <algorithm>
+#include <memory>
+
+#include "commands.h"
+#include "update_run.h"
+
+namespace tavo::tool {
+namespace {
+
+constexpr const char* kExamples =
+    "Examples:\n"
+    "  firmware-updater recover firmware.hex\n"
+    "  firmware-updater recover firmware.zip --ftdi TAVO0001";
+
+constexpr std::uint8_t kLabellingAdbType = 5;
+
+bool SetsLabel(const PackageReport& report) {
+  return std::ranges::count(report.images, kLabellingAdbType, &ImageReport::adbType) > 0;
+}
+
+// A device in its bootloader cannot tell its ids, and needs nothing but the bootloader's part of the
+// plan. Without an application it had no label set either: that is what the full plan then does.
+bool RecoverConnected(const PackageReport& report, Inquiry& inquiry, const RunPlan& run) {
+  if (!inquiry.Ask(kCheckVersion)) return run({});
+  return run({.bootloaderOnly = true}) && (!SetsLabel(report) || run({}));
+}
+
+// The bootloader's part alone opens no tunnel. Some masters tell the id of a device that cannot.
+bool RecoverBehindTunnel(const PackageReport& report, Inquiry& inquiry, const RunPlan& run) {
+  if (inquiry.Ask(kRequestDeviceId) || inquiry.Ask(kRequestDeviceIdAdmin)) return run({});
+  return run({.checkIdentity = false}) && (!SetsLabel(report) || run({}));
+}
+
+bool Recover(const PackageReport& report, Inquiry& inquiry, const RunPlan& run) {
+  const auto recover = NeedsTunnel(report) ? RecoverBehindTunnel : RecoverConnected;
+  return recover(report, inquiry, run);
+}
+
+}  // namespace
+
+void AddRecoverCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
+  CLI::App* const command =
+      app.add_subcommand("recover", "Get a device going that was left in its bootloader");
+  command->footer(kExamples);
+  const auto options = std::make_shared<UpdateOptions>();
+  AddUpdateOptions(*command, *options);
+  command->callback(
+      [&machine, &exit, options] { exit = RunUpdate(machine, "recover", *options, Recover); });
+}
+
+}  // namespace tavo::tool

@@ -1,0 +1,35 @@
+#include "target.h"
+
+#include <algorithm>
+#include <string_view>
+
+namespace tavo::tool {
+namespace {
+
+constexpr std::string_view kSafeSigns = "-_./:=@%+,";
+
+bool IsSafe(char c) {
+  const bool alphanumeric =
+      (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+  return alphanumeric || kSafeSigns.find(c) != std::string_view::npos;
+}
+
+}  // namespace
+
+std::string ShellWord(const std::string& text) {
+  if (!text.empty() && std::all_of(text.begin(), text.end(), IsSafe)) return text;
+  std::string word = "'";
+  for (const char c : text) word += c == '\'' ? std::string("'\\''") : std::string(1, c);
+  return word + "'";
+}
+
+std::string TargetOptions(const Target& target) {
+  if (target.kind == TransportKind::Usb) return "--usb " + ShellWord(target.address);
+  const std::uint32_t kDefaultBaudRate = Target().baudRate;
+  std::string options = "--ftdi " + ShellWord(target.address);
+  if (target.baudRate != kDefaultBaudRate) options += " --baud " + std::to_string(target.baudRate);
+  if (target.echo) options += " --echo";
+  return options;
+}
+
+}  // namespace tavo::tool

@@ -1,0 +1,25 @@
+// Which device a command is for, as the user names it.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "engine/transport_holder.h"
+
+namespace tavo::tool {
+
+struct Target {
+  TransportKind kind = TransportKind::Usb;
+  std::string address{};           // port path of a USB device, serial number of an adapter
+  std::uint32_t baudRate = 19200;  // adapters only, in bits per second
+  bool echo = false;               // adapters only
+};
+
+// The options that name this device on a command line, ready to be copied into a shell:
+// "--usb 4-2", "--ftdi TAVO0001 --baud 115200 --echo".
+std::string TargetOptions(const Target& target);
+
+// The text as one word of a shell command: as it stands where that is safe, else in quotes.
+std::string ShellWord(const std::string& text);
+
+}  // namespace tavo::tool

@@ -1,0 +1,20 @@
+// Small texts of facts, for screens and messages.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+namespace tavo::tool {
+
+// As std::snprintf, cut off after 255 characters.
+[[gnu::format(printf, 1, 2)]] std::string Format(const char* format, ...);
+
+// A text from outside, such as a name in an archive, so that it can be shown on a terminal: control
+// characters become '?', and what is longer than `maxLength` bytes ends in "...".
+std::string Displayable(std::string_view text, std::size_t maxLength = 200);
+
+// "8.4.1.0": Serie, Type, Module and Variant.
+std::string HardwareIdText(std::uint16_t hardwareId);
+
+}  // namespace tavo::tool
