@@ -46,10 +46,10 @@ void Course::StatusReported(const StatusMessage& message) {
       break;
     case StatusKind::UpdateFailed:
       // Without a code it is the heading of the list of reset modules.
-      if (message.value == 0 || m_failure != ErrorCode::None) break;
+      if (message.value == 0 || m_failure != ErrorCode::None || m_stopping) break;
       m_failure = static_cast<ErrorCode>(message.value);
       m_failureText = message.text;
-      Leave(false);
+      Leave(PhaseEnd::Failed);
       Enter(Phase::BringBack);
       break;
     case StatusKind::TransferBegins: m_transfer = {.total = message.value}; break;
@@ -62,21 +62,19 @@ void Course::StatusReported(const StatusMessage& message) {
   }
 }
 
-void Course::End(bool well) { Leave(well); }
-
 void Course::Enter(Phase phase) {
   if (phase == m_phase) return;
-  Leave(true);
+  Leave(PhaseEnd::Ok);
   m_phase = phase;
   m_phaseBegin = m_platform.MonotonicNow();
   m_view.PhaseBegins(phase);
 }
 
-void Course::Leave(bool well) {
+void Course::Leave(PhaseEnd end) {
   if (m_phase == Phase::None) return;
   const std::chrono::milliseconds elapsed = m_platform.MonotonicNow() - m_phaseBegin;
   m_durations[static_cast<std::size_t>(m_phase.load())] += elapsed;
-  m_view.PhaseEnds(m_phase, well, elapsed, m_transfer);
+  m_view.PhaseEnds(m_phase, end, elapsed, m_transfer);
   m_phase = Phase::None;
 }
 

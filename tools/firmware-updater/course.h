@@ -40,6 +40,8 @@ inline const PhaseDescription& DescriptionOf(Phase phase) {
   return kPhaseTable[static_cast<std::size_t>(phase)];
 }
 
+enum class PhaseEnd { Ok, Failed, Stopped };
+
 struct Transfer {
   std::int64_t done = 0;   // bytes; blank blocks that were written too can take it above `total`
   std::int64_t total = 0;  // bytes that have to be written
@@ -52,7 +54,7 @@ class View {
   virtual void PhaseBegins(Phase phase) = 0;
   virtual void Wrote(const Transfer& transfer) = 0;
   // `transfer` is that of the update so far.
-  virtual void PhaseEnds(Phase phase, bool well, std::chrono::milliseconds elapsed,
+  virtual void PhaseEnds(Phase phase, PhaseEnd end, std::chrono::milliseconds elapsed,
                          const Transfer& transfer) = 0;
   virtual void Retried(const char* request) = 0;
 };
@@ -63,11 +65,14 @@ class Course final : public UpdateObserver {
 
   void StepCalled(const Step& step, StepPhase phase) override;
   void StatusReported(const StatusMessage& message) override;
-  // The update is over; `well` is said of the phase that was under way.
-  void End(bool well);
+  // The update is over; `end` is said of the phase that was under way.
+  void End(PhaseEnd end) { Leave(end); }
 
   // From any thread.
   Phase Current() const { return m_phase; }
+  // The user wants an end: what the engine now calls a failure is none.
+  void Stopping() { m_stopping = true; }
+  bool IsStopping() const { return m_stopping; }
 
   // For the thread that ran the update, and over all its updates, should there be several.
   const Transfer& Written() const { return m_transfer; }
@@ -81,11 +86,12 @@ class Course final : public UpdateObserver {
 
  private:
   void Enter(Phase phase);
-  void Leave(bool well);
+  void Leave(PhaseEnd end);
 
   Platform& m_platform;
   View& m_view;
   std::atomic<Phase> m_phase = Phase::None;
+  std::atomic<bool> m_stopping = false;
   std::chrono::milliseconds m_phaseBegin{0};
   std::array<std::chrono::milliseconds, kPhaseTable.size()> m_durations{};
   Transfer m_transfer;

@@ -59,19 +59,18 @@ class Work {
   }
 
   bool Run(const UpdateFlags& flags) {
-    if (m_stopped) return false;
+    if (m_course.IsStopping()) return false;
     const FirmwareUpdater::Run run(m_engine);
     m_engine.SetFlags(flags);
     m_engine.Start(run, m_options.file);
-    m_course.End(m_engine.Succeeded() || RunsApplication(m_engine.DeviceState().device));
+    m_course.End(HowItEnded());
     return m_engine.Succeeded();
   }
 
   // The last engine run tells the state of the device.
   void Fill(Record& record, bool succeeded) {
-    record.ending = m_stopped && !succeeded ? Ending::Stopped
-                    : succeeded             ? Ending::Succeeded
-                                            : Ending::Failed;
+    const bool failed = m_course.Failure() != ErrorCode::None || !m_course.IsStopping();
+    record.ending = succeeded ? Ending::Succeeded : failed ? Ending::Failed : Ending::Stopped;
     if (record.ending == Ending::Failed) {
       record.failure = FailureOf(
           m_course.Failure() == ErrorCode::None ? m_engine.LastError() : m_course.Failure(),
@@ -93,9 +92,16 @@ class Work {
   }
 
  private:
+  // Of the last phase: after a failure, that is the way back to an application.
+  PhaseEnd HowItEnded() const {
+    if (m_engine.Succeeded()) return PhaseEnd::Ok;
+    if (m_course.IsStopping()) return PhaseEnd::Stopped;
+    return RunsApplication(m_engine.DeviceState().device) ? PhaseEnd::Ok : PhaseEnd::Failed;
+  }
+
   void OnInterrupt(int number) {
     if (number == 1) {
-      m_stopped = true;
+      m_course.Stopping();
       m_view.Note("Stopping before the next request. At this point: " +
                   std::string(SentenceOf(AfterStopIn(m_course.Current()))) +
                   " Ctrl-C again ends the program at once, in the middle of whatever it does.");
@@ -115,7 +121,6 @@ class Work {
   Session m_session;
   FirmwareUpdater m_engine;
   Course m_course;
-  std::atomic<bool> m_stopped = false;
   Interrupts m_interrupts;  // the last to be made: it uses all the others
 };
 

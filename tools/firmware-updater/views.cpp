@@ -51,8 +51,17 @@ std::string TimeLeft(const Transfer& transfer) {
                 static_cast<long long>(seconds % 60));
 }
 
-std::string PhaseResult(Phase phase, bool well, milliseconds elapsed, const Transfer& transfer) {
-  std::string line = Format("%-8s%7.1f s", well ? "ok" : "failed", Seconds(elapsed));
+const char* NameOf(PhaseEnd end) {
+  switch (end) {
+    case PhaseEnd::Ok: return "ok";
+    case PhaseEnd::Failed: return "failed";
+    case PhaseEnd::Stopped: break;
+  }
+  return "stopped";
+}
+
+std::string PhaseResult(Phase phase, PhaseEnd end, milliseconds elapsed, const Transfer& transfer) {
+  std::string line = Format("%-8s%7.1f s", NameOf(end), Seconds(elapsed));
   if (phase == Phase::Write) line += Format("   %.1f KiB", KiB(transfer.done));
   if (const std::string rate = Rate(transfer); phase == Phase::Write && !rate.empty()) {
     line += ", " + rate;
@@ -82,6 +91,8 @@ class TextView : public UpdateView {
   }
 
  protected:
+  std::mutex m_lock;  // a note may come from another thread
+
   std::string Coloured(const char* colour, const std::string& text) const {
     return m_machine.colour ? colour + text + kPlain : text;
   }
@@ -103,14 +114,20 @@ class PlainView final : public TextView {
 
   void PhaseBegins(Phase) override {}
   void Wrote(const Transfer&) override {}
-  void PhaseEnds(Phase phase, bool well, milliseconds elapsed, const Transfer& transfer) override {
+  void PhaseEnds(Phase phase, PhaseEnd end, milliseconds elapsed,
+                 const Transfer& transfer) override {
+    const std::lock_guard lock(m_lock);
     m_machine.out << Format("%-22s", DescriptionOf(phase).title)
-                  << PhaseResult(phase, well, elapsed, transfer) << std::endl;
+                  << PhaseResult(phase, end, elapsed, transfer) << std::endl;
   }
   void Retried(const char* request) override {
+    const std::lock_guard lock(m_lock);
     m_machine.out << "no answer to: " << request << std::endl;
   }
-  void Note(const std::string& text) override { m_machine.out << text << std::endl; }
+  void Note(const std::string& text) override {
+    const std::lock_guard lock(m_lock);
+    m_machine.out << text << std::endl;
+  }
 };
 
 class TerminalView final : public TextView {
@@ -138,11 +155,13 @@ class TerminalView final : public TextView {
     }
     Redraw();
   }
-  void PhaseEnds(Phase phase, bool well, milliseconds elapsed, const Transfer& transfer) override {
+  void PhaseEnds(Phase phase, PhaseEnd end, milliseconds elapsed,
+                 const Transfer& transfer) override {
     const std::lock_guard lock(m_lock);
     m_nextRedraw = milliseconds{0};
     m_machine.out << kEraseLine << m_title
-                  << Coloured(well ? kGreen : kRed, PhaseResult(phase, well, elapsed, transfer))
+                  << Coloured(end == PhaseEnd::Ok ? kGreen : kRed,
+                              PhaseResult(phase, end, elapsed, transfer))
                   << std::endl;
     m_title.clear();
   }
@@ -162,7 +181,6 @@ class TerminalView final : public TextView {
     if (!m_title.empty()) m_machine.out << kEraseLine << m_title << m_state << std::flush;
   }
 
-  std::mutex m_lock;  // a note may come from another thread
   std::string m_title;
   std::string m_state;
   milliseconds m_nextRedraw{0};
@@ -244,9 +262,9 @@ class JsonView final : public UpdateView {
     m_lastPercent = percent;
     Line("bytes", {{"written", transfer.done}, {"due", transfer.total}});
   }
-  void PhaseEnds(Phase phase, bool well, milliseconds elapsed, const Transfer&) override {
+  void PhaseEnds(Phase phase, PhaseEnd end, milliseconds elapsed, const Transfer&) override {
     Line("phase", {{"phase", DescriptionOf(phase).name},
-                   {"state", well ? "ok" : "failed"},
+                   {"state", NameOf(end)},
                    {"seconds", Seconds(elapsed)}});
   }
   void Retried(const char* request) override { Line("retry", {{"request", request}}); }
