@@ -116,6 +116,7 @@ void AddBehaviour(CLI::App& app, SimulatorArguments& to) {
       ->delimiter(',')
       ->expected(2)
       ->default_str("")
+      ->allow_extra_args(false)
       ->check(CLI::Range(0, 255));
   app.add_option("--write-address", to.writeAddress,
                  "What it does after a written block: stays or advances")

@@ -12,7 +12,7 @@ namespace {
 
 using namespace usbip;
 
-constexpr auto kPatience = std::chrono::milliseconds(500);
+constexpr auto kPatience = std::chrono::seconds(2);  // a busy machine takes its time
 
 std::optional<Address> ParseAddress(const std::string& text) {
   const std::size_t colon = std::min(text.find(':'), text.size());

@@ -38,7 +38,7 @@ struct HostView {
 };
 
 // Asks, after detaching and attaching kernel drivers as told by two interface masks. None when no
-// simulator listens there or its device is unplugged. Takes half a second at most.
+// simulator listens there or its device is unplugged. Takes two seconds at most.
 std::optional<HostView> FetchHostView(const Address& address, std::uint32_t detach = 0,
                                       std::uint32_t attach = 0);
 
@@ -49,12 +49,12 @@ class Connection {
   // Gone also when another device has taken the place of the one with `expected`'s number.
   ImportOutcome Import(const Address& address, const usbip::DeviceRecord& expected);
 
-  // Lets go of the device and waits, half a second at most, until the simulator knows.
+  // Lets go of the device and waits, two seconds at most, until the simulator knows.
   void Close();
 
   usbip::SocketFd Fd() const { return m_socket.Fd(); }
 
-  // False when the connection is lost, or takes nothing for half a second.
+  // False when the connection is lost, or takes nothing for two seconds.
   bool Send(ByteView bytes);
   // Takes over what has arrived, without waiting; false when the connection is lost. What came
   // before the loss is in Input() all the same.

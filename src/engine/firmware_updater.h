@@ -52,6 +52,9 @@ struct UpdateFlags {
   bool extendedErase = false;   // erase mode 3 instead of 1
   bool bootloaderOnly = false;  // no tunnel, identity, label or module steps
   bool dryRun = false;          // all up to the erase, then back to the application
+  // Check the hardware id whatever the other flags say. Without a device id it may be any that the
+  // firmware is for.
+  bool checkHardware = false;
 };
 
 // What the device has told of itself during the last update; -1 = nothing.
@@ -206,6 +209,7 @@ class FirmwareUpdater {
   StepResult AcceptBootloader();
   StepResult CompareApplicationSize();
   StepResult CompareHardwareId();
+  std::int32_t AcceptedHardwareIds(std::vector<std::uint16_t>& accepted) const;
   bool MatchesHardwareId(std::uint16_t hardwareId, const std::vector<std::uint16_t>& accepted);
   std::uint32_t ImageSize() const;
   // What the image has of the block at `offset`, which lies within it; less at its end.

@@ -10,6 +10,7 @@ enum class When {
   Always,
   FullPlan,          // unless the update is to talk to the bootloader only
   FullPlanIdentity,  // the same, and only with identity checks on
+  HardwareCheck,     // the same, or where that check is asked for by itself
   Changing,          // unless the run is to be a dry one
   FullPlanChanging,
 };
@@ -35,7 +36,7 @@ constexpr std::array<PlannedStep, 21> kPlan{{
     {{&U::RequestProcessorId,     "Request Prozessor-ID"},           When::Always},
     {{&U::SelectFirmware,         "Select Firmware"},                When::Always},
     {{&U::CheckApplicationSize,   "Check Application Section Size"}, When::Always},
-    {{&U::CheckHardwareId,        "Check HardwareId"},               When::FullPlanIdentity},
+    {{&U::CheckHardwareId,        "Check HardwareId"},               When::HardwareCheck},
     {{&U::EraseApplication,       "Erase Application Memory"},       When::Changing},
     {{&U::WriteBlock,             "Write Block"},                    When::Changing},
     {{&U::Verify,                 "Verify"},                         When::Changing},
@@ -59,6 +60,8 @@ bool Included(When when, const UpdateFlags& flags) {
     case When::Always: return true;
     case When::FullPlan: return !flags.bootloaderOnly;
     case When::FullPlanIdentity: return !flags.bootloaderOnly && flags.checkIdentity;
+    case When::HardwareCheck:
+      return flags.checkHardware || (!flags.bootloaderOnly && flags.checkIdentity);
     case When::Changing: return !flags.dryRun;
     case When::FullPlanChanging: return !flags.bootloaderOnly && !flags.dryRun;
   }

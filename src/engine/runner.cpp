@@ -77,9 +77,9 @@ void FirmwareUpdater::OnTransportEvent(const TavoMessage* message) {
 
 void FirmwareUpdater::RunSteps(StepPhase phase) {
   while (!m_plan.empty()) {
-    if (m_stopRequested) return AbortPlan();
     const Step step = m_plan.front();
     if (m_observer) m_observer->StepCalled(step, phase);
+    if (m_stopRequested) return AbortPlan();
     const StepResult result = (this->*step.run)(phase);
     if (result == StepResult::Done) {
       m_plan.pop_front();

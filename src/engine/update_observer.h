@@ -15,7 +15,7 @@ class UpdateObserver {
   virtual ~UpdateObserver() = default;
 
   // A step is about to be called: for the first time or again (Start), with its answer, or because
-  // none came.
+  // none came. A stop that is requested here comes before it.
   virtual void StepCalled(const Step& step, StepPhase phase) = 0;
 
   // What the console is told too, before it is.

@@ -44,13 +44,24 @@ constexpr int Score(const HardwareIdPattern& pattern, const HardwareIdRecord& pr
   return score;
 }
 
+// The first id of the first entry that has any. Only that one list is read: in a file that is made to
+// harm, all of them together may not fit into memory.
+std::optional<HardwareIdRecord> FirstHardwareId(const AdbView& view) {
+  const std::int32_t count = view.HasEntryTable() ? view.EntryCount() : 1;
+  std::vector<std::uint16_t> list;
+  for (std::int32_t index = 0; index < count; ++index) {
+    if (view.HardwareIdList(index, list) > 0) return SplitHardwareId(list.front());
+  }
+  return std::nullopt;
+}
+
 // The value of the row that fits the image best; of rows that fit equally well, the first.
 template <typename Value, std::size_t Rows>
 Value FindBestMatch(const std::array<PatternRow<Value>, Rows>& table, const FirmwareImage& image,
                     Value none) {
-  const auto recordsByEntry = HardwareIdRecordsByEntry(AdbView(image));
-  if (recordsByEntry.empty()) return none;
-  const HardwareIdRecord& probe = recordsByEntry.begin()->second.front();
+  const std::optional<HardwareIdRecord> first = FirstHardwareId(AdbView(image));
+  if (!first) return none;
+  const HardwareIdRecord probe = *first;
   const auto best = std::max_element(table.begin(), table.end(), [&](const auto& a, const auto& b) {
     return Score(a.pattern, probe) < Score(b.pattern, probe);
   });

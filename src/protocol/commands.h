@@ -7,6 +7,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstdint>
 #include <span>
 
@@ -22,6 +23,12 @@ inline constexpr std::uint16_t kAlternativeApplicationRequest = 0x180;
 // Sent raw, outside any frame, before the tunnel status and close requests: it makes a master that
 // passes everything on to its tunnel listen for itself.
 inline constexpr std::array<std::uint8_t, 3> kEscapeSequence{0x1B, 0x1B, 0x1B};
+
+// What some masters report instead of 0 while no tunnel is open: master 16, slave 16.
+inline constexpr std::uint16_t kNoTunnelEither = 0x1010;
+
+// How long a master needs to close its tunnel.
+inline constexpr std::chrono::milliseconds kTunnelClosing{5000};
 
 // The bootloader reports its block size in one byte.
 inline constexpr std::size_t kMaxBlockSize = 255;

@@ -1,4 +1,6 @@
 // Before anything is erased: does the selected image fit the device?
+#include <algorithm>
+
 #include "engine/firmware_updater.h"
 #include "package/adb_view.h"
 #include "package/hardware_identity.h"
@@ -60,15 +62,14 @@ StepResult FirmwareUpdater::CompareHardwareId() {
   const std::uint16_t hardwareId = AnswerValue();
   m_hardwareId = hardwareId;
   m_log.LogInfo("FirmwareUpdater: Check HardwareId: HardwareID 0x%.4X", hardwareId);
-  if (!m_flags.checkIdentity || SoftwareIdIsNoLabel()) {
+  const bool skipped = !m_flags.checkIdentity || SoftwareIdIsNoLabel();
+  if (skipped && !m_flags.checkHardware) {
     m_log.LogInfo("FirmwareUpdater: Check Hardware-Id: Skipped");
     return StepResult::Done;
   }
   const auto deviceId = static_cast<unsigned>(m_deviceId);
-  const AdbView view(SelectedFirmware());
-  const std::int32_t entry = view.EntryIndexForDevice(static_cast<std::uint16_t>(m_deviceId));
   std::vector<std::uint16_t> accepted;
-  if (view.HardwareIdList(entry, accepted) == -1) {
+  if (AcceptedHardwareIds(accepted) == -1) {
     m_log.LogCrit("FirmwareUpdater: Check HardwareId: Firmware does not match the device (0x%04X)",
                   deviceId);
     return Fail(ErrorCode::HardwareId, "Error: Firmware does not match the device (0x%04X)",
@@ -77,6 +78,25 @@ StepResult FirmwareUpdater::CompareHardwareId() {
   if (MatchesHardwareId(hardwareId, accepted)) return StepResult::Done;
   m_log.LogCrit("FirmwareUpdater: Hardware ID incorrect. Device: 0x%.4X", deviceId);
   return Fail(ErrorCode::HardwareId, "Error: Hardware ID incorrect. Device: 0x%.4X", hardwareId);
+}
+
+// Their number; -1 when the firmware is not for the device, or they cannot be read.
+std::int32_t FirmwareUpdater::AcceptedHardwareIds(std::vector<std::uint16_t>& accepted) const {
+  const AdbView view(SelectedFirmware());
+  const bool anyEntry = m_flags.checkHardware && m_deviceId == -1 && view.HasEntryTable();
+  if (!anyEntry) {
+    const auto deviceId = static_cast<std::uint16_t>(m_deviceId);
+    return view.HardwareIdList(view.EntryIndexForDevice(deviceId), accepted);
+  }
+  std::vector<std::uint16_t> list;
+  for (std::int32_t entry = 0; entry < view.EntryCount(); ++entry) {
+    if (view.HardwareIdList(entry, list) < 1) continue;
+    accepted.insert(accepted.end(), list.begin(), list.end());
+    // Lists may overlap; without repetitions they are never more than there are ids.
+    std::ranges::sort(accepted);
+    accepted.erase(std::unique(accepted.begin(), accepted.end()), accepted.end());
+  }
+  return static_cast<std::int32_t>(accepted.size());
 }
 
 // Every accepted id is logged, whether or not an earlier one has matched: the log then shows what

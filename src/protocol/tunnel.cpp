@@ -9,13 +9,9 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// What some masters report instead of 0 while no tunnel is open: master 16, slave 16.
-constexpr std::uint16_t kNoTunnelEither = 0x1010;
-
 // How long a master needs to set its tunnel up, from nothing or after another tunnel.
 constexpr milliseconds kFirstTunnelSetUp{6000};
 constexpr milliseconds kTunnelChange{1000};
-constexpr milliseconds kTunnelClosing{5000};
 
 constexpr Step kInitTunnelStep{&FirmwareUpdater::InitTunnel, "Init Tunnel"};
 constexpr Step kDeinitTunnelStep{&FirmwareUpdater::DeinitTunnel, "Deinit Tunnel"};

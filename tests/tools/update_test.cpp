@@ -240,6 +240,106 @@ TEST(RecoverCommand, DoesNotWriteAWrongFirmwareOverARunningApplication) {
   EXPECT_EQ(tool.station.device.ApplicationFlash().Bytes(), before);
 }
 
+// Every way in which a device may be found, met by the right and by a wrong file: what is said at the
+// end is true, and a wrong firmware is written over nothing.
+TEST(UpdateCommand, SaysTheTruthHoweverTheDeviceIsFoundAndWhicheverFileItGets) {
+  struct Found {
+    const char* how;
+    DeviceState start;
+    bool intact;
+  };
+  const Found founds[] = {{"application", DeviceState::Application, true},
+                          {"bootloader", DeviceState::Bootloader, true},
+                          {"erased", DeviceState::Bootloader, false}};
+  for (const Found& found : founds) {
+    for (const char* command : {"update", "recover"}) {
+      for (const bool right : {true, false}) {
+        SCOPED_TRACE(std::string(found.how) + " " + command + (right ? "" : ", wrong file"));
+        tavosim::DeviceOptions options = Options("plain");
+        options.start = found.start;
+        options.applicationIntact = found.intact;
+        Tool tool(options);
+        const std::vector<std::uint8_t> before = tool.station.device.ApplicationFlash().Bytes();
+        if (!right) {
+          const tavosim::Family& other = *tavosim::FindFamily("labelled");
+          tavosim::WriteFile(tool.File(),
+                             tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(other))));
+        }
+        const int exit =
+            tool.Run(std::string(command) + " " + tool.File() + kTarget + " --log " + tool.Log());
+        const bool revives = found.intact || std::string(command) == "recover";
+        EXPECT_EQ(exit == 0, right && revives) << tool.Out() << tool.Err();
+        if (exit == 0) {
+          EXPECT_TRUE(tool.UpdatedAndRuns());
+          continue;
+        }
+        EXPECT_EQ(tool.station.device.ApplicationFlash().Bytes(), before);
+        EXPECT_EQ(exit, tool.station.ApplicationRuns() ? 1 : 5) << tool.Out();
+        if (right) {
+          const std::string next = tool.Recommended();
+          EXPECT_EQ(tool.Run(next + " --log " + tool.Log()), 0) << next;
+          EXPECT_TRUE(tool.UpdatedAndRuns());
+        } else if (revives) {
+          EXPECT_EQ(tool.LastLine().find(tool.File()), std::string::npos)
+              << "the wrong file is not recommended again";
+        }
+      }
+    }
+  }
+}
+
+TEST(RecoverCommand, DoesNotWriteThroughATunnelThatWasLeftOpen) {
+  tavosim::DeviceOptions options = Options("tunnel");
+  options.family.processorId = 0x1E9748;
+  options.applicationIntact = false;
+  options.openTunnel = 0x0401;
+  Tool tool(options);
+  const std::vector<std::uint8_t> before = tool.station.device.ApplicationFlash().Bytes();
+  const tavosim::Family& other = *tavosim::FindFamily("plain");
+  tavosim::WriteFile(tool.File(),
+                     tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(other))));
+  EXPECT_NE(tool.Run("recover " + tool.File() + kTarget + " --log " + tool.Log()), 0);
+  EXPECT_EQ(tool.station.device.ApplicationFlash().Bytes(), before);
+  EXPECT_EQ(tool.station.device.OpenTunnel(), 0);
+}
+
+TEST(UpdateCommand, FilesThatCannotBeWrittenAreToldOfBeforeAnythingIsOpened) {
+  for (const char* option : {" --log /nonexistent/x.log", " --record /nonexistent/x.ndjson"}) {
+    Tool tool(Options("plain"));
+    EXPECT_EQ(tool.Run("update " + tool.File() + option), 2);
+    EXPECT_NE(tool.Err().find("/nonexistent/x"), std::string::npos) << tool.Err();
+    EXPECT_EQ(tool.station.Requests(), Lines());
+  }
+}
+
+TEST(Replay, FollowsWhatWasRecordedAndNoticesWhatWasNot) {
+  for (const char* fault : {"lose:id=0x134:3", "lose:id=0x130:1", "powercut:id=0x134:9",
+                            "unplug:id=0x134:5:300ms", "damage:id=0x121:1"}) {
+    SCOPED_TRACE(fault);
+    Tool tool(Options("plain"), {fault});
+    const std::string record = tool.station.platform.Folder() + "record.ndjson";
+    tool.Update(" --record " + record);
+    EXPECT_EQ(tool.Run("replay " + record), 0) << tool.Out() << tool.Err();
+    EXPECT_EQ(FileText(record).find("A8D304"), std::string::npos) << "no block of the firmware";
+    std::string changed = FileText(record);
+    changed.replace(changed.rfind("\"device\":\"") + 10, 1, "x");
+    tavosim::WriteFile(record, changed);
+    EXPECT_EQ(tool.Run("replay " + record), 1) << tool.Out();
+  }
+}
+
+// A failure that was recorded becomes a test when its record is put into this folder.
+TEST(Replay, EveryKeptRecordIsFollowed) {
+  int records = 0;
+  for (const auto& entry :
+       std::filesystem::directory_iterator(TAVO_SOURCE_DIR "/tests/tools/records")) {
+    Tool tool(Options("plain"));
+    EXPECT_EQ(tool.Run("replay " + entry.path().string()), 0) << tool.Out() << tool.Err();
+    ++records;
+  }
+  EXPECT_GT(records, 0);
+}
+
 TEST(UpdateRecord, IsOneObjectALineAndAddsUp) {
   Tool tool(Options("plain"), {"lose:id=0x134:3"});
   EXPECT_EQ(tool.Update(" --json"), 0) << tool.Out();

@@ -106,6 +106,7 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
   AddRecoverCommand(app, machine, exit);
   AddInspectCommand(app, machine, exit);
   AddPackCommand(app, machine, exit);
+  AddReplayCommand(app, machine, exit);
   AddSimulateCommand(app, machine, exit);
   AddGenerateCommand(app, machine, exit);
 }

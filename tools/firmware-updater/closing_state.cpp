@@ -1,5 +1,6 @@
 #include "closing_state.h"
 
+#include <algorithm>
 #include <array>
 
 namespace tavo::tool {
@@ -79,11 +80,35 @@ ExitCode ExitOf(const ConditionRow& row, Ending ending) {
   return row.exit;
 }
 
-std::string CommandOf(const ConditionRow& row, Ending ending, const std::string& file,
-                      const Target& target) {
+std::string Flags(const UpdateFlags& flags, Cure cure) {
+  std::string text;
+  if (!flags.checkIdentity) text += " --skip-identity-check";
+  if (flags.extendedErase) text += " --extended-erase";
+  if (flags.bootloaderOnly && cure == Cure::Update) text += " --bootloader-only";
+  if (flags.dryRun) text += " --dry-run";
+  return text;
+}
+
+std::string CommandFor(Cure cure, const Task& task, const std::string& file) {
+  const char* const verb = cure == Cure::Recover ? "recover " : "update ";
+  return "firmware-updater " + (verb + file) + " " + TargetOptions(task.target) +
+         Flags(task.flags, cure);
+}
+
+bool FirmwareDoesNotFit(ErrorCode failure) {
+  constexpr std::array kCodes{ErrorCode::HardwareId, ErrorCode::ApplicationSize,
+                              ErrorCode::Firmware};
+  return std::ranges::count(kCodes, failure) > 0;
+}
+
+std::string CommandOf(const ConditionRow& row, Ending ending, ErrorCode failure, const Task& task) {
   if (row.cure == Cure::None || ending == Ending::Succeeded) return {};
-  const char* const verb = row.cure == Cure::Recover ? "recover " : "update ";
-  return "firmware-updater " + (verb + ShellWord(file)) + " " + TargetOptions(target);
+  // A dry run begins by leading the device back to its application, and must not end by writing it.
+  const Cure cure = task.flags.dryRun ? Cure::Update : row.cure;
+  if (ending != Ending::Failed || !FirmwareDoesNotFit(failure)) {
+    return CommandFor(cure, task, ShellWord(task.file));
+  }
+  return cure == Cure::Recover ? CommandFor(cure, task, "FILE") : std::string();
 }
 
 }  // namespace
@@ -92,15 +117,40 @@ bool RunsApplication(DeviceCondition condition) {
   return RowOf(condition).exit == ExitCode::FailedRuns;
 }
 
+std::string_view NameOf(DeviceCondition condition) { return RowOf(condition).name; }
+
 std::string_view SentenceOf(DeviceCondition condition) { return RowOf(condition).sentence; }
 
-ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, const std::string& file,
-                       const Target& target) {
+std::string RecoverCommand(const Task& task) {
+  return CommandFor(task.flags.dryRun ? Cure::Update : Cure::Recover, task, ShellWord(task.file));
+}
+
+DeviceCondition Following(DeviceCondition earlier, DeviceCondition later) {
+  const bool written = earlier == DeviceCondition::UpdatedAndVerified ||
+                       earlier == DeviceCondition::UpdatedNotVerified ||
+                       earlier == DeviceCondition::RunsIncomplete;
+  if (!written) return later;
+  switch (later) {
+    case DeviceCondition::OldApplicationRuns: return DeviceCondition::RunsIncomplete;
+    case DeviceCondition::BootloaderAsFound: return DeviceCondition::BootloaderFlashIntact;
+    case DeviceCondition::Untouched: return DeviceCondition::Unknown;
+    default: return later;
+  }
+}
+
+std::string ClosingState::Line() const {
+  if (command.empty()) return sentence;
+  const bool runs = exit == ExitCode::FailedRuns || device == "old-application-runs";
+  return sentence + (runs ? " To try again: " : " To get it going: ") + command;
+}
+
+ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, ErrorCode failure,
+                       const Task& task) {
   const ConditionRow& row = RowOf(evidence.device);
   ClosingState state{.device = std::string(row.name),
                      .tunnel = std::string(TunnelName(evidence.tunnel)),
                      .sentence = std::string(row.sentence),
-                     .command = CommandOf(row, ending, file, target),
+                     .command = CommandOf(row, ending, failure, task),
                      .exit = ExitOf(row, ending)};
   if (evidence.tunnel == TunnelCondition::LeftOpen) {
     state.sentence += " The tunnel to it is still open; the next update closes it.";

@@ -26,6 +26,7 @@ struct Machine {
   std::ostream& err;      // errors and hints
   bool terminal = false;  // `out` is a terminal: lines may be redrawn in place
   bool colour = false;    // and the user wants colours
+  int width = 80;         // of the terminal, in characters
 };
 
 // In the order of the help text. The references must outlive the parsing.
@@ -35,6 +36,7 @@ void AddUpdateCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddRecoverCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddInspectCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddPackCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
+void AddReplayCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddSimulateCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 
 // Writes one line "firmware-updater: TEXT" and, unless empty, one line "hint: HINT" to `err`.

@@ -30,6 +30,7 @@ Phase PhaseOf(const Step& step, Phase current) {
 }  // namespace
 
 void Course::StepCalled(const Step& step, StepPhase phase) {
+  if (m_stopping) return m_stop();
   if (m_failure == ErrorCode::None) Enter(PhaseOf(step, m_phase));
   // Silence is the ordinary answer of a running application to the request to leave the bootloader.
   const bool expected = step.run == &U::LeaveBootloader;
@@ -43,6 +44,8 @@ void Course::StatusReported(const StatusMessage& message) {
     case StatusKind::UpdateBegins:
       m_failure = ErrorCode::None;
       m_failureText.clear();
+      m_earlier = Written();
+      m_transfer = {};
       break;
     case StatusKind::UpdateFailed:
       // Without a code it is the heading of the list of reset modules.
@@ -66,6 +69,7 @@ void Course::Enter(Phase phase) {
   if (phase == m_phase) return;
   Leave(PhaseEnd::Ok);
   m_phase = phase;
+  m_mayHaveErased |= phase == Phase::Erase;
   m_phaseBegin = m_platform.MonotonicNow();
   m_view.PhaseBegins(phase);
 }

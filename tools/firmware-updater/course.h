@@ -7,7 +7,9 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "engine/error_code.h"
 #include "engine/update_observer.h"
@@ -61,25 +63,31 @@ class View {
 
 class Course final : public UpdateObserver {
  public:
-  Course(Platform& platform, View& view) : m_platform(platform), m_view(view) {}
+  // `stop` asks the engine for an end; it is called by the thread that runs the update.
+  Course(Platform& platform, View& view, std::function<void()> stop)
+      : m_platform(platform), m_view(view), m_stop(std::move(stop)) {}
 
   void StepCalled(const Step& step, StepPhase phase) override;
   void StatusReported(const StatusMessage& message) override;
   // The update is over; `end` is said of the phase that was under way.
   void End(PhaseEnd end) { Leave(end); }
 
-  // From any thread.
+  // From any thread, as Stop is.
   Phase Current() const { return m_phase; }
-  // The user wants an end: what the engine now calls a failure is none.
-  void Stopping() { m_stopping = true; }
+  // The user wants an end, before the next step. What the engine then calls a failure is none.
+  void Stop() { m_stopping = true; }
   bool IsStopping() const { return m_stopping; }
 
   // For the thread that ran the update, and over all its updates, should there be several.
-  const Transfer& Written() const { return m_transfer; }
+  Transfer Written() const {
+    return {m_earlier.done + m_transfer.done, m_earlier.total + m_transfer.total};
+  }
   int Retries() const { return m_retries; }
   std::chrono::milliseconds Duration(Phase phase) const {
     return m_durations[static_cast<std::size_t>(phase)];
   }
+  // Whether an erase may have been asked for in any of the updates.
+  bool MayHaveErased() const { return m_mayHaveErased; }
   // The first failure of the current update: what follows it may only be its consequence.
   ErrorCode Failure() const { return m_failure; }
   const std::string& FailureText() const { return m_failureText; }
@@ -94,8 +102,11 @@ class Course final : public UpdateObserver {
   std::atomic<bool> m_stopping = false;
   std::chrono::milliseconds m_phaseBegin{0};
   std::array<std::chrono::milliseconds, kPhaseTable.size()> m_durations{};
+  const std::function<void()> m_stop;
   Transfer m_transfer;
+  Transfer m_earlier;  // of the updates before
   int m_retries = 0;
+  bool m_mayHaveErased = false;
   ErrorCode m_failure = ErrorCode::None;
   std::string m_failureText;
 };

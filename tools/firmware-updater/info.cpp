@@ -30,20 +30,24 @@ struct Options {
 
 enum class Doing { Application, Bootloader, Hidden, Silent };
 
+// The command is also the one after an update that was broken off: a killed one names none itself.
 struct Description {
   Doing doing;
   const char* name;      // stable, for scripts
-  const char* sentence;  // for people
+  const char* sentence;  // for people; a command follows, when there is one
+  const char* command;
 };
 
 // clang-format off
 constexpr std::array kDescriptions{
-    Description{Doing::Application, "application", "It runs its application."},
-    Description{Doing::Bootloader,  "bootloader",  "It sits in its bootloader: firmware-updater recover FILE "},
+    Description{Doing::Application, "application",
+                "It runs its application. To update it: ", "update"},
+    Description{Doing::Bootloader,  "bootloader",  "It sits in its bootloader: ", "recover"},
     Description{Doing::Hidden,      "hidden",
                 "A module answers, but neither an application nor a bootloader was heard: a master module "
-                "hides the device behind it until a tunnel is opened, which this command never does."},
-    Description{Doing::Silent,      "silent",      "Nothing answered."},
+                "hides the device behind it until a tunnel is opened, which this command never does. "
+                "Whatever it is doing, this updates it: ", "recover"},
+    Description{Doing::Silent,      "silent",      "Nothing answered.", nullptr},
 };
 // clang-format on
 
@@ -53,6 +57,11 @@ const Description& DescriptionOf(const DeviceReport& report) {
                       : report.AnythingAnswered() ? Doing::Hidden
                                                   : Doing::Silent;
   return *std::ranges::find(kDescriptions, doing, &Description::doing);
+}
+
+std::string NextCommand(const Description& description, const Target& target) {
+  if (description.command == nullptr) return {};
+  return std::string("firmware-updater ") + description.command + " FILE " + TargetOptions(target);
 }
 
 std::string Hex(std::uint32_t value, int digits) {
@@ -118,9 +127,7 @@ void WriteText(std::ostream& to, const Target& target, const DeviceReport& repor
     to << name << std::string(kColumn - name.size(), ' ') << value << '\n';
   }
   const Description& description = DescriptionOf(report);
-  to << description.sentence;
-  if (description.doing == Doing::Bootloader) to << TargetOptions(target);
-  to << '\n';
+  to << description.sentence << NextCommand(description, target) << '\n';
 }
 
 // --- for scripts ---
@@ -156,11 +163,13 @@ Json BootloaderJson(const DeviceReport& report) {
 
 void WriteJson(std::ostream& to, const Target& target, const DeviceReport& report) {
   const auto number = [](std::uint32_t value) { return value; };
+  const Description& description = DescriptionOf(report);
+  const std::string next = NextCommand(description, target);
   const Json document{
       {"version", kDocumentVersion},
       {"kind", target.kind == TransportKind::Usb ? "usb" : "ftdi"},
       {"address", target.address},
-      {"state", DescriptionOf(report).name},
+      {"state", description.name},
       {"deviceId", OrNull(report.deviceId, HexId)},
       {"softwareId", OrNull(report.softwareId, HexId)},
       {"bootloader", BootloaderJson(report)},
@@ -168,6 +177,7 @@ void WriteJson(std::ostream& to, const Target& target, const DeviceReport& repor
       {"applicationKiB", OrNull(report.applicationKiB, number)},
       {"hardwareId", OrNull(report.hardwareId, HardwareJson)},
       {"tunnel", OrNull(report.tunnel, TunnelJson)},
+      {"next", next.empty() ? Json() : Json(next)},
   };
   to << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
 }

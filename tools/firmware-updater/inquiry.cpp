@@ -14,10 +14,6 @@ using std::chrono::milliseconds;
 constexpr std::uint32_t kSender = 1;
 constexpr std::uint32_t kOnlyChannel = 0;
 
-// What some masters report instead of 0 while no tunnel is open: master 16, slave 16.
-constexpr std::uint16_t kNoTunnelEither = 0x1010;
-constexpr milliseconds kTunnelClosing{5000};
-
 // A request may have to wait for half a frame, then in the queue, then for its answer; by then the
 // link has spoken. The second bound is for a device that never stops talking.
 constexpr milliseconds kLongestWait{FrameAssembler::kInterByteTimeoutMs +
@@ -31,11 +27,6 @@ bool NeedsEscape(const Command& command) {
 
 std::uint16_t Value(const TavoMessage& answer) {
   return static_cast<std::uint16_t>(answer.payload[0] | (answer.payload[1] << 8));
-}
-
-std::optional<std::uint16_t> AskValue(Inquiry& inquiry, const Command& command) {
-  const std::optional<TavoMessage> answer = inquiry.Ask(command);
-  return answer ? std::optional(Value(*answer)) : std::nullopt;
 }
 
 std::optional<std::uint16_t> AskDeviceId(Inquiry& inquiry) {
@@ -72,6 +63,11 @@ void AskBootloader(Inquiry& inquiry, DeviceReport& report) {
 }
 
 }  // namespace
+
+std::optional<std::uint16_t> AskValue(Inquiry& inquiry, const Command& command) {
+  const std::optional<TavoMessage> answer = inquiry.Ask(command);
+  return answer ? std::optional(Value(*answer)) : std::nullopt;
+}
 
 bool Inquiry::Send(const Command& command, std::span<const std::uint8_t> arguments) {
   assert(command.head.length + arguments.size() <= kMaxPayload);

@@ -44,6 +44,9 @@ class Inquiry {
   Platform& m_platform;
 };
 
+// The two bytes of an answer, low byte first; none: not answered.
+std::optional<std::uint16_t> AskValue(Inquiry& inquiry, const Command& command);
+
 // What a device tells of itself; none: it was not asked, or has not answered.
 struct DeviceReport {
   std::optional<std::uint16_t> tunnel{};  // as Inquiry::OpenTunnel tells it

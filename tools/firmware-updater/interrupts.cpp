@@ -1,44 +1,50 @@
 #include "interrupts.h"
 
 #include <pthread.h>
-#include <signal.h>
-
 #include <utility>
 
 namespace tavo::tool {
 namespace {
 
-// Ends the thread; nobody else uses it.
-constexpr int kEnd = SIGUSR1;
+// Wakes the thread for its end; one that comes from elsewhere does nothing.
+constexpr int kWake = SIGUSR1;
+
+bool IsIgnored(int signal) {
+  struct sigaction action {};
+  return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
 
 sigset_t Signals() {
   sigset_t signals;
   sigemptyset(&signals);
-  for (const int signal : {SIGINT, SIGTERM, SIGHUP, kEnd}) sigaddset(&signals, signal);
+  sigaddset(&signals, kWake);
+  for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+    if (!IsIgnored(signal)) sigaddset(&signals, signal);
+  }
   return signals;
 }
 
 }  // namespace
 
 Interrupts::Interrupts(std::function<void(int number)> onInterrupt)
-    : m_onInterrupt(std::move(onInterrupt)) {
-  const sigset_t signals = Signals();
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    : m_signals(Signals()), m_onInterrupt(std::move(onInterrupt)) {
+  pthread_sigmask(SIG_BLOCK, &m_signals, nullptr);
   m_thread = std::thread([this] { Listen(); });
 }
 
 Interrupts::~Interrupts() {
-  pthread_kill(m_thread.native_handle(), kEnd);
+  m_ending = true;
+  pthread_kill(m_thread.native_handle(), kWake);
   m_thread.join();
-  const sigset_t signals = Signals();
-  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+  pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
 }
 
 void Interrupts::Listen() {
-  const sigset_t signals = Signals();
   int number = 0;
   int signal = 0;
-  while (sigwait(&signals, &signal) == 0 && signal != kEnd) m_onInterrupt(++number);
+  while (!m_ending && sigwait(&m_signals, &signal) == 0) {
+    if (signal != kWake) m_onInterrupt(++number);
+  }
 }
 
 }  // namespace tavo::tool

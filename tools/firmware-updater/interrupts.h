@@ -1,7 +1,11 @@
 // Ctrl-C, and a polite request to end. While one of these lives, the signals SIGINT, SIGTERM and
-// SIGHUP do not end the program but are counted, in a thread of its own.
+// SIGHUP do not end the program but are counted, in a thread of its own. Those that the program was
+// started to ignore, as by nohup, stay ignored.
 #pragma once
 
+#include <signal.h>
+
+#include <atomic>
 #include <functional>
 #include <thread>
 
@@ -19,6 +23,8 @@ class Interrupts {
  private:
   void Listen();
 
+  const sigset_t m_signals;
+  std::atomic<bool> m_ending = false;
   std::function<void(int number)> m_onInterrupt;
   std::thread m_thread;
 };

@@ -1,6 +1,8 @@
 // firmware-updater: the library's work from a terminal, a script or a production line.
+#include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <string_view>
@@ -14,9 +16,18 @@ std::string_view Environment(const char* name) {
   return value == nullptr ? std::string_view() : value;
 }
 
+int TerminalWidth() {
+  constexpr int kUsual = 80;
+  winsize size{};
+  const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
+  return known ? size.ws_col : kUsual;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  // A reader that goes away must not end the program in the middle of an update.
+  std::signal(SIGPIPE, SIG_IGN);
   const bool terminal = isatty(STDOUT_FILENO) == 1 && Environment("TERM") != "dumb";
   const auto adapters = tavo::MakeSystemD2xx();
   return tavo::tool::RunTool(argc, argv,
@@ -26,5 +37,6 @@ int main(int argc, char** argv) {
                               .out = std::cout,
                               .err = std::cerr,
                               .terminal = terminal,
-                              .colour = terminal && Environment("NO_COLOR").empty()});
+                              .colour = terminal && Environment("NO_COLOR").empty(),
+                              .width = TerminalWidth()});
 }

@@ -9,7 +9,7 @@ namespace tavo::tool {
 namespace {
 
 constexpr const char* kExamples =
-    "Examples:\n"
+    "\nExamples:\n"
     "  firmware-updater recover firmware.hex\n"
     "  firmware-updater recover firmware.zip --ftdi TAVO0001";
 
@@ -20,21 +20,24 @@ bool SetsLabel(const PackageReport& report) {
 }
 
 // A device in its bootloader cannot tell its ids, and needs nothing but the bootloader's part of the
-// plan. Without an application it had no label set either: that is what the full plan then does.
-bool RecoverConnected(const PackageReport& report, Inquiry& inquiry, const RunPlan& run) {
-  if (!inquiry.Ask(kCheckVersion)) return run({});
-  return run({.bootloaderOnly = true}) && (!SetsLabel(report) || run({}));
+// plan. With its application back it may still be without its label, which the full plan sets.
+bool RecoverConnected(const UpdateFlags& flags, const PackageReport& report, Inquiry& inquiry,
+                      const RunPlan& run) {
+  if (!inquiry.Ask(kCheckVersion)) return run(flags);
+  UpdateFlags reduced = flags;
+  reduced.bootloaderOnly = true;
+  reduced.checkHardware = flags.checkIdentity;
+  return run(reduced) && (!SetsLabel(report) || run(flags));
 }
 
 // The bootloader's part alone opens no tunnel. Some masters tell the id of a device that cannot.
-bool RecoverBehindTunnel(const PackageReport& report, Inquiry& inquiry, const RunPlan& run) {
-  if (inquiry.Ask(kRequestDeviceId) || inquiry.Ask(kRequestDeviceIdAdmin)) return run({});
-  return run({.checkIdentity = false}) && (!SetsLabel(report) || run({}));
-}
-
-bool Recover(const PackageReport& report, Inquiry& inquiry, const RunPlan& run) {
-  const auto recover = NeedsTunnel(report) ? RecoverBehindTunnel : RecoverConnected;
-  return recover(report, inquiry, run);
+bool RecoverBehindTunnel(const UpdateFlags& flags, const PackageReport& report, Inquiry& inquiry,
+                         const RunPlan& run) {
+  if (inquiry.Ask(kRequestDeviceId) || inquiry.Ask(kRequestDeviceIdAdmin)) return run(flags);
+  UpdateFlags withoutIds = flags;
+  withoutIds.checkIdentity = false;
+  withoutIds.checkHardware = flags.checkIdentity;
+  return run(withoutIds) && (!SetsLabel(report) || run(flags));
 }
 
 }  // namespace
@@ -45,8 +48,15 @@ void AddRecoverCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
   command->footer(kExamples);
   const auto options = std::make_shared<UpdateOptions>();
   AddUpdateOptions(*command, *options);
-  command->callback(
-      [&machine, &exit, options] { exit = RunUpdate(machine, "recover", *options, Recover); });
+  command->callback([&machine, &exit, options] {
+    exit = RunUpdate(machine, "recover", *options,
+                     [&flags = options->flags](const PackageReport& report, Inquiry& inquiry,
+                                               const RunPlan& run) {
+                       const auto recover =
+                           NeedsTunnel(report) ? RecoverBehindTunnel : RecoverConnected;
+                       return recover(flags, report, inquiry, run);
+                     });
+  });
 }
 
 }  // namespace tavo::tool

@@ -12,11 +12,23 @@ namespace {
 
 constexpr std::uint8_t kFrameFormat = 0;
 
+std::unique_ptr<ICommInterface> MakeRecorded(TransportKind kind, const TransportSeams& seams,
+                                             WireRecorder& recorder) {
+  if (kind == TransportKind::Usb) {
+    return std::make_unique<Recorded<CCommWinUSB>>(recorder, seams.link, seams.platform, seams.log,
+                                                   seams.usb);
+  }
+  return std::make_unique<Recorded<CCommFTDI>>(recorder, seams.link, seams.platform, seams.log,
+                                               seams.d2xx);
+}
+
 }  // namespace
 
-Session::Session(const Machine& machine, Platform& platform)
-    : m_log(platform), m_holder(platform, [this, &machine, &platform](TransportKind kind) {
-        return MakeTransport(kind, {m_link, platform, m_log, machine.usb, machine.adapters});
+Session::Session(const Machine& machine, Platform& platform, WireRecorder* recorder)
+    : m_log(platform), m_holder(platform, [=, this, &machine, &platform](TransportKind kind) {
+        const TransportSeams seams{m_link, platform, m_log, machine.usb, machine.adapters};
+        return recorder == nullptr ? MakeTransport(kind, seams)
+                                   : MakeRecorded(kind, seams, *recorder);
       }) {}
 
 Session::~Session() { Close(); }

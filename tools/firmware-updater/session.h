@@ -13,13 +13,15 @@
 #include "log/logger.h"
 #include "target.h"
 #include "transport/tavo_link.h"
+#include "wire_record.h"
 
 namespace tavo::tool {
 
 class Session {
  public:
-  // `platform` is the one that log and transport write through. Both must outlive the session.
-  Session(const Machine& machine, Platform& platform);
+  // `platform` is the one that log and transport write through. With a recorder, what the transport
+  // sends and receives is recorded. All of them must outlive the session.
+  Session(const Machine& machine, Platform& platform, WireRecorder* recorder = nullptr);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;

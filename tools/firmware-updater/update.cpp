@@ -21,10 +21,6 @@ void AddUpdateCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
   command->footer(kExamples);
   const auto options = std::make_shared<UpdateOptions>();
   AddUpdateOptions(*command, *options);
-  command->add_flag_callback(
-      "--skip-identity-check", [options] { options->flags.checkIdentity = false; },
-      "Do not ask for device ids, do not check the hardware id");
-  command->add_flag("--extended-erase", options->flags.extendedErase, "Erase mode 3 instead of 1");
   command->add_flag("--bootloader-only", options->flags.bootloaderOnly,
                     "Ask nothing that needs a running application, and open no tunnel");
   command->add_flag("--dry-run", options->flags.dryRun,

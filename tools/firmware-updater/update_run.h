@@ -21,6 +21,8 @@ struct UpdateOptions {
   bool json = false;
   bool verbose = false;
   std::string log{};
+  std::string record{};
+  bool recordFirmware = false;
 };
 
 void AddUpdateOptions(CLI::App& command, UpdateOptions& to);

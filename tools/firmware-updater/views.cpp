@@ -16,6 +16,8 @@ using Json = nlohmann::ordered_json;
 constexpr int kJsonVersion = 1;
 constexpr int kBarWidth = 20;
 constexpr milliseconds kRedrawPace{100};
+// A note may come from a thread that must not wait for one that writes to a blocked screen.
+constexpr milliseconds kNotePatience{200};
 constexpr milliseconds kRateNeeds{200};  // a rate over less time is noise
 
 constexpr const char* kGreen = "\x1B[32m";
@@ -83,15 +85,11 @@ class TextView : public UpdateView {
     }
     const bool well = record.ending == Ending::Succeeded;
     if (well) m_machine.out << Coloured(kGreen, Summary(record)) << '\n';
-    m_machine.out << record.state.sentence;
-    if (!record.state.command.empty()) {
-      m_machine.out << " To get it going: " << record.state.command;
-    }
-    m_machine.out << std::endl;
+    m_machine.out << record.state.Line() << std::endl;
   }
 
  protected:
-  std::mutex m_lock;  // a note may come from another thread
+  std::timed_mutex m_lock;
 
   std::string Coloured(const char* colour, const std::string& text) const {
     return m_machine.colour ? colour + text + kPlain : text;
@@ -125,7 +123,8 @@ class PlainView final : public TextView {
     m_machine.out << "no answer to: " << request << std::endl;
   }
   void Note(const std::string& text) override {
-    const std::lock_guard lock(m_lock);
+    const std::unique_lock lock(m_lock, kNotePatience);
+    if (!lock) return;
     m_machine.out << text << std::endl;
   }
 };
@@ -148,10 +147,11 @@ class TerminalView final : public TextView {
     const auto filled = static_cast<std::size_t>(percent * kBarWidth / 100);
     std::string bar(filled, '#');
     bar.resize(kBarWidth, '-');
-    m_state = Format("[%s] %3d %%  %.1f/%.1f KiB", bar.c_str(), percent, KiB(transfer.done),
-                     KiB(transfer.total));
-    for (const std::string& part : {Rate(transfer), TimeLeft(transfer)}) {
-      if (!part.empty()) m_state += "  " + part;
+    m_state = Format("[%s] %3d %%", bar.c_str(), percent);
+    const std::string bytes =
+        Format("%.1f/%.1f KiB", KiB(std::min(transfer.done, transfer.total)), KiB(transfer.total));
+    for (const std::string& part : {bytes, Rate(transfer), TimeLeft(transfer)}) {
+      if (!part.empty() && Fits(part)) m_state += "  " + part;
     }
     Redraw();
   }
@@ -171,12 +171,19 @@ class TerminalView final : public TextView {
     Redraw();
   }
   void Note(const std::string& text) override {
-    const std::lock_guard lock(m_lock);
+    const std::unique_lock lock(m_lock, kNotePatience);
+    if (!lock) return;
     m_machine.out << kEraseLine << text << '\n';
     Redraw();
   }
 
  private:
+  // A line that is longer than the terminal is wide could not be redrawn.
+  bool Fits(const std::string& part) const {
+    return m_title.size() + m_state.size() + part.size() + 2 <
+           static_cast<std::size_t>(m_machine.width);
+  }
+
   void Redraw() {
     if (!m_title.empty()) m_machine.out << kEraseLine << m_title << m_state << std::flush;
   }
@@ -268,28 +275,34 @@ class JsonView final : public UpdateView {
                    {"seconds", Seconds(elapsed)}});
   }
   void Retried(const char* request) override { Line("retry", {{"request", request}}); }
-  void Note(const std::string& text) override { Line("note", {{"text", text}}); }
+  void Note(const std::string& text) override {
+    const std::unique_lock lock(m_lock, kNotePatience);
+    if (lock) Write("note", {{"text", text}});
+  }
   void Show(const Record& record) override { Line("result", AsJson(record)); }
 
  private:
   // Texts of a device or a path need not be UTF-8; what is not is replaced.
   void Line(const char* event, const Json& content) {
+    const std::lock_guard lock(m_lock);
+    Write(event, content);
+  }
+  void Write(const char* event, const Json& content) {
     Json line{{"version", kJsonVersion}, {"event", event}};
     line.update(content);
-    const std::lock_guard lock(m_lock);
     m_machine.out << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
   }
 
   const Machine& m_machine;
-  std::mutex m_lock;  // a note may come from another thread
+  std::timed_mutex m_lock;
   int m_lastPercent = -1;
 };
 
 }  // namespace
 
-std::unique_ptr<UpdateView> MakeView(const Machine& machine, bool json) {
+std::unique_ptr<UpdateView> MakeView(const Machine& machine, bool json, bool others) {
   if (json) return std::make_unique<JsonView>(machine);
-  if (machine.terminal) return std::make_unique<TerminalView>(machine);
+  if (machine.terminal && !others) return std::make_unique<TerminalView>(machine);
   return std::make_unique<PlainView>(machine);
 }
 

@@ -18,7 +18,7 @@ class UpdateView : public View {
   virtual void Show(const Record& record) = 0;
 };
 
-// The machine must outlive the view.
-std::unique_ptr<UpdateView> MakeView(const Machine& machine, bool json);
+// With `others` writing to the screen too, no line is redrawn. The machine must outlive the view.
+std::unique_ptr<UpdateView> MakeView(const Machine& machine, bool json, bool others);
 
 }  // namespace tavo::tool

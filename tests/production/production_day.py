@@ -1,0 +1,311 @@
+#!/usr/bin/env python3
+"""A day of production: many updates, one tool process each, on several devices with random faults.
+
+The devices are simulated. Every update brings other firmware than the device holds. When it fails,
+the command that its record recommends is run, until the device is updated; a lasting fault is
+mended before, as a person would.
+
+Every record is held against what happened: exit code, device, flash, bytes, times, SHA-256.
+"""
+
+import argparse
+import hashlib
+import json
+import random
+import sys
+import tempfile
+import threading
+import time
+from collections import Counter
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass, field
+from pathlib import Path
+
+from bench import BrokenPromise, Device, Ended, Kind, Words, promise, recommended
+
+KINDS = [Kind("plain"), Kind("labelled", ftdi=True), Kind("tunnel"), Kind("gateway", ftdi=True),
+         Kind("plain", ftdi=True), Kind("labelled"), Kind("variant"), Kind("tunnel", ftdi=True)]
+MOST_RECOVERIES = 3  # an update has two faults at most, and each spoils one run
+CLOCK_SLACK = 3.0  # seconds; starting a process takes its time on a busy machine
+REPLUG_SECONDS = 3.0  # longer than any cable is out
+
+# Names that a fault can have in the tables; how often each is drawn.
+FAULTS = {"none": 3, "lose": 3, "cut": 2, "delay": 2, "repeat": 2, "damage": 1, "powercut": 4,
+          "unplug": 3, "silence": 1, "gone": 2, "ctrl-c": 2}
+LASTING = {"silence", "gone"}
+
+# Half of the faults meet one of the few requests that matter most, the others any request.
+KEY_REQUESTS = ["0x100:1", "0x100:2", "0x100:3", "0x100:4", "0x100:5", "0x120:1", "0x121:1",
+                "0x122:1", "0x130:1", "0x132:1", "0x133:1", "0x134:1", "0x134:60", "0x134:120",
+                "0x136:1", "0x12F:1", "0x12F:2", "0x180:1", "0x180:2"]
+REQUESTS_OF_AN_UPDATE = 260
+
+# Endings that agree with exit codes; 3 and 4 are those of a run that has opened nothing.
+EXITS = {"succeeded": {0}, "failed": {1, 3, 4, 5, 7}, "stopped": {6}}
+NOT_OPENED = 3
+
+
+@dataclass
+class Plan:
+    """What goes wrong during one update."""
+
+    names: Words
+    options: Words
+    interrupt_after: float | None
+
+    @property
+    def lasts(self) -> bool:
+        return not LASTING.isdisjoint(self.names)
+
+
+@dataclass
+class Firmware:
+    name: str
+    image: bytes
+    sha256: str
+
+
+@dataclass
+class Tally:
+    """What all lanes have seen."""
+
+    processes: Counter[str] = field(default_factory=Counter)  # by command and ending
+    failures: Counter[str] = field(default_factory=Counter)  # by name
+    left: Counter[str] = field(default_factory=Counter)  # devices, by state after a failure
+    faults: Counter[str] = field(default_factory=Counter)
+    unharmed: Counter[str] = field(default_factory=Counter)  # the same, of updates that succeeded
+    recoveries: Counter[int] = field(default_factory=Counter)  # how many a failed update took
+    updates: int = 0
+    longest: float = 0.0
+    broken: Words = field(default_factory=list)
+    lock: threading.Lock = field(default_factory=threading.Lock)
+
+
+def draw_plan(dice: random.Random) -> Plan:
+    drawn = dice.choices(list(FAULTS), list(FAULTS.values()), k=dice.choice([1, 1, 2]))
+    names = [name for name in dict.fromkeys(drawn) if name != "none"] or ["none"]
+    plan = Plan(names, [], None)
+    for name in names:
+        where = (f"id={dice.choice(KEY_REQUESTS)}" if dice.random() < 0.5
+                 else str(dice.randint(1, REQUESTS_OF_AN_UPDATE)))
+        how = {"delay": f"delay:{where}:{dice.choice([500, 2000, 4200, 6000])}ms",
+               "repeat": f"repeat:{where}:{dice.choice([0, 20, 300])}ms",
+               "unplug": f"unplug:{where}:{dice.choice([300, 1000, 2000])}ms",
+               "silence": f"lose:{where}+", "gone": f"unplug:{where}"}
+        if name == "ctrl-c":
+            plan.interrupt_after = dice.uniform(0.5, 9.0)
+        elif name != "none":
+            plan.options += ["--fault", how.get(name, f"{name}:{where}")]
+    return plan
+
+
+def result_of(run: Ended) -> dict:
+    """The one result of a run, after a look at all of its lines."""
+    lines = [json.loads(line) for line in run.out.splitlines()]
+    results = [line for line in lines if line["event"] == "result"]
+    promise(all(line["version"] == 1 for line in lines), "a line has no version")
+    promise(len(results) == 1 and lines[-1] is results[0], f"{len(results)} results")
+    result = results[0]
+    retries = sum(line["event"] == "retry" for line in lines)
+    promise(result["retries"] == retries, f"{retries} lines of retries, not {result['retries']}")
+    phases = Counter(line["phase"] for line in lines
+                     if line["event"] == "phase" and line["state"] == "begins")
+    ends = Counter(line["phase"] for line in lines
+                   if line["event"] == "phase" and line["state"] != "begins")
+    promise(phases == ends, f"phases begin {phases} and end {ends}")
+    return result
+
+
+def check_record(run: Ended, result: dict, firmware: Firmware) -> None:
+    """What must be so whatever has happened."""
+    ending, failure = result["ending"], result["failure"]
+    promise(result["exit"] == run.exit, f"the record says exit {result['exit']}")
+    promise(run.exit in EXITS[ending], f"{ending} with exit {run.exit}")
+    promise((failure is not None) == (ending == "failed"), f"{ending} with failure {failure}")
+    promise(result["command"] == run.words[0], "the command")
+    promise(result["sha256"] == firmware.sha256, "the SHA-256")
+    written, due = result["bytes"]["written"], result["bytes"]["due"]
+    promise(0 <= written <= len(firmware.image), f"{written} bytes of {len(firmware.image)}")
+    promise(0 <= due <= len(firmware.image), f"{due} bytes due")
+    seconds, phases = result["seconds"], sum(result["durations"].values())
+    if run.exit != NOT_OPENED:
+        promise(run.seconds - CLOCK_SLACK <= seconds <= run.seconds + 0.01,
+                f"{seconds} s told, {run.seconds:.1f} s passed")
+    promise(phases <= seconds + 0.05, f"phases of {phases} s in {seconds} s")
+    # Where nothing was opened, the same command is to be run again.
+    settled = ending == "succeeded" or run.exit == NOT_OPENED
+    promise((result["state"]["next"] is None) == settled or result["state"]["device"]
+            == "updated-and-verified", f"next: {result['state']['next']}")
+
+
+def check_claim(device: Device, result: dict, firmware: Firmware, before: bytes) -> None:
+    """What the record says of the device, against the device itself."""
+    claim = result["state"]["device"]
+    state, flash = device.state(), device.flash()
+    fits = {
+        "updated-and-verified": state["state"] == "application" and flash == firmware.image,
+        "updated-not-verified": state["state"] == "application" and flash == firmware.image,
+        "runs-incomplete": state["state"] == "application" and flash == firmware.image,
+        "old-application-runs": state["state"] == "application" and flash == before,
+        "untouched": flash == before,
+        "bootloader-as-found": state["state"] == "bootloader" and flash == before,
+        "bootloader-flash-intact": state["state"] == "bootloader" and state["intact"],
+        "bootloader-flash-erased": state["state"] == "bootloader" and not state["intact"],
+    }
+    promise(fits.get(claim, claim == "unknown"), f"{claim} is told of a device that is {state}"
+            f" and holds {'the new' if flash == firmware.image else 'no new'} firmware")
+    if result["ending"] == "succeeded":
+        due = result["bytes"]["due"]
+        promise(claim == "updated-and-verified", f"succeeded, but {claim}")
+        promise(0 < due <= result["bytes"]["written"], f"{result['bytes']} of a whole update")
+
+
+class Lane:
+    """One simulated device, and the updates it gets one after the other."""
+
+    def __init__(self, number: int, device: Device, seed: int, tally: Tally,
+                 records: Path) -> None:
+        self.number = number
+        self.device = device
+        self.dice = random.Random(f"{seed}/{number}")
+        self.tally = tally
+        self.records = records
+        self.firmware: list[Firmware] = []
+
+    def prepare(self) -> None:
+        for seed in (2, 3):
+            name = f"firmware{seed}"
+            image = self.device.make_firmware(name, seed)
+            content = (self.device.folder / f"{name}.hex").read_bytes()
+            self.firmware.append(Firmware(name, image, hashlib.sha256(content).hexdigest()))
+
+    def run(self, words: Words, firmware: Firmware, interrupt_after: float | None) -> dict:
+        flash = self.device.folder / "device/flash.bin"
+        before = flash.read_bytes()
+        run = self.device.run([*words, "--json"], interrupt_after)
+        with self.records.open("a", encoding="utf-8") as records:
+            records.write(run.out)
+        try:
+            result = result_of(run)
+            self.count(run, result)
+            check_record(run, result, firmware)
+            check_claim(self.device, result, firmware, before)
+        except (BrokenPromise, ValueError, KeyError, IndexError) as broken:
+            raise BrokenPromise(f"{type(broken).__name__}: {broken}\n{run}") from broken
+        return result
+
+    def count(self, run: Ended, result: dict) -> None:
+        with self.tally.lock:
+            self.tally.processes[f"{result['command']} {result['ending']}"] += 1
+            self.tally.longest = max(self.tally.longest, run.seconds)
+            if result["failure"] is not None:
+                self.tally.failures[result["failure"]["name"]] += 1
+            if result["ending"] != "succeeded":
+                self.tally.left[result["state"]["device"]] += 1
+
+    def revive(self, first: Words, result: dict, firmware: Firmware, plan: Plan) -> int:
+        """Runs what the records recommend; the number of runs until the device was updated."""
+        words = first
+        if plan.lasts:
+            self.device.plug_in([])
+        else:
+            time.sleep(REPLUG_SECONDS)
+        for number in range(1, MOST_RECOVERIES + 1):
+            words = recommended(result["state"]["next"] or "") or words
+            result = self.run(words, firmware, None)
+            if result["ending"] == "succeeded":
+                return number
+        raise BrokenPromise(f"not revived by {MOST_RECOVERIES} recommended commands")
+
+    def update(self, firmware: Firmware) -> None:
+        plan = draw_plan(self.dice)
+        self.device.plug_in(plan.options)
+        words = ["update", f"{firmware.name}.hex", *self.device.kind.target]
+        recoveries = 0
+        try:
+            result = self.run(words, firmware, plan.interrupt_after)
+            if result["ending"] != "succeeded":
+                recoveries = self.revive(words, result, firmware, plan)
+            label = self.device.state()["label"]
+            promise((label is not None) == (self.device.kind.family == "labelled"), "the label")
+        except BrokenPromise as broken:
+            with self.tally.lock:
+                self.tally.broken.append(f"device {self.number} ({self.device.kind.name}), "
+                                         f"{plan.options} {plan.interrupt_after}: {broken}")
+        with self.tally.lock:
+            self.tally.updates += 1
+            for name in plan.names:
+                self.tally.faults[name] += 1
+                self.tally.unharmed[name] += recoveries == 0
+            if recoveries > 0:
+                self.tally.recoveries[recoveries] += 1
+
+    def work(self, updates: int) -> None:
+        self.prepare()
+        for number in range(updates):
+            self.update(self.firmware[number % 2])
+
+
+def add_up(tally: Tally, records: list[Path], updates: int) -> Counter[str]:
+    """Reads all records again, and compares them with what was started."""
+    lines = [json.loads(line) for file in records
+             for line in file.read_text(encoding="utf-8").splitlines()]
+    endings = Counter(line["ending"] for line in lines if line["event"] == "result")
+    recoveries = sum(number * times for number, times in tally.recoveries.items())
+    if tally.updates != updates or (not tally.broken
+                                    and endings.total() != updates + recoveries):
+        tally.broken.append(f"{endings.total()} results of {updates} updates and "
+                            f"{recoveries} recommended commands")
+    return endings
+
+
+def print_table(tally: Tally) -> None:
+    print(f"{'fault':12}{'updates':>9}{'succeeded':>11}")
+    for name in FAULTS:
+        print(f"{name:12}{tally.faults[name]:9}{tally.unharmed[name]:11}")
+    for title, counted in (("failures", tally.failures), ("left in", tally.left),
+                           ("processes", tally.processes),
+                           ("commands until revived", tally.recoveries)):
+        told = ", ".join(f"{key}: {number}" for key, number in sorted(counted.items()))
+        print(f"{title}: {told or 'none'}")
+    for broken in tally.broken:
+        print("BROKEN:", broken)
+
+
+def main() -> int:
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("build", type=Path, help="folder of the build")
+    parser.add_argument("--updates", type=int, default=200)
+    parser.add_argument("--simulators", type=int, default=4, help="all at work at a time")
+    parser.add_argument("--seed", type=int, default=1)
+    parser.add_argument("--records", type=Path, help="folder to keep the records in")
+    options = parser.parse_args()
+    begin = time.monotonic()
+    tally = Tally()
+    with tempfile.TemporaryDirectory(prefix="tavo-day-") as name:
+        folder = Path(name)
+        kept = options.records.resolve() if options.records else folder
+        kept.mkdir(parents=True, exist_ok=True)
+        records = [kept / f"device{number}.ndjson" for number in range(options.simulators)]
+
+        def lane(number: int) -> None:
+            records[number].write_text("")
+            share = len(range(number, options.updates, options.simulators))
+            kind = KINDS[number % len(KINDS)]
+            with Device(options.build.resolve(), folder / f"lane{number}", kind) as device:
+                Lane(number, device, options.seed, tally, records[number]).work(share)
+
+        with ThreadPoolExecutor(options.simulators) as pool:
+            list(pool.map(lane, range(options.simulators)))
+        endings = add_up(tally, records, options.updates)
+    print_table(tally)
+    print(f"{options.updates} updates on {options.simulators} simulators with seed {options.seed}, "
+          f"{sum(tally.recoveries.values())} of them not at the first go: {endings['succeeded']} "
+          f"runs succeeded, {endings['failed']} failed, {endings['stopped']} were stopped; "
+          f"longest {tally.longest:.0f} s, wall time {time.monotonic() - begin:.0f} s")
+    print(f"{len(tally.broken)} broken promises")
+    return 1 if tally.broken else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

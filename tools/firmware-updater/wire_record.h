@@ -1,0 +1,132 @@
+// A recorded update: what went over the line and when, and what the engine made of it. `update
+// --record` writes one, `replay` runs the engine against it, without a device and without waiting.
+//
+// The file has one JSON object a line:
+//
+//   recording   first: version, kind of transport
+//   image       the firmware, one for each image of the update file
+//   run         an engine run begins: its flags
+//   out, in     bytes to and from the device, with the time in seconds since the run began
+//   reconnect   the transport looked for a vanished device again
+//   stop        the user asked for an end
+//   ended       the run is over: its outcome
+//
+// Of the firmware a record holds no more than the engine's decisions need, unless all of it is asked
+// for: the part that describes it, and which bytes are blank. Every other byte is 0, and blocks on
+// the line are only counted.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <fstream>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "engine/firmware_updater.h"
+#include "platform/platform.h"
+
+namespace tavo::tool {
+
+struct WireEvent {
+  enum class Kind { Out, In, Reconnect };
+
+  Kind kind = Kind::Out;
+  std::chrono::milliseconds time{0};  // since the run began
+  bool ok = true;                     // whether the transport could do it
+  std::vector<std::uint8_t> bytes{};
+  std::size_t hidden = 0;  // instead of `bytes`: the length of a frame that carries firmware
+};
+
+struct RunOutcome {
+  bool succeeded = false;
+  int code = 0;          // of the failure; 0 for none
+  std::string device{};  // stable name of the device's condition
+
+  bool operator==(const RunOutcome&) const = default;
+};
+
+// What an engine's last run came to.
+RunOutcome OutcomeOf(const FirmwareUpdater& engine);
+// "failed with code 1, device bootloader-flash-erased".
+std::string Describe(const RunOutcome& outcome);
+
+struct RecordedRun {
+  UpdateFlags flags{};
+  std::vector<WireEvent> events{};
+  std::optional<std::chrono::milliseconds> stop{};
+  RunOutcome outcome{};
+};
+
+struct WireRecord {
+  std::vector<FirmwareImage> images{};
+  std::vector<RecordedRun> runs{};
+};
+
+// Empty when `record` has been read; else what is wrong with the file, in one sentence.
+std::string ReadWireRecord(const std::string& path, WireRecord& record);
+
+// The image with every byte that no decision rests on turned to 0, unless it is blank.
+FirmwareImage WithoutProgram(const FirmwareImage& image);
+
+// Whether a frame carries a block of firmware.
+bool CarriesFirmware(std::span<const std::uint8_t> frame);
+
+class WireRecorder {
+ public:
+  // Takes the file over, empty; without a path nothing is recorded. `platform` gives the times.
+  WireRecorder(Platform& platform, const std::string& path, bool withFirmware);
+
+  void AddImage(const FirmwareImage& image);
+  // What is between two runs is not recorded.
+  void RunBegins(const UpdateFlags& flags);
+  void RunEnds(const RunOutcome& outcome);
+  void Add(WireEvent::Kind kind, bool ok, std::span<const std::uint8_t> bytes = {});
+  void Stop();  // from any thread
+
+ private:
+  double Now() const;
+
+  Platform& m_platform;
+  std::ofstream m_file;
+  bool m_withFirmware;
+  std::mutex m_lock;  // a stop comes from another thread
+  bool m_running = false;
+  std::chrono::milliseconds m_begin{0};
+};
+
+// A transport whose traffic is recorded.
+template <typename Transport>
+class Recorded final : public Transport {
+ public:
+  template <typename... Arguments>
+  explicit Recorded(WireRecorder& recorder, Arguments&&... arguments)
+      : Transport(std::forward<Arguments>(arguments)...), m_recorder(recorder) {}
+
+  bool SendRawData(const std::uint8_t* data, std::int32_t length) override {
+    const bool ok = Transport::SendRawData(data, length);
+    if (length > 0) Add(WireEvent::Kind::Out, ok, data, length);
+    return ok;
+  }
+  bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) override {
+    const bool ok = Transport::ReceiveRawData(buffer, length);
+    if (!ok || *length > 0) Add(WireEvent::Kind::In, ok, buffer, ok ? *length : 0);
+    return ok;
+  }
+  bool Reconnect() override {
+    const bool ok = Transport::Reconnect();
+    m_recorder.Add(WireEvent::Kind::Reconnect, ok);
+    return ok;
+  }
+
+ private:
+  void Add(WireEvent::Kind kind, bool ok, const std::uint8_t* data, std::int32_t length) {
+    m_recorder.Add(kind, ok, {data, static_cast<std::size_t>(length)});
+  }
+
+  WireRecorder& m_recorder;
+};
+
+}  // namespace tavo::tool
