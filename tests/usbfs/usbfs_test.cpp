@@ -1,0 +1,316 @@
+// The host tool on the distribution's libusb and libftdi1, which run unchanged, over usbfs as Linux
+// has it: drivers that hold a device, hubs, device numbers, udev events, and what a cable that is
+// pulled looks like from there. In real time: each test is one for ctest, which overlaps them.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <libusb.h>
+#include <linux/usbdevice_fs.h>
+#include <sys/fsuid.h>
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+#include <sstream>
+
+#include "app.h"
+#include "simulator/cdc_function.h"
+#include "simulator/firmware_builder.h"
+#include "simulator/ftdi_adapter.h"
+#include "tests/usbfs/mock_machine.h"
+
+#if defined(__SANITIZE_ADDRESS__)
+// What umockdev-wrapper has the process load comes before the sanitizer's library, which minds.
+extern "C" __attribute__((visibility("default"))) const char* __asan_default_options();
+extern "C" const char* __asan_default_options() { return "verify_asan_link_order=0"; }
+#endif
+
+namespace tavo::tool {
+namespace {
+
+using tavosim::SimTime;
+using test::MockMachine;
+
+enum class Kind { Usb, Ftdi };
+
+constexpr const char* kUpdated = "The device runs the new firmware, verified.";
+
+// Nothing is tested here that takes long; only the library's own pauses remain.
+tavosim::DeviceOptions Prompt() {
+  tavosim::DeviceOptions options = tavosim::OptionsFor(*tavosim::FindFamily("plain"));
+  options.answerDelay = options.blockWriteTime = options.eraseTime = SimTime(100);
+  return options;
+}
+
+std::vector<tavosim::Fault> Parsed(const std::string& fault) {
+  if (fault.empty()) return {};
+  return {tavosim::ParseFault(fault).fault.value()};
+}
+
+// One device at a port of a machine, and the tool there.
+class Bench {
+ public:
+  explicit Bench(Kind kind, const std::string& fault = {})
+      : m_kind(kind), m_device(Prompt(), Parsed(fault)), m_function(m_device), m_adapter(m_device) {
+    std::string folder = std::filesystem::temp_directory_path() / "tavo-usbfs-XXXXXX";
+    if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error(folder + " cannot be made");
+    m_folder = folder;
+    m_firmware = tavosim::BuildFirmware(tavosim::RecipeFor(m_device.Options().family));
+    tavosim::WriteFile(m_folder / "firmware.hex", tavosim::HexText(m_firmware));
+  }
+  Bench(const Bench&) = delete;
+  ~Bench() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_folder, ignored);
+  }
+
+  void PlugIn(const std::string& name, const std::string& driver = {}) {
+    tavosim::UsbDevice& front =
+        m_kind == Kind::Usb ? static_cast<tavosim::UsbDevice&>(m_function) : m_adapter;
+    machine.PlugIn(name, front, driver);
+  }
+  void PlugInAgain() {
+    machine.With([this](SimTime now) { m_device.Unplug(now, SimTime(0)); });
+  }
+
+  // Runs a command line, whose words have no blanks in them.
+  int Run(const std::string& line) {
+    m_out.str({});
+    m_err.str({});
+    std::vector<std::string> words{"firmware-updater"};
+    std::istringstream stream(line);
+    for (std::string word; stream >> word;) words.push_back(word);
+    std::vector<const char*> arguments;
+    arguments.reserve(words.size());
+    for (const std::string& word : words) arguments.push_back(word.c_str());
+    const auto adapters = MakeSystemD2xx();
+    const Machine here{SystemPlatform(), SystemLibUsb(), *adapters, m_out, m_err};
+    return RunTool(static_cast<int>(arguments.size()), arguments.data(), here);
+  }
+  int Update(const std::string& target) {
+    return Run("update " + (m_folder / "firmware.hex").string() + " " + target + Log());
+  }
+  // Runs the command at the end of a closing line. -1 when there is none.
+  int RunCommandIn(const std::string& line) {
+    const std::string program = ": firmware-updater ";
+    const std::size_t at = line.find(program);
+    return at == std::string::npos ? -1 : Run(line.substr(at + program.size()) + Log());
+  }
+
+  std::string Out() const { return m_out.str(); }
+  std::string Err() const { return m_err.str(); }
+  std::string LastLine() const {
+    std::istringstream lines(m_out.str());
+    std::string last;
+    for (std::string line; std::getline(lines, line);) last = line;
+    return last;
+  }
+  bool UpdatedAndRuns() {
+    bool isSo = false;
+    machine.With([&](SimTime now) {
+      const auto& flash = m_device.ApplicationFlash().Bytes();
+      isSo = std::ranges::equal(flash, m_firmware.data) &&
+             m_device.State(now) == tavosim::DeviceState::Application;
+    });
+    return isSo;
+  }
+
+ private:
+  std::string Log() const { return " --log " + (m_folder / "tool.log").string(); }
+
+  Kind m_kind;
+  tavosim::Device m_device;
+  tavosim::CdcFunction m_function;
+  tavosim::FtdiAdapter m_adapter;
+  tavosim::Firmware m_firmware;
+  std::filesystem::path m_folder;
+  std::ostringstream m_out;
+  std::ostringstream m_err;
+
+ public:
+  MockMachine machine;
+};
+
+// --- updates ---
+
+struct Place {
+  const char* name;
+  Kind kind;
+  const char* port;
+  const char* driver;
+  const char* target;
+  std::vector<unsigned> detached;
+};
+
+// The driver of a serial function lets go of both interfaces when it loses one.
+const Place kPlaces[] = {
+    {"OverUsb", Kind::Usb, "1-4", "", "--usb 4", {}},
+    {"ThreeHubsDeep", Kind::Usb, "1-1.2.3.4", "", "--usb 1-2-3-4", {}},
+    {"ADriverHoldsTheDevice", Kind::Usb, "1-2", "cdc_acm", "--usb 2", {0}},
+    {"OverFtdi", Kind::Ftdi, "1-3", "", "--ftdi TAVO0001", {}},
+    {"ADriverHoldsTheAdapter", Kind::Ftdi, "1-1.4", "ftdi_sio", "--ftdi TAVO0001", {0}},
+};
+
+void PrintTo(const Place& place, std::ostream* out) { *out << place.name; }
+
+class UsbfsUpdate : public testing::TestWithParam<Place> {};
+
+TEST_P(UsbfsUpdate, ListedThenUpdated) {
+  const Place& place = GetParam();
+  Bench bench(place.kind);
+  bench.PlugIn(place.port, place.driver);
+  EXPECT_EQ(bench.Run("list"), 0);
+  EXPECT_TRUE(bench.Out().starts_with(place.target)) << bench.Out();
+  EXPECT_EQ(bench.Out().find("cannot be used"), std::string::npos) << bench.Out();
+  EXPECT_EQ(bench.machine.Detached(place.port), std::vector<unsigned>{});
+
+  EXPECT_EQ(bench.Update(place.target), 0) << bench.Out() << bench.Err();
+  EXPECT_EQ(bench.LastLine(), kUpdated);
+  EXPECT_TRUE(bench.UpdatedAndRuns());
+  EXPECT_EQ(bench.machine.Detached(place.port), place.detached);
+}
+
+INSTANTIATE_TEST_SUITE_P(Usbfs, UsbfsUpdate, testing::ValuesIn(kPlaces),
+                         [](const auto& row) { return row.param.name; });
+
+// --- a cable that is pulled ---
+
+constexpr const char* kPort = "1-4";
+
+struct Loss {
+  const char* name;
+  Kind kind;
+  const char* driver;
+  const char* target;
+};
+
+const Loss kLosses[] = {
+    {"OfADevice", Kind::Usb, "cdc_acm", "--usb 4"},
+    {"OfAnAdapter", Kind::Ftdi, "ftdi_sio", "--ftdi TAVO0001"},
+};
+
+void PrintTo(const Loss& loss, std::ostream* out) { *out << loss.name; }
+
+class UsbfsUnplug : public testing::TestWithParam<Loss> {};
+
+TEST_P(UsbfsUnplug, InMidWriteIsToldAndTheRecommendedCommandEndsIt) {
+  const Loss& loss = GetParam();
+  Bench bench(loss.kind, "unplug:id=0x134:9");
+  bench.PlugIn(kPort, loss.driver);
+  const std::string node = bench.machine.NodePath(kPort);
+  EXPECT_EQ(bench.Update(loss.target), static_cast<int>(ExitCode::FailedInBootloader));
+  EXPECT_TRUE(bench.Err().starts_with("firmware-updater: flash-writing: ")) << bench.Err();
+  const std::string recommended = bench.LastLine();
+  EXPECT_EQ(bench.Run("list"), static_cast<int>(ExitCode::NoDevice)) << bench.Out();
+
+  bench.PlugInAgain();
+  bench.machine.AwaitDevice(kPort);
+  EXPECT_NE(bench.machine.NodePath(kPort), node);
+  EXPECT_EQ(bench.RunCommandIn(recommended), 0) << recommended << bench.Out() << bench.Err();
+  EXPECT_EQ(bench.LastLine(), kUpdated);
+  EXPECT_TRUE(bench.UpdatedAndRuns());
+}
+
+INSTANTIATE_TEST_SUITE_P(Usbfs, UsbfsUnplug, testing::ValuesIn(kLosses),
+                         [](const auto& row) { return row.param.name; });
+
+// As a device does that leaves the bus when its bootloader takes over.
+TEST(UsbfsReplug, AnUpdateFollowsADeviceThatComesBackUnderAnotherNumber) {
+  Bench bench(Kind::Usb, "unplug:id=0x100:4:1500ms");
+  bench.PlugIn(kPort, "cdc_acm");
+  const std::string node = bench.machine.NodePath(kPort);
+  EXPECT_EQ(bench.Update("--usb 4"), 0) << bench.Out() << bench.Err();
+  EXPECT_EQ(bench.LastLine(), kUpdated);
+  EXPECT_TRUE(bench.UpdatedAndRuns());
+  EXPECT_NE(bench.machine.NodePath(kPort), node);
+}
+
+// --- a device that cannot be used ---
+
+// The user of the files is another one in this thread, as long as it lives. Without root's rights
+// nothing is needed.
+class Nobody {
+ public:
+  Nobody() : m_before(setfsuid(kNobody)) {}
+  Nobody(const Nobody&) = delete;
+  ~Nobody() { setfsuid(static_cast<uid_t>(m_before)); }
+
+ private:
+  static constexpr uid_t kNobody = 65534;
+  int m_before;
+};
+
+TEST(UsbfsSurvey, ADeviceThatMayNotBeOpenedIsListedWithARule) {
+  for (const Kind kind : {Kind::Usb, Kind::Ftdi}) {
+    Bench bench(kind);
+    bench.PlugIn(kPort);
+    const std::string node = bench.machine.NodePath(kPort);
+    const auto setMode = [&bench](const std::string& path, std::filesystem::perms mode) {
+      std::filesystem::permissions(bench.machine.Root() + path, mode);
+    };
+    setMode("", std::filesystem::perms::all);  // sockets of udev are made there
+    setMode("/ioctl" + node, std::filesystem::perms::all);
+    setMode(node, std::filesystem::perms::none);
+    const Nobody user;
+    EXPECT_EQ(bench.Run("list"), static_cast<int>(ExitCode::NoDevice));
+    EXPECT_NE(bench.Out().find("(no-permission)"), std::string::npos) << bench.Out();
+    EXPECT_NE(bench.Out().find("hint: put the line SUBSYSTEM==\"usb\""), std::string::npos);
+  }
+}
+
+TEST(UsbfsSurvey, ADeviceThatAnotherProgramHoldsIsListedAsInUse) {
+  for (const Kind kind : {Kind::Usb, Kind::Ftdi}) {
+    Bench bench(kind);
+    bench.PlugIn(kPort);
+    const int other = open(bench.machine.NodePath(kPort).c_str(), O_RDWR | O_CLOEXEC);
+    unsigned dataInterface = kind == Kind::Usb ? 1 : 0;
+    ASSERT_EQ(ioctl(other, USBDEVFS_CLAIMINTERFACE, &dataInterface), 0);
+    EXPECT_EQ(bench.Run("list"), static_cast<int>(ExitCode::NoDevice));
+    EXPECT_NE(bench.Out().find("(in-use)"), std::string::npos) << bench.Out();
+    const char* const target = kind == Kind::Usb ? "--usb 4" : "--ftdi TAVO0001";
+    EXPECT_EQ(bench.Update(target), static_cast<int>(ExitCode::NoDevice));
+
+    close(other);
+    EXPECT_EQ(bench.Run("list"), 0);
+    EXPECT_EQ(bench.Out().find("cannot be used"), std::string::npos) << bench.Out();
+  }
+}
+
+// --- the mock kernel itself ---
+
+// Rules of Linux that the tests above rest on.
+TEST(UsbfsNode, ADriverKeepsItsInterfacesUntilOneIsTakenFromIt) {
+  Bench bench(Kind::Usb);
+  bench.PlugIn(kPort, "cdc_acm");
+  libusb_context* context = nullptr;
+  ASSERT_EQ(libusb_init(&context), 0);
+  libusb_device_handle* const handle = libusb_open_device_with_vid_pid(context, 0x03EB, 0x2404);
+  ASSERT_NE(handle, nullptr);
+  EXPECT_EQ(libusb_kernel_driver_active(handle, 0), 1);
+  EXPECT_EQ(libusb_kernel_driver_active(handle, 1), 1);
+  EXPECT_EQ(libusb_claim_interface(handle, 0), LIBUSB_ERROR_BUSY);
+  EXPECT_EQ(libusb_claim_interface(handle, 1), LIBUSB_ERROR_BUSY);
+  EXPECT_EQ(libusb_claim_interface(handle, 2), LIBUSB_ERROR_NOT_FOUND);
+  EXPECT_EQ(libusb_set_configuration(handle, 1), LIBUSB_ERROR_BUSY);
+  // What is not claimed is claimed by a transfer, if it can be.
+  int transferred = 0;
+  unsigned char byte = 0;
+  EXPECT_EQ(libusb_bulk_transfer(handle, 0x02, &byte, 1, &transferred, 100), LIBUSB_ERROR_IO);
+
+  EXPECT_EQ(libusb_set_auto_detach_kernel_driver(handle, 1), 0);
+  EXPECT_EQ(libusb_claim_interface(handle, 1), 0);
+  EXPECT_EQ(libusb_kernel_driver_active(handle, 0), 0);
+  EXPECT_EQ(libusb_detach_kernel_driver(handle, 0), LIBUSB_ERROR_NOT_FOUND);
+  EXPECT_EQ(libusb_claim_interface(handle, 0), 0);
+
+  EXPECT_EQ(libusb_set_interface_alt_setting(handle, 1, 0), 0);
+  EXPECT_EQ(libusb_clear_halt(handle, 0x81), 0);
+  EXPECT_EQ(libusb_reset_device(handle), 0);
+  EXPECT_EQ(libusb_bulk_transfer(handle, 0x81, &byte, 1, &transferred, 20), LIBUSB_ERROR_TIMEOUT);
+  libusb_close(handle);
+  libusb_exit(context);
+}
+
+}  // namespace
+}  // namespace tavo::tool
