@@ -6,6 +6,7 @@
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <ostream>
+#include <thread>
 
 namespace tavo::tool {
 namespace {
@@ -16,14 +17,25 @@ using Json = nlohmann::ordered_json;
 constexpr int kJsonVersion = 1;
 constexpr int kBarWidth = 20;
 constexpr milliseconds kRedrawPace{100};
-// A note may come from a thread that must not wait for one that writes to a blocked screen.
-constexpr milliseconds kNotePatience{200};
 constexpr milliseconds kRateNeeds{200};  // a rate over less time is noise
 
 constexpr const char* kGreen = "\x1B[32m";
 constexpr const char* kRed = "\x1B[31m";
 constexpr const char* kPlain = "\x1B[0m";
 constexpr const char* kEraseLine = "\r\x1B[K";
+
+// A note may come from a thread that must not wait for long for one that writes to a blocked screen.
+// Nothing when the lock is not to be had.
+std::unique_lock<std::mutex> LockForNote(std::mutex& mutex) {
+  constexpr int kTries = 20;
+  constexpr milliseconds kPause{10};
+  for (int tries = 0; tries < kTries; ++tries) {
+    std::unique_lock lock(mutex, std::try_to_lock);
+    if (lock) return lock;
+    std::this_thread::sleep_for(kPause);
+  }
+  return {};
+}
 
 template <typename... Values>
 std::string Format(const char* format, Values... values) {
@@ -89,7 +101,7 @@ class TextView : public UpdateView {
   }
 
  protected:
-  std::timed_mutex m_lock;
+  std::mutex m_lock;
 
   std::string Coloured(const char* colour, const std::string& text) const {
     return m_machine.colour ? colour + text + kPlain : text;
@@ -123,7 +135,7 @@ class PlainView final : public TextView {
     m_machine.out << "no answer to: " << request << std::endl;
   }
   void Note(const std::string& text) override {
-    const std::unique_lock lock(m_lock, kNotePatience);
+    const std::unique_lock lock = LockForNote(m_lock);
     if (!lock) return;
     m_machine.out << text << std::endl;
   }
@@ -171,7 +183,7 @@ class TerminalView final : public TextView {
     Redraw();
   }
   void Note(const std::string& text) override {
-    const std::unique_lock lock(m_lock, kNotePatience);
+    const std::unique_lock lock = LockForNote(m_lock);
     if (!lock) return;
     m_machine.out << kEraseLine << text << '\n';
     Redraw();
@@ -276,7 +288,7 @@ class JsonView final : public UpdateView {
   }
   void Retried(const char* request) override { Line("retry", {{"request", request}}); }
   void Note(const std::string& text) override {
-    const std::unique_lock lock(m_lock, kNotePatience);
+    const std::unique_lock lock = LockForNote(m_lock);
     if (lock) Write("note", {{"text", text}});
   }
   void Show(const Record& record) override { Line("result", AsJson(record)); }
@@ -294,7 +306,7 @@ class JsonView final : public UpdateView {
   }
 
   const Machine& m_machine;
-  std::timed_mutex m_lock;
+  std::mutex m_lock;
   int m_lastPercent = -1;
 };
 
