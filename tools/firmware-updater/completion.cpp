@@ -120,7 +120,7 @@ std::string BashCommandSearch(const CommandOutline& tool) {
   return "      " + Joined(patterns, " | ") + ") command=${COMP_WORDS[i]} ;;\n" + script;
 }
 
-// The first line of `text`, as it has to stand in a specification of _arguments.
+// The first line of `text`, as it has to stand in what _arguments is told.
 std::string ZshText(std::string text) {
   text = text.substr(0, text.find('\n'));
   for (const char* const special : {"\\", "[", "]", ":"})
@@ -143,10 +143,10 @@ std::string ZshAction(const OptionOutline& option) {
 std::string ZshOption(const OptionOutline& option, const std::string& name) {
   const std::string others = "(" + Joined(option.names, " ") + ")";
   const bool isLong = name.starts_with("--");
-  std::string spec = (option.repeatable ? "*" : others) + name;
-  if (option.kind == ValueKind::None) return spec + "[" + ZshText(option.description) + "]";
-  spec += std::string(isLong ? "=" : "") + "[" + ZshText(option.description) + "]";
-  return spec + ":" + ZshText(option.choices.empty() ? option.value : "value") + ":" +
+  std::string rule = (option.repeatable ? "*" : others) + name;
+  if (option.kind == ValueKind::None) return rule + "[" + ZshText(option.description) + "]";
+  rule += std::string(isLong ? "=" : "") + "[" + ZshText(option.description) + "]";
+  return rule + ":" + ZshText(option.choices.empty() ? option.value : "value") + ":" +
          ZshAction(option);
 }
 
@@ -155,14 +155,14 @@ std::string ZshArgument(const OptionOutline& argument) {
          ZshAction(argument);
 }
 
-Words ZshSpecifications(const CommandOutline& command) {
-  Words specifications;
+Words ZshRules(const CommandOutline& command) {
+  Words rules;
   for (const OptionOutline& option : command.options)
     for (const std::string& name : option.names)
-      specifications.push_back(Quoted(ZshOption(option, name)));
+      rules.push_back(Quoted(ZshOption(option, name)));
   for (const OptionOutline& argument : command.arguments)
-    specifications.push_back(Quoted(ZshArgument(argument)));
-  return specifications;
+    rules.push_back(Quoted(ZshArgument(argument)));
+  return rules;
 }
 
 // Behind "--" a command of the user's is completed as if it stood alone.
@@ -175,14 +175,14 @@ constexpr const char* kZshUserCommand = R"(        local -i dashes=${words[(i)--
         fi
 )";
 
-std::string ZshArguments(const Words& specifications, const std::string& indent) {
+std::string ZshArguments(const Words& rules, const std::string& indent) {
   const std::string between = " \\\n" + indent + "  ";
-  return indent + "_arguments" + between + Joined(specifications, between.c_str()) + "\n";
+  return indent + "_arguments" + between + Joined(rules, between.c_str()) + "\n";
 }
 
 std::string ZshCommand(const CommandOutline& command) {
   return "      " + command.name + ")\n" + (RunsCommand(command) ? kZshUserCommand : "") +
-         ZshArguments(ZshSpecifications(command), "        ") + "        ;;\n";
+         ZshArguments(ZshRules(command), "        ") + "        ;;\n";
 }
 
 std::string ZshCommandList(const CommandOutline& tool) {
@@ -206,15 +206,15 @@ std::string BashCompletion(const CommandOutline& tool) {
 }
 
 std::string ZshCompletion(const CommandOutline& tool) {
-  Words specifications = ZshSpecifications(tool);
-  specifications.insert(specifications.begin(), "-C");
-  specifications.insert(specifications.end(),
+  Words rules = ZshRules(tool);
+  rules.insert(rules.begin(), "-C");
+  rules.insert(rules.end(),
                         {"'1:command:->command'", "'*::argument:->argument'"});
   std::string script =
       "#compdef firmware-updater\n"
       "# Completion for zsh, written by \"firmware-updater generate zsh\".\n"
       "local context state state_descr line\ntypeset -A opt_args\n";
-  script += ZshCommandList(tool) + ZshArguments(specifications, "");
+  script += ZshCommandList(tool) + ZshArguments(rules, "");
   script +=
       "case $state in\n  command) _describe -t commands command commands ;;\n"
       "  argument)\n    case $words[1] in\n";
