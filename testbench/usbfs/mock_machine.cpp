@@ -1,4 +1,4 @@
-#include "tests/usbfs/mock_machine.h"
+#include "testbench/usbfs/mock_machine.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -23,7 +23,7 @@
 #include <thread>
 #include <vector>
 
-#include "tests/usbfs/usbfs_node.h"
+#include "testbench/usbfs/usbfs_node.h"
 
 namespace tavo::test {
 

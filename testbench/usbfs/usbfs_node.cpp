@@ -1,4 +1,4 @@
-#include "tests/usbfs/usbfs_node.h"
+#include "testbench/usbfs/usbfs_node.h"
 
 #include <algorithm>
 #include <cerrno>

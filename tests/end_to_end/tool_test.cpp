@@ -11,17 +11,6 @@ namespace {
 constexpr int kDone = 0;
 constexpr int kStopped = 6;
 
-// The command that the tool recommends in its last line, as words without the tool itself.
-Words RecommendedBy(const std::string& console) {
-  const std::string mark = "To get it going: firmware-updater ";
-  const std::size_t at = console.rfind(mark);
-  Words words;
-  if (at == std::string::npos) return words;
-  std::istringstream stream(console.substr(at + mark.size()));
-  for (std::string word; stream >> word;) words.push_back(word);
-  return words;
-}
-
 TEST(EndToEndTool, UpdatesTheOnlyUsbDeviceAndANamedAdapter) {
   Bench bench;
   ASSERT_TRUE(bench.MakeFirmware("plain"));
@@ -81,19 +70,6 @@ TEST(EndToEndTool, ASecondInterruptEndsItAtOnce) {
   EXPECT_EQ(tool.Wait(std::chrono::seconds(3)), kStopped);
   EXPECT_TRUE(said("To get it going: firmware-updater recover firmware.hex --usb 1\n"))
       << tool.Output();
-}
-
-TEST(EndToEndTool, AFailureEndsWithTheCommandThatMendsIt) {
-  Bench bench;
-  ASSERT_TRUE(bench.MakeFirmware("labelled"));
-  ASSERT_TRUE(bench.PlugIn({"--family", "labelled", "--fault", "powercut:id=0x134:20"}));
-  const Result failed = bench.Run("firmware-updater", {"update", "firmware.hex"});
-  EXPECT_EQ(failed.exitCode, 5) << failed.console;
-  const Words next = RecommendedBy(failed.console);
-  ASSERT_EQ(next, (Words{"recover", "firmware.hex", "--usb", "1"})) << failed.console;
-  const Result mended = bench.Run("firmware-updater", next);
-  EXPECT_EQ(mended.exitCode, kDone) << mended.console;
-  EXPECT_TRUE(bench.FlashHoldsFirmware());
 }
 
 }  // namespace

@@ -193,23 +193,6 @@ TEST(WholeUpdate, ASilentDeviceIsAskedAsOftenAsEachStepSays) {
   EXPECT_TRUE(station.platform.ConsoleHas("\nTimeout: Request Device-ID (Admin)\n"));
 }
 
-TEST(WholeUpdate, ASilentBootloaderIsAskedSevenTimesAndTheClosingPlanFollows) {
-  Station station(Options("plain"), false, {"lose:id=0x120:*"});
-  EXPECT_FALSE(station.UpdateOverFtdi());
-  const Lines expected = kLeave + kStatus + kDeviceId + kSoftwareId + kCallBootloader +
-                         Times(7, {"0x120"}) + kStatus + kLeave + kSignOfLife;
-  EXPECT_EQ(station.Requests(), expected);
-  EXPECT_TRUE(station.ApplicationRuns());
-}
-
-TEST(WholeUpdate, AFailedUpdateLeavesItsCodeForTheHostAndNotForTheNextResult) {
-  Station station(Options("plain"), false, {"damage:id=0x136:1", "lose:id=0x136:1"});
-  EXPECT_FALSE(station.UpdateOverUsb());
-  EXPECT_TRUE(station.platform.ConsoleHas("\nTimeout: Verify Request\n"));
-  EXPECT_TRUE(station.UpdateOverUsb());
-  EXPECT_EQ(station.engine.LastError(), ErrorCode::Timeout);
-}
-
 TEST(WholeUpdate, ResetModulesAreKeptByName) {
   DeviceOptions options = Options("plain");
   options.resetModules = {0x0443, 0x6338 | 0x0002};

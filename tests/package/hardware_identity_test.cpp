@@ -22,14 +22,6 @@ FirmwareImage WithEntries(std::vector<tavosim::FirmwareEntry> entries) {
   return Build({.startAddress = 0x4000, .size = 256, .adbType = 5, .entries = std::move(entries)});
 }
 
-TEST(HardwareIdentity, McuTableEndsWhereItShould) {
-  EXPECT_EQ(FindProcessorId(256), 0x1E9748u);
-  EXPECT_EQ(FindProcessorId(277), 0x1E9612u);
-  for (const std::int32_t unknown : {-1, 0, 255, 278}) {
-    EXPECT_EQ(FindProcessorId(unknown), std::nullopt) << unknown;
-  }
-}
-
 TEST(HardwareIdentity, BestRowDecidesForTheFamily) {
   constexpr TunnelRoute kNone{-1, -1};
   struct Row {

@@ -19,18 +19,6 @@ using namespace std::chrono_literals;
 
 constexpr SimTime kPatience = 4s;
 
-// Which frames a message makes is compared with the library's own codec in the tests of that.
-TEST(FrameTest, DamagedFramesAreNone) {
-  const Bytes frame = EncodeFrame({0x134, Bytes(10, 1)});
-  ASSERT_TRUE(DecodeFrame(frame));
-  for (std::size_t bit = 0; bit < frame.size() * 8; ++bit) {
-    Bytes damaged = frame;
-    damaged[bit / 8] ^= static_cast<std::uint8_t>(1U << bit % 8);
-    EXPECT_FALSE(DecodeFrame(damaged)) << "bit " << bit;
-  }
-  EXPECT_TRUE(EncodeFrame({0x134, Bytes(129)}).empty());
-}
-
 TEST(FrameTest, FindsFramesInGarbageByteByByte) {
   FrameReader reader;
   std::size_t frames = 0, escapes = 0;

@@ -152,17 +152,6 @@ TEST_F(DeviceSurvey, ListSaysWhatAddressesADeviceAndWhatStandsInTheWay) {
   EXPECT_EQ(err.str(), "");
 }
 
-TEST_F(DeviceSurvey, MissingPermissionComesWithTheRuleThatGrantsIt) {
-  if (kWindows) GTEST_SKIP() << "no such rules there";
-  usb.devices = {kDevice};
-  usb.results["Open 4 2"] = LIBUSB_ERROR_ACCESS;
-  EXPECT_EQ(List(), ExitCode::NoDevice);
-  EXPECT_NE(out.str().find("SUBSYSTEM==\"usb\", ATTR{idVendor}==\"03eb\", "
-                           "ATTR{idProduct}==\"2404\", TAG+=\"uaccess\""),
-            std::string::npos)
-      << out.str();
-}
-
 TEST_F(DeviceSurvey, JsonIsOneDocumentWhateverAnAdapterCallsItself) {
   usb.devices = {kDevice, kTwin};
   adapters.adapters = {{"\xFF\x01", "\xC3"}};

@@ -73,37 +73,31 @@ void ExpectUntouched(const Station& station, const tavosim::Snapshot& before) {
   }
 }
 
-TEST(Info, TellsEveryFamilyInItsApplicationAndLeavesItAlone) {
+TEST(Info, TellsEveryFamilyInEitherStateAndLeavesItThere) {
   for (const tavosim::Family& family : tavosim::kFamilies) {
-    SCOPED_TRACE(family.name);
-    Desk desk(OptionsOf(family.name.data(), DeviceState::Application));
-    const tavosim::Snapshot before = desk.station.device.Save();
-    EXPECT_EQ(desk.Info("--json"), ExitCode::Done);
-    const json document = json::parse(desk.out.str());
-    EXPECT_EQ(document["state"], "application");
-    EXPECT_EQ(document["softwareId"], Hex(family.softwareId, 4));
-    EXPECT_EQ(document["deviceId"], Hex(family.deviceId, 4));
-    EXPECT_EQ(document["tunnel"]["open"], family.route != 0);
-    EXPECT_TRUE(document["bootloader"].is_null());
-    ExpectUntouched(desk.station, before);
-  }
-}
-
-TEST(Info, TellsEveryFamilyInItsBootloaderAndLeavesItThere) {
-  for (const tavosim::Family& family : tavosim::kFamilies) {
-    SCOPED_TRACE(family.name);
-    Desk desk(OptionsOf(family.name.data(), DeviceState::Bootloader));
-    const tavosim::Snapshot before = desk.station.device.Save();
-    EXPECT_EQ(desk.Info("--usb 1-4-2 --json"), ExitCode::Done);
-    const json document = json::parse(desk.out.str());
-    EXPECT_EQ(document["state"], "bootloader");
-    EXPECT_EQ(document["bootloader"]["version"], family.bootloaderVersion);
-    EXPECT_EQ(document["bootloader"]["blockSize"], family.blockSize);
-    EXPECT_EQ(document["processor"]["id"], Hex(family.processorId, 6));
-    EXPECT_EQ(document["hardwareId"]["id"], Hex(family.hardwareId, 4));
-    EXPECT_EQ(document["applicationKiB"], family.applicationKiB);
-    EXPECT_EQ(document["tunnel"].is_null(), family.route == 0);
-    ExpectUntouched(desk.station, before);
+    for (const DeviceState state : {DeviceState::Application, DeviceState::Bootloader}) {
+      const bool runs = state == DeviceState::Application;
+      SCOPED_TRACE(std::string(family.name) + (runs ? " runs" : " in its bootloader"));
+      Desk desk(OptionsOf(family.name.data(), state));
+      const tavosim::Snapshot before = desk.station.device.Save();
+      EXPECT_EQ(desk.Info("--usb 1-4-2 --json"), ExitCode::Done);
+      const json document = json::parse(desk.out.str());
+      EXPECT_EQ(document["state"], runs ? "application" : "bootloader");
+      ExpectUntouched(desk.station, before);
+      if (runs) {
+        EXPECT_EQ(document["softwareId"], Hex(family.softwareId, 4));
+        EXPECT_EQ(document["deviceId"], Hex(family.deviceId, 4));
+        EXPECT_EQ(document["tunnel"]["open"], family.route != 0);
+        EXPECT_TRUE(document["bootloader"].is_null());
+        continue;
+      }
+      EXPECT_EQ(document["bootloader"]["version"], family.bootloaderVersion);
+      EXPECT_EQ(document["bootloader"]["blockSize"], family.blockSize);
+      EXPECT_EQ(document["processor"]["id"], Hex(family.processorId, 6));
+      EXPECT_EQ(document["hardwareId"]["id"], Hex(family.hardwareId, 4));
+      EXPECT_EQ(document["applicationKiB"], family.applicationKiB);
+      EXPECT_EQ(document["tunnel"].is_null(), family.route == 0);
+    }
   }
 }
 
