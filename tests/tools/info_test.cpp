@@ -180,6 +180,12 @@ TEST(TargetChoice, TakesWhatIsNamedOrTheOnlyUsbDevice) {
   const ChoiceCase cases[] = {
       {"the only one", {}, {{1}}, "--usb 1"},
       {"several", {}, {{1}, {4, 2}}, "", ExitCode::Usage, "--usb 4-2 "},
+      {"one that cannot be named",
+       {},
+       {{}},
+       "",
+       ExitCode::NoDevice,
+       "the USB device cannot be used"},
       {"an adapter alone", {}, {}, "", ExitCode::NoDevice, "only when it is named"},
       {"a named port", {.usbPort = "4-2"}, {{1}, {4, 2}}, "--usb 4-2"},
       {"a wrong port", {.usbPort = "9"}, {{1}}, "", ExitCode::NoDevice, "--usb 1 "},

@@ -68,6 +68,9 @@ TargetChoice OnlyOne(const Machine& machine, const Devices& connected) {
                   std::string("nothing found: looked for ") + kSearchedFor,
                   "check cable and power; `firmware-updater list --wait 10` waits for a device");
   }
+  const auto usb = std::ranges::find(connected, TransportKind::Usb, &FoundDevice::kind);
+  const bool onlyUsb = std::ranges::count(connected, TransportKind::Usb, &FoundDevice::kind) == 1;
+  if (onlyUsb) return RefuseUnusable(machine, "the USB device", usb->obstacles.front());
   return Refuse(machine, ExitCode::NoDevice, "there is no USB device that can be used",
                 "an adapter is used only when it is named; this is what is there:", connected);
 }
