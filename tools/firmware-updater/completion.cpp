@@ -158,8 +158,7 @@ std::string ZshArgument(const OptionOutline& argument) {
 Words ZshRules(const CommandOutline& command) {
   Words rules;
   for (const OptionOutline& option : command.options)
-    for (const std::string& name : option.names)
-      rules.push_back(Quoted(ZshOption(option, name)));
+    for (const std::string& name : option.names) rules.push_back(Quoted(ZshOption(option, name)));
   for (const OptionOutline& argument : command.arguments)
     rules.push_back(Quoted(ZshArgument(argument)));
   return rules;
@@ -208,8 +207,7 @@ std::string BashCompletion(const CommandOutline& tool) {
 std::string ZshCompletion(const CommandOutline& tool) {
   Words rules = ZshRules(tool);
   rules.insert(rules.begin(), "-C");
-  rules.insert(rules.end(),
-                        {"'1:command:->command'", "'*::argument:->argument'"});
+  rules.insert(rules.end(), {"'1:command:->command'", "'*::argument:->argument'"});
   std::string script =
       "#compdef firmware-updater\n"
       "# Completion for zsh, written by \"firmware-updater generate zsh\".\n"
