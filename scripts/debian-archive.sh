@@ -1,7 +1,7 @@
 # shellcheck shell=sh
 # Sourced by scripts that fetch something from Debian's archive, through the mirror and with the
 # keyring that this machine's apt is set up for. Nothing is installed, the machine's own package
-# lists stay as they are, and root is not needed.
+# lists stay as they are, and root is needed for a system in a folder only.
 
 archive_suite=bookworm
 
@@ -17,6 +17,23 @@ find_mirror() {
   [ -n "$mirror" ] || return 1
   entry_file=${entry##* }
   keyring=$(sed -n 's/.*[Ss]igned-[Bb]y[:=] *\(\/[^] ]*\).*/\1/p' "${entry_file%:*}" | head -n 1)
+}
+
+# make_system ARCHITECTURE FOLDER PACKAGES...: a small Debian in a folder that does not exist yet, with
+# these packages. Takes root; on failure says why on standard error.
+make_system() {
+  find_mirror || {
+    echo "apt has no entry for the main archive of this machine's Debian release" >&2
+    return 1
+  }
+  make_architecture=$1
+  make_folder=$2
+  shift 2
+  debootstrap --arch="$make_architecture" --variant=minbase ${keyring:+"--keyring=$keyring"} \
+    "$archive_suite" "$make_folder" "$mirror" &&
+    chroot "$make_folder" env DEBIAN_FRONTEND=noninteractive \
+      apt-get -qq install -y --no-install-recommends "$@" &&
+    chroot "$make_folder" apt-get clean
 }
 
 # fetch_source PACKAGE VERSION TARBALL HASH FOLDER: puts the upstream tarball of a source package

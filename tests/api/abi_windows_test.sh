@@ -2,7 +2,7 @@
 # What the built DLL shows to a loader: exactly its seven functions, undecorated and each with its
 # ordinal, and that it needs nothing beside it but libusb.
 #
-# usage: export_list_windows_test.sh DLL
+# usage: abi_windows_test.sh DLL
 set -eu
 
 expected='1 get_last_error
