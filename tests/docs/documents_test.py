@@ -1,0 +1,274 @@
+#!/usr/bin/env python3
+"""Holds what README.md and docs/ show against the built tool, the sources and each other.
+
+usage: documents_test.py BUILD_FOLDER [DOCUMENT...]
+
+Every block of commands says in a comment on the line above it what is to be done with it:
+
+  <!-- run -->                            it is run, and must succeed
+  <!-- run: simulate --ftdi; exit 3 -->   seeing a simulated device (or several); it ends with 3
+  <!-- not run: needs a real device -->   it is not, and why
+
+Commands in `console` blocks begin with "$ "; what they print is compared, except for times and rates,
+and "..." stands for any lines. The blocks of a document are run one after the other in one folder,
+which holds firmware.hex, firmware.zip (of the family plain) and page.hex. Other blocks:
+
+  <!-- file: NAME -->         is put into that folder
+  <!-- bytes of: NAME... -->  its lines are addresses and bytes of these HEX files
+  <!-- wire: NAME -->         its lines are frames, and the record of an update has them in this order
+"""
+
+import json
+import os
+import re
+import subprocess
+import sys
+import tempfile
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+DOCUMENTS = [*sorted(ROOT.glob("*.md")), *sorted((ROOT / "docs").glob("*.md"))]
+COMMANDS = ("sh", "console", "python")
+HEX_BYTES = r"((?:[0-9A-F]{2} )*[0-9A-F]{2})"
+
+
+class Wrong(Exception):
+    """What a document says is not so."""
+
+
+@dataclass
+class Block:
+    language: str
+    directive: str
+    text: str
+    line: int
+
+
+def blocks(document: Path) -> list[Block]:
+    found = []
+    for match in re.finditer(r"(?:^<!-- (.*?) -->\n)?^```(\w*)\n(.*?)^```$",
+                             document.read_text(encoding="utf-8"), re.M | re.S):
+        line = match.string.count("\n", 0, match.start(2)) + 1
+        found.append(Block(match[2], match[1] or "", match[3], line))
+    return found
+
+
+def expect(condition: object, what: str) -> None:
+    if not condition:
+        raise Wrong(what)
+
+
+def expect_lines(actual: list[str], expected: list[str]) -> None:
+    """The lines of `expected`, between which "..." stands for any number of lines."""
+    pattern = "".join(r"(?:.*\n)*?" if line == "..." else re.escape(line) + r"\n" for line in expected)
+    expect(re.fullmatch(pattern, "".join(line + "\n" for line in actual)),
+           "it is now:\n" + "\n".join(actual))
+
+
+# --- blocks that are run ---
+
+def in_simulators(setup: list[str], words: list[str]) -> list[str]:
+    for item in setup:
+        options = subprocess.run(["sh", "-c", f"printf '%s\\n' {item}"], capture_output=True, text=True,
+                                 check=True).stdout.splitlines()
+        words = ["firmware-updater", *options, "--", *words]
+    return words
+
+
+def comparable(output: str) -> list[str]:
+    """Without times and rates, and without the lines that a terminal does not keep."""
+    output = re.sub(r"^no answer to: .*\n", "", output, flags=re.M)
+    output = re.sub(r"\d+\.\d s\b", "N s", re.sub(r"[\d.]+ KiB/s", "N KiB/s", output))
+    return re.sub(r" +", " ", output).splitlines()
+
+
+def run_block(block: Block, folder: Path, environment: dict[str, str]) -> None:
+    items = block.directive.removeprefix("run").lstrip(":;").split(";")
+    setup = [item.strip() for item in items if item.strip()]
+    codes = [int(item.split()[1]) for item in setup if item.startswith("exit ")]
+    simulators = [item for item in setup if item.startswith("simulate")]
+    expect(len(codes) + len(simulators) == len(setup), f"not understood: {block.directive}")
+    words = ["python3", "-c", block.text]
+    if block.language == "sh":
+        words = in_simulators(simulators, ["bash", "-e", "-c", block.text])
+    if block.language == "console":
+        commands = [line[2:] for line in block.text.splitlines() if line.startswith("$ ")]
+        script = "".join(f"cat <<'@'\n$ {command}\n@\n{command}\n" for command in commands)
+        words = in_simulators(simulators, ["bash", "-c", script])
+    done = subprocess.run(words, cwd=folder, env=environment, stdout=subprocess.PIPE,
+                          stderr=subprocess.STDOUT, text=True, timeout=120, check=False)
+    expect(done.returncode == (codes or [0])[0], f"ends with {done.returncode}:\n{done.stdout}")
+    if block.language == "console":
+        expect_lines(comparable(done.stdout), comparable(block.text))
+
+
+# --- bytes ---
+
+def image_of(hex_file: Path) -> dict[int, int]:
+    """The bytes of an Intel HEX file by address."""
+    image = {}
+    base = 0
+    for line in hex_file.read_text(encoding="ascii").split():
+        record = bytes.fromhex(line[1:])
+        expect(line[0] == ":" and sum(record) % 256 == 0 and len(record) == record[0] + 5, line)
+        if record[3] == 4:
+            base = int.from_bytes(record[4:6], "big") << 16
+        elif record[3] == 0:
+            address = base + int.from_bytes(record[1:3], "big")
+            image.update(enumerate(record[4:-1], address))
+    return image
+
+
+def check_bytes(block: Block, folder: Path) -> None:
+    for name in block.directive.split()[2:]:
+        image = image_of(folder / name)
+        following = None
+        for match in re.finditer(rf"^0x([0-9A-F]+)  {HEX_BYTES}(?:  |$)", block.text, re.M):
+            address, shown = int(match[1], 16), bytes.fromhex(match[2])
+            expect(following in (None, address), f"0x{address:X} does not follow 0x{following or 0:X}")
+            following = address + len(shown)
+            actual = bytes(image[at] for at in range(address, following))
+            expect(actual == shown, f"{name} at 0x{address:X}: {actual.hex(' ').upper()}")
+        expect(following == max(image) + 1, "the dump does not reach the end of the image")
+
+
+def frame_id(frame: bytes) -> int:
+    """The message id of a frame, after length, both parities and the checksum have been checked."""
+    sizes = [None, None, None, *range(9), 16, 32, 64, 128]
+    expect(frame[0] >> 4 == 0xA and len(frame) - 4 == sizes[frame[0] & 15], "wrong length")
+    word = frame[1] | frame[2] << 8
+    expect((word & 0x5555).bit_count() % 2 == 0 and (word & 0xAAAA).bit_count() % 2 == 0, "wrong parity")
+    remainder = int.from_bytes(frame, "big")  # as one polynomial, divided by x^8 + x^7 + x^4 + x^2 + x + 1
+    for bit in range(len(frame) * 8 - 1, 7, -1):
+        if remainder >> bit & 1:
+            remainder ^= 0x197 << (bit - 8)
+    expect(remainder == 0, "wrong checksum")
+    return word >> 2
+
+
+def check_wire(block: Block, folder: Path) -> None:
+    shown = []
+    for line in block.text.splitlines():
+        match = re.fullmatch(rf"([<>]) {HEX_BYTES}  +(raw|0x[0-9A-F]{{3}})\b.*", line)
+        expect(match or line == "...", f"not understood: {line}")
+        if not match:
+            shown.append("...")
+            continue
+        shown.append(f"{match[1]} {match[2]}")
+        if match[3] != "raw":
+            try:
+                expect(frame_id(bytes.fromhex(match[2])) == int(match[3], 16), "wrong id")
+            except Wrong as wrong:
+                raise Wrong(f"{line}: {wrong}") from None
+    events = [json.loads(line) for line in
+              (folder / block.directive.split()[1]).read_text(encoding="ascii").splitlines()]
+    expect_lines([f"{'<' if event['event'] == 'in' else '>'} "
+                  f"{bytes.fromhex(event.get('bytes', '')).hex(' ').upper()}"
+                  for event in events if event["event"] in ("in", "out")], shown)
+
+
+# --- documents against each other and the sources ---
+
+def check_links(document: Path) -> None:
+    text = re.sub(r"^```.*?^```$", "", document.read_text(encoding="utf-8"), flags=re.M | re.S)
+    for target in re.findall(r"\]\(([^)\s]+)\)", text):
+        name, _, anchor = target.partition("#")
+        if "://" in name:
+            continue
+        file = (document.parent / name).resolve() if name else document
+        expect(file.exists(), f"there is no {target}")
+        if anchor:
+            headings = re.findall(r"^#+ (.*)$", file.read_text(encoding="utf-8"), re.M)
+            anchors = [re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings]
+            expect(anchor in anchors, f"there is no heading for {target}")
+
+
+def check_error_codes(_: Path) -> None:
+    source = (ROOT / "src/engine/error_code.h").read_text(encoding="utf-8")
+    numbers = {name: int(number) for name, number in re.findall(r"^  (\w+) = (\d+),", source, re.M)}
+    names = {numbers[code]: name for code, name in re.findall(r'\{ErrorCode::(\w+), "(.+?)"', source)}
+    expect(len(names) > 10, "the table of error codes is not understood")
+    header = (ROOT / "include/firmware_updater.h").read_text(encoding="utf-8")
+    trouble = (ROOT / "docs/troubleshooting.md").read_text(encoding="utf-8")
+    tool = (ROOT / "docs/tool.md").read_text(encoding="utf-8")
+    for name, text, pattern in (("the header", header, r"^ \*   ([ \d]\d)  "),
+                                ("troubleshooting.md", trouble, r"^\| (\d+) \|")):
+        found = [int(number) for number in re.findall(pattern, text, re.M)]
+        expect(found == sorted(names), f"{name} has the codes {found}")
+    told = {int(number): name for name, number in re.findall(r"^\| `([a-z-]+)` \| (\d+) \|", tool, re.M)}
+    expect(told | {0: "none"} == names, f"tool.md has {told}")
+
+
+def check_commands(_: Path) -> None:
+    """Every request of the command table stands in protocol.md, with its id and how it begins."""
+    source = (ROOT / "src/protocol/commands.h").read_text(encoding="utf-8")
+    rows = [line.split("|") for line in
+            (ROOT / "docs/protocol.md").read_text(encoding="utf-8").splitlines() if line.startswith("| ")]
+    table = re.findall(r"Command k(\w+)\{.*\n\s+(\w+), Bearing::\w+, \{(?:\{(.*?)\}, \d)?\},", source)
+    expect(len(table) == len(re.findall(r"inline constexpr Command k", source)) > 15,
+           "the command table is not understood")
+    for name, message_id, head in table:
+        ids = ("0x100", "A") if message_id == "kApplicationRequest" else (message_id,)
+        begins = "`" + head.replace("0x", "").replace(",", "") if head else ""
+        expect(any(len(row) > 4 and row[2].strip() in ids and row[3].strip().startswith(begins)
+                   for row in rows), f"{name} is not in protocol.md")
+
+
+# --- all of it ---
+
+def check_block(block: Block, folder: Path, environment: dict[str, str]) -> None:
+    if block.directive.startswith("run"):
+        run_block(block, folder, environment)
+    elif block.directive.startswith("file: "):
+        (folder / block.directive.split()[1]).write_text(block.text, encoding="utf-8")
+    elif block.directive.startswith("bytes of: "):
+        check_bytes(block, folder)
+    elif block.directive.startswith("wire: "):
+        check_wire(block, folder)
+    elif not re.match(r"not run: .", block.directive):
+        expect(block.language not in COMMANDS and not block.text.startswith("$ "),
+               "commands without a comment that says whether they are run")
+
+
+def check_document(document: Path, environment: dict[str, str]) -> list[str]:
+    """What is wrong with the document."""
+    problems = []
+
+    def attempt(where: str, check, *arguments) -> None:
+        try:
+            check(*arguments)
+        except (Wrong, OSError, subprocess.TimeoutExpired) as wrong:
+            problems.append(f"{document.relative_to(ROOT)}{where}: {wrong}")
+
+    attempt("", check_links, document)
+    for name, check in (("troubleshooting.md", check_error_codes), ("protocol.md", check_commands)):
+        if document.name == name:
+            attempt("", check, document)
+    with tempfile.TemporaryDirectory() as name:
+        folder = Path(name)
+        for file in ("firmware.hex", "firmware.zip"):
+            subprocess.run(["firmware-updater", "pack", "--family", "plain", "-o", file], cwd=folder,
+                           env=environment, stdout=subprocess.DEVNULL, check=True)
+        (folder / "page.hex").write_text("<!doctype html>\n", encoding="ascii")
+        environment = environment | {"XDG_STATE_HOME": name}
+        for block in blocks(document):
+            attempt(f":{block.line}", check_block, block, folder, environment)
+    return problems
+
+
+def main(build: str, *names: str) -> int:
+    chosen = [document for document in DOCUMENTS if not names or document.name in names]
+    folder = Path(build).resolve()
+    # The substitute libusb stands in everywhere, so that devices of this machine are left alone.
+    environment = os.environ | {"PATH": f"{folder}/bin:{os.environ['PATH']}",
+                                "LD_LIBRARY_PATH": f"{folder}/substitute"}
+    with ThreadPoolExecutor(len(chosen)) as pool:
+        problems = sum(pool.map(lambda document: check_document(document, environment), chosen), [])
+    print("\n".join(problems) or f"{len(chosen)} documents are right")
+    return 1 if problems else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main(*sys.argv[1:]))
