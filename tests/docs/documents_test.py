@@ -193,7 +193,7 @@ def check_error_codes(_: Path) -> None:
     header = (ROOT / "include/firmware_updater.h").read_text(encoding="utf-8")
     trouble = (ROOT / "docs/troubleshooting.md").read_text(encoding="utf-8")
     tool = (ROOT / "docs/tool.md").read_text(encoding="utf-8")
-    for name, text, pattern in (("the header", header, r"^ \*   ([ \d]\d)  "),
+    for name, text, pattern in (("the header", header, r"^ \* \| +(\d+) +\|"),
                                 ("troubleshooting.md", trouble, r"^\| (\d+) \|")):
         found = [int(number) for number in re.findall(pattern, text, re.M)]
         expect(found == sorted(names), f"{name} has the codes {found}")

@@ -1,0 +1,8 @@
+# The API reference from the public header: the target api_reference. The header is the only input, so
+# that what is documented there is all that a host needs.
+find_package(Doxygen QUIET)
+if(DOXYGEN_FOUND)
+  configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)
+  add_custom_target(api_reference COMMAND ${DOXYGEN_EXECUTABLE} ${CMAKE_BINARY_DIR}/Doxyfile
+                    COMMENT "api-reference/html/firmware__updater_8h.html")
+endif()
