@@ -183,6 +183,9 @@ def check_links(document: Path) -> None:
             headings = re.findall(r"^#+ (.*)$", file.read_text(encoding="utf-8"), re.M)
             anchors = [re.sub(r"[^\w -]", "", heading.lower()).replace(" ", "-") for heading in headings]
             expect(anchor in anchors, f"there is no heading for {target}")
+    folders = "|".join(folder.name for folder in ROOT.iterdir() if folder.is_dir() and folder.name != "build")
+    for name in re.findall(rf"`((?:{folders})/[\w./-]*)`", text):
+        expect((ROOT / name).exists(), f"there is no {name}")
 
 
 def check_error_codes(_: Path) -> None:
