@@ -145,7 +145,7 @@ Obstacle NoPermission(const UsbKind& kind) {
   if (kWindows) return InUse();
   return {"no-permission", "you have no permission to open it",
           "put the line " + UdevRule(kind) +
-              " into /etc/udev/rules.d/70-firmware-updater.rules, then plug it in again"};
+              " into /etc/udev/rules.d/71-firmware-updater-local.rules, then plug it in again"};
 }
 
 std::optional<Obstacle> ObstacleOf(LibUsb& usb, const UsbFinding& finding) {
