@@ -6,8 +6,6 @@
 //   EXPECT_EQ(station.Requests(), (Lines{"0x12F 01", "1B 1B 1B", ...}));
 #pragma once
 
-#include <fstream>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <vector>
@@ -73,10 +71,7 @@ class Station {
   }
   void ForgetRequests() { device.ClearJournal(); }
 
-  std::string Log() const {
-    std::ifstream file(platform.Folder() + "FirmwareUpdater.log");
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  std::string Log() const { return FileText(platform.Folder() + "FirmwareUpdater.log"); }
 
   Lines Dialogue() const { return DialogueOf(platform.Console()); }
 
@@ -104,7 +99,7 @@ class Station {
 
   void WriteUpdateFile() {
     m_updateFile = platform.Folder() + "firmware.hex";
-    std::ofstream(m_updateFile, std::ios::binary) << tavosim::HexText(m_firmware);
+    tavosim::WriteFile(m_updateFile, tavosim::HexText(m_firmware));
   }
 
   bool m_echo;

@@ -14,7 +14,6 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
-#include <filesystem>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -22,20 +21,13 @@
 #include <vector>
 
 #include "platform/platform.h"
+#include "testbench/temporary_folder.h"
 
 namespace tavo::test {
 
 class VirtualPlatform : public Platform {
  public:
   using milliseconds = std::chrono::milliseconds;
-
-  VirtualPlatform() : m_folder(MakeFolder()), m_executablePath(m_folder + "host") {}
-  VirtualPlatform(const VirtualPlatform&) = delete;
-  VirtualPlatform& operator=(const VirtualPlatform&) = delete;
-  ~VirtualPlatform() override {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
-  }
 
   milliseconds MonotonicNow() override {
     const std::lock_guard lock(m_lock);
@@ -98,21 +90,12 @@ class VirtualPlatform : public Platform {
   const std::vector<milliseconds>& Sleeps() const { return m_sleeps; }
 
  private:
-  // Unique among all test programs: several may run at the same time.
-  static std::string MakeFolder() {
-    static int made = 0;
-    const auto moment = std::chrono::steady_clock::now().time_since_epoch().count();
-    const std::string folder = std::filesystem::temp_directory_path().string() + "/tavo_" +
-                               std::to_string(moment) + "_" + std::to_string(made++) + "/";
-    std::filesystem::create_directories(folder);
-    return folder;
-  }
-
   std::mutex m_lock;
   milliseconds m_now{0};
   std::uint32_t m_tickOffset = 0;
-  std::string m_folder;
-  std::string m_executablePath;
+  TemporaryFolder m_temporary;
+  std::string m_folder = m_temporary.Path().string() + "/";
+  std::string m_executablePath = m_folder + "host";
   std::string m_console;
   std::vector<milliseconds> m_sleeps;
 };

@@ -13,8 +13,8 @@
 
 #include <cstdlib>
 
+#include "testbench/child_process.h"
 #include "testbench/transcript.h"
-#include "tests/end_to_end/child_process.h"
 
 namespace tavo::test {
 
@@ -28,18 +28,6 @@ class Bench {
  public:
   static constexpr std::chrono::seconds kPrompt{20};    // what needs no patience with a device
   static constexpr std::chrono::seconds kLongest{170};  // an update that waits wherever it can
-
-  Bench() {
-    std::string name = std::filesystem::temp_directory_path() / "tavo-bench-XXXXXX";
-    if (mkdtemp(name.data()) == nullptr) throw std::runtime_error(name + " cannot be made");
-    folder = name;
-  }
-  Bench(const Bench&) = delete;
-  ~Bench() {
-    m_simulators.clear();
-    std::error_code ignored;
-    std::filesystem::remove_all(folder, ignored);
-  }
 
   // Writes firmware.hex, and the flash content that it makes into image.bin.
   bool MakeFirmware(const std::string& family) const {
@@ -60,7 +48,7 @@ class Bench {
     m_simulators.emplace_back(folder, arguments, Environment(), "simulator" + number + ".txt");
     if (!WaitUntil([&] { return std::filesystem::exists(portFile); }, kPrompt)) return false;
     m_addresses += (m_addresses.empty() ? "" : ",") +
-                   ("127.0.0.1:" + std::to_string(std::stoi(FileContent(portFile))));
+                   ("127.0.0.1:" + std::to_string(std::stoi(FileText(portFile))));
     return true;
   }
 
@@ -105,7 +93,7 @@ class Bench {
 
   // Every request that the device has received since the last call.
   Lines TakeRequests() {
-    const Lines journal = LinesOf(FileContent(folder / "device0/journal.txt"));
+    const Lines journal = LinesOf(FileText(folder / "device0/journal.txt"));
     Lines requests;
     for (; m_journalLines < journal.size(); ++m_journalLines) {
       constexpr std::size_t kRequestColumn = 19;
@@ -116,16 +104,20 @@ class Bench {
     return WithBlocksCounted(requests);
   }
   bool FlashHoldsFirmware() const {
-    const std::string image = FileContent(folder / "image.bin");
-    return !image.empty() && FileContent(folder / "device0/flash.bin") == image;
+    const std::string image = FileText(folder / "image.bin");
+    return !image.empty() && FileText(folder / "device0/flash.bin") == image;
   }
   std::string Log() const {
-    std::string log = FileContent(folder / "FirmwareUpdater.log");
+    std::string log = FileText(folder / "FirmwareUpdater.log");
     std::erase(log, '\r');
     return log;
   }
 
-  std::filesystem::path folder;
+ private:
+  const TemporaryFolder m_temporary;
+
+ public:
+  const std::filesystem::path folder = m_temporary.Path();
 
  private:
   static std::string Program(const std::string& name) { return TAVO_BUILD_DIR "/bin/" + name; }

@@ -23,7 +23,7 @@ TEST(EndToEndTool, UpdatesTheOnlyUsbDeviceAndANamedAdapter) {
         << result.console;
   }
   EXPECT_TRUE(bench.FlashHoldsFirmware()) << "of the adapter's device";
-  const std::string log = FileContent(bench.folder / "state/firmware-updater/firmware-updater.log");
+  const std::string log = FileText(bench.folder / "state/firmware-updater/firmware-updater.log");
   EXPECT_NE(log.find("INFO FirmwareUpdater: Start.\n"), std::string::npos);
 }
 

@@ -1,70 +1,73 @@
-// One run of a command of the tool that needs no device, in a folder of its own.
+// Command lines of the tool as a user types them, run in this process.
 //
-//   CommandRun run;
-//   EXPECT_EQ(run(AddInspectCommand, "inspect fw.hex"), ExitCode::BadFile);
-//   EXPECT_EQ(run.err.str(), "...");
+//   CommandRun run(platform, usb, adapters, folder);
+//   EXPECT_EQ(run("update @firmware.hex"), ExitCode::NoDevice);
+//   EXPECT_EQ(run.Err(), "...");
 #pragma once
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <iomanip>
 #include <sstream>
 #include <string>
-#include <string_view>
+#include <vector>
 
-#include "commands.h"
+#include "app.h"
 #include "simulator/firmware_builder.h"
-#include "testbench/fake_d2xx.h"
-#include "testbench/fake_libusb.h"
-#include "testbench/virtual_platform.h"
+#include "testbench/temporary_folder.h"
+#include "testbench/transcript.h"
 
 namespace tavo::tool {
 
+inline void PrintTo(ExitCode code, std::ostream* out) { *out << "exit " << static_cast<int>(code); }
+
 class CommandRun {
  public:
-  using AddCommand = void(CLI::App&, const Machine&, ExitCode&);
+  CommandRun(Platform& platform, LibUsb& usb, D2xx& adapters, std::filesystem::path folder)
+      : machine{platform, usb, adapters, m_out, m_err}, m_folder(std::move(folder)) {}
 
-  // "@" in the command line stands for the folder.
-  ExitCode operator()(AddCommand* add, std::string line) {
-    for (auto at = line.find('@'); at != std::string::npos; at = line.find('@', at)) {
-      line.replace(at, 1, Folder());
+  // Blanks divide the words; "" is an empty one. In a word "@" stands for the folder.
+  ExitCode operator()(const std::string& line) {
+    m_out.str({});
+    m_err.str({});
+    std::vector<std::string> words{"firmware-updater"};
+    std::istringstream stream(line);
+    for (std::string word; stream >> std::quoted(word);) {
+      const std::size_t at = word.find('@');
+      words.push_back(at == std::string::npos ? word : word.replace(at, 1, Path("").string()));
     }
-    out.str("");
-    err.str("");
-    CLI::App app;
-    ExitCode exit = ExitCode::Done;
-    add(app, m_machine, exit);
-    try {
-      app.parse(line, false);
-    } catch (const CLI::ParseError& error) {
-      err << error.what();
-      return ExitCode::Usage;
-    }
-    return exit;
+    std::vector<const char*> arguments;
+    for (const std::string& word : words) arguments.push_back(word.c_str());
+    return ExitCode{RunTool(static_cast<int>(arguments.size()), arguments.data(), machine)};
   }
 
-  std::string Folder() const { return m_platform.Folder(); }
-  std::string Path(std::string_view name) const { return Folder() + std::string(name); }
+  std::string Out() const { return m_out.str(); }
+  std::string Err() const { return m_err.str(); }
+  bool Says(const std::string& text) const { return Out().find(text) != std::string::npos; }
+  bool Complains(const std::string& text) const { return Err().find(text) != std::string::npos; }
 
-  std::string Write(std::string_view name, std::string_view content) const {
+  // What an update closes with, and the command that is named there; empty when there is none.
+  std::string LastLine() const { return test::LinesOf(Out()).back(); }
+  std::string Recommended() const {
+    const std::string line = LastLine();
+    const std::string program = ": firmware-updater ";
+    const std::size_t at = line.find(program);
+    return at == std::string::npos ? "" : line.substr(at + program.size());
+  }
+
+  std::filesystem::path Path(const std::string& name) const { return m_folder / name; }
+  void Write(const std::string& name, std::string_view content) const {
     tavosim::WriteFile(Path(name), content);
-    return Path(name);
   }
-
-  std::string Read(std::string_view name) const {
-    std::ifstream file(Path(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-
-  bool Exists(std::string_view name) const { return std::filesystem::exists(Path(name)); }
-
-  std::ostringstream out{}, err{};
+  std::string Read(const std::string& name) const { return test::FileText(Path(name)); }
 
  private:
-  test::VirtualPlatform m_platform{};
-  test::FakeLibUsb m_usb{};
-  test::FakeD2xx m_adapters{};
-  Machine m_machine{m_platform, m_usb, m_adapters, out, err};
+  std::ostringstream m_out{}, m_err{};
+
+ public:
+  const Machine machine;
+
+ private:
+  std::filesystem::path m_folder;
 };
 
 }  // namespace tavo::tool

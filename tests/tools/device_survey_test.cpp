@@ -4,11 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-#include <sstream>
 
-#include "testbench/fake_d2xx.h"
-#include "testbench/fake_libusb.h"
-#include "testbench/virtual_platform.h"
+#include "tests/tools/desk.h"
 
 namespace tavo::tool {
 namespace {
@@ -46,20 +43,7 @@ struct DeviceSurvey : testing::Test {
   test::VirtualPlatform platform;
   LateUsb usb{platform};
   test::FakeD2xx adapters;
-  std::ostringstream out, err;
-  Machine machine{platform, usb, adapters, out, err};
-
-  ExitCode List(const std::string& arguments = {}) {
-    CLI::App app;
-    ExitCode exit = ExitCode::Usage;
-    AddListCommand(app, machine, exit);
-    try {
-      app.parse("list " + arguments, false);
-    } catch (const CLI::ParseError&) {
-      return ExitCode::Usage;
-    }
-    return exit;
-  }
+  CommandRun run{platform, usb, adapters, platform.Folder()};
 };
 
 // "4-2 ok, - no-port-path"
@@ -117,24 +101,20 @@ const ObstacleCase kObstacleCases[] = {
 TEST(DeviceSurveyTable, EveryObstacleIsFoundAndNothingIsTouched) {
   for (const ObstacleCase& row : kObstacleCases) {
     SCOPED_TRACE(row.what);
-    test::VirtualPlatform platform;
-    test::FakeLibUsb usb;
-    test::FakeD2xx adapters;
-    std::ostringstream stream;
-    usb.devices = row.devices;
-    usb.results = row.results;
-    adapters.adapters = row.adapters;
+    BareDesk desk;
+    desk.usb.devices = row.devices;
+    desk.usb.results = row.results;
+    desk.adapters.adapters = row.adapters;
     const bool special = kWindows && !row.foundOnWindows.empty();
-    EXPECT_EQ(Summary(SurveyDevices({platform, usb, adapters, stream, stream})),
-              special ? row.foundOnWindows : row.found);
-    for (const std::string& call : usb.calls) {
+    EXPECT_EQ(Summary(SurveyDevices(desk.run.machine)), special ? row.foundOnWindows : row.found);
+    for (const std::string& call : desk.usb.calls) {
       EXPECT_FALSE(call.starts_with("Detach") || call.starts_with("Control")) << call;
     }
-    EXPECT_TRUE(usb.sent.empty());
-    for (const std::string& call : adapters.calls) {
+    EXPECT_TRUE(desk.usb.sent.empty());
+    for (const std::string& call : desk.adapters.calls) {
       EXPECT_TRUE(call.ends_with("DeviceInfoList")) << call;
     }
-    EXPECT_EQ(platform.Console(), "");
+    EXPECT_EQ(desk.platform.Console(), "");
   }
 }
 
@@ -142,21 +122,21 @@ TEST_F(DeviceSurvey, ListSaysWhatAddressesADeviceAndWhatStandsInTheWay) {
   usb.devices = {{.ports = {4, 2}}, {.ports = {1}}};
   usb.results["Open 1"] = LIBUSB_ERROR_BUSY;
   adapters.adapters = {{"A\x1B\xB5 1", "It's\na\x9B b"}};
-  EXPECT_EQ(List(), ExitCode::Done);
-  EXPECT_EQ(out.str(),
+  EXPECT_EQ(run("list"), ExitCode::Done);
+  EXPECT_EQ(run.Out(),
             "--usb 4-2       USB device 03eb:2404, bus 1\n"
             "--usb 1         USB device 03eb:2404, bus 1\n"
             "                cannot be used: another program holds it (in-use)\n"
             "                hint: end the program that uses it, then try again\n"
             "--ftdi 'A?? 1'  It's?a? b\n");
-  EXPECT_EQ(err.str(), "");
+  EXPECT_EQ(run.Err(), "");
 }
 
 TEST_F(DeviceSurvey, JsonIsOneDocumentWhateverAnAdapterCallsItself) {
   usb.devices = {kDevice, kTwin};
   adapters.adapters = {{"\xFF\x01", "\xC3"}};
-  EXPECT_EQ(List("--json"), ExitCode::Done);
-  const auto document = nlohmann::json::parse(out.str());
+  EXPECT_EQ(run("list --json"), ExitCode::Done);
+  const auto document = nlohmann::json::parse(run.Out());
   EXPECT_EQ(document["version"], 1);
   ASSERT_EQ(document["devices"].size(), 3u);
   EXPECT_EQ(document["devices"][1]["obstacles"][0]["name"], "ambiguous-port");
@@ -166,35 +146,25 @@ TEST_F(DeviceSurvey, JsonIsOneDocumentWhateverAnAdapterCallsItself) {
 
 TEST_F(DeviceSurvey, NothingFoundTellsWhatWasLookedForAndWhy) {
   usb.results["Init"] = LIBUSB_ERROR_OTHER;
-  EXPECT_EQ(List(), ExitCode::NoDevice);
-  EXPECT_EQ(out.str(), "");
-  EXPECT_NE(err.str().find("LIBUSB_ERROR_OTHER"), std::string::npos) << err.str();
-  EXPECT_NE(err.str().find("looked for USB devices 03eb:2404 and FTDI adapters"),
-            std::string::npos);
-  EXPECT_EQ(List("--json"), ExitCode::NoDevice);
-  EXPECT_EQ(nlohmann::json::parse(out.str())["devices"].size(), 0u);
+  EXPECT_EQ(run("list"), ExitCode::NoDevice);
+  EXPECT_EQ(run.Out(), "");
+  EXPECT_TRUE(run.Complains("LIBUSB_ERROR_OTHER")) << run.Err();
+  EXPECT_TRUE(run.Complains("looked for USB devices 03eb:2404 and FTDI adapters"));
+  EXPECT_EQ(run("list --json"), ExitCode::NoDevice);
+  EXPECT_EQ(nlohmann::json::parse(run.Out())["devices"].size(), 0u);
 }
 
-TEST_F(DeviceSurvey, WaitEndsWithAUsableDevice) {
-  usb.devices = {kDevice};
-  usb.pluggedInAt = 1s;
-  EXPECT_EQ(List("--wait 1.5"), ExitCode::Done);
-  EXPECT_EQ(platform.MonotonicNow(), 1s);
-}
-
-TEST_F(DeviceSurvey, WaitEndsWithItsTime) {
-  usb.devices = {kDevice};
-  usb.pluggedInAt = 2s;
-  EXPECT_EQ(List("--wait 1.25"), ExitCode::NoDevice);
-  EXPECT_EQ(platform.MonotonicNow(), 1250ms);
-  EXPECT_EQ(List("--wait 86400"), ExitCode::Done);
-}
-
-TEST_F(DeviceSurvey, WaitsThatAreNoneAreRefused) {
-  for (const char* const wait : {"-1", "nan", "inf", "86401", "ten", "\"\""}) {
-    EXPECT_EQ(List(std::string("--wait=") + wait), ExitCode::Usage) << wait;
+TEST_F(DeviceSurvey, WaitEndsWithAUsableDeviceOrWithItsTime) {
+  for (const char* const none : {"=-1", "=nan", "=inf", "=86401", "=ten", " \"\""}) {
+    EXPECT_EQ(run(std::string("list --wait") + none), ExitCode::Usage) << none;
   }
   EXPECT_TRUE(usb.calls.empty());
+  usb.devices = {kDevice};
+  usb.pluggedInAt = 2s;
+  EXPECT_EQ(run("list --wait 1.25"), ExitCode::NoDevice);
+  EXPECT_EQ(platform.MonotonicNow(), 1250ms);
+  EXPECT_EQ(run("list --wait 1.5"), ExitCode::Done);
+  EXPECT_EQ(platform.MonotonicNow(), 2050ms);
 }
 
 }  // namespace

@@ -1,18 +1,8 @@
 // What is written from the parser: nothing of it is missing, and the programs that read it take it.
 #include <gtest/gtest.h>
 
-#include <array>
-#include <chrono>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <memory>
-#include <sstream>
-#include <string>
-#include <vector>
-
-#include "app.h"
-#include "tests/end_to_end/child_process.h"
+#include "testbench/child_process.h"
+#include "tests/tools/desk.h"
 
 namespace tavo::tool {
 namespace {
@@ -23,25 +13,20 @@ using test::Words;
 class GenerateTest : public testing::Test {
  protected:
   GenerateTest() {
-    std::string name = std::filesystem::temp_directory_path() / "generate-XXXXXX";
-    folder = mkdtemp(name.data());
-    std::ofstream(folder / "fw one.hex");
-    std::filesystem::create_directory(folder / "fw");
+    run.Write("fw one.hex", "");
+    std::filesystem::create_directory(run.Path("fw"));
   }
-  ~GenerateTest() override { std::filesystem::remove_all(folder); }
 
   // The document, which is also put into a file of that name.
-  std::string Generate(const char* document) {
-    out.str({});
-    const std::array arguments{"firmware-updater", "generate", document};
-    EXPECT_EQ(RunTool(static_cast<int>(arguments.size()), arguments.data(), machine), 0);
-    std::ofstream(folder / document) << out.str();
-    return out.str();
+  std::string Generate(const std::string& document) {
+    EXPECT_EQ(run("generate " + document), ExitCode::Done);
+    run.Write(document, run.Out());
+    return run.Out();
   }
 
   // The exit code; 127 when the system has no such program. The output goes to `output`.
   int Run(const std::string& script) {
-    ChildProcess shell(folder, {"bash", "-c", script}, {"PATH=/usr/local/bin:/usr/bin:/bin"},
+    ChildProcess shell(run.Path(""), {"bash", "-c", script}, {"PATH=/usr/local/bin:/usr/bin:/bin"},
                        "output.txt");
     const int code = shell.Wait(std::chrono::seconds(20)).value_or(-1);
     output = shell.Output();
@@ -57,12 +42,9 @@ class GenerateTest : public testing::Test {
     return output;
   }
 
-  std::filesystem::path folder;
+  BareDesk desk;
+  CommandRun& run = desk.run;
   std::string output;
-  std::ostringstream out;
-  std::ostringstream err;
-  std::unique_ptr<D2xx> adapters = MakeSystemD2xx();
-  Machine machine{SystemPlatform(), SystemLibUsb(), *adapters, out, err};
 };
 
 // Every visible word of the parser, and the command that it belongs to.
@@ -82,12 +64,12 @@ std::vector<std::string> ParserWords(const CLI::App& app) {
 TEST_F(GenerateTest, EveryCommandAndOptionIsInEveryDocument) {
   CLI::App app{"", "firmware-updater"};
   ExitCode exit = ExitCode::Usage;
-  AddEverything(app, machine, exit);
+  AddEverything(app, run.machine, exit);
   const std::vector<std::string> words = ParserWords(app);
   ASSERT_GT(words.size(), 40U);
-  for (const char* const document : {"man", "bash", "zsh"}) {
+  for (const std::string document : {"man", "bash", "zsh"}) {
     std::string text = Generate(document);
-    if (document == std::string("man")) std::erase(text, '\\');
+    if (document == "man") std::erase(text, '\\');
     for (const std::string& word : words)
       EXPECT_NE(text.find(word), std::string::npos) << word << " is not in " << document;
     EXPECT_EQ(text.find("DOCUMENT"), std::string::npos) << document << " tells of hidden commands";
@@ -139,33 +121,26 @@ TEST_F(GenerateTest, BashCompletes) {
 
 TEST_F(GenerateTest, AWrongCommandLineGetsOneLineAndAHint) {
   const struct {
-    std::vector<const char*> arguments;
-    const char* complaint;
+    const char* line;
+    std::string complaint;
+    const char* helpOf;
   } kCases[] = {
-      {{"nothing"}, "there is no command \"nothing\"\nhint: firmware-updater --help\n"},
-      {{"--nothing"}, "there is no option \"--nothing\"\nhint: firmware-updater --help\n"},
-      {{"list", "--nothing"},
-       "there is no option \"--nothing\"\nhint: firmware-updater list --help\n"},
-      {{"list", "x"}, "\"x\" is one argument too many\nhint: firmware-updater list --help\n"},
-      {{"list", "--wait"}, "--wait needs a value\nhint: firmware-updater list --help\n"},
-      {{"update"}, "FILE is required\nhint: firmware-updater update --help\n"},
-      {{"simulate", "--nothing", "--", "true"},
-       "there is no option \"--nothing\"\nhint: firmware-updater simulate --help\n"},
+      {"nothing", "there is no command \"nothing\"", ""},
+      {"--nothing", "there is no option \"--nothing\"", ""},
+      {"list --nothing", "there is no option \"--nothing\"", "list "},
+      {"list x", "\"x\" is one argument too many", "list "},
+      {"list --wait", "--wait needs a value", "list "},
+      {"update", "FILE is required", "update "},
+      {"simulate --nothing -- true", "there is no option \"--nothing\"", "simulate "},
   };
   for (const auto& row : kCases) {
-    err.str({});
-    std::vector<const char*> arguments{"firmware-updater"};
-    arguments.insert(arguments.end(), row.arguments.begin(), row.arguments.end());
-    EXPECT_EQ(RunTool(static_cast<int>(arguments.size()), arguments.data(), machine), 2);
-    EXPECT_EQ(err.str(), std::string("firmware-updater: ") + row.complaint);
-    EXPECT_EQ(out.str(), "");
+    EXPECT_EQ(run(row.line), ExitCode::Usage);
+    EXPECT_EQ(run.Err(), "firmware-updater: " + row.complaint + "\nhint: firmware-updater " +
+                             row.helpOf + "--help\n");
+    EXPECT_EQ(run.Out(), "");
   }
-}
-
-TEST_F(GenerateTest, WithoutACommandTheHelpIsShownAndNothingDone) {
-  const std::array arguments{"firmware-updater"};
-  EXPECT_EQ(RunTool(1, arguments.data(), machine), 2);
-  EXPECT_NE(err.str().find("Exit codes:"), std::string::npos);
+  EXPECT_EQ(run(""), ExitCode::Usage);
+  EXPECT_TRUE(run.Complains("Exit codes:")) << "without a command the help is shown";
 }
 
 }  // namespace

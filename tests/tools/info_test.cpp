@@ -4,14 +4,12 @@
 
 #include <nlohmann/json.hpp>
 #include <set>
-#include <sstream>
 
 #include "inquiry.h"
 #include "session.h"
 #include "target_choice.h"
-#include "testbench/fake_d2xx.h"
-#include "testbench/fake_libusb.h"
-#include "testbench/station.h"
+#include "tests/tools/desk.h"
+#include "text_format.h"
 
 namespace tavo::tool {
 namespace {
@@ -21,42 +19,11 @@ using nlohmann::json;
 using tavosim::DeviceState;
 using test::Station;
 
-ExitCode RunInfo(const Machine& machine, const std::string& arguments) {
-  CLI::App app;
-  ExitCode exit = ExitCode::Usage;
-  AddInfoCommand(app, machine, exit);
-  try {
-    app.parse("info " + arguments, false);
-  } catch (const CLI::ParseError&) {
-    return ExitCode::Usage;
-  }
-  return exit;
-}
-
-// A machine with one simulated device.
-struct Desk {
-  explicit Desk(const tavosim::DeviceOptions& options, bool echo = false,
-                const std::vector<std::string>& faults = {})
-      : station(options, echo, faults) {}
-
-  Station station;
-  std::ostringstream out, err;
-  Machine machine{station.platform, station.usb, station.d2xx, out, err};
-
-  ExitCode Info(const std::string& arguments) { return RunInfo(machine, arguments); }
-};
-
 tavosim::DeviceOptions OptionsOf(const char* family, DeviceState start) {
-  tavosim::DeviceOptions options = tavosim::OptionsFor(*tavosim::FindFamily(family));
+  tavosim::DeviceOptions options = Options(family);
   options.start = start;
   options.openTunnel = options.family.route;
   return options;
-}
-
-std::string Hex(unsigned value, int digits) {
-  char text[16];
-  std::snprintf(text, sizeof text, "0x%.*X", digits, value);
-  return text;
 }
 
 void ExpectUntouched(const Station& station, const tavosim::Snapshot& before) {
@@ -79,22 +46,22 @@ TEST(Info, TellsEveryFamilyInEitherStateAndLeavesItThere) {
       const bool runs = state == DeviceState::Application;
       SCOPED_TRACE(std::string(family.name) + (runs ? " runs" : " in its bootloader"));
       Desk desk(OptionsOf(family.name.data(), state));
-      const tavosim::Snapshot before = desk.station.device.Save();
-      EXPECT_EQ(desk.Info("--usb 1-4-2 --json"), ExitCode::Done);
-      const json document = json::parse(desk.out.str());
+      const tavosim::Snapshot before = desk.device.Save();
+      EXPECT_EQ(desk.run("info --usb 1-4-2 --json"), ExitCode::Done);
+      const json document = json::parse(desk.run.Out());
       EXPECT_EQ(document["state"], runs ? "application" : "bootloader");
-      ExpectUntouched(desk.station, before);
+      ExpectUntouched(desk, before);
       if (runs) {
-        EXPECT_EQ(document["softwareId"], Hex(family.softwareId, 4));
-        EXPECT_EQ(document["deviceId"], Hex(family.deviceId, 4));
+        EXPECT_EQ(document["softwareId"], Format("0x%04X", family.softwareId));
+        EXPECT_EQ(document["deviceId"], Format("0x%04X", family.deviceId));
         EXPECT_EQ(document["tunnel"]["open"], family.route != 0);
         EXPECT_TRUE(document["bootloader"].is_null());
         continue;
       }
       EXPECT_EQ(document["bootloader"]["version"], family.bootloaderVersion);
       EXPECT_EQ(document["bootloader"]["blockSize"], family.blockSize);
-      EXPECT_EQ(document["processor"]["id"], Hex(family.processorId, 6));
-      EXPECT_EQ(document["hardwareId"]["id"], Hex(family.hardwareId, 4));
+      EXPECT_EQ(document["processor"]["id"], Format("0x%06X", family.processorId));
+      EXPECT_EQ(document["hardwareId"]["id"], Format("0x%04X", family.hardwareId));
       EXPECT_EQ(document["applicationKiB"], family.applicationKiB);
       EXPECT_EQ(document["tunnel"].is_null(), family.route == 0);
     }
@@ -103,89 +70,74 @@ TEST(Info, TellsEveryFamilyInEitherStateAndLeavesItThere) {
 
 TEST(Info, TheScreenHoldsTheFactsAndNothingOfTheLibrary) {
   Desk desk(OptionsOf("plain", DeviceState::Bootloader), true);
-  EXPECT_EQ(desk.Info("--ftdi TAVO0001 --echo"), ExitCode::Done);
-  EXPECT_EQ(desk.out.str(),
+  EXPECT_EQ(desk.run("info --ftdi TAVO0001 --echo"), ExitCode::Done);
+  EXPECT_EQ(desk.run.Out(),
             "device       --ftdi TAVO0001 --echo\n"
             "bootloader   version 3, blocks of 128 bytes\n"
             "processor    0x1E9748 (MCU-ID 0x100)\n"
             "application  up to 16 KiB\n"
             "hardware id  0x8410 (Serie 8, Type 4, Module 1, Variant 0)\n"
             "It sits in its bootloader: firmware-updater recover FILE --ftdi TAVO0001 --echo\n");
-  EXPECT_EQ(desk.err.str(), "");
-  EXPECT_EQ(desk.station.platform.Console(), "");
-  EXPECT_EQ(desk.station.Log(), "");
-  EXPECT_EQ(desk.station.usb.OpenHandles(), 0);
+  EXPECT_EQ(desk.run.Err(), "");
+  EXPECT_EQ(desk.platform.Console(), "");
+  EXPECT_EQ(desk.Log(), "");
+  EXPECT_EQ(desk.usb.OpenHandles(), 0);
 }
 
 TEST(Info, AMasterAnsweringForItsDeviceIsNotTakenForAnApplication) {
   auto options = OptionsOf("tunnel", DeviceState::Bootloader);
   options.openTunnel = 0;
   Desk desk(options);
-  EXPECT_EQ(desk.Info("--json"), ExitCode::Done);
-  EXPECT_EQ(json::parse(desk.out.str())["state"], "hidden");
-  EXPECT_EQ(desk.station.device.OpenTunnel(), 0);
+  EXPECT_EQ(desk.run("info --json"), ExitCode::Done);
+  EXPECT_EQ(json::parse(desk.run.Out())["state"], "hidden");
+  EXPECT_EQ(desk.device.OpenTunnel(), 0);
 }
 
 TEST(Info, ASilentDeviceEndsInTimeWithItsStateUnknown) {
   Desk desk(OptionsOf("plain", DeviceState::Application), false, {"lose:*"});
-  EXPECT_EQ(desk.Info("--json"), ExitCode::FailedUnknown);
-  EXPECT_EQ(json::parse(desk.out.str())["state"], "silent");
-  EXPECT_NE(desk.err.str().find("hint: "), std::string::npos);
-  EXPECT_LT(desk.station.platform.MonotonicNow(), 30s);
+  EXPECT_EQ(desk.run("info --json"), ExitCode::FailedUnknown);
+  EXPECT_EQ(json::parse(desk.run.Out())["state"], "silent");
+  EXPECT_TRUE(desk.run.Complains("hint: "));
+  EXPECT_LT(desk.platform.MonotonicNow(), 30s);
 }
 
 TEST(Info, ADeviceThatIsPulledOutEndsInTime) {
   Desk desk(OptionsOf("plain", DeviceState::Application), false, {"unplug:2"});
-  desk.Info("");
-  EXPECT_LT(desk.station.platform.MonotonicNow(), 40s);
+  desk.run("info");
+  EXPECT_LT(desk.platform.MonotonicNow(), 40s);
 }
 
 TEST(Inquiry, ClosesATunnelWhetherOrNotTheMasterSaysSo) {
-  for (const bool answers : {true, false}) {
-    auto options = OptionsOf("tunnel", DeviceState::Application);
+  for (const auto& [answers, open, told] :
+       {std::tuple{true, 0x0401, 0x0401}, {false, 0x0401, 0x0401}, {true, 0x1010, 0}}) {
+    auto options = Options("tunnel");
     options.answersCloseTunnel = answers;
+    options.openTunnel = static_cast<std::uint16_t>(open);
     Desk desk(options);
-    Session session(desk.machine, desk.station.platform);
+    Session session(desk.run.machine, desk.platform);
     ASSERT_EQ(session.Open({TransportKind::Usb, Station::kPort}), "");
-    Inquiry inquiry(session.Transport(), desk.station.platform);
-    EXPECT_EQ(inquiry.OpenTunnel(), options.family.route);
-    const auto start = desk.station.platform.MonotonicNow();
+    Inquiry inquiry(session.Transport(), desk.platform);
+    EXPECT_EQ(inquiry.OpenTunnel(), told) << "16, 16 means none";
+    const auto start = desk.platform.MonotonicNow();
     inquiry.CloseTunnel();
-    EXPECT_GE(desk.station.platform.MonotonicNow() - start, 5s);
-    EXPECT_LT(desk.station.platform.MonotonicNow() - start, 10s);
+    EXPECT_GE(desk.platform.MonotonicNow() - start, 5s);
+    EXPECT_LT(desk.platform.MonotonicNow() - start, 10s);
     EXPECT_EQ(inquiry.OpenTunnel(), 0);
   }
 }
 
-TEST(Inquiry, TheOtherValueForNoTunnelIsNone) {
-  auto options = OptionsOf("tunnel", DeviceState::Application);
-  options.openTunnel = 0x1010;
-  Desk desk(options);
-  Session session(desk.machine, desk.station.platform);
-  ASSERT_EQ(session.Open({TransportKind::Usb, Station::kPort}), "");
-  Inquiry inquiry(session.Transport(), desk.station.platform);
-  EXPECT_EQ(inquiry.OpenTunnel(), 0);
-}
-
-struct ChoiceCase {
-  const char* what;
-  TargetOptionsValues named;
-  std::vector<test::Bytes> ports;
-  std::string chosen;  // empty: refused
-  ExitCode exit = ExitCode::Done;
-  const char* says = "";  // the complaint tells this
-};
-
 TEST(TargetChoice, TakesWhatIsNamedOrTheOnlyUsbDevice) {
-  const ChoiceCase cases[] = {
+  const struct {
+    const char* what;
+    TargetOptionsValues named;
+    std::vector<test::Bytes> ports;
+    std::string chosen;  // empty: refused
+    ExitCode exit = ExitCode::Done;
+    const char* says = "";  // the complaint tells this
+  } cases[] = {
       {"the only one", {}, {{1}}, "--usb 1"},
       {"several", {}, {{1}, {4, 2}}, "", ExitCode::Usage, "--usb 4-2 "},
-      {"one that cannot be named",
-       {},
-       {{}},
-       "",
-       ExitCode::NoDevice,
-       "the USB device cannot be used"},
+      {"one without a name", {}, {{}}, "", ExitCode::NoDevice, "the USB device cannot be used"},
       {"an adapter alone", {}, {}, "", ExitCode::NoDevice, "only when it is named"},
       {"a named port", {.usbPort = "4-2"}, {{1}, {4, 2}}, "--usb 4-2"},
       {"a wrong port", {.usbPort = "9"}, {{1}}, "", ExitCode::NoDevice, "--usb 1 "},
@@ -196,19 +148,16 @@ TEST(TargetChoice, TakesWhatIsNamedOrTheOnlyUsbDevice) {
        "--ftdi A1 --baud 115200 --echo"},
       {"a wrong adapter", {.ftdiSerial = "A2"}, {}, "", ExitCode::NoDevice, "--ftdi A1 "},
   };
-  for (const ChoiceCase& row : cases) {
+  for (const auto& row : cases) {
     SCOPED_TRACE(row.what);
-    test::VirtualPlatform platform;
-    test::FakeLibUsb usb;
-    test::FakeD2xx adapters;
-    std::ostringstream out, err;
-    for (const test::Bytes& ports : row.ports) usb.devices.push_back({.ports = ports});
-    adapters.adapters = {{"A1", "x"}};
-    const TargetChoice choice = ChooseTarget({platform, usb, adapters, out, err}, row.named);
+    BareDesk desk;
+    for (const test::Bytes& ports : row.ports) desk.usb.devices.push_back({.ports = ports});
+    desk.adapters.adapters = {{"A1", "x"}};
+    const TargetChoice choice = ChooseTarget(desk.run.machine, row.named);
     EXPECT_EQ(choice.target ? TargetOptions(*choice.target) : "", row.chosen);
     EXPECT_EQ(choice.exit, row.exit);
-    EXPECT_NE(err.str().find(row.says), std::string::npos) << err.str();
-    EXPECT_EQ(err.str().empty(), !row.chosen.empty());
+    EXPECT_TRUE(desk.run.Complains(row.says)) << desk.run.Err();
+    EXPECT_EQ(desk.run.Err().empty(), !row.chosen.empty());
   }
 }
 
@@ -217,9 +166,9 @@ TEST(TargetChoice, OptionsThatDoNotGoTogetherAreRefused) {
   for (const char* const arguments :
        {"--usb 1-4-2 --ftdi TAVO0001", "--baud 9600", "--echo", "--usb \"\"", "--ftdi \"\"",
         "--ftdi TAVO0001 --baud 0", "--ftdi TAVO0001 --baud fast"}) {
-    EXPECT_EQ(desk.Info(arguments), ExitCode::Usage) << arguments;
+    EXPECT_EQ(desk.run(std::string("info ") + arguments), ExitCode::Usage) << arguments;
   }
-  EXPECT_TRUE(desk.station.Requests().empty());
+  EXPECT_TRUE(desk.Requests().empty());
 }
 
 }  // namespace

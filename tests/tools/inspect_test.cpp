@@ -11,7 +11,7 @@
 #include "package_report.h"
 #include "simulator/device.h"
 #include "testbench/engine_access.h"
-#include "tests/tools/command_run.h"
+#include "tests/tools/desk.h"
 
 namespace tavo::tool {
 namespace {
@@ -53,18 +53,34 @@ std::string Without(std::string text, std::string_view part) {
   return text.erase(text.find(part), part.size());
 }
 
-json Inspect(CommandRun& run, const std::string& arguments, ExitCode expected) {
-  EXPECT_EQ(run(AddInspectCommand, "inspect --json " + arguments), expected) << run.err.str();
-  return json::parse(run.out.str(), nullptr, false);
-}
-
 struct BadFile {
   const char* name;
   std::string content;
   const char* phrase;  // of the complaint or its hint
 };
 
-TEST(Inspect, FilesThatCouldNeverBeWrittenAreCalledByTheirFault) {
+struct Inspect : testing::Test {
+  void ExpectComplaint(const BadFile& row) {
+    EXPECT_EQ(run("inspect @" + std::string(row.name)), ExitCode::BadFile) << row.name;
+    EXPECT_TRUE(run.Complains(row.phrase)) << row.name << run.Err();
+  }
+  json Json(const std::string& arguments, ExitCode expected = ExitCode::Done) {
+    EXPECT_EQ(run("inspect --json " + arguments), expected) << run.Err();
+    return json::parse(run.Out(), nullptr, false);
+  }
+
+  BareDesk desk;
+  CommandRun& run = desk.run;
+};
+
+// What `object` has under the keys of `expected`.
+json Part(const json& object, const json& expected) {
+  json part;
+  for (const auto& [key, value] : expected.items()) part[key] = object.value(key, json());
+  return part;
+}
+
+TEST_F(Inspect, FilesThatCouldNeverBeWrittenAreCalledByTheirFault) {
   const std::string good = HexOf("plain");
   FirmwareRecipe noMcu = Recipe(0);
   noMcu.adbType = 2;
@@ -97,26 +113,23 @@ TEST(Inspect, FilesThatCouldNeverBeWrittenAreCalledByTheirFault) {
        "'b.hex': the image has no valid descriptor block; for this one member the whole file"},
       {"two.zip", ZipArchive({{"a.hex", ambiguous}, {"b.hex", ambiguous}}), "no choosing"},
   };
-  CommandRun run;
   for (const BadFile& row : rows) {
-    SCOPED_TRACE(row.name);
     run.Write(row.name, row.content);
-    EXPECT_EQ(run(AddInspectCommand, "inspect @" + std::string(row.name)), ExitCode::BadFile);
-    EXPECT_NE(run.err.str().find(row.phrase), std::string::npos) << run.err.str();
-    EXPECT_NE(run.err.str().find("\nhint: "), std::string::npos) << run.err.str();
-    const json document = Inspect(run, "@" + std::string(row.name), ExitCode::BadFile);
+    ExpectComplaint(row);
+    EXPECT_TRUE(run.Complains("\nhint: ")) << run.Err();
+    const json document = Json("@" + std::string(row.name), ExitCode::BadFile);
     EXPECT_EQ(document["canBeWritten"], false);
     EXPECT_NE(document["problem"], "");
   }
 }
 
-TEST(Inspect, WhatIsNoReadableFileIsNeitherOpenedNorWaitedFor) {
-  CommandRun run;
+TEST_F(Inspect, WhatIsNoReadableFileIsNeitherOpenedNorWaitedFor) {
   ASSERT_EQ(mkfifo(run.Path("pipe.hex").c_str(), 0600), 0);
   std::filesystem::create_directory(run.Path("folder.zip"));
   std::filesystem::create_symlink("/dev/zero", run.Path("endless.hex"));
   for (const char* name : {"huge.hex", "huge.zip"}) {
-    std::filesystem::resize_file(run.Write(name, ":"), std::uintmax_t{4} << 30);
+    run.Write(name, ":");
+    std::filesystem::resize_file(run.Path(name), std::uintmax_t{4} << 30);
   }
   std::vector<BadFile> rows = {
       {"missing.hex", "", "there is no such file"},
@@ -130,13 +143,11 @@ TEST(Inspect, WhatIsNoReadableFileIsNeitherOpenedNorWaitedFor) {
   ASSERT_EQ(chmod(run.Path("secret.hex").c_str(), 0), 0);
   if (geteuid() != 0) rows.push_back({"secret.hex", "", "may not be read"});
   for (const BadFile& row : rows) {
-    EXPECT_EQ(run(AddInspectCommand, "inspect @" + std::string(row.name)), ExitCode::BadFile);
-    EXPECT_NE(run.err.str().find(row.phrase), std::string::npos) << row.name << run.err.str();
+    ExpectComplaint(row);
   }
 }
 
-TEST(Inspect, EveryMemberHasItsVerdict) {
-  CommandRun run;
+TEST_F(Inspect, EveryMemberHasItsVerdict) {
   const std::string good = HexOf("plain");
   run.Write("fw.zip", ZipArchive({{"z.hex", good},
                                   {"folder/", ""},
@@ -146,7 +157,7 @@ TEST(Inspect, EveryMemberHasItsVerdict) {
                                   {"same.hex", HexOf("drive")},
                                   {"same.hex", HexOf("drive", 2)},
                                   {"zz.hex", HexOf("plain", 2)}}));
-  const json document = Inspect(run, "@fw.zip", ExitCode::Done);
+  const json document = Json("@fw.zip");
   EXPECT_EQ(document["version"], 1);
   std::string verdicts;
   for (const json& member : document["members"]) {
@@ -162,25 +173,21 @@ TEST(Inspect, EveryMemberHasItsVerdict) {
   EXPECT_EQ(document["members"][4]["column"], 1);
 }
 
-TEST(Inspect, FactsOfAnImage) {
-  CommandRun run;
+TEST_F(Inspect, FactsOfAnImage) {
   run.Write("fw.hex", HexOf("gateway"));
-  const json image = Inspect(run, "@fw.hex --block-size 64", ExitCode::Done)["images"][0];
-  EXPECT_EQ(image["startAddress"], 0x4000);
-  EXPECT_EQ(image["endAddress"], 0x8000);
-  EXPECT_EQ(image["adbType"], 6);
-  EXPECT_EQ(image["addressWidth"], 2);
-  EXPECT_EQ(image["mcuId"], "0x101");
-  EXPECT_EQ(image["processorId"], "0x1E9749");
-  EXPECT_EQ(image["requestId"], "0x180");
-  EXPECT_EQ(image["route"], json({{"master", 4}, {"slave", 0}}));
+  const json image = Json("@fw.hex --block-size 64")["images"][0];
+  const json facts = {{"startAddress", 0x4000}, {"endAddress", 0x8000},
+                      {"adbType", 6},           {"addressWidth", 2},
+                      {"mcuId", "0x101"},       {"processorId", "0x1E9749"},
+                      {"requestId", "0x180"},   {"route", {{"master", 4}, {"slave", 0}}},
+                      {"endsInCrc", true}};
+  EXPECT_EQ(Part(image, facts), facts);
   EXPECT_EQ(image["hardwareIds"][0]["module"], 14);
-  EXPECT_EQ(image["endsInCrc"], true);
   EXPECT_EQ(image["writing"]["blocks"], 256);
   EXPECT_EQ(image["writing"]["map"]["rows"].size(), 4u);
 
   run.Write("fw.hex", HexOf("variant"));
-  const json table = Inspect(run, "@fw.hex", ExitCode::Done)["images"][0];
+  const json table = Json("@fw.hex")["images"][0];
   EXPECT_EQ(table["addressWidth"], 3);
   EXPECT_EQ(table["route"], nullptr);
   EXPECT_EQ(table["entries"].size(), 3u);
@@ -188,32 +195,26 @@ TEST(Inspect, FactsOfAnImage) {
   EXPECT_EQ(table["entries"][2]["hardwareIds"][1]["id"], "0x8440");
 }
 
-TEST(Inspect, BlockSizesThatNoUpdateCouldWriteAreRefused) {
-  CommandRun run;
+TEST_F(Inspect, BlockSizesThatNoUpdateCouldWriteAreRefused) {
   run.Write("fw.hex", HexOf("plain"));
   for (const char* size : {"0", "129", "-1", "x"}) {
-    EXPECT_EQ(run(AddInspectCommand, "inspect @fw.hex --block-size " + std::string(size)),
-              ExitCode::Usage)
-        << size;
+    EXPECT_EQ(run("inspect @fw.hex --block-size=" + std::string(size)), ExitCode::Usage) << size;
   }
 }
 
-TEST(Inspect, NamesFromAnArchiveCannotSteerTheTerminal) {
-  CommandRun run;
+TEST_F(Inspect, NamesFromAnArchiveCannotSteerTheTerminal) {
   run.Write("fw.zip", ZipArchive({{"a\x1b[2J.hex", HexOf("plain")}, {"\xFF.txt", "x"}}));
-  EXPECT_EQ(run(AddInspectCommand, "inspect @fw.zip"), ExitCode::Done);
-  EXPECT_EQ(run.out.str().find('\x1b'), std::string::npos);
-  EXPECT_FALSE(Inspect(run, "@fw.zip", ExitCode::Done).is_discarded());
+  EXPECT_EQ(run("inspect @fw.zip"), ExitCode::Done);
+  EXPECT_EQ(run.Out().find('\x1b'), std::string::npos);
+  EXPECT_FALSE(Json("@fw.zip").is_discarded());
 }
 
-TEST(Inspect, ScreensAreNarrow) {
-  CommandRun run;
+TEST_F(Inspect, ScreensAreNarrow) {
   run.Write("fw.zip", ZipArchive({{std::string(80, 'n') + ".hex", HexOf("labelled")},
                                   {"b.hex", With(HexOf("plain"), 3, 'x')}}));
-  EXPECT_EQ(run(AddInspectCommand, "inspect @fw.zip --block-size 1"), ExitCode::Done);
-  std::istringstream lines(run.out.str());
-  for (std::string line; std::getline(lines, line);) {
-    const bool namesPath = line.find(run.Folder()) != std::string::npos;
+  EXPECT_EQ(run("inspect @fw.zip --block-size 1"), ExitCode::Done);
+  for (const std::string& line : test::LinesOf(run.Out())) {
+    const bool namesPath = line.find(desk.platform.Folder()) != std::string::npos;
     EXPECT_TRUE(namesPath || line.size() <= 100) << line;
   }
 }

@@ -4,7 +4,7 @@
 
 #include "package/adb_view.h"
 #include "package_report.h"
-#include "tests/tools/command_run.h"
+#include "tests/tools/desk.h"
 
 namespace tavo::tool {
 namespace {
@@ -26,21 +26,20 @@ const char* Description(int adbType) {
 
 class Pack : public testing::Test {
  protected:
-  ExitCode operator()(const std::string& arguments) {
-    return m_run(AddPackCommand, "pack " + arguments);
+  ExitCode operator()(const std::string& arguments) { return run("pack " + arguments); }
+
+  std::ptrdiff_t FilesInFolder() const {
+    const std::filesystem::directory_iterator files(run.Path(""));
+    return std::distance(begin(files), end(files));
   }
 
-  std::size_t FilesInFolder() const {
-    const std::filesystem::directory_iterator files(m_run.Folder());
-    return static_cast<std::size_t>(std::distance(begin(files), end(files)));
-  }
-
-  CommandRun m_run{};
+  BareDesk desk;
+  CommandRun& run = desk.run;
 };
 
 TEST_F(Pack, EveryAdbTypeAndAddressWidthComesBackAsItWasAskedFor) {
   const std::string content = Bytes(3000);
-  m_run.Write("app.bin", content);
+  run.Write("app.bin", content);
   for (int adbType = 1; adbType <= 7; ++adbType) {
     for (const std::uint32_t address : {0x4000u, 0x14000u, 0xFEF000u}) {
       const std::string kind = "--adb-type " + std::to_string(adbType);
@@ -49,8 +48,8 @@ TEST_F(Pack, EveryAdbTypeAndAddressWidthComesBackAsItWasAskedFor) {
           (*this)("--force --image @app.bin -o @fw.zip --raw @raw.bin --size 4096 --address " +
                   std::to_string(address) + " " + kind + Description(adbType)),
           ExitCode::Done)
-          << m_run.err.str();
-      const PackageReport report = ReportOn(m_run.Path("fw.zip"));
+          << run.Err();
+      const PackageReport report = ReportOn(run.Path("fw.zip").string());
       ASSERT_TRUE(report.CouldBeWritten()) << report.problem;
       EXPECT_TRUE(report.members[0].warnings.empty());
       const ImageReport& image = report.images.at(0);
@@ -66,11 +65,11 @@ TEST_F(Pack, EveryAdbTypeAndAddressWidthComesBackAsItWasAskedFor) {
       } else {
         EXPECT_EQ(image.hardwareIds, std::vector<std::uint16_t>{0x8410});
       }
-      const std::vector<FirmwareImage> images = LoadUpdateFile(m_run.Path("fw.zip"));
+      const std::vector<FirmwareImage> images = LoadUpdateFile(run.Path("fw.zip").string());
       ASSERT_EQ(images.size(), 1u);
       EXPECT_EQ(images[0].data, image.image.data);
       const std::string flash(images[0].data.begin(), images[0].data.end());
-      EXPECT_EQ(flash, m_run.Read("raw.bin"));
+      EXPECT_EQ(flash, run.Read("raw.bin"));
       EXPECT_EQ(flash.substr(0, 3100), content + std::string(100, '\xFF'));
     }
   }
@@ -79,40 +78,38 @@ TEST_F(Pack, EveryAdbTypeAndAddressWidthComesBackAsItWasAskedFor) {
 TEST_F(Pack, SizeIsTheNextWholeKibUnlessGiven) {
   const std::string base = "--image @app.bin --address 0x4000 --adb-type 2 --hardware-id 8.4.1.0 ";
   for (const auto& [content, size] : {std::pair{996u, 1024u}, {997u, 2048u}}) {
-    m_run.Write("app.bin", Bytes(content));
-    ASSERT_EQ((*this)(base + "--force -o @fw.hex"), ExitCode::Done) << m_run.err.str();
-    EXPECT_EQ(LoadUpdateFile(m_run.Path("fw.hex")).at(0).data.size(), size);
+    run.Write("app.bin", Bytes(content));
+    ASSERT_EQ((*this)(base + "--force -o @fw.hex"), ExitCode::Done) << run.Err();
+    EXPECT_EQ(LoadUpdateFile(run.Path("fw.hex").string()).at(0).data.size(), size);
   }
 }
 
 TEST_F(Pack, ArchiveOfSeveralImagesAndFinishedBinaries) {
   ASSERT_EQ((*this)("--family plain --seed 3 -o @a.hex --raw @a.bin"), ExitCode::Done);
   ASSERT_EQ((*this)("--family variant -o @b.hex"), ExitCode::Done);
-  ASSERT_EQ((*this)("--add @b.hex --add @a.hex -o @fw.zip"), ExitCode::Done) << m_run.err.str();
-  const PackageReport report = ReportOn(m_run.Path("fw.zip"));
+  ASSERT_EQ((*this)("--add @b.hex --add @a.hex -o @fw.zip"), ExitCode::Done) << run.Err();
+  const PackageReport report = ReportOn(run.Path("fw.zip").string());
   ASSERT_EQ(report.images.size(), 2u);
   EXPECT_EQ(report.members[0].name, "b.hex");
   EXPECT_EQ(report.images[0].member, "a.hex");
   ASSERT_EQ((*this)("--image @a.bin --address 0x4000 -o @c.hex"), ExitCode::Done);
-  EXPECT_EQ(m_run.Read("c.hex"), m_run.Read("a.hex"));
+  EXPECT_EQ(run.Read("c.hex"), run.Read("a.hex"));
 }
 
-struct Row {
-  const char* arguments;
-  ExitCode exit;
-  const char* phrase;
-};
-
 TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
-  m_run.Write("app.bin", Bytes(2000));
-  m_run.Write("empty.bin", "");
-  m_run.Write("page.hex", "<html>");
+  run.Write("app.bin", Bytes(2000));
+  run.Write("empty.bin", "");
+  run.Write("page.hex", "<html>");
   ASSERT_EQ((*this)("--family legacy -o @a.hex"), ExitCode::Done);
-  m_run.Write("b.hex", m_run.Read("a.hex"));
-  const std::size_t filesBefore = FilesInFolder();
-  const std::string oldOutput = m_run.Read("a.hex");
+  run.Write("b.hex", run.Read("a.hex"));
+  const auto filesBefore = FilesInFolder();
+  const std::string oldOutput = run.Read("a.hex");
   const std::string app = "--image @app.bin --address 0x4000 -o @fw.hex ";
-  const Row rows[] = {
+  const struct {
+    std::string arguments;
+    ExitCode exit;
+    const char* phrase;
+  } rows[] = {
       {"-o @fw.hex", ExitCode::Usage, "one of --image, --family and --add"},
       {"--family plain --add @a.hex -o @fw.zip", ExitCode::Usage, "one of --image"},
       {"--family plain -o @fw.bin", ExitCode::Usage, "no name of an update file"},
@@ -144,15 +141,14 @@ TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
       {"--hardware-id 0x8410", ExitCode::Usage, "taken as it stands"},
       {"", ExitCode::Usage, "no valid descriptor block"},
   };
-  for (const Row& row : rows) {
+  for (const auto& row : rows) {
     SCOPED_TRACE(row.arguments);
-    const std::string arguments = row.arguments;
-    const bool isWhole = arguments.find("-o ") != std::string::npos;
-    EXPECT_EQ((*this)((isWhole ? "" : app) + arguments), row.exit) << m_run.err.str();
-    EXPECT_NE(m_run.err.str().find(row.phrase), std::string::npos) << m_run.err.str();
+    const bool isWhole = row.arguments.find("-o ") != std::string::npos;
+    EXPECT_EQ((*this)((isWhole ? "" : app) + row.arguments), row.exit) << run.Err();
+    EXPECT_TRUE(run.Complains(row.phrase)) << run.Err();
     EXPECT_EQ(FilesInFolder(), filesBefore);
   }
-  EXPECT_EQ(m_run.Read("a.hex"), oldOutput);
+  EXPECT_EQ(run.Read("a.hex"), oldOutput);
 }
 
 }  // namespace

@@ -1,14 +1,8 @@
 // The command "simulate", as a process of its own: it starts others and takes signals.
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
-#include <string>
-#include <utility>
-
-#include "tests/end_to_end/child_process.h"
+#include "testbench/child_process.h"
+#include "testbench/temporary_folder.h"
 
 namespace tavo::test {
 namespace {
@@ -17,16 +11,10 @@ constexpr std::chrono::seconds kPrompt{20};
 
 class SimulateTest : public testing::Test {
  protected:
-  SimulateTest() {
-    std::string name = std::filesystem::temp_directory_path() / "simulate-XXXXXX";
-    folder = mkdtemp(name.data());
-  }
-  ~SimulateTest() override { std::filesystem::remove_all(folder); }
-
   ChildProcess Start(Words arguments, Words environment = {}) {
     arguments.insert(arguments.begin(), {TAVO_BUILD_DIR "/bin/firmware-updater", "simulate"});
     environment.push_back("PATH=/usr/bin:/bin");
-    return {folder, arguments, environment, "output.txt"};
+    return {folder.Path(), arguments, environment, "output.txt"};
   }
   int Run(Words arguments, Words environment = {}) {
     ChildProcess tool = Start(std::move(arguments), std::move(environment));
@@ -36,7 +24,7 @@ class SimulateTest : public testing::Test {
   }
   bool Says(const std::string& text) const { return output.find(text) != std::string::npos; }
 
-  std::filesystem::path folder;
+  TemporaryFolder folder;
   std::string output;
 };
 

@@ -5,90 +5,33 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
-#include <optional>
-#include <sstream>
 
-#include "app.h"
 #include "closing_state.h"
-#include "testbench/station.h"
+#include "tests/tools/desk.h"
 
 namespace tavo::tool {
 namespace {
 
 using Json = nlohmann::json;
+using enum DeviceCondition;
+using enum ExitCode;
 using tavosim::DeviceState;
 using test::Lines;
-using test::Station;
-
-constexpr const char* kTarget = " --usb 1-4-2";
-
-tavosim::DeviceOptions Options(const char* family) {
-  return tavosim::OptionsFor(*tavosim::FindFamily(family));
-}
-
-std::string FileText(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-class Tool {
- public:
-  explicit Tool(const tavosim::DeviceOptions& options, const std::vector<std::string>& faults = {})
-      : station(options, false, faults) {}
-
-  // Runs a command line, whose words have no blanks in them.
-  int Run(const std::string& line) {
-    m_out.str({});
-    m_err.str({});
-    Lines words{"firmware-updater"};
-    std::istringstream stream(line);
-    for (std::string word; stream >> word;) words.push_back(word);
-    std::vector<const char*> arguments;
-    for (const std::string& word : words) arguments.push_back(word.c_str());
-    const Machine machine{station.platform, station.usb, station.d2xx, m_out, m_err};
-    return RunTool(static_cast<int>(arguments.size()), arguments.data(), machine);
-  }
-  int Update(const std::string& options = "") {
-    return Run("update " + File() + kTarget + " --log " + Log() + options);
-  }
-
-  std::string File() const { return station.platform.Folder() + "firmware.hex"; }
-  std::string Log() const { return station.platform.Folder() + "tool.log"; }
-  std::string Out() const { return m_out.str(); }
-  std::string Err() const { return m_err.str(); }
-  std::string LastLine() const { return test::LinesOf(Out()).back(); }
-
-  // The command at the end of the last line; empty when there is none.
-  std::string Recommended() const {
-    const std::string line = LastLine();
-    const std::size_t at = line.find(": firmware-updater ");
-    return at == std::string::npos ? ""
-                                   : line.substr(at + std::string(": firmware-updater ").size());
-  }
-
-  bool UpdatedAndRuns() { return station.FlashHoldsFirmware() && station.ApplicationRuns(); }
-
-  Station station;
-
- private:
-  std::ostringstream m_out;
-  std::ostringstream m_err;
-};
 
 TEST(UpdateCommand, UpdatesEveryFamilyAndSaysSo) {
   for (const tavosim::Family& family : tavosim::kFamilies) {
     SCOPED_TRACE(family.name);
-    Tool tool(tavosim::OptionsFor(family));
-    EXPECT_EQ(tool.Update(), 0) << tool.Err();
-    EXPECT_TRUE(tool.UpdatedAndRuns());
+    Desk desk(tavosim::OptionsFor(family));
+    EXPECT_EQ(desk.Update(), Done) << desk.run.Err();
+    EXPECT_TRUE(desk.UpdatedAndRuns());
     const bool verifies = family.bootloaderVersion >= 3;
-    EXPECT_TRUE(tool.LastLine().starts_with(verifies
-                                                ? "The device runs the new firmware, verified."
-                                                : "The device runs the new firmware; nothing has"))
-        << tool.Out();
-    EXPECT_EQ(tool.Recommended(), "");
-    EXPECT_EQ(tool.Out().find('\b'), std::string::npos);
-    EXPECT_NE(FileText(tool.Log()).find("FirmwareUpdater: Start."), std::string::npos);
+    EXPECT_TRUE(
+        desk.run.LastLine().starts_with(verifies ? "The device runs the new firmware, verified."
+                                                 : "The device runs the new firmware; nothing has"))
+        << desk.run.Out();
+    EXPECT_EQ(desk.run.Recommended(), "");
+    EXPECT_FALSE(desk.run.Says("\b"));
+    EXPECT_NE(desk.run.Read("tool.log").find("FirmwareUpdater: Start."), std::string::npos);
   }
 }
 
@@ -97,75 +40,58 @@ struct Trouble {
   const char* family;
   const char* fault;
   ExitCode exit;
-  const char* error;  // stable name at the beginning of the complaint
   DeviceCondition condition;
 };
 
 const Trouble kTroubles[] = {
-    {"plain", "lose:id=0x120:*", ExitCode::FailedRuns, "timeout",
-     DeviceCondition::OldApplicationRuns},
-    {"plain", "lose:id=0x130:1", ExitCode::FailedUnknown, "timeout", DeviceCondition::Unknown},
-    {"plain", "lose:id=0x136:*", ExitCode::FailedRuns, "timeout",
-     DeviceCondition::UpdatedNotVerified},
-    {"plain", "lose:id=0x132:*", ExitCode::FailedRuns, "timeout",
-     DeviceCondition::OldApplicationRuns},
-    {"plain", "lose:id=0x134:*", ExitCode::FailedInBootloader, "timeout",
-     DeviceCondition::BootloaderFlashErased},
-    {"plain", "powercut:id=0x134:9", ExitCode::FailedInBootloader, "timeout",
-     DeviceCondition::BootloaderFlashErased},
-    {"labelled", "lose:id=0x12F:2", ExitCode::FailedRuns, "timeout",
-     DeviceCondition::RunsIncomplete},
-    {"tunnel", "lose:id=0x134:*", ExitCode::FailedInBootloader, "timeout",
-     DeviceCondition::BootloaderFlashErased},
-    {"drive", "lose:id=0x130:1", ExitCode::FailedUnknown, "timeout", DeviceCondition::Unknown},
+    {"plain", "lose:id=0x120:*", FailedRuns, OldApplicationRuns},
+    {"plain", "lose:id=0x130:1", FailedUnknown, Unknown},
+    {"plain", "lose:id=0x136:*", FailedRuns, UpdatedNotVerified},
+    {"plain", "lose:id=0x132:*", FailedRuns, OldApplicationRuns},
+    {"plain", "lose:id=0x134:*", FailedInBootloader, BootloaderFlashErased},
+    {"plain", "powercut:id=0x134:9", FailedInBootloader, BootloaderFlashErased},
+    {"labelled", "lose:id=0x12F:2", FailedRuns, RunsIncomplete},
+    {"tunnel", "lose:id=0x134:*", FailedInBootloader, BootloaderFlashErased},
+    {"drive", "lose:id=0x130:1", FailedUnknown, Unknown},
 };
 
-void PrintTo(const Trouble& trouble, std::ostream* out) {
-  *out << trouble.family << " " << trouble.fault;
-}
+TEST(UpdateCommand, ATroubleIsToldAsItIsAndTheRecommendedCommandEndsIt) {
+  for (const Trouble& trouble : kTroubles) {
+    SCOPED_TRACE(std::string(trouble.family) + " " + trouble.fault);
+    Desk desk(Options(trouble.family), false, {trouble.fault});
+    EXPECT_EQ(desk.Update(), trouble.exit) << desk.run.Out() << desk.run.Err();
+    EXPECT_TRUE(desk.run.Err().starts_with("firmware-updater: timeout: ")) << desk.run.Err();
+    EXPECT_TRUE(desk.run.Complains("\nhint: "));
+    EXPECT_TRUE(desk.run.LastLine().starts_with(SentenceOf(trouble.condition)))
+        << desk.run.LastLine();
+    if (trouble.condition != Unknown) {
+      EXPECT_EQ(desk.ApplicationRuns(), trouble.exit == FailedRuns);
+      const bool isNew =
+          trouble.condition == UpdatedNotVerified || trouble.condition == RunsIncomplete;
+      EXPECT_EQ(desk.FlashHoldsFirmware(), isNew);
+    }
 
-class UpdateTrouble : public testing::TestWithParam<Trouble> {};
-
-TEST_P(UpdateTrouble, IsToldAsItIsAndTheRecommendedCommandEndsIt) {
-  const Trouble& trouble = GetParam();
-  Tool tool(Options(trouble.family), {trouble.fault});
-  EXPECT_EQ(tool.Update(), static_cast<int>(trouble.exit)) << tool.Out() << tool.Err();
-  EXPECT_TRUE(tool.Err().starts_with("firmware-updater: " + std::string(trouble.error) + ": "))
-      << tool.Err();
-  EXPECT_NE(tool.Err().find("\nhint: "), std::string::npos);
-  EXPECT_TRUE(tool.LastLine().starts_with(SentenceOf(trouble.condition))) << tool.LastLine();
-
-  if (trouble.condition != DeviceCondition::Unknown) {
-    EXPECT_EQ(tool.station.ApplicationRuns(), trouble.exit == ExitCode::FailedRuns);
-    const bool isNew = trouble.condition == DeviceCondition::UpdatedNotVerified ||
-                       trouble.condition == DeviceCondition::RunsIncomplete;
-    EXPECT_EQ(tool.station.FlashHoldsFirmware(), isNew);
+    desk.device.ClearFaults();
+    const std::string next = desk.run.Recommended();
+    EXPECT_EQ(desk.run(next + " --log @tool.log"), Done) << next << "\n" << desk.run.Err();
+    EXPECT_TRUE(desk.UpdatedAndRuns());
+    EXPECT_EQ(desk.device.OpenTunnel(), 0);
+    EXPECT_EQ(desk.device.Label().has_value(), desk.device.Options().family.adbType == 5);
   }
-
-  tool.station.device.ClearFaults();
-  const std::string next = tool.Recommended();
-  ASSERT_NE(next, "") << tool.LastLine();
-  EXPECT_EQ(tool.Run(next + " --log " + tool.Log()), 0) << next << "\n" << tool.Out() << tool.Err();
-  EXPECT_TRUE(tool.UpdatedAndRuns());
-  EXPECT_EQ(tool.station.device.OpenTunnel(), 0);
-  const bool labelled = tool.station.device.Options().family.adbType == 5;
-  EXPECT_EQ(tool.station.device.Label().has_value(), labelled);
 }
-
-INSTANTIATE_TEST_SUITE_P(Faults, UpdateTrouble, testing::ValuesIn(kTroubles));
 
 TEST(UpdateCommand, ADryRunWritesNothingAndLeavesTheApplicationRunning) {
   for (const char* family : {"plain", "tunnel", "labelled"}) {
-    Tool tool(Options(family));
-    const std::vector<std::uint8_t> before = tool.station.device.ApplicationFlash().Bytes();
-    EXPECT_EQ(tool.Update(" --dry-run"), 0) << tool.Err();
-    EXPECT_EQ(tool.station.device.ApplicationFlash().Bytes(), before);
-    EXPECT_TRUE(tool.station.ApplicationRuns());
-    EXPECT_NE(tool.Out().find("nothing was written"), std::string::npos) << tool.Out();
-    const Lines requests = tool.station.Requests();
-    for (const char* changing : {"0x130", "0x133", "0x134"}) {
-      EXPECT_TRUE(std::ranges::none_of(
-          requests, [&](const std::string& request) { return request.starts_with(changing); }));
+    Desk desk(Options(family));
+    const std::vector<std::uint8_t> before = desk.Flash();
+    EXPECT_EQ(desk.Update(" --dry-run"), Done) << desk.run.Err();
+    EXPECT_EQ(desk.Flash(), before);
+    EXPECT_TRUE(desk.ApplicationRuns());
+    EXPECT_TRUE(desk.run.Says("nothing was written")) << desk.run.Out();
+    for (const std::string& request : desk.Requests()) {
+      for (const char* changing : {"0x130", "0x133", "0x134"}) {
+        EXPECT_FALSE(request.starts_with(changing));
+      }
     }
   }
 }
@@ -174,39 +100,37 @@ TEST(UpdateCommand, ATunnelFoundOpenIsClosedAndTheUpdateWorksAtOnce) {
   for (const std::uint16_t open : {std::uint16_t{0x0401}, std::uint16_t{0x0402}}) {
     tavosim::DeviceOptions options = Options("tunnel");
     options.openTunnel = open;
-    Tool tool(options);
-    EXPECT_EQ(tool.Update(), 0) << tool.Out() << tool.Err();
-    EXPECT_TRUE(tool.UpdatedAndRuns());
-    EXPECT_EQ(tool.station.device.OpenTunnel(), 0);
+    Desk desk(options);
+    EXPECT_EQ(desk.Update(), Done) << desk.run.Out() << desk.run.Err();
+    EXPECT_TRUE(desk.UpdatedAndRuns());
+    EXPECT_EQ(desk.device.OpenTunnel(), 0);
   }
 }
 
-TEST(UpdateCommand, NothingIsOpenedForABadFileAndNoWrongDeviceIsTaken) {
-  struct Row {
+TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDeviceIsTaken) {
+  const struct {
     const char* line;
     ExitCode exit;
+    const char* phrase = "hint: ";
+  } kRows[] = {
+      {"update none.hex", BadFile},
+      {"update /tmp", BadFile},
+      {"recover none.zip", BadFile},
+      {"update @firmware.hex --usb 3-9", NoDevice},
+      {"update @firmware.hex --ftdi NOBODY", NoDevice},
+      {"update @firmware.hex --usb 1-4-2 --ftdi TAVO0001", Usage},
+      {"update @firmware.hex --no-such-option", Usage},
+      {"update", Usage},
+      {"update @firmware.hex --log /nonexistent/x.log", Usage, "/nonexistent/x"},
+      {"update @firmware.hex --record /nonexistent/x.ndjson", Usage, "/nonexistent/x"},
   };
-  const Row rows[] = {
-      {"update none.hex", ExitCode::BadFile},
-      {"update /tmp", ExitCode::BadFile},
-      {"recover none.zip", ExitCode::BadFile},
-      {"update FILE --usb 3-9", ExitCode::NoDevice},
-      {"update FILE --ftdi NOBODY", ExitCode::NoDevice},
-      {"update FILE --usb 1-4-2 --ftdi TAVO0001", ExitCode::Usage},
-      {"update FILE --no-such-option", ExitCode::Usage},
-      {"update", ExitCode::Usage},
-  };
-  for (const Row& row : rows) {
+  for (const auto& row : kRows) {
     SCOPED_TRACE(row.line);
-    Tool tool(Options("plain"));
-    std::string line = row.line;
-    if (const std::size_t at = line.find("FILE"); at != std::string::npos) {
-      line.replace(at, 4, tool.File());
-    }
-    EXPECT_EQ(tool.Run(line), static_cast<int>(row.exit));
-    EXPECT_NE(tool.Err().find("hint: "), std::string::npos) << tool.Err();
-    EXPECT_EQ(tool.station.Requests(), Lines());
-    EXPECT_EQ(tool.station.usb.OpenHandles(), 0);
+    Desk desk(Options("plain"));
+    EXPECT_EQ(desk.run(row.line), row.exit);
+    EXPECT_TRUE(desk.run.Complains(row.phrase)) << desk.run.Err();
+    EXPECT_EQ(desk.Requests(), Lines());
+    EXPECT_EQ(desk.usb.OpenHandles(), 0);
   }
 }
 
@@ -216,32 +140,16 @@ TEST(RecoverCommand, RevivesADeviceLeftErasedAndGivesItItsLabel) {
     tavosim::DeviceOptions options = tavosim::OptionsFor(family);
     options.applicationIntact = false;
     options.start = DeviceState::Bootloader;
-    Tool tool(options);
-    EXPECT_EQ(tool.Run("recover " + tool.File() + " --log " + tool.Log()), 0)
-        << tool.Out() << tool.Err();
-    EXPECT_TRUE(tool.UpdatedAndRuns());
-    EXPECT_EQ(tool.station.device.Label().has_value(), family.adbType == 5);
+    Desk desk(options);
+    EXPECT_EQ(desk.Recover(), Done) << desk.run.Out() << desk.run.Err();
+    EXPECT_TRUE(desk.UpdatedAndRuns());
+    EXPECT_EQ(desk.device.Label().has_value(), family.adbType == 5);
   }
 }
 
-// A device whose application runs gets all the checks of an ordinary update.
-TEST(RecoverCommand, DoesNotWriteAWrongFirmwareOverARunningApplication) {
-  tavosim::DeviceOptions options = Options("plain");
-  options.family.hardwareId = 0x8990;
-  Tool tool(options);
-  const tavosim::Family& other = *tavosim::FindFamily("plain");
-  tavosim::WriteFile(tool.File(),
-                     tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(other))));
-  const std::vector<std::uint8_t> before = tool.station.device.ApplicationFlash().Bytes();
-  EXPECT_EQ(tool.Run("recover " + tool.File() + " --log " + tool.Log()),
-            static_cast<int>(ExitCode::FailedRuns));
-  EXPECT_TRUE(tool.Err().starts_with("firmware-updater: hardware-id: ")) << tool.Err();
-  EXPECT_TRUE(tool.station.ApplicationRuns());
-  EXPECT_EQ(tool.station.device.ApplicationFlash().Bytes(), before);
-}
-
-// Every way in which a device may be found, met by the right and by a wrong file: what is said at the
-// end is true, and a wrong firmware is written over nothing.
+// Every way in which a device may be found, met by the right file and by wrong ones: one without an
+// entry for the device, one for other hardware. What is said at the end is true, and a wrong firmware
+// is written over nothing.
 TEST(UpdateCommand, SaysTheTruthHoweverTheDeviceIsFoundAndWhicheverFileItGets) {
   struct Found {
     const char* how;
@@ -252,35 +160,34 @@ TEST(UpdateCommand, SaysTheTruthHoweverTheDeviceIsFoundAndWhicheverFileItGets) {
                           {"bootloader", DeviceState::Bootloader, true},
                           {"erased", DeviceState::Bootloader, false}};
   for (const Found& found : founds) {
-    for (const char* command : {"update", "recover"}) {
-      for (const bool right : {true, false}) {
-        SCOPED_TRACE(std::string(found.how) + " " + command + (right ? "" : ", wrong file"));
+    for (const bool recover : {false, true}) {
+      for (const char* wrong : {static_cast<const char*>(nullptr), "labelled", "plain"}) {
+        SCOPED_TRACE(std::string(found.how) + (recover ? " recover " : " update ") +
+                     (wrong ? wrong : "right"));
         tavosim::DeviceOptions options = Options("plain");
+        options.family.hardwareId = 0x8990;
         options.start = found.start;
         options.applicationIntact = found.intact;
-        Tool tool(options);
-        const std::vector<std::uint8_t> before = tool.station.device.ApplicationFlash().Bytes();
-        if (!right) {
-          const tavosim::Family& other = *tavosim::FindFamily("labelled");
-          tavosim::WriteFile(tool.File(),
-                             tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(other))));
-        }
-        const int exit =
-            tool.Run(std::string(command) + " " + tool.File() + kTarget + " --log " + tool.Log());
-        const bool revives = found.intact || std::string(command) == "recover";
-        EXPECT_EQ(exit == 0, right && revives) << tool.Out() << tool.Err();
-        if (exit == 0) {
-          EXPECT_TRUE(tool.UpdatedAndRuns());
+        Desk desk(options);
+        const std::vector<std::uint8_t> before = desk.Flash();
+        if (wrong) desk.TakeFileOf(wrong);
+        const ExitCode exit = recover ? desk.Recover(" --usb 1-4-2") : desk.Update();
+        const bool revives = found.intact || recover;
+        EXPECT_EQ(exit == Done, !wrong && revives) << desk.run.Out() << desk.run.Err();
+        if (exit == Done) {
+          EXPECT_TRUE(desk.UpdatedAndRuns());
           continue;
         }
-        EXPECT_EQ(tool.station.device.ApplicationFlash().Bytes(), before);
-        EXPECT_EQ(exit, tool.station.ApplicationRuns() ? 1 : 5) << tool.Out();
-        if (right) {
-          const std::string next = tool.Recommended();
-          EXPECT_EQ(tool.Run(next + " --log " + tool.Log()), 0) << next;
-          EXPECT_TRUE(tool.UpdatedAndRuns());
+        EXPECT_EQ(desk.Flash(), before);
+        EXPECT_EQ(exit, desk.ApplicationRuns() ? FailedRuns : FailedInBootloader);
+        if (!wrong) {
+          const std::string next = desk.run.Recommended();
+          EXPECT_EQ(desk.run(next + " --log @tool.log"), Done) << next;
+          EXPECT_TRUE(desk.UpdatedAndRuns());
         } else if (revives) {
-          EXPECT_EQ(tool.LastLine().find(tool.File()), std::string::npos)
+          EXPECT_TRUE(desk.run.Err().starts_with("firmware-updater: hardware-id: "))
+              << desk.run.Err();
+          EXPECT_EQ(desk.run.LastLine().find("firmware.hex"), std::string::npos)
               << "the wrong file is not recommended again";
         }
       }
@@ -293,38 +200,26 @@ TEST(RecoverCommand, DoesNotWriteThroughATunnelThatWasLeftOpen) {
   options.family.processorId = 0x1E9748;
   options.applicationIntact = false;
   options.openTunnel = 0x0401;
-  Tool tool(options);
-  const std::vector<std::uint8_t> before = tool.station.device.ApplicationFlash().Bytes();
-  const tavosim::Family& other = *tavosim::FindFamily("plain");
-  tavosim::WriteFile(tool.File(),
-                     tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(other))));
-  EXPECT_NE(tool.Run("recover " + tool.File() + kTarget + " --log " + tool.Log()), 0);
-  EXPECT_EQ(tool.station.device.ApplicationFlash().Bytes(), before);
-  EXPECT_EQ(tool.station.device.OpenTunnel(), 0);
-}
-
-TEST(UpdateCommand, FilesThatCannotBeWrittenAreToldOfBeforeAnythingIsOpened) {
-  for (const char* option : {" --log /nonexistent/x.log", " --record /nonexistent/x.ndjson"}) {
-    Tool tool(Options("plain"));
-    EXPECT_EQ(tool.Run("update " + tool.File() + option), 2);
-    EXPECT_NE(tool.Err().find("/nonexistent/x"), std::string::npos) << tool.Err();
-    EXPECT_EQ(tool.station.Requests(), Lines());
-  }
+  Desk desk(options);
+  const std::vector<std::uint8_t> before = desk.Flash();
+  desk.TakeFileOf("plain");
+  EXPECT_NE(desk.Recover(" --usb 1-4-2"), Done);
+  EXPECT_EQ(desk.Flash(), before);
+  EXPECT_EQ(desk.device.OpenTunnel(), 0);
 }
 
 TEST(Replay, FollowsWhatWasRecordedAndNoticesWhatWasNot) {
   for (const char* fault : {"lose:id=0x134:3", "lose:id=0x130:1", "powercut:id=0x134:9",
                             "unplug:id=0x134:5:300ms", "damage:id=0x121:1"}) {
     SCOPED_TRACE(fault);
-    Tool tool(Options("plain"), {fault});
-    const std::string record = tool.station.platform.Folder() + "record.ndjson";
-    tool.Update(" --record " + record);
-    EXPECT_EQ(tool.Run("replay " + record), 0) << tool.Out() << tool.Err();
-    EXPECT_EQ(FileText(record).find("A8D304"), std::string::npos) << "no block of the firmware";
-    std::string changed = FileText(record);
-    changed.replace(changed.rfind("\"device\":\"") + 10, 1, "x");
-    tavosim::WriteFile(record, changed);
-    EXPECT_EQ(tool.Run("replay " + record), 1) << tool.Out();
+    Desk desk(Options("plain"), false, {fault});
+    desk.Update(" --record @record.ndjson");
+    EXPECT_EQ(desk.run("replay @record.ndjson"), Done) << desk.run.Out() << desk.run.Err();
+    std::string record = desk.run.Read("record.ndjson");
+    EXPECT_EQ(record.find("A8D304"), std::string::npos) << "no block of the firmware";
+    record.replace(record.rfind("\"device\":\"") + 10, 1, "x");
+    desk.run.Write("record.ndjson", record);
+    EXPECT_EQ(desk.run("replay @record.ndjson"), FailedRuns) << desk.run.Out();
   }
 }
 
@@ -333,20 +228,21 @@ TEST(Replay, EveryKeptRecordIsFollowed) {
   int records = 0;
   for (const auto& entry :
        std::filesystem::directory_iterator(TAVO_SOURCE_DIR "/tests/tools/records")) {
-    Tool tool(Options("plain"));
-    EXPECT_EQ(tool.Run("replay " + entry.path().string()), 0) << tool.Out() << tool.Err();
+    BareDesk desk;
+    EXPECT_EQ(desk.run("replay " + entry.path().string()), Done) << desk.run.Out();
     ++records;
   }
   EXPECT_GT(records, 0);
 }
 
 TEST(UpdateRecord, IsOneObjectALineAndAddsUp) {
-  Tool tool(Options("plain"), {"lose:id=0x134:3"});
-  EXPECT_EQ(tool.Update(" --json"), 0) << tool.Out();
+  Desk desk(Options("plain"), false, {"lose:id=0x134:3"});
+  EXPECT_EQ(desk.Update(" --json"), Done) << desk.run.Out();
+  EXPECT_EQ(desk.run.Err(), "");
   Json last;
   double phases = 0;
   int retries = 0;
-  for (const std::string& line : test::LinesOf(tool.Out())) {
+  for (const std::string& line : test::LinesOf(desk.run.Out())) {
     last = Json::parse(line);
     EXPECT_EQ(last.at("version"), 1);
     if (last.at("event") == "phase" && last.contains("seconds")) phases += double{last["seconds"]};
@@ -355,8 +251,7 @@ TEST(UpdateRecord, IsOneObjectALineAndAddsUp) {
   EXPECT_EQ(last.at("event"), "result");
   EXPECT_EQ(last.at("ending"), "succeeded");
   EXPECT_EQ(last.at("state").at("device"), "updated-and-verified");
-  EXPECT_EQ(last.at("retries"), 1);
-  EXPECT_EQ(retries, 1);
+  EXPECT_EQ(std::pair(int{last.at("retries")}, retries), std::pair(1, 1));
   EXPECT_EQ(last.at("before").at("deviceId"), 0x0101);
   EXPECT_EQ(last.at("before").at("hardwareId"), 0x8410);
   EXPECT_EQ(last.at("before").at("bootloaderVersion"), 3);
@@ -366,16 +261,9 @@ TEST(UpdateRecord, IsOneObjectALineAndAddsUp) {
   for (const auto& [name, seconds] : last.at("durations").items()) durations += double{seconds};
   EXPECT_NEAR(durations, phases, 0.01);
   EXPECT_LE(durations, double{last.at("seconds")} + 0.01);
-  EXPECT_EQ(tool.Err(), "");
-}
 
-TEST(UpdateRecord, EveryRefusalHasOneToo) {
-  Tool tool(Options("plain"));
-  EXPECT_EQ(tool.Run("update none.hex --json"), 4);
-  const Json refusal = Json::parse(tool.Out());
-  EXPECT_EQ(refusal.at("event"), "result");
-  EXPECT_EQ(refusal.at("exit"), 4);
-  EXPECT_EQ(refusal.at("failure").at("name"), "bad-file");
+  EXPECT_EQ(desk.run("update none.hex --json"), BadFile);
+  EXPECT_EQ(Json::parse(desk.run.Out()).at("failure").at("name"), "bad-file");
 }
 
 }  // namespace

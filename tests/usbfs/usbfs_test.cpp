@@ -10,15 +10,11 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
-#include <sstream>
 
-#include "app.h"
 #include "simulator/cdc_function.h"
-#include "simulator/firmware_builder.h"
 #include "simulator/ftdi_adapter.h"
 #include "testbench/usbfs/mock_machine.h"
+#include "tests/tools/command_run.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 // What umockdev-wrapper has the process load comes before the sanitizer's library, which minds.
@@ -33,8 +29,6 @@ using tavosim::SimTime;
 using test::MockMachine;
 
 enum class Kind { Usb, Ftdi };
-
-constexpr const char* kUpdated = "The device runs the new firmware, verified.";
 
 // Nothing is tested here that takes long; only the library's own pauses remain.
 tavosim::DeviceOptions Prompt() {
@@ -53,16 +47,8 @@ class Bench {
  public:
   explicit Bench(Kind kind, const std::string& fault = {})
       : m_kind(kind), m_device(Prompt(), Parsed(fault)), m_function(m_device), m_adapter(m_device) {
-    std::string folder = std::filesystem::temp_directory_path() / "tavo-usbfs-XXXXXX";
-    if (mkdtemp(folder.data()) == nullptr) throw std::runtime_error(folder + " cannot be made");
-    m_folder = folder;
     m_firmware = tavosim::BuildFirmware(tavosim::RecipeFor(m_device.Options().family));
-    tavosim::WriteFile(m_folder / "firmware.hex", tavosim::HexText(m_firmware));
-  }
-  Bench(const Bench&) = delete;
-  ~Bench() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_folder, ignored);
+    run.Write("firmware.hex", tavosim::HexText(m_firmware));
   }
 
   void PlugIn(const std::string& name, const std::string& driver = {}) {
@@ -74,37 +60,8 @@ class Bench {
     machine.With([this](SimTime now) { m_device.Unplug(now, SimTime(0)); });
   }
 
-  // Runs a command line, whose words have no blanks in them.
-  int Run(const std::string& line) {
-    m_out.str({});
-    m_err.str({});
-    std::vector<std::string> words{"firmware-updater"};
-    std::istringstream stream(line);
-    for (std::string word; stream >> word;) words.push_back(word);
-    std::vector<const char*> arguments;
-    arguments.reserve(words.size());
-    for (const std::string& word : words) arguments.push_back(word.c_str());
-    const auto adapters = MakeSystemD2xx();
-    const Machine here{SystemPlatform(), SystemLibUsb(), *adapters, m_out, m_err};
-    return RunTool(static_cast<int>(arguments.size()), arguments.data(), here);
-  }
-  int Update(const std::string& target) {
-    return Run("update " + (m_folder / "firmware.hex").string() + " " + target + Log());
-  }
-  // Runs the command at the end of a closing line. -1 when there is none.
-  int RunCommandIn(const std::string& line) {
-    const std::string program = ": firmware-updater ";
-    const std::size_t at = line.find(program);
-    return at == std::string::npos ? -1 : Run(line.substr(at + program.size()) + Log());
-  }
-
-  std::string Out() const { return m_out.str(); }
-  std::string Err() const { return m_err.str(); }
-  std::string LastLine() const {
-    std::istringstream lines(m_out.str());
-    std::string last;
-    for (std::string line; std::getline(lines, line);) last = line;
-    return last;
+  ExitCode Update(const std::string& target) {
+    return run("update @firmware.hex --log @tool.log " + target);
   }
   bool UpdatedAndRuns() {
     bool isSo = false;
@@ -113,22 +70,20 @@ class Bench {
       isSo = std::ranges::equal(flash, m_firmware.data) &&
              m_device.State(now) == tavosim::DeviceState::Application;
     });
-    return isSo;
+    return isSo && run.LastLine() == "The device runs the new firmware, verified.";
   }
 
  private:
-  std::string Log() const { return " --log " + (m_folder / "tool.log").string(); }
-
   Kind m_kind;
   tavosim::Device m_device;
   tavosim::CdcFunction m_function;
   tavosim::FtdiAdapter m_adapter;
   tavosim::Firmware m_firmware;
-  std::filesystem::path m_folder;
-  std::ostringstream m_out;
-  std::ostringstream m_err;
+  test::TemporaryFolder m_folder;
+  const std::unique_ptr<D2xx> m_adapters = MakeSystemD2xx();
 
  public:
+  CommandRun run{SystemPlatform(), SystemLibUsb(), *m_adapters, m_folder.Path()};
   MockMachine machine;
 };
 
@@ -160,13 +115,12 @@ TEST_P(UsbfsUpdate, ListedThenUpdated) {
   const Place& place = GetParam();
   Bench bench(place.kind);
   bench.PlugIn(place.port, place.driver);
-  EXPECT_EQ(bench.Run("list"), 0);
-  EXPECT_TRUE(bench.Out().starts_with(place.target)) << bench.Out();
-  EXPECT_EQ(bench.Out().find("cannot be used"), std::string::npos) << bench.Out();
+  EXPECT_EQ(bench.run("list"), ExitCode::Done);
+  EXPECT_TRUE(bench.run.Out().starts_with(place.target)) << bench.run.Out();
+  EXPECT_FALSE(bench.run.Says("cannot be used")) << bench.run.Out();
   EXPECT_EQ(bench.machine.Detached(place.port), std::vector<unsigned>{});
 
-  EXPECT_EQ(bench.Update(place.target), 0) << bench.Out() << bench.Err();
-  EXPECT_EQ(bench.LastLine(), kUpdated);
+  EXPECT_EQ(bench.Update(place.target), ExitCode::Done) << bench.run.Out() << bench.run.Err();
   EXPECT_TRUE(bench.UpdatedAndRuns());
   EXPECT_EQ(bench.machine.Detached(place.port), place.detached);
 }
@@ -178,37 +132,28 @@ INSTANTIATE_TEST_SUITE_P(Usbfs, UsbfsUpdate, testing::ValuesIn(kPlaces),
 
 constexpr const char* kPort = "1-4";
 
-struct Loss {
-  const char* name;
-  Kind kind;
-  const char* driver;
-  const char* target;
+const Place kLosses[] = {
+    {"OfADevice", Kind::Usb, kPort, "cdc_acm", "--usb 4", {}},
+    {"OfAnAdapter", Kind::Ftdi, kPort, "ftdi_sio", "--ftdi TAVO0001", {}},
 };
 
-const Loss kLosses[] = {
-    {"OfADevice", Kind::Usb, "cdc_acm", "--usb 4"},
-    {"OfAnAdapter", Kind::Ftdi, "ftdi_sio", "--ftdi TAVO0001"},
-};
-
-void PrintTo(const Loss& loss, std::ostream* out) { *out << loss.name; }
-
-class UsbfsUnplug : public testing::TestWithParam<Loss> {};
+class UsbfsUnplug : public UsbfsUpdate {};
 
 TEST_P(UsbfsUnplug, InMidWriteIsToldAndTheRecommendedCommandEndsIt) {
-  const Loss& loss = GetParam();
+  const Place& loss = GetParam();
   Bench bench(loss.kind, "unplug:id=0x134:9");
   bench.PlugIn(kPort, loss.driver);
   const std::string node = bench.machine.NodePath(kPort);
-  EXPECT_EQ(bench.Update(loss.target), static_cast<int>(ExitCode::FailedInBootloader));
-  EXPECT_TRUE(bench.Err().starts_with("firmware-updater: flash-writing: ")) << bench.Err();
-  const std::string recommended = bench.LastLine();
-  EXPECT_EQ(bench.Run("list"), static_cast<int>(ExitCode::NoDevice)) << bench.Out();
+  EXPECT_EQ(bench.Update(loss.target), ExitCode::FailedInBootloader);
+  EXPECT_TRUE(bench.run.Err().starts_with("firmware-updater: flash-writing: ")) << bench.run.Err();
+  const std::string recommended = bench.run.Recommended();
+  EXPECT_EQ(bench.run("list"), ExitCode::NoDevice) << bench.run.Out();
 
   bench.PlugInAgain();
   bench.machine.AwaitDevice(kPort);
   EXPECT_NE(bench.machine.NodePath(kPort), node);
-  EXPECT_EQ(bench.RunCommandIn(recommended), 0) << recommended << bench.Out() << bench.Err();
-  EXPECT_EQ(bench.LastLine(), kUpdated);
+  EXPECT_EQ(bench.run(recommended + " --log @tool.log"), ExitCode::Done)
+      << recommended << bench.run.Out() << bench.run.Err();
   EXPECT_TRUE(bench.UpdatedAndRuns());
 }
 
@@ -220,8 +165,7 @@ TEST(UsbfsReplug, AnUpdateFollowsADeviceThatComesBackUnderAnotherNumber) {
   Bench bench(Kind::Usb, "unplug:id=0x100:4:1500ms");
   bench.PlugIn(kPort, "cdc_acm");
   const std::string node = bench.machine.NodePath(kPort);
-  EXPECT_EQ(bench.Update("--usb 4"), 0) << bench.Out() << bench.Err();
-  EXPECT_EQ(bench.LastLine(), kUpdated);
+  EXPECT_EQ(bench.Update("--usb 4"), ExitCode::Done) << bench.run.Out() << bench.run.Err();
   EXPECT_TRUE(bench.UpdatedAndRuns());
   EXPECT_NE(bench.machine.NodePath(kPort), node);
 }
@@ -253,9 +197,9 @@ TEST(UsbfsSurvey, ADeviceThatMayNotBeOpenedIsListedWithARule) {
     setMode("/ioctl" + node, std::filesystem::perms::all);
     setMode(node, std::filesystem::perms::none);
     const Nobody user;
-    EXPECT_EQ(bench.Run("list"), static_cast<int>(ExitCode::NoDevice));
-    EXPECT_NE(bench.Out().find("(no-permission)"), std::string::npos) << bench.Out();
-    EXPECT_NE(bench.Out().find("hint: put the line SUBSYSTEM==\"usb\""), std::string::npos);
+    EXPECT_EQ(bench.run("list"), ExitCode::NoDevice);
+    EXPECT_TRUE(bench.run.Says("(no-permission)")) << bench.run.Out();
+    EXPECT_TRUE(bench.run.Says("hint: put the line SUBSYSTEM==\"usb\""));
   }
 }
 
@@ -266,14 +210,13 @@ TEST(UsbfsSurvey, ADeviceThatAnotherProgramHoldsIsListedAsInUse) {
     const int other = open(bench.machine.NodePath(kPort).c_str(), O_RDWR | O_CLOEXEC);
     unsigned dataInterface = kind == Kind::Usb ? 1 : 0;
     ASSERT_EQ(ioctl(other, USBDEVFS_CLAIMINTERFACE, &dataInterface), 0);
-    EXPECT_EQ(bench.Run("list"), static_cast<int>(ExitCode::NoDevice));
-    EXPECT_NE(bench.Out().find("(in-use)"), std::string::npos) << bench.Out();
-    const char* const target = kind == Kind::Usb ? "--usb 4" : "--ftdi TAVO0001";
-    EXPECT_EQ(bench.Update(target), static_cast<int>(ExitCode::NoDevice));
+    EXPECT_EQ(bench.run("list"), ExitCode::NoDevice);
+    EXPECT_TRUE(bench.run.Says("(in-use)")) << bench.run.Out();
+    EXPECT_EQ(bench.Update(kind == Kind::Usb ? "--usb 4" : "--ftdi TAVO0001"), ExitCode::NoDevice);
 
     close(other);
-    EXPECT_EQ(bench.Run("list"), 0);
-    EXPECT_EQ(bench.Out().find("cannot be used"), std::string::npos) << bench.Out();
+    EXPECT_EQ(bench.run("list"), ExitCode::Done);
+    EXPECT_FALSE(bench.run.Says("cannot be used")) << bench.run.Out();
   }
 }
 

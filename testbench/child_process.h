@@ -10,8 +10,6 @@
 #include <chrono>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -19,15 +17,11 @@
 #include <utility>
 #include <vector>
 
+#include "testbench/temporary_folder.h"
+
 namespace tavo::test {
 
 using Words = std::vector<std::string>;
-
-// Empty when there is no such file.
-inline std::string FileContent(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // True as soon as `condition` is; false when that takes longer than `limit`.
 template <typename Condition>
@@ -84,7 +78,7 @@ class ChildProcess {
     Send(SIGTERM);
     return Wait(limit);
   }
-  std::string Output() const { return FileContent(m_output); }
+  std::string Output() const { return FileText(m_output); }
 
  private:
   static std::vector<char*> Pointers(Words& words) {

@@ -1,0 +1,46 @@
+// Machines for the commands of the tool, on a virtual clock, each with a folder of its own: one whose
+// devices are lists, and one with a simulated device.
+#pragma once
+
+#include "testbench/fake_d2xx.h"
+#include "testbench/fake_libusb.h"
+#include "testbench/station.h"
+#include "tests/tools/command_run.h"
+
+namespace tavo::tool {
+
+struct BareDesk {
+  test::VirtualPlatform platform{};
+  test::FakeLibUsb usb{};
+  test::FakeD2xx adapters{};
+  CommandRun run{platform, usb, adapters, platform.Folder()};
+};
+
+// The device is at --usb 1-4-2 and behind --ftdi TAVO0001; its firmware is in firmware.hex.
+struct Desk : test::Station {
+  using Station::Station;
+
+  ExitCode Update(const std::string& options = "") {
+    return run("update @firmware.hex --usb 1-4-2 --log @tool.log" + options);
+  }
+  ExitCode Recover(const std::string& options = "") {
+    return run("recover @firmware.hex --log @tool.log" + options);
+  }
+  bool UpdatedAndRuns() { return FlashHoldsFirmware() && ApplicationRuns(); }
+  const std::vector<std::uint8_t>& Flash() const { return device.ApplicationFlash().Bytes(); }
+
+  // From now on firmware.hex is that of another family.
+  void TakeFileOf(const char* family) {
+    run.Write(
+        "firmware.hex",
+        tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(*tavosim::FindFamily(family)))));
+  }
+
+  CommandRun run{platform, usb, d2xx, platform.Folder()};
+};
+
+inline tavosim::DeviceOptions Options(const char* family) {
+  return tavosim::OptionsFor(*tavosim::FindFamily(family));
+}
+
+}  // namespace tavo::tool
