@@ -11,6 +11,7 @@
 #include "fuzz/expect.h"
 #include "simulator/firmware_builder.h"
 #include "simulator/frame.h"
+#include "testbench/plain_usb.h"
 #include "testbench/virtual_platform.h"
 #include "transport/comm_win_usb.h"
 
@@ -30,36 +31,27 @@ constexpr unsigned kCallBound = 200'000;
 constexpr const char* kPort = "1";
 
 // One device at one port; whatever is sent to it is lost.
-class ScriptedUsb : public LibUsb {
+class ScriptedUsb : public test::PlainUsb {
  public:
   ScriptedUsb(test::VirtualPlatform& platform, std::span<const std::uint8_t> script)
       : m_platform(platform), m_script(script) {
     NextSaying();
   }
 
-  unsigned Calls() const { return m_calls; }
   milliseconds SilentFor() const {
     return m_silentSince ? m_platform.MonotonicNow() - *m_silentSince : 0ms;
   }
   int OpenHandles() const { return m_openHandles; }
 
-  int Init(libusb_context** context) override {
-    *context = reinterpret_cast<libusb_context*>(this);
-    return 0;
-  }
-  void Exit(libusb_context* /*context*/) override {}
-  void SetDebug(libusb_context* /*context*/, int /*level*/) override {}
   std::ptrdiff_t GetDeviceList(libusb_context* /*context*/, libusb_device*** list) override {
     *list = m_list.data();
     return 1;
   }
-  void FreeDeviceList(libusb_device** /*list*/, int /*unrefDevices*/) override {}
   int GetDeviceDescriptor(libusb_device* /*device*/, libusb_device_descriptor* to) override {
     to->idVendor = 0x03EB;
     to->idProduct = 0x2404;
     return 0;
   }
-  std::uint8_t GetBusNumber(libusb_device* /*device*/) override { return 1; }
   int GetPortNumbers(libusb_device* /*device*/, std::uint8_t* ports, int /*capacity*/) override {
     ports[0] = 1;
     return 1;
@@ -69,16 +61,7 @@ class ScriptedUsb : public LibUsb {
     ++m_openHandles;
     return 0;
   }
-  libusb_device_handle* OpenDeviceWithVidPid(libusb_context* /*context*/, std::uint16_t /*vendor*/,
-                                             std::uint16_t /*product*/) override {
-    libusb_device_handle* handle = nullptr;
-    Open(nullptr, &handle);
-    return handle;
-  }
   void Close(libusb_device_handle* /*handle*/) override { --m_openHandles; }
-  int KernelDriverActive(libusb_device_handle* /*handle*/, int /*interface*/) override { return 0; }
-  int DetachKernelDriver(libusb_device_handle* /*handle*/, int /*interface*/) override { return 0; }
-  int ClaimInterface(libusb_device_handle* /*handle*/, int /*interface*/) override { return 0; }
   int ControlTransfer(libusb_device_handle* /*handle*/, std::uint8_t /*requestType*/,
                       std::uint8_t /*request*/, std::uint16_t /*value*/, std::uint16_t /*index*/,
                       unsigned char* /*data*/, std::uint16_t length,
@@ -96,7 +79,6 @@ class ScriptedUsb : public LibUsb {
     *transferred = length;
     return 0;
   }
-  const char* ErrorName(int code) override { return libusb_error_name(code); }
 
  private:
   void NextSaying() {

@@ -10,7 +10,6 @@
 #include "fuzz/device_script.h"
 #include "simulator/frame.h"
 #include "testbench/station.h"
-#include "transport/comm_win_usb.h"
 
 namespace tavo::fuzz {
 namespace {
@@ -122,12 +121,14 @@ void MakeBatches(const std::filesystem::path& folder) {
 
 // --- The device's side of an update that goes well ---
 
-struct Recording {
+class Recording : public test::TransportObserver {
+ public:
   std::string script;
-  std::chrono::milliseconds waited{0};
 
   // A frame is written as its message, so that the fuzzer can change it and it stays a frame.
-  void Add(const std::vector<std::uint8_t>& said) {
+  void BytesRead(std::span<const std::uint8_t> said, std::chrono::milliseconds took) override {
+    m_waited += took;
+    if (said.empty()) return;
     std::string bytes(said.begin(), said.end());
     std::uint8_t framed = 0;
     if (const auto frame = tavosim::DecodeFrame(said)) {
@@ -136,36 +137,15 @@ struct Recording {
       framed = kFramed;
     }
     if (bytes.size() > kMaxSaid) throw std::runtime_error("a saying is too long");
-    script += static_cast<char>(DelayCode(waited));
+    script += static_cast<char>(DelayCode(m_waited));
     script += static_cast<char>(bytes.size() | framed);
     script += bytes;
-    waited = {};
-  }
-};
-
-Recording recording;  // of the update that runs
-
-class Recorded : public CCommWinUSB {
- public:
-  Recorded(const TransportSeams& seams)
-      : CCommWinUSB(seams.link, seams.platform, seams.log, seams.usb), m_clock(seams.platform) {}
-
-  bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) override {
-    const auto begin = m_clock.MonotonicNow();
-    const bool result = CCommWinUSB::ReceiveRawData(buffer, length);
-    recording.waited += m_clock.MonotonicNow() - begin;
-    if (!result || *length == 0) return result;
-    recording.Add({buffer, buffer + *length});
-    return true;
+    m_waited = {};
   }
 
  private:
-  Platform& m_clock;
+  std::chrono::milliseconds m_waited{0};
 };
-
-std::unique_ptr<ICommInterface> MakeRecorded(TransportKind /*kind*/, const TransportSeams& seams) {
-  return std::make_unique<Recorded>(seams);
-}
 
 void MakeDialogues(const std::filesystem::path& folder) {
   Corpus corpus(folder, "fuzz_device");
@@ -175,9 +155,9 @@ void MakeDialogues(const std::filesystem::path& folder) {
       const UpdateFlags updateFlags = FlagsOf(static_cast<std::uint8_t>(flags));
       // Without its tunnel such a device is out of reach.
       if (updateFlags.bootloaderOnly && family.route != 0) continue;
-      recording = Recording();
+      Recording recording;
       recording.script = {static_cast<char>(number), flags};
-      test::Station station(tavosim::OptionsFor(family), false, {}, MakeRecorded);
+      test::Station station(tavosim::OptionsFor(family), false, {}, &recording);
       if (!station.UpdateOverUsb(updateFlags)) throw std::runtime_error("an update fails");
       corpus.Add(recording.script);
     }

@@ -19,8 +19,6 @@
 #include <thread>
 
 #include "testbench/station.h"
-#include "transport/comm_ftdi.h"
-#include "transport/comm_win_usb.h"
 
 namespace tavo::test {
 namespace {
@@ -68,30 +66,8 @@ void ForgetPast(Station& station) {
 
 // --- Threads ---
 
-// Answers and timeouts that the update has taken: the moments after which it looks for a stop.
-std::atomic<unsigned> events = 0;
-
-template <class Transport>
-class Counted : public Transport {
- public:
-  using Transport::Transport;
-  bool ReceiveTavoMessage(TavoMessage* out, bool* timedOut) override {
-    const bool result = Transport::ReceiveTavoMessage(out, timedOut);
-    if (result) ++events;
-    std::this_thread::yield();  // virtual time leaves the other threads no pauses
-    return result;
-  }
-};
-
-std::unique_ptr<ICommInterface> MakeCounted(TransportKind kind, const TransportSeams& seams) {
-  if (kind == TransportKind::Usb) {
-    return std::make_unique<Counted<CCommWinUSB>>(seams.link, seams.platform, seams.log, seams.usb);
-  }
-  return std::make_unique<Counted<CCommFTDI>>(seams.link, seams.platform, seams.log, seams.d2xx);
-}
-
 // One thread updates, one stops at random moments, two look on.
-class StoppedUpdates {
+class StoppedUpdates : private TransportObserver {
  public:
   void Execute(unsigned updates) {
     std::thread stopper([this] { StopNowAndThen(); });
@@ -110,6 +86,11 @@ class StoppedUpdates {
   static constexpr unsigned kEventsOfUpdate = 35;
   static constexpr unsigned kLongestPause = 300;  // yields, between an event and the stop
 
+  void Polled(PollResult result, const TavoMessage& /*answer*/) override {
+    if (result != PollResult::Nothing) ++m_events;
+    std::this_thread::yield();  // virtual time leaves the other threads no pauses
+  }
+
   void Update(unsigned update) {
     const UpdateFlags flags = RevivingFlags(m_station);
     Begin(update);
@@ -123,7 +104,7 @@ class StoppedUpdates {
   void Begin(unsigned update) {
     const std::lock_guard lock(m_stopping);
     ForgetPast(m_station);
-    events = 0;
+    m_events = 0;
     m_eventsAtStop.reset();
     m_update = update;
   }
@@ -142,7 +123,8 @@ class StoppedUpdates {
     if (succeeded)
       promise(NewFirmwareRuns(m_station), "true means that the firmware is in and runs");
     // One answer may have been on its way to the step in hand.
-    if (m_eventsAtStop) promise(events <= *m_eventsAtStop + 1, "a stop ends before the next step");
+    if (m_eventsAtStop)
+      promise(m_events <= *m_eventsAtStop + 1, "a stop ends before the next step");
     if (m_eventsAtStop && succeeded) ++m_nothingLeft;
     if (!succeeded) CountState();
   }
@@ -170,7 +152,7 @@ class StoppedUpdates {
       m_armedFor = update;
       // Most of them within the update, the others between it and the next, or not at all.
       const auto event = random() % (2 * kEventsOfUpdate);
-      while (events < event && m_update == update && !m_ended) std::this_thread::yield();
+      while (m_events < event && m_update == update && !m_ended) std::this_thread::yield();
       for (auto pause = random() % kLongestPause; pause > 0; --pause) std::this_thread::yield();
       if (m_update == update || random() % 4 == 0) Stop();
     }
@@ -179,10 +161,10 @@ class StoppedUpdates {
   void Stop() {
     // Not while an update is judged: that reads the console.
     const std::lock_guard lock(m_stopping);
-    const bool begun = events > 0;  // before that the stop may be one of an update to come
+    const bool begun = m_events > 0;  // before that the stop may be one of an update to come
     m_station.engine.RequestStop();
     ++m_stops;
-    if (begun && !m_eventsAtStop) m_eventsAtStop = events;
+    if (begun && !m_eventsAtStop) m_eventsAtStop = m_events;
   }
 
   void LookOn() {
@@ -207,7 +189,9 @@ class StoppedUpdates {
         m_erased);
   }
 
-  Station m_station{SmallDevice(), false, {}, MakeCounted};
+  // Answers and timeouts that the update has taken: the moments after which it looks for a stop.
+  std::atomic<unsigned> m_events = 0;
+  Station m_station{SmallDevice(), false, {}, this};
   std::atomic<bool> m_ended = false;
   std::atomic<bool> m_seenNonsense = false;
   std::atomic<unsigned> m_update = 0;

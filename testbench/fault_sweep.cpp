@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <functional>
 #include <map>
 #include <set>
 #include <string>
@@ -16,8 +15,6 @@
 
 #include "testbench/engine_access.h"
 #include "testbench/station.h"
-#include "transport/comm_ftdi.h"
-#include "transport/comm_win_usb.h"
 
 namespace tavo::test {
 namespace {
@@ -90,30 +87,6 @@ constexpr std::array kFaults{
 // with a tunnel to close, 7 signs of life, and the waits for a quiet line in between.
 constexpr std::chrono::milliseconds kTimeBound = 180s;
 
-// --- Which request an answer belongs to ---
-
-// The simulated device numbers its answers; the sweep asks for each one that an update takes.
-std::function<void(const TavoMessage&)> onAnswer;
-
-template <class Transport>
-class Observed : public Transport {
- public:
-  using Transport::Transport;
-  bool ReceiveTavoMessage(TavoMessage* out, bool* timedOut) override {
-    const bool result = Transport::ReceiveTavoMessage(out, timedOut);
-    if (result && !*timedOut && onAnswer) onAnswer(*out);
-    return result;
-  }
-};
-
-std::unique_ptr<ICommInterface> MakeObserved(TransportKind kind, const TransportSeams& seams) {
-  if (kind == TransportKind::Usb) {
-    return std::make_unique<Observed<CCommWinUSB>>(seams.link, seams.platform, seams.log,
-                                                   seams.usb);
-  }
-  return std::make_unique<Observed<CCommFTDI>>(seams.link, seams.platform, seams.log, seams.d2xx);
-}
-
 // --- One run ---
 
 struct Run {
@@ -162,13 +135,9 @@ unsigned RequestCount(const tavosim::Device& device) {
   return device.Journal().empty() ? 0 : device.Journal().back().number;
 }
 
-class Bench {
+class Bench : private TransportObserver {
  public:
-  explicit Bench(const Run& run)
-      : m_run(run), m_station(Options(run.plan), false, {}, MakeObserved) {
-    onAnswer = [this](const TavoMessage& answer) { CheckOwner(answer); };
-  }
-  ~Bench() { onAnswer = nullptr; }
+  explicit Bench(const Run& run) : m_run(run), m_station(Options(run.plan), false, {}, this) {}
 
   Outcome Execute() {
     for (int update = 1; update < m_run.plan.updates; ++update) Update(m_run.plan.flags);
@@ -255,8 +224,10 @@ class Bench {
     if (!kept) Broken(promise);
   }
 
-  // A repeated try of the same request may be answered by the answer to an earlier try.
-  void CheckOwner(const TavoMessage& answer) {
+  // The simulated device numbers its answers: to which request belongs the one that was taken? A
+  // repeated try of the same request may be answered by the answer to an earlier try.
+  void Polled(PollResult result, const TavoMessage& answer) override {
+    if (result != PollResult::Answer) return;
     const auto& journal = m_station.device.Journal();
     if (answer.length < tavosim::kAnswerNumberOffset + 2 || journal.empty()) return;
     const unsigned number = answer.payload[tavosim::kAnswerNumberOffset] |

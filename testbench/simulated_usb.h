@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/libusb_api.h"
 #include "simulator/cdc_function.h"
+#include "testbench/plain_usb.h"
 #include "testbench/virtual_platform.h"
 
 namespace tavo::test {
@@ -26,7 +26,7 @@ inline void AdvanceTo(VirtualPlatform& platform, std::optional<tavosim::SimTime>
   platform.Advance(std::clamp(until, milliseconds(1), bound));
 }
 
-class SimulatedUsb : public LibUsb {
+class SimulatedUsb : public PlainUsb {
  public:
   explicit SimulatedUsb(VirtualPlatform& platform) : m_platform(platform) {}
 
@@ -35,13 +35,6 @@ class SimulatedUsb : public LibUsb {
             std::vector<std::uint8_t> ports) {
     m_ports.push_back({device, function, std::move(ports)});
   }
-
-  int Init(libusb_context** context) override {
-    *context = reinterpret_cast<libusb_context*>(this);
-    return LIBUSB_SUCCESS;
-  }
-  void Exit(libusb_context* /*context*/) override {}
-  void SetDebug(libusb_context* /*context*/, int /*level*/) override {}
 
   std::ptrdiff_t GetDeviceList(libusb_context* /*context*/, libusb_device*** list) override {
     m_list.clear();
@@ -55,14 +48,11 @@ class SimulatedUsb : public LibUsb {
     *list = m_list.data();
     return count;
   }
-  void FreeDeviceList(libusb_device** /*list*/, int /*unrefDevices*/) override {}
-
   int GetDeviceDescriptor(libusb_device* device, libusb_device_descriptor* descriptor) override {
     const std::vector<std::uint8_t> bytes = AsPort(device).function.DeviceDescriptor();
     std::memcpy(descriptor, bytes.data(), std::min(bytes.size(), sizeof *descriptor));
     return LIBUSB_SUCCESS;
   }
-  std::uint8_t GetBusNumber(libusb_device* /*device*/) override { return 1; }
   int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) override {
     const std::vector<std::uint8_t>& path = AsPort(device).path;
     if (static_cast<int>(path.size()) > capacity) return LIBUSB_ERROR_OVERFLOW;
@@ -78,13 +68,6 @@ class SimulatedUsb : public LibUsb {
     ++m_opened;
     return LIBUSB_SUCCESS;
   }
-  libusb_device_handle* OpenDeviceWithVidPid(libusb_context* context, std::uint16_t /*vendor*/,
-                                             std::uint16_t /*product*/) override {
-    libusb_device** list = nullptr;
-    libusb_device_handle* handle = nullptr;
-    if (GetDeviceList(context, &list) > 0) Open(list[0], &handle);
-    return handle;
-  }
   void Close(libusb_device_handle* handle) override {
     AsHandle(handle).port.function.Released(SimNow(m_platform));
     --m_opened;
@@ -95,10 +78,6 @@ class SimulatedUsb : public LibUsb {
   std::function<bool()> failSend = [] { return false; };
   std::function<bool()> failReceive = [] { return false; };
 
-  int KernelDriverActive(libusb_device_handle* /*handle*/, int /*interface*/) override { return 0; }
-  int DetachKernelDriver(libusb_device_handle* /*handle*/, int /*interface*/) override {
-    return LIBUSB_ERROR_NOT_FOUND;
-  }
   int ClaimInterface(libusb_device_handle* handle, int /*interface*/) override {
     return Gone(handle) ? static_cast<int>(LIBUSB_ERROR_NO_DEVICE) : 0;
   }
@@ -119,8 +98,6 @@ class SimulatedUsb : public LibUsb {
     return endpoint & LIBUSB_ENDPOINT_IN ? In(handle, endpoint, data, length, transferred, bound)
                                          : Out(handle, endpoint, data, length, transferred);
   }
-
-  const char* ErrorName(int code) override { return libusb_error_name(code); }
 
  private:
   struct Port {

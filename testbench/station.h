@@ -10,9 +10,9 @@
 #include <string>
 #include <vector>
 
-#include "api/transport_factory.h"
 #include "api/update_commands.h"
 #include "simulator/firmware_builder.h"
+#include "testbench/observed_transport.h"
 #include "testbench/simulated_d2xx.h"
 #include "testbench/simulated_usb.h"
 #include "testbench/transcript.h"
@@ -26,7 +26,7 @@ class Station {
 
   explicit Station(const tavosim::DeviceOptions& options, bool echo = false,
                    const std::vector<std::string>& faults = {},
-                   decltype(MakeTransport)* makeTransport = MakeTransport)
+                   TransportObserver* observer = nullptr)
       : device(options, ParseFaults(faults)),
         m_function(device),
         m_adapter(device, {19200, echo}, {{"", "", kSerialNumber}, 19200}),
@@ -34,8 +34,8 @@ class Station {
         d2xx(platform, device, m_adapter, kSerialNumber),
         log(platform),
         holder(platform,
-               [this, makeTransport](TransportKind kind) {
-                 return makeTransport(kind, {link, platform, log, usb, d2xx});
+               [this, observer](TransportKind kind) {
+                 return MakeObserved(kind, {link, platform, log, usb, d2xx}, observer);
                }),
         engine(platform, log, holder),
         m_echo(echo),
