@@ -52,6 +52,13 @@ TEST_F(UpdateCommands, AnUnknownNameIsSaidAndTheUpdateDoesNotBegin) {
   EXPECT_EQ(station.engine.LastError(), ErrorCode::None);
 }
 
+TEST_F(UpdateCommands, ASecondUpdateIsRefusedWhileOneRuns) {
+  const FirmwareUpdater::Run running(station.engine);
+  EXPECT_FALSE(UpdateFtdiDevice(Context(), Adapter(""), File(), {}));
+  EXPECT_TRUE(station.platform.ConsoleHas("Another update is running."));
+  EXPECT_EQ(station.holder.Kind(), TransportKind::None);
+}
+
 TEST_F(UpdateCommands, TheTransportIsKeptForItsKindAndReplacedForTheOther) {
   EXPECT_TRUE(UpdateUsbDevice(Context(), "1-4-2", File(), {}));
   const ICommInterface* usb = station.holder.Transport();

@@ -165,9 +165,12 @@ TEST(Writing, AsksAgainForWhatWasLostAndForgetsTheCountAfterAnAnswer) {
 
 TEST(Modules, OfTheLastUpdateAreForgottenAndMayBeNone) {
   EngineBench bench;
-  bench.device->On("0x814", Answer(LowHigh(0x0443)), Answer({0, 0}));
+  bench.device->On("0x814", Answer(LowHigh(0x0443)), Answer(LowHigh(0x633A)), Answer({0, 0}));
   bench.Run({&U::RequestResettedModules});
   EXPECT_EQ(bench.engine.ResettedModule(0), "ABC");
+  EXPECT_EQ(bench.engine.ResettedModule(1), "XYZ");
+  EXPECT_EQ(bench.engine.ResettedModule(2), std::nullopt);
+  EXPECT_TRUE(bench.platform.ConsoleHas("Resetted Modules ABC, XYZ\n"));
   EXPECT_EQ(bench.Count("\nFirmwareupdate Error: 0\n"), 1u);
 
   bench.device->On("0x814", kSilence, Answer({0, 0}));

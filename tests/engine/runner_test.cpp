@@ -1,4 +1,4 @@
-// What changes the plan of steps, and the runner that walks it to one end or another.
+// The runner that walks the plan of steps to one end or another.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -32,17 +32,6 @@ class PlainBench : public EngineBench {
   static constexpr const tavosim::Family& kFamily = tavosim::kFamilies[0];
   const std::string m_updateFile = platform.Folder() + "firmware.hex";
 };
-
-TEST(Plan, AForeignTunnelIsClosedBeforeTheRightOneIsOpened) {
-  EngineBench bench;
-  bench.Load(ImageWithAdb(2, 0x8150));
-  bench.device->On("0x100 EB", Answer({2, 4}));
-  bench.Run({&U::TunnelStatus, &U::PlanTunnel, &U::EraseApplication});
-  const Texts expected{"1B 1B 1B",          "0x100 EB 00", "1B 1B 1B", "0x100 EC 00",
-                       "0x100 ED 00 01 04", "0x130 01",    "1B 1B 1B", "0x100 EC 00"};
-  EXPECT_EQ(bench.device->requests, expected);
-  EXPECT_EQ(bench.platform.Sleeps(), (std::vector<std::chrono::milliseconds>{5s, 1s, 5s}));
-}
 
 TEST(Runner, AFailedStepSendsTheDeviceThroughTheClosingPlanOnce) {
   PlainBench bench;
