@@ -24,6 +24,7 @@ KINDS = [Kind(family, ftdi) for family in ("plain", "tunnel", "labelled", "gatew
 ANSWER_DELAY_MS = 20  # so that writing takes as long as all the rest
 NOT_THERE = 3  # exit code of info without a device
 MOST_LOOKS = 3
+DEVICES_AT_A_TIME = 20
 MOST_COMMANDS = 3  # after info: what it names, and twice what the closing state names
 
 # Requests after which a device is not what it was before: name, how the request begins, which one
@@ -58,8 +59,13 @@ class Outcome:
     killed: bool = False
     info: str = "-"
     commands: Words = field(default_factory=list)
-    seconds: float = 0.0
     broken: str = ""
+
+    def __str__(self) -> str:
+        text = (f"{self.kill.kind.name:14}killed at {self.kill.name:18}info says {self.info:13}"
+                f"then {', '.join(self.commands)}")
+        text += "" if self.killed else "\n  was not killed: it had ended"
+        return text + (f"\n  BROKEN: {self.broken}" if self.broken else "")
 
 
 def prepare(device: Device) -> bytes:
@@ -139,7 +145,6 @@ def revive(device: Device, image: bytes, outcome: Outcome) -> None:
 
 def run(build: Path, folder: Path, kill: Kill) -> Outcome:
     outcome = Outcome(kill)
-    begin = time.monotonic()
     name = f"{kill.kind.name}-{kill.name}".replace("/", "-").replace(" ", "-")
     try:
         with Device(build, folder / name, kill.kind) as device:
@@ -148,19 +153,7 @@ def run(build: Path, folder: Path, kill: Kill) -> Outcome:
             revive(device, image, outcome)
     except BrokenPromise as broken:
         outcome.broken = str(broken)
-    outcome.seconds = time.monotonic() - begin
     return outcome
-
-
-def print_table(outcomes: list[Outcome]) -> None:
-    print(f"{'device':14}{'killed at':19}{'info says':13}{'then':25}{'s':>6}")
-    for outcome in outcomes:
-        print(f"{outcome.kill.kind.name:14}{outcome.kill.name:19}{outcome.info:13}"
-              f"{', '.join(outcome.commands):25}{outcome.seconds:6.1f}")
-        if not outcome.killed:
-            print("  was not killed: it had ended")
-        if outcome.broken:
-            print("  BROKEN:", outcome.broken)
 
 
 def main() -> int:
@@ -170,26 +163,24 @@ def main() -> int:
                         choices=[kind.name for kind in KINDS])
     parser.add_argument("--tenths", nargs="+", type=int, default=range(1, 10))
     parser.add_argument("--tenths-only", action="store_true", help="leave the turning points out")
-    parser.add_argument("--parallel", type=int, default=20, help="devices at a time")
     options = parser.parse_args()
     build = options.build.resolve()
     kinds = [kind for kind in KINDS if not options.kinds or kind.name in options.kinds]
 
     begin = time.monotonic()
     with (tempfile.TemporaryDirectory(prefix="tavo-killed-") as name,
-          ThreadPoolExecutor(options.parallel) as pool):
+          ThreadPoolExecutor(DEVICES_AT_A_TIME) as pool):
         folder = Path(name)
         planned = pool.map(lambda kind: kills_for(kind, build, folder, list(options.tenths),
                                                   not options.tenths_only), kinds)
         kills = [kill for some in planned for kill in some]
         outcomes = list(pool.map(lambda kill: run(build, folder, kill), kills))
-    print_table(outcomes)
+    print(*outcomes, sep="\n")
     broken = sum(bool(outcome.broken) for outcome in outcomes)
     found = Counter(outcome.info for outcome in outcomes)
     commands = Counter(len(outcome.commands) for outcome in outcomes)
     print(f"{sum(outcome.killed for outcome in outcomes)} kills of {len(outcomes)}; "
           f"found in: {dict(found)}; commands needed: {dict(commands)}; "
-          f"longest {max(outcome.seconds for outcome in outcomes):.0f} s; "
           f"wall time {time.monotonic() - begin:.0f} s")
     print(f"{broken} broken promises")
     return 1 if broken else 0

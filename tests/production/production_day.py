@@ -14,11 +14,10 @@ import json
 import random
 import sys
 import tempfile
-import threading
 import time
 from collections import Counter
 from concurrent.futures import ThreadPoolExecutor
-from dataclasses import dataclass, field
+from dataclasses import dataclass
 from pathlib import Path
 
 from bench import BrokenPromise, Device, Ended, Kind, Words, promise, recommended
@@ -63,22 +62,6 @@ class Firmware:
     name: str
     image: bytes
     sha256: str
-
-
-@dataclass
-class Tally:
-    """What all lanes have seen."""
-
-    processes: Counter[str] = field(default_factory=Counter)  # by command and ending
-    failures: Counter[str] = field(default_factory=Counter)  # by name
-    left: Counter[str] = field(default_factory=Counter)  # devices, by state after a failure
-    faults: Counter[str] = field(default_factory=Counter)
-    unharmed: Counter[str] = field(default_factory=Counter)  # the same, of updates that succeeded
-    recoveries: Counter[int] = field(default_factory=Counter)  # how many a failed update took
-    updates: int = 0
-    longest: float = 0.0
-    broken: Words = field(default_factory=list)
-    lock: threading.Lock = field(default_factory=threading.Lock)
 
 
 def draw_plan(dice: random.Random) -> Plan:
@@ -165,45 +148,37 @@ def check_claim(device: Device, result: dict, firmware: Firmware, before: bytes)
 class Lane:
     """One simulated device, and the updates it gets one after the other."""
 
-    def __init__(self, number: int, device: Device, seed: int, tally: Tally,
-                 records: Path) -> None:
+    def __init__(self, number: int, device: Device, seed: int) -> None:
         self.number = number
         self.device = device
         self.dice = random.Random(f"{seed}/{number}")
-        self.tally = tally
-        self.records = records
-        self.firmware: list[Firmware] = []
+        self.firmware = [self.make_firmware(seed) for seed in (2, 3)]
+        # What it has seen.
+        self.processes: Counter[str] = Counter()  # by command and ending
+        self.left: Counter[str] = Counter()  # states in which failures have left the device
+        self.recoveries: Counter[int] = Counter()  # how many commands an update took besides
+        self.broken: Words = []
 
-    def prepare(self) -> None:
-        for seed in (2, 3):
-            name = f"firmware{seed}"
-            image = self.device.make_firmware(name, seed)
-            content = (self.device.folder / f"{name}.hex").read_bytes()
-            self.firmware.append(Firmware(name, image, hashlib.sha256(content).hexdigest()))
+    def make_firmware(self, seed: int) -> Firmware:
+        name = f"firmware{seed}"
+        image = self.device.make_firmware(name, seed)
+        content = (self.device.folder / f"{name}.hex").read_bytes()
+        return Firmware(name, image, hashlib.sha256(content).hexdigest())
 
     def run(self, words: Words, firmware: Firmware, interrupt_after: float | None) -> dict:
         flash = self.device.folder / "device/flash.bin"
         before = flash.read_bytes()
         run = self.device.run([*words, "--json"], interrupt_after)
-        with self.records.open("a", encoding="utf-8") as records:
-            records.write(run.out)
         try:
             result = result_of(run)
-            self.count(run, result)
             check_record(run, result, firmware)
             check_claim(self.device, result, firmware, before)
         except (BrokenPromise, ValueError, KeyError, IndexError) as broken:
             raise BrokenPromise(f"{type(broken).__name__}: {broken}\n{run}") from broken
+        self.processes[f"{result['command']} {result['ending']}"] += 1
+        if result["ending"] != "succeeded":
+            self.left[result["state"]["device"]] += 1
         return result
-
-    def count(self, run: Ended, result: dict) -> None:
-        with self.tally.lock:
-            self.tally.processes[f"{result['command']} {result['ending']}"] += 1
-            self.tally.longest = max(self.tally.longest, run.seconds)
-            if result["failure"] is not None:
-                self.tally.failures[result["failure"]["name"]] += 1
-            if result["ending"] != "succeeded":
-                self.tally.left[result["state"]["device"]] += 1
 
     def revive(self, first: Words, result: dict, firmware: Firmware, plan: Plan) -> int:
         """Runs what the records recommend; the number of runs until the device was updated."""
@@ -230,48 +205,10 @@ class Lane:
                 recoveries = self.revive(words, result, firmware, plan)
             label = self.device.state()["label"]
             promise((label is not None) == (self.device.kind.family == "labelled"), "the label")
+            self.recoveries[recoveries] += 1
         except BrokenPromise as broken:
-            with self.tally.lock:
-                self.tally.broken.append(f"device {self.number} ({self.device.kind.name}), "
-                                         f"{plan.options} {plan.interrupt_after}: {broken}")
-        with self.tally.lock:
-            self.tally.updates += 1
-            for name in plan.names:
-                self.tally.faults[name] += 1
-                self.tally.unharmed[name] += recoveries == 0
-            if recoveries > 0:
-                self.tally.recoveries[recoveries] += 1
-
-    def work(self, updates: int) -> None:
-        self.prepare()
-        for number in range(updates):
-            self.update(self.firmware[number % 2])
-
-
-def add_up(tally: Tally, records: list[Path], updates: int) -> Counter[str]:
-    """Reads all records again, and compares them with what was started."""
-    lines = [json.loads(line) for file in records
-             for line in file.read_text(encoding="utf-8").splitlines()]
-    endings = Counter(line["ending"] for line in lines if line["event"] == "result")
-    recoveries = sum(number * times for number, times in tally.recoveries.items())
-    if tally.updates != updates or (not tally.broken
-                                    and endings.total() != updates + recoveries):
-        tally.broken.append(f"{endings.total()} results of {updates} updates and "
-                            f"{recoveries} recommended commands")
-    return endings
-
-
-def print_table(tally: Tally) -> None:
-    print(f"{'fault':12}{'updates':>9}{'succeeded':>11}")
-    for name in FAULTS:
-        print(f"{name:12}{tally.faults[name]:9}{tally.unharmed[name]:11}")
-    for title, counted in (("failures", tally.failures), ("left in", tally.left),
-                           ("processes", tally.processes),
-                           ("commands until revived", tally.recoveries)):
-        told = ", ".join(f"{key}: {number}" for key, number in sorted(counted.items()))
-        print(f"{title}: {told or 'none'}")
-    for broken in tally.broken:
-        print("BROKEN:", broken)
+            self.broken.append(f"device {self.number} ({self.device.kind.name}), {plan.options} "
+                               f"{plan.interrupt_after}: {broken}")
 
 
 def main() -> int:
@@ -280,33 +217,32 @@ def main() -> int:
     parser.add_argument("--updates", type=int, default=200)
     parser.add_argument("--simulators", type=int, default=4, help="all at work at a time")
     parser.add_argument("--seed", type=int, default=1)
-    parser.add_argument("--records", type=Path, help="folder to keep the records in")
     options = parser.parse_args()
     begin = time.monotonic()
-    tally = Tally()
-    with tempfile.TemporaryDirectory(prefix="tavo-day-") as name:
+
+    def work(number: int) -> Lane:
+        kind = KINDS[number % len(KINDS)]
+        with Device(options.build.resolve(), folder / f"lane{number}", kind) as device:
+            lane = Lane(number, device, options.seed)
+            for update in range(len(range(number, options.updates, options.simulators))):
+                lane.update(lane.firmware[update % 2])
+        return lane
+
+    with (tempfile.TemporaryDirectory(prefix="tavo-day-") as name,
+          ThreadPoolExecutor(options.simulators) as pool):
         folder = Path(name)
-        kept = options.records.resolve() if options.records else folder
-        kept.mkdir(parents=True, exist_ok=True)
-        records = [kept / f"device{number}.ndjson" for number in range(options.simulators)]
-
-        def lane(number: int) -> None:
-            records[number].write_text("")
-            share = len(range(number, options.updates, options.simulators))
-            kind = KINDS[number % len(KINDS)]
-            with Device(options.build.resolve(), folder / f"lane{number}", kind) as device:
-                Lane(number, device, options.seed, tally, records[number]).work(share)
-
-        with ThreadPoolExecutor(options.simulators) as pool:
-            list(pool.map(lane, range(options.simulators)))
-        endings = add_up(tally, records, options.updates)
-    print_table(tally)
+        lanes = list(pool.map(work, range(options.simulators)))
+    broken = [text for lane in lanes for text in lane.broken]
+    for title, counts in (("processes", [lane.processes for lane in lanes]),
+                          ("failures left in", [lane.left for lane in lanes]),
+                          ("further commands until updated", [lane.recoveries for lane in lanes])):
+        counted = sum(counts, Counter())
+        print(f"{title}:", ", ".join(f"{key}: {counted[key]}" for key in sorted(counted)))
+    for text in broken:
+        print("BROKEN:", text)
     print(f"{options.updates} updates on {options.simulators} simulators with seed {options.seed}, "
-          f"{sum(tally.recoveries.values())} of them not at the first go: {endings['succeeded']} "
-          f"runs succeeded, {endings['failed']} failed, {endings['stopped']} were stopped; "
-          f"longest {tally.longest:.0f} s, wall time {time.monotonic() - begin:.0f} s")
-    print(f"{len(tally.broken)} broken promises")
-    return 1 if tally.broken else 0
+          f"wall time {time.monotonic() - begin:.0f} s; {len(broken)} broken promises")
+    return 1 if broken else 0
 
 
 if __name__ == "__main__":
