@@ -1,10 +1,10 @@
 // The shared library as a host meets it: real processes, a real socket between host and device, and
 // real time, so that a scenario lasts as long as the pauses and answer timeouts in it (seconds to
 // minutes). Each is a test of its own for ctest, which overlaps them. Runs on Linux, also with Windows
-// hosts: see bench.h.
+// hosts: see process_bench.h.
 #include <gtest/gtest.h>
 
-#include "tests/end_to_end/bench.h"
+#include "testbench/process_bench.h"
 
 namespace tavo::test {
 namespace {

@@ -3,7 +3,7 @@
 
 #include <csignal>
 
-#include "tests/end_to_end/bench.h"
+#include "testbench/process_bench.h"
 
 namespace tavo::test {
 namespace {

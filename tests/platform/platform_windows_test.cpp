@@ -2,16 +2,11 @@
 #include <gtest/gtest.h>
 #include <windows.h>
 
-#include <chrono>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <string>
-
 #include "package/update_file.h"
 #include "platform/d2xx.h"
 #include "platform/platform.h"
 #include "simulator/firmware_builder.h"
+#include "testbench/temporary_folder.h"
 
 namespace tavo::test {
 namespace {
@@ -34,9 +29,8 @@ class WindowsPaths : public testing::Test {
     const std::string hex = tavosim::HexText({{value}, 0, 0});
     const bool zip = std::wstring_view(name).find(L".hex") == std::wstring_view::npos;
     const std::string content = zip ? tavosim::ZipArchive({{"a.hex", hex}}) : hex;
-    const std::filesystem::path path = m_folder / name;
-    std::ofstream(path, std::ios::binary) << content;
-    return path.wstring();
+    tavosim::WriteFile(m_folder / name, content);
+    return (m_folder / name).wstring();
   }
 
   // One for each test: they run at the same time, each in a process of its own.
@@ -64,7 +58,7 @@ TEST(WindowsCodePage, APathInItOpensToo) {
   const std::filesystem::path file =
       std::filesystem::temp_directory_path() /
       (L"tavo_\u00e9\u00fc_" + std::to_wstring(GetCurrentProcessId()) + L".hex");
-  std::ofstream(file, std::ios::binary) << tavosim::HexText({{7}, 0, 0});
+  tavosim::WriteFile(file, tavosim::HexText({{7}, 0, 0}));
   const std::string path = InCodePage(CP_ACP, file.wstring());
   const bool representable = path.find('?') == std::string::npos;
   EXPECT_EQ(FirstByte(path), representable ? 7 : -1) << "code page " << GetACP();
@@ -92,8 +86,7 @@ TEST_F(WindowsPaths, TheLogIsAppendedUnderAnyName) {
     ASSERT_NE(file, nullptr);
     std::fputs(text, file.get());
   }
-  std::ifstream file(m_folder / L"l\u00f6g.log");
-  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "onetwo");
+  EXPECT_EQ(FileText(m_folder / L"l\u00f6g.log"), "onetwo");
   EXPECT_EQ(SystemPlatform().OpenFile(path + "/none/a.log", "a"), nullptr);
 }
 

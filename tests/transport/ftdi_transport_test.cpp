@@ -2,6 +2,7 @@
 
 #include "log/logger.h"
 #include "testbench/fake_d2xx.h"
+#include "testbench/raw_read.h"
 #include "testbench/virtual_platform.h"
 #include "transport/comm_ftdi.h"
 
@@ -23,19 +24,6 @@ class FtdiTransportTest : public testing::Test {
   bool Send(std::size_t count) {
     const Bytes bytes(count, 0x55);
     return m_transport.SendRawData(bytes.data(), static_cast<std::int32_t>(count));
-  }
-
-  struct Received {
-    bool ok;
-    Bytes bytes;
-    bool operator==(const Received&) const = default;
-  };
-  Received Receive(std::size_t capacity = 256) {
-    Bytes buffer(capacity);
-    auto length = static_cast<std::int32_t>(capacity);
-    const bool ok = m_transport.ReceiveRawData(buffer.data(), &length);
-    buffer.resize(static_cast<std::size_t>(length));
-    return {ok, buffer};
   }
 
   VirtualPlatform m_platform;
@@ -105,28 +93,28 @@ TEST_F(FtdiTransportTest, OnlyWhatWasWrittenComesBack) {
   m_d2xx.takesPerWrite = 2;
   EXPECT_TRUE(Send(5)) << "the library counts as it likes; its status decides";
   m_d2xx.Receive({0x55, 0x55, 1});
-  EXPECT_EQ(Receive(), (Received{true, {1}}));
+  EXPECT_EQ(ReadFrom(m_transport), (RawRead{true, {1}}));
 
   m_d2xx.status["Write"] = kD2xxIoError;
   EXPECT_FALSE(Send(5));
   m_d2xx.Receive({0x55, 2});
-  EXPECT_EQ(Receive(), (Received{true, {2}}));
+  EXPECT_EQ(ReadFrom(m_transport), (RawRead{true, {2}}));
   EXPECT_EQ(m_platform.Console(), "");
 }
 
 TEST_F(FtdiTransportTest, ASilentReadWaitsAMomentAndReadsNothing) {
   OpenFirst();
-  EXPECT_EQ(Receive(), (Received{true, {}}));
+  EXPECT_EQ(ReadFrom(m_transport), (RawRead{true, {}}));
   m_d2xx.status["GetStatus"] = kD2xxIoError;
-  EXPECT_EQ(Receive(), (Received{true, {}})) << "an unknown count is no input";
+  EXPECT_EQ(ReadFrom(m_transport), (RawRead{true, {}})) << "an unknown count is no input";
   EXPECT_EQ(m_d2xx.waits, std::vector(2, std::chrono::milliseconds(10)));
 }
 
 TEST_F(FtdiTransportTest, WhatComesDuringTheWaitIsReadAsFarAsItFits) {
   OpenFirst();
   m_d2xx.arrivesWhileWaiting = {1, 2, 3};
-  EXPECT_EQ(Receive(2), (Received{true, {1, 2}}));
-  EXPECT_EQ(Receive(2), (Received{true, {3}}));
+  EXPECT_EQ(ReadFrom(m_transport, 2), (RawRead{true, {1, 2}}));
+  EXPECT_EQ(ReadFrom(m_transport, 2), (RawRead{true, {3}}));
   EXPECT_EQ(m_d2xx.waits.size(), 1u) << "only for the first";
 }
 
@@ -136,7 +124,7 @@ TEST_F(FtdiTransportTest, LogsAFailedRead) {
   EXPECT_TRUE(Send(2));
   m_d2xx.Receive({0x55, 0x55, 1, 2, 3});
   m_d2xx.status["Read"] = kD2xxIoError;
-  EXPECT_EQ(Receive(), (Received{false, {}}));
+  EXPECT_EQ(ReadFrom(m_transport), (RawRead{false, {}}));
   EXPECT_TRUE(
       m_platform.ConsoleHas("WARN CCommFTDI: Error while receiving data: Length: 3, Error: 4\n"));
 }

@@ -4,21 +4,18 @@
 
 #include "log/logger.h"
 #include "testbench/fake_libusb.h"
+#include "testbench/raw_read.h"
+#include "testbench/transcript.h"
 #include "testbench/virtual_platform.h"
 #include "transport/comm_win_usb.h"
 
 namespace tavo::test {
 namespace {
 
-using Calls = std::vector<std::string>;
+using Calls = Lines;
 
 const Calls kSetUp{"KernelDriverActive 0", "ClaimInterface 0", "KernelDriverActive 1",
                    "ClaimInterface 1",     "Control 34 3",     "Control 32 0"};
-
-Calls operator+(Calls first, const Calls& second) {
-  first.insert(first.end(), second.begin(), second.end());
-  return first;
-}
 
 class UsbTransportTest : public testing::Test {
  protected:
@@ -41,18 +38,7 @@ class UsbTransportTest : public testing::Test {
     return Transport().SendRawData(bytes.data(), static_cast<std::int32_t>(bytes.size()));
   }
 
-  struct Received {
-    bool ok;
-    Bytes bytes;
-    bool operator==(const Received&) const = default;
-  };
-  Received Receive() {
-    Bytes buffer(64);
-    auto length = static_cast<std::int32_t>(buffer.size());
-    const bool ok = Transport().ReceiveRawData(buffer.data(), &length);
-    buffer.resize(static_cast<std::size_t>(length));
-    return {ok, ok ? buffer : Bytes{}};
-  }
+  RawRead Receive() { return ReadFrom(Transport()); }
 
   VirtualPlatform m_platform;
   Logger m_log{m_platform};
@@ -207,10 +193,10 @@ TEST_F(UsbTransportTest, ReceivesWhatThereIs) {
                  {LIBUSB_ERROR_TIMEOUT, {}},
                  {LIBUSB_ERROR_TIMEOUT, {9}},
                  {LIBUSB_ERROR_NO_DEVICE, {}}};
-  EXPECT_EQ(Receive(), (Received{true, {7, 8}}));
-  EXPECT_EQ(Receive(), (Received{true, {}}));
-  EXPECT_EQ(Receive(), (Received{true, {9}})) << "too late for a whole packet";
-  EXPECT_EQ(Receive(), (Received{false, {}}));
+  EXPECT_EQ(Receive(), (RawRead{true, {7, 8}}));
+  EXPECT_EQ(Receive(), (RawRead{true, {}}));
+  EXPECT_EQ(Receive(), (RawRead{true, {9}})) << "too late for a whole packet";
+  EXPECT_EQ(Receive(), (RawRead{false, {}}));
 }
 
 TEST_F(UsbTransportTest, NothingMovesWithoutAnOpenDevice) {
