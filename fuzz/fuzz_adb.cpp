@@ -35,7 +35,6 @@ void AskForAll(const FirmwareImage& image) {
       view.ReadAddress(address);
     }
   }
-  HardwareIdRecordsByEntry(view);
   FindTunnelRoute(image);
   FindBootloaderMessageKind(image);
 }

@@ -1,7 +1,6 @@
 #include "package/hardware_identity.h"
 
 #include <algorithm>
-#include <iterator>
 
 namespace tavo {
 namespace {
@@ -75,19 +74,6 @@ std::optional<std::uint32_t> FindProcessorId(std::int32_t mcuId) {
                                 [mcuId](const McuRow& mcu) { return mcu.mcuId == mcuId; });
   if (row == McuTable.end()) return std::nullopt;
   return row->processorId;
-}
-
-std::map<std::int32_t, std::vector<HardwareIdRecord>> HardwareIdRecordsByEntry(
-    const AdbView& view) {
-  std::map<std::int32_t, std::vector<HardwareIdRecord>> recordsByEntry;
-  const std::int32_t count = view.HasEntryTable() ? view.EntryCount() : 1;
-  std::vector<std::uint16_t> list;
-  for (std::int32_t index = 0; index < count; ++index) {
-    if (view.HardwareIdList(index, list) < 1) continue;
-    auto& records = recordsByEntry[index];
-    std::transform(list.begin(), list.end(), std::back_inserter(records), SplitHardwareId);
-  }
-  return recordsByEntry;
 }
 
 TunnelRoute FindTunnelRoute(const FirmwareImage& image) {

@@ -10,11 +10,9 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "package/adb_view.h"
 #include "package/firmware_image.h"
@@ -27,8 +25,6 @@ struct HardwareIdRecord {
   std::uint8_t type;
   std::uint8_t module;
   std::uint8_t variant;
-
-  bool operator==(const HardwareIdRecord&) const = default;
 };
 
 constexpr HardwareIdRecord SplitHardwareId(std::uint16_t id) {
@@ -131,10 +127,6 @@ inline constexpr std::array BootloaderMessageKindTable{
 
 // The processor id of an MCU-ID; none for an unknown one, -1 among them.
 std::optional<std::uint32_t> FindProcessorId(std::int32_t mcuId);
-
-// The hardware ids that an image lists, by the index of their entry; an image without an entry
-// table has them under 0. Entries without hardware ids do not appear.
-std::map<std::int32_t, std::vector<HardwareIdRecord>> HardwareIdRecordsByEntry(const AdbView& view);
 
 // Both go by the first hardware id of the image's first entry that has any, and by the row that
 // fits it in the most fields. {-1, -1} and 0 when no row fits or the image lists no hardware id.

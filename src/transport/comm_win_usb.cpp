@@ -7,9 +7,6 @@
 namespace tavo {
 namespace {
 
-constexpr std::uint16_t kVendorId = 0x03EB;
-constexpr std::uint16_t kProductId = 0x2404;
-
 constexpr unsigned char kBulkOut = 0x02;
 constexpr unsigned char kBulkIn = 0x81;
 constexpr unsigned kBulkInTimeoutMs = 50;
@@ -22,7 +19,6 @@ constexpr int kNoLibUsbMessages = 0;
 constexpr int kDropReferences = 1;
 
 constexpr int kControlInterface = 0;
-constexpr int kDataInterface = 1;
 
 // The two class requests that switch the serial function on (USB CDC PSTN, 6.3). A working device
 // answers them within milliseconds; one that hangs must not hang the host program too.
@@ -47,6 +43,17 @@ std::string Describe(const libusb_device_descriptor& descriptor, const std::stri
 }
 
 }  // namespace
+
+std::string UsbPortPath(LibUsb& usb, libusb_device* device) {
+  std::array<std::uint8_t, kMaxPortNumbers> ports{};
+  const int capacity = static_cast<int>(ports.size());
+  const int count = std::min(usb.GetPortNumbers(device, ports.data(), capacity), capacity);
+  std::string path;
+  for (int i = 0; i < count; ++i) {
+    path += (i > 0 ? "-" : "") + std::to_string(ports[static_cast<std::size_t>(i)]);
+  }
+  return path;
+}
 
 CCommWinUSB::CCommWinUSB(TavoLink& link, Platform& platform, Logger& log, LibUsb& usb)
     : ICommInterface(link, platform, log), m_usb(usb) {
@@ -101,23 +108,10 @@ void CCommWinUSB::ListIfSupported(std::size_t position) {
   libusb_device* const device = m_deviceList[position];
   libusb_device_descriptor descriptor{};
   if (m_usb.GetDeviceDescriptor(device, &descriptor) < 0) return;
-  if (descriptor.idVendor != kVendorId || descriptor.idProduct != kProductId) return;
-  const std::string port = PortPath(device);
+  if (descriptor.idVendor != kUsbVendorId || descriptor.idProduct != kUsbProductId) return;
+  const std::string port = UsbPortPath(m_usb, device);
   m_devices.emplace_back(static_cast<std::uint32_t>(position + 1), port,
                          Describe(descriptor, port));
-}
-
-std::string CCommWinUSB::PortPath(libusb_device* device) {
-  std::array<std::uint8_t, kMaxPortNumbers> ports{};
-  const int count =
-      std::min(m_usb.GetPortNumbers(device, ports.data(), static_cast<int>(ports.size())),
-               static_cast<int>(ports.size()));
-  std::string path;
-  for (int i = 0; i < count; ++i) {
-    if (i > 0) path += '-';
-    path += std::to_string(ports[static_cast<std::size_t>(i)]);
-  }
-  return path;
 }
 
 // A device whose ports are unknown is found by no name, not even by the empty one.
@@ -137,8 +131,9 @@ bool CCommWinUSB::Open(std::uint32_t deviceRef) {
 
 bool CCommWinUSB::OpenDevice(std::uint32_t deviceRef) {
   m_usb.SetDebug(m_context, kNoLibUsbMessages);
-  m_handle = deviceRef == kAnyDevice ? m_usb.OpenDeviceWithVidPid(m_context, kVendorId, kProductId)
-                                     : OpenListed(deviceRef);
+  m_handle = deviceRef == kAnyDevice
+                 ? m_usb.OpenDeviceWithVidPid(m_context, kUsbVendorId, kUsbProductId)
+                 : OpenListed(deviceRef);
   if (m_handle == nullptr) return false;
   if (ClaimInterfaces() && SwitchSerialOn()) return true;
   // A handle left behind would make the next attempt succeed without a working device.
@@ -169,7 +164,7 @@ bool CCommWinUSB::ClaimInterface(int number) {
 bool CCommWinUSB::ClaimInterfaces() {
   // Control requests reach the device without its interface, data does not.
   ClaimInterface(kControlInterface);
-  return ClaimInterface(kDataInterface);
+  return ClaimInterface(kUsbDataInterface);
 }
 
 bool CCommWinUSB::SwitchSerialOn() {

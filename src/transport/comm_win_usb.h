@@ -10,6 +10,7 @@
 // It never strips echo: a USB line has none.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,14 @@
 #include "transport/i_comm_interface.h"
 
 namespace tavo {
+
+// What such a device is known by, and the interface that its bytes go through.
+inline constexpr std::uint16_t kUsbVendorId = 0x03EB;
+inline constexpr std::uint16_t kUsbProductId = 0x2404;
+inline constexpr int kUsbDataInterface = 1;
+
+// "1-4-2": the ports that lead to a device; empty when the system does not tell them.
+std::string UsbPortPath(LibUsb& usb, libusb_device* device);
 
 class CCommWinUSB : public ICommInterface {
  public:
@@ -58,7 +67,6 @@ class CCommWinUSB : public ICommInterface {
   bool IsUsable(const void* data) const;
   void FreeDeviceList();
   void ListIfSupported(std::size_t position);
-  std::string PortPath(libusb_device* device);
   const CCommDevDesc* FindPort(const std::string& name) const;
 
   bool OpenDevice(std::uint32_t deviceRef);

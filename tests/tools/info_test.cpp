@@ -52,16 +52,16 @@ TEST(Info, TellsEveryFamilyInEitherStateAndLeavesItThere) {
       EXPECT_EQ(document["state"], runs ? "application" : "bootloader");
       ExpectUntouched(desk, before);
       if (runs) {
-        EXPECT_EQ(document["softwareId"], Format("0x%04X", family.softwareId));
-        EXPECT_EQ(document["deviceId"], Format("0x%04X", family.deviceId));
+        EXPECT_EQ(document["softwareId"], Hex(family.softwareId));
+        EXPECT_EQ(document["deviceId"], Hex(family.deviceId));
         EXPECT_EQ(document["tunnel"]["open"], family.route != 0);
         EXPECT_TRUE(document["bootloader"].is_null());
         continue;
       }
       EXPECT_EQ(document["bootloader"]["version"], family.bootloaderVersion);
       EXPECT_EQ(document["bootloader"]["blockSize"], family.blockSize);
-      EXPECT_EQ(document["processor"]["id"], Format("0x%06X", family.processorId));
-      EXPECT_EQ(document["hardwareId"]["id"], Format("0x%04X", family.hardwareId));
+      EXPECT_EQ(document["processor"]["id"], Hex(family.processorId, 6));
+      EXPECT_EQ(document["hardwareId"]["id"], Hex(family.hardwareId));
       EXPECT_EQ(document["applicationKiB"], family.applicationKiB);
       EXPECT_EQ(document["tunnel"].is_null(), family.route == 0);
     }

@@ -2,13 +2,14 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <optional>
 #include <ostream>
 #include <span>
 
 #include "log/logger.h"
+#include "text_format.h"
 #include "transport/comm_ftdi.h"
+#include "transport/comm_win_usb.h"
 
 namespace tavo::tool {
 namespace {
@@ -19,8 +20,6 @@ constexpr bool kWindows = true;
 constexpr bool kWindows = false;
 #endif
 
-// Generous: USB allows a hub no more than five hubs deep.
-constexpr std::size_t kMaxPortNumbers = 32;
 constexpr int kDropReferences = 1;
 
 // A kind of USB device that matters here. Without its data interface nobody can use it.
@@ -31,7 +30,7 @@ struct UsbKind {
   int dataInterface;
 };
 constexpr std::array kUsbKinds{
-    UsbKind{TransportKind::Usb, 0x03EB, 0x2404, 1},
+    UsbKind{TransportKind::Usb, kUsbVendorId, kUsbProductId, kUsbDataInterface},
     // What the adapter's maker gives its own products.
     UsbKind{TransportKind::Ftdi, 0x0403, 0x6001, 0},
     UsbKind{TransportKind::Ftdi, 0x0403, 0x6010, 0},
@@ -85,18 +84,6 @@ const UsbKind* KindOf(LibUsb& usb, libusb_device* device) {
   return kind == kUsbKinds.end() ? nullptr : &*kind;
 }
 
-// The name by which the library opens the device.
-std::string PortPath(LibUsb& usb, libusb_device* device) {
-  std::array<std::uint8_t, kMaxPortNumbers> ports{};
-  const int capacity = static_cast<int>(ports.size());
-  const int count = std::clamp(usb.GetPortNumbers(device, ports.data(), capacity), 0, capacity);
-  std::string path;
-  for (const std::uint8_t port : std::span(ports).first(static_cast<std::size_t>(count))) {
-    path += (path.empty() ? "" : "-") + std::to_string(port);
-  }
-  return path;
-}
-
 // A driver of the kernel is no obstacle, an update detaches it; until then the interface is its own.
 // Without one, an interface that cannot be had belongs to another program. Closing gives it back.
 int TryOut(LibUsb& usb, libusb_device* device, int dataInterface) {
@@ -120,7 +107,7 @@ std::vector<UsbFinding> LookAtUsb(LibUsb& usb, std::string* trouble) {
     if (kind == nullptr) continue;
     const int result = TryOut(usb, device, kind->dataInterface);
     if (result == LIBUSB_ERROR_NO_DEVICE) continue;  // it has just gone
-    findings.push_back({kind, PortPath(usb, device), usb.GetBusNumber(device), result});
+    findings.push_back({kind, UsbPortPath(usb, device), usb.GetBusNumber(device), result});
   }
   return findings;
 }
@@ -128,12 +115,9 @@ std::vector<UsbFinding> LookAtUsb(LibUsb& usb, std::string* trouble) {
 // --- what stands in the way ---
 
 std::string UdevRule(const UsbKind& kind) {
-  std::array<char, 160> text{};
-  std::snprintf(text.data(), text.size(),
-                "SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", "
-                "TAG+=\"uaccess\"",
-                unsigned{kind.vendor}, unsigned{kind.product});
-  return text.data();
+  return Format(
+      "SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", TAG+=\"uaccess\"",
+      unsigned{kind.vendor}, unsigned{kind.product});
 }
 
 Obstacle InUse() {

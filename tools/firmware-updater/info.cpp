@@ -1,7 +1,6 @@
 // info: asks one device who it is and what it is doing, and leaves it as it was.
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <ostream>
@@ -14,6 +13,7 @@
 #include "package/hardware_identity.h"
 #include "session.h"
 #include "target_choice.h"
+#include "text_format.h"
 
 namespace tavo::tool {
 namespace {
@@ -64,12 +64,7 @@ std::string NextCommand(const Description& description, const Target& target) {
   return std::string("firmware-updater ") + description.command + " FILE " + TargetOptions(target);
 }
 
-std::string Hex(std::uint32_t value, int digits) {
-  std::array<char, 16> text{};
-  std::snprintf(text.data(), text.size(), "0x%.*X", digits, unsigned{value});
-  return text.data();
-}
-std::string HexId(std::uint16_t id) { return Hex(id, 4); }
+std::string HexId(std::uint16_t id) { return Hex(id); }
 std::string HexProcessor(std::uint32_t id) { return Hex(id, 6); }
 
 const McuRow* FindMcu(std::uint32_t processorId) {
@@ -96,15 +91,15 @@ std::string ProcessorText(std::uint32_t id) {
 
 std::string HardwareText(std::uint16_t id) {
   const HardwareIdRecord fields = SplitHardwareId(id);
-  return HexId(id) + " (Serie " + std::to_string(fields.serie) + ", Type " +
+  return Hex(id) + " (Serie " + std::to_string(fields.serie) + ", Type " +
          std::to_string(fields.type) + ", Module " + std::to_string(fields.module) + ", Variant " +
          std::to_string(fields.variant) + ")";
 }
 
 Facts FactsOf(const DeviceReport& report) {
   Facts facts;
-  if (report.deviceId) facts.emplace_back("device id", HexId(*report.deviceId));
-  if (report.softwareId) facts.emplace_back("software id", HexId(*report.softwareId));
+  if (report.deviceId) facts.emplace_back("device id", Hex(*report.deviceId));
+  if (report.softwareId) facts.emplace_back("software id", Hex(*report.softwareId));
   if (report.inBootloader) {
     facts.emplace_back("bootloader", "version " + std::to_string(*report.bootloaderVersion) +
                                          ", blocks of " + std::to_string(*report.blockSize) +
@@ -149,7 +144,7 @@ Json ProcessorJson(std::uint32_t id) {
 
 Json HardwareJson(std::uint16_t id) {
   const HardwareIdRecord fields = SplitHardwareId(id);
-  return {{"id", HexId(id)},
+  return {{"id", Hex(id)},
           {"serie", fields.serie},
           {"type", fields.type},
           {"module", fields.module},

@@ -20,7 +20,6 @@ std::string_view KindName(UpdateFileKind kind) {
 }
 
 // Ids are texts, in the form in which people and the log know them.
-std::string Hex(std::uint32_t id, int digits = 4) { return Format("0x%0*X", digits, id); }
 
 template <typename Value>
 Json HexOrNull(const std::optional<Value>& id, int digits = 4) {

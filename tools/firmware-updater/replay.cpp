@@ -4,8 +4,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <ostream>
@@ -15,6 +13,7 @@
 #include "engine/firmware_updater.h"
 #include "engine/update_observer.h"
 #include "simulator/firmware_builder.h"
+#include "text_format.h"
 #include "transport/i_comm_interface.h"
 #include "wire_record.h"
 
@@ -130,9 +129,7 @@ class RecordedDevice final : public ICommInterface {
   static std::string HexText(std::span<const std::uint8_t> bytes) {
     std::string text;
     for (const std::uint8_t byte : bytes.first(std::min<std::size_t>(bytes.size(), 12))) {
-      std::array<char, 4> digits{};
-      std::snprintf(digits.data(), digits.size(), "%02X ", byte);
-      text += digits.data();
+      text += Format("%02X ", unsigned{byte});
     }
     return text;
   }
@@ -178,9 +175,8 @@ class RecordedFile {
     m_path = name;
     std::vector<tavosim::ZipMember> members;
     for (const FirmwareImage& image : images) {
-      std::array<char, 16> member{};
-      std::snprintf(member.data(), member.size(), "%05zu.hex", members.size());
-      members.push_back({member.data(), tavosim::HexText({image.data, image.startAddress, 0})});
+      members.push_back({Format("%05zu.hex", members.size()),
+                         tavosim::HexText({image.data, image.startAddress, 0})});
     }
     tavosim::WriteFile(m_path, tavosim::ZipArchive(members));
   }

@@ -17,6 +17,8 @@ std::string Format(const char* format, ...) {
   return text.data();
 }
 
+std::string Hex(std::uint32_t value, int digits) { return Format("0x%0*X", digits, value); }
+
 std::string Displayable(std::string_view text, std::size_t maxLength) {
   std::string shown(text.substr(0, maxLength));
   for (char& c : shown) {

@@ -10,6 +10,9 @@ namespace tavo::tool {
 // As std::snprintf, cut off after 255 characters.
 [[gnu::format(printf, 1, 2)]] std::string Format(const char* format, ...);
 
+// "0x08A0".
+std::string Hex(std::uint32_t value, int digits = 4);
+
 // A text from outside, such as a name in an archive, so that it can be shown on a terminal: control
 // characters become '?', and what is longer than `maxLength` bytes ends in "...".
 std::string Displayable(std::string_view text, std::size_t maxLength = 200);

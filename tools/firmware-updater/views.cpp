@@ -1,12 +1,12 @@
 #include "views.h"
 
 #include <algorithm>
-#include <array>
-#include <cstdio>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <ostream>
 #include <thread>
+
+#include "text_format.h"
 
 namespace tavo::tool {
 namespace {
@@ -35,13 +35,6 @@ std::unique_lock<std::mutex> LockForNote(std::mutex& mutex) {
     std::this_thread::sleep_for(kPause);
   }
   return {};
-}
-
-template <typename... Values>
-std::string Format(const char* format, Values... values) {
-  std::array<char, 160> text{};
-  std::snprintf(text.data(), text.size(), format, values...);
-  return text.data();
 }
 
 double Seconds(milliseconds time) { return static_cast<double>(time.count()) / 1000; }
