@@ -4,6 +4,8 @@
 // hosts: see process_bench.h.
 #include <gtest/gtest.h>
 
+#include <functional>
+
 #include "testbench/process_bench.h"
 
 namespace tavo::test {
@@ -78,15 +80,6 @@ const Scenario kScenarios[] = {
      {{kUsb, 1, kSilentAtVerification, true,
        kOverUsb + kTransfer +
            Lines{"Timeout: Verify Request", "failed, last error 1, progress 1.15"}}}},
-    {"NoSuchPort",
-     "plain",
-     {},
-     {{{"usb", "3-9", "firmware.hex"},
-       1,
-       {},
-       false,
-       {"Firmware-Updater", "Firmware: firmware.hex", "USB-Port: 3-9", "Port 3-9 isnt found",
-        "failed, last error 0, progress -1.00"}}}},
 };
 
 void PrintTo(const Scenario& scenario, std::ostream* out) { *out << scenario.name; }
@@ -143,18 +136,6 @@ TEST(EndToEndListing, NamesUsbDevicesThenAdaptersAndChangesNothing) {
   EXPECT_TRUE(bench.SwitchOff());
 }
 
-TEST(EndToEndListing, WithoutADeviceNothingIsListedAndNoUpdateBegins) {
-  const Bench bench;
-  EXPECT_EQ(Dialogue(bench.RunHost({"list"})), Lines());
-  for (const Words& host : {kUsb, kFtdi}) {
-    const Result result = bench.RunHost(host);
-    EXPECT_EQ(result.exitCode, 1);
-    EXPECT_TRUE(
-        result.console.ends_with("No device connected!failed, last error 0, progress -1.00\n"))
-        << result.console;
-  }
-}
-
 TEST(EndToEndStop, AnotherThreadEndsTheUpdateWhileItWrites) {
   Bench bench;
   ASSERT_TRUE(bench.MakeFirmware("plain"));
@@ -182,44 +163,38 @@ TEST(EndToEndStop, AHostThatLeavesInTheMidstOfAnUpdateEnds) {
   EXPECT_TRUE(bench.SwitchOff());
 }
 
-TEST(EndToEndLoading, AHostThatLoadsAndUnloadsTheLibraryUpdatesToo) {
-  for (const std::string kind : {"usb", "ftdi"}) {
-    Bench bench;
-    ASSERT_TRUE(bench.MakeFirmware("plain"));
-    ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--" + kind}));
-    const Result result = bench.Run("loading_host", {kind, "firmware.hex"});
-    EXPECT_EQ(result.exitCode, 0);
-    EXPECT_TRUE(result.console.ends_with("\nupdated 1, last error 0, unloaded 1\n"))
-        << result.console;
-    EXPECT_TRUE(bench.FlashHoldsFirmware());
-  }
+void ExpectUpdate(const std::string& kind, const std::string& ending,
+                  const std::function<Result(const Bench&)>& run) {
+  SCOPED_TRACE(kind);
+  Bench bench;
+  ASSERT_TRUE(bench.MakeFirmware("plain"));
+  ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--" + kind}));
+  const Result result = run(bench);
+  EXPECT_EQ(result.exitCode, 0) << result.console;
+  EXPECT_TRUE(result.console.ends_with(ending)) << result.console;
+  EXPECT_TRUE(bench.FlashHoldsFirmware());
 }
 
-TEST(EndToEndExamples, TheHostInPythonUpdatesTheDevice) {
-  for (const Words& words : {Words{"usb", ""}, Words{"ftdi", "", "19200"}}) {
-    Bench bench;
-    ASSERT_TRUE(bench.MakeFirmware("plain"));
-    ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--" + words[0]}));
-    const Result listed = bench.RunPython("update_host.py", {"list"});
-    EXPECT_EQ(listed.exitCode, 0);
-    EXPECT_NE(listed.console, "") << "one line for the device";
-    const Result result = bench.RunPython("update_host.py", words + Words{"firmware.hex"});
-    EXPECT_EQ(result.exitCode, 0) << result.console;
-    EXPECT_TRUE(result.console.ends_with("updated\n")) << result.console;
-    EXPECT_TRUE(bench.FlashHoldsFirmware());
+TEST(EndToEndLoading, AHostThatLoadsAndUnloadsTheLibraryUpdatesToo) {
+  for (const std::string kind : {"usb", "ftdi"}) {
+    ExpectUpdate(kind, "\nupdated 1, last error 0, unloaded 1\n", [&](const Bench& bench) {
+      return bench.Run("loading_host", {kind, "firmware.hex"});
+    });
   }
 }
 
 TEST(EndToEndReadme, ItsExampleUpdatesTheDevice) {
-  Bench bench;
-  ASSERT_TRUE(bench.MakeFirmware("plain"));
-  ASSERT_TRUE(bench.PlugIn({"--family", "plain"}));
-  const Result result = bench.Run("readme_example", {"firmware.hex"});
-  EXPECT_EQ(result.exitCode, 0) << result.console;
-  EXPECT_EQ(Dialogue(result), kOverUsb + kTransfer + kSuccess + Lines{"result: updated"});
-  EXPECT_EQ(bench.TakeRequests(), kPlainUpdate);
-  EXPECT_TRUE(bench.FlashHoldsFirmware());
-  EXPECT_TRUE(bench.SwitchOff());
+  ExpectUpdate("usb", "\nresult: updated\n",
+               [](const Bench& bench) { return bench.Run("readme_example", {"firmware.hex"}); });
+}
+
+TEST(EndToEndExamples, TheHostInPythonUpdatesTheDevice) {
+  for (const Words& words : {Words{"usb", ""}, Words{"ftdi", "", "19200"}}) {
+    ExpectUpdate(words[0], "updated\n", [&](const Bench& bench) {
+      EXPECT_NE(bench.RunPython("update_host.py", {"list"}).console, "") << "a line for the device";
+      return bench.RunPython("update_host.py", words + Words{"firmware.hex"});
+    });
+  }
 }
 
 }  // namespace

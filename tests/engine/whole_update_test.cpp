@@ -122,15 +122,5 @@ TEST(WholeUpdate, AStrayHeaderByteDelaysNothingForLong) {
   EXPECT_EQ(station.Requests(), kPlainUpdate);
 }
 
-TEST(WholeUpdate, ASilentDeviceIsAskedAsOftenAsEachStepSays) {
-  Station station(Options("plain"), false, {"lose:*"});
-  EXPECT_FALSE(station.UpdateOverUsb());
-  const Lines expected =
-      kLeave + kStatus + Times(4, kDeviceId) + Times(4, {"0x802"}) + kClosingPlan;
-  EXPECT_EQ(station.Requests(), expected);
-  EXPECT_EQ(station.engine.LastError(), ErrorCode::Timeout);
-  EXPECT_TRUE(station.platform.ConsoleHas("\nTimeout: Request Device-ID (Admin)\n"));
-}
-
 }  // namespace
 }  // namespace tavo::test

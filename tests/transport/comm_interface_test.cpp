@@ -136,20 +136,16 @@ TEST_F(CommInterfaceTest, WithoutAnAnswerTheTimeIsUpAfterFourSeconds) {
   ExpectTimeoutAfter(4000ms);
 }
 
-TEST_F(CommInterfaceTest, OnlyPausesOfOursAreLeftOut) {
+TEST_F(CommInterfaceTest, OnlyPausesOfOursAndWorkBeforeARequestAreLeftOut) {
+  m_platform.Advance(3s);
+  Request(0x120);
+  EXPECT_EQ(PollAfter(3990ms), Polled::Nothing);
+  EXPECT_EQ(PollAfter(10ms), Polled::TimedOut);
   Request(0x120);
   m_platform.Advance(6s);
   m_transport.LeaveOutPause();
   EXPECT_EQ(Poll(), Polled::Nothing);
   EXPECT_EQ(PollAfter(200 * 65536ms + 20ms), Polled::TimedOut) << "hours, not 20 ms";
-}
-
-TEST_F(CommInterfaceTest, WorkBeforeARequestIsNoTimeOfTheDevice) {
-  Poll();
-  m_platform.Advance(3s);
-  Request(0x120);
-  EXPECT_EQ(PollAfter(3990ms), Polled::Nothing);
-  EXPECT_EQ(PollAfter(10ms), Polled::TimedOut);
 }
 
 TEST_F(CommInterfaceTest, ASecondRequestWaitsInTheQueueForFiveSeconds) {

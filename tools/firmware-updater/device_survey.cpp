@@ -14,12 +14,6 @@
 namespace tavo::tool {
 namespace {
 
-#if defined(_WIN32)
-constexpr bool kWindows = true;
-#else
-constexpr bool kWindows = false;
-#endif
-
 constexpr int kDropReferences = 1;
 
 // A kind of USB device that matters here. Without its data interface nobody can use it.
@@ -125,8 +119,6 @@ Obstacle InUse() {
 }
 
 Obstacle NoPermission(const UsbKind& kind) {
-  // What holds a device there lets nobody else open it.
-  if (kWindows) return InUse();
   return {"no-permission", "you have no permission to open it",
           "put the line " + UdevRule(kind) +
               " into /etc/udev/rules.d/71-firmware-updater-local.rules, then plug it in again"};
@@ -192,24 +184,22 @@ void AddUsbDevice(LibUsb& usb, std::span<const UsbFinding> all, const UsbFinding
   devices.push_back(std::move(device));
 }
 
-// What USB tells of adapter number `index`. The adapters' library lists them in the order of USB,
-// except on Windows; when one has come or gone in between nothing is certain.
+// What USB tells of adapter number `index`. The adapters' library lists them in the order of USB; when
+// one has come or gone in between nothing is certain.
 const UsbFinding* FindingOf(std::size_t index, std::size_t adapters,
                             std::span<const UsbFinding> all) {
   std::vector<const UsbFinding*> findings;
   for (const UsbFinding& finding : all) {
     if (finding.kind->kind == TransportKind::Ftdi) findings.push_back(&finding);
   }
-  return kWindows || findings.size() != adapters ? nullptr : findings[index];
+  return findings.size() != adapters ? nullptr : findings[index];
 }
 
 std::optional<Obstacle> ObstacleOf(const CCommDevDesc& adapter, const UsbFinding* finding) {
   const int result = finding == nullptr ? int{LIBUSB_SUCCESS} : finding->result;
   if (result == LIBUSB_ERROR_ACCESS) return NoPermission(*finding->kind);
   if (result == LIBUSB_ERROR_BUSY) return InUse();
-  if (!adapter.port.empty()) return std::nullopt;
-  // The library there keeps the texts of an adapter to itself while another program has it open.
-  return kWindows && adapter.description.empty() ? InUse() : NoSerialNumber();
+  return adapter.port.empty() ? std::optional(NoSerialNumber()) : std::nullopt;
 }
 
 void AddAdapter(const CCommDevDesc& adapter, bool shared, const UsbFinding* finding,
