@@ -3,15 +3,16 @@
 // beyond the text that it is given.
 //
 //   HexRecord record;
-//   line = DecodeHexLine(line, end, record);
-//   if (line == nullptr) ...  // not a well-formed record
+//   std::array<std::uint8_t, kHexRoom> room;
+//   const std::uint8_t* behind = DecodeHexRecord(line, end, record, room.data());
+//   if (behind == nullptr) ...  // not a well-formed record
+//   line = NextHexLine(behind, end);
 #pragma once
 
 #include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstring>
 
 namespace tavo {
 
@@ -19,9 +20,15 @@ namespace tavo {
 // The checksum is the last byte that stands in the record, whatever the byte count says.
 inline constexpr std::size_t kHexDataOffset = 4;
 inline constexpr std::size_t kHexFrameBytes = kHexDataOffset + 1;
+inline constexpr std::size_t kHexAddressBytes = 2;  // of data, in the address records
 // A little more than the 520 of the longest regular record.
 inline constexpr std::size_t kMaxHexDigits = 534;
 inline constexpr std::size_t kMaxHexRecordBytes = kMaxHexDigits / 2;
+// What can stand behind count, address and type.
+inline constexpr std::size_t kHexRoom = kMaxHexRecordBytes - kHexDataOffset;
+// With so much text at hand, colon and the character behind the digits included, a record shows
+// whether it is well-formed.
+inline constexpr std::size_t kMaxHexRecordText = 1 + kMaxHexDigits + 1;
 
 enum HexRecordType : std::uint8_t {
   kHexData = 0,
@@ -30,49 +37,48 @@ enum HexRecordType : std::uint8_t {
   kHexExtendedLinearAddress = 4,
 };
 
-// What a character means inside a record: the value of a digit, or one of the two below.
-inline constexpr std::uint8_t kHexEndsRecord = 0x10;
-inline constexpr std::uint8_t kHexNoDigit = 0x20;
+// What a character means inside a record: the value of a digit, or one of the two below. Both stay
+// recognisable when two characters are joined to a byte.
+inline constexpr std::uint16_t kHexEndsRecord = 0x100;
+inline constexpr std::uint16_t kHexNoDigit = 0x200;
 
-constexpr std::array<std::uint8_t, 256> MakeHexDigitTable() {
-  std::array<std::uint8_t, 256> table{};
+constexpr std::array<std::uint16_t, 256> MakeHexDigitTable() {
+  std::array<std::uint16_t, 256> table{};
   table.fill(kHexNoDigit);
-  for (std::uint8_t i = 0; i < 10; ++i) table[std::size_t{'0'} + i] = i;
-  for (std::uint8_t i = 0; i < 6; ++i) {
-    table[std::size_t{'A'} + i] = table[std::size_t{'a'} + i] = static_cast<std::uint8_t>(10 + i);
+  for (std::uint16_t i = 0; i < 10; ++i) table[std::size_t{'0'} + i] = i;
+  for (std::uint16_t i = 0; i < 6; ++i) {
+    table[std::size_t{'A'} + i] = table[std::size_t{'a'} + i] = static_cast<std::uint16_t>(10 + i);
   }
   table['\r'] = table['\n'] = table['\0'] = kHexEndsRecord;
   return table;
 }
 
-inline constexpr std::array<std::uint8_t, 256> kHexDigits = MakeHexDigitTable();
+inline constexpr std::array<std::uint16_t, 256> kHexDigits = MakeHexDigitTable();
 
 struct HexRecord {
-  std::array<std::uint8_t, kMaxHexRecordBytes> bytes;
-  std::size_t size;
+  std::uint8_t count;
+  std::uint16_t address;
+  std::uint8_t type;
+  const std::uint8_t* tail;  // the bytes behind these: data and checksum
+  std::size_t size;          // of the whole record
+  std::uint8_t sum;          // of all its bytes
 
-  std::uint8_t Count() const { return bytes[0]; }
-  std::uint16_t Address() const { return Word(1); }
-  std::uint8_t Type() const { return bytes[3]; }
-  const std::uint8_t* Data() const { return bytes.data() + kHexDataOffset; }
-  std::uint8_t Checksum() const { return bytes[size - 1]; }
+  std::uint8_t Checksum() const { return tail[size - kHexFrameBytes]; }
 
   // The value of an address record.
-  std::uint16_t AddressValue() const { return Word(kHexDataOffset); }
+  std::uint16_t AddressValue() const { return static_cast<std::uint16_t>(tail[0] << 8 | tail[1]); }
 
   bool Holds(std::size_t dataBytes) const { return size >= kHexFrameBytes + dataBytes; }
 
   // The checksum that makes the frame and the first `dataBytes` data bytes add up to nothing.
   std::uint8_t ChecksumOf(std::size_t dataBytes) const {
-    unsigned sum = 0;
-    for (std::size_t i = 0; i < kHexDataOffset + dataBytes; ++i) sum += bytes[i];
-    return static_cast<std::uint8_t>(0 - sum);
+    unsigned counted = count + (address >> 8U) + (address & 0xFFU) + type;
+    for (std::size_t i = 0; i < dataBytes; ++i) counted += tail[i];
+    return static_cast<std::uint8_t>(0 - counted);
   }
-  bool ChecksumFits(std::size_t dataBytes) const { return ChecksumOf(dataBytes) == Checksum(); }
-
- private:
-  std::uint16_t Word(std::size_t offset) const {
-    return static_cast<std::uint16_t>(bytes[offset] << 8 | bytes[offset + 1]);
+  bool ChecksumFits(std::size_t dataBytes) const {
+    if (size == kHexFrameBytes + dataBytes) return sum == 0;
+    return ChecksumOf(dataBytes) == Checksum();
   }
 };
 
@@ -83,7 +89,7 @@ class HexAddressBase {
 
   void Set(const HexRecord& record) {
     const std::uint32_t value = record.AddressValue();
-    m_base = record.Type() == kHexExtendedSegmentAddress ? value << 4 : value << 16;
+    m_base = record.type == kHexExtendedSegmentAddress ? value << 4 : value << 16;
   }
 
  private:
@@ -92,32 +98,65 @@ class HexAddressBase {
 
 // The start of the line behind the one that holds `position`; `end` when that is the last one.
 inline const std::uint8_t* NextHexLine(const std::uint8_t* position, const std::uint8_t* end) {
-  if (position == end) return end;
-  const auto left = static_cast<std::size_t>(end - position);
-  const auto* lineFeed = static_cast<const std::uint8_t*>(std::memchr(position, '\n', left));
-  return lineFeed == nullptr ? end : lineFeed + 1;
+  while (position != end) {
+    if (*position++ == '\n') break;
+  }
+  return position;
 }
 
-// Decodes the record of the line that begins at `line`, which is before `end`. Returns where the
-// next line begins, or null when the line is not a well-formed record. The rest of a line behind
-// its record is a comment that nobody looks at.
-inline const std::uint8_t* DecodeHexLine(const std::uint8_t* line, const std::uint8_t* end,
-                                         HexRecord& record) {
-  if (*line != ':') return nullptr;
+// The byte of two digits; more than 0xFF when one of them is no digit.
+inline unsigned DecodeHexPair(const std::uint8_t* text) {
+  return unsigned{kHexDigits[text[0]]} << 4 | kHexDigits[text[1]];
+}
+
+// Decodes pairs of digits, at most `count` of them, up to the first character that is no digit.
+// Returns their number and adds them to `sum`.
+inline std::size_t DecodeHexPairs(const std::uint8_t* text, std::size_t count, std::uint8_t* bytes,
+                                  unsigned& sum) {
+  for (std::size_t i = 0; i < count; ++i) {
+    const unsigned value = DecodeHexPair(text + 2 * i);
+    if (value > 0xFF) return i;
+    bytes[i] = static_cast<std::uint8_t>(value);
+    sum += value;
+  }
+  return count;
+}
+
+// Decodes the record that begins at `line`, which is before `end`. What is behind its type goes to
+// `room`, which has room for kHexRoom bytes and is what the record's tail points to. Returns where
+// the text of the record ends, or null when it is not well-formed. What stands behind it in its line
+// is a comment that nobody looks at.
+inline const std::uint8_t* DecodeHexRecord(const std::uint8_t* line, const std::uint8_t* end,
+                                           HexRecord& record, std::uint8_t* room) {
   const std::uint8_t* position = line + 1;
   const std::size_t pairs =
       std::min(static_cast<std::size_t>(end - position) / 2, kMaxHexRecordBytes);
-  std::size_t size = 0;
-  for (; size < pairs; ++size, position += 2) {
-    const unsigned high = kHexDigits[position[0]];
-    const unsigned low = kHexDigits[position[1]];
-    if ((high | low) > 0xF) break;
-    record.bytes[size] = static_cast<std::uint8_t>(high << 4 | low);
+  if (*line != ':' || pairs < kHexFrameBytes) return nullptr;
+  const unsigned count = DecodeHexPair(position);
+  const unsigned high = DecodeHexPair(position + 2);
+  const unsigned low = DecodeHexPair(position + 4);
+  const unsigned type = DecodeHexPair(position + 6);
+  if ((count | high | low | type) > 0xFF) return nullptr;
+  position += 2 * kHexDataOffset;
+
+  unsigned sum = count + high + low + type;
+  const std::size_t most = pairs - kHexDataOffset;
+  std::size_t size = DecodeHexPairs(position, std::min<std::size_t>(count + 1, most), room, sum);
+  if (size < most && kHexDigits[position[2 * size]] <= 0xF) {
+    // More than the byte count promises.
+    size += DecodeHexPairs(position + 2 * size, most - size, room + size, sum);
   }
+  position += 2 * size;
   // A digit here is one without a partner, or one too many.
   if (position != end && kHexDigits[*position] != kHexEndsRecord) return nullptr;
-  record.size = size;
-  return record.Holds(0) ? NextHexLine(position, end) : nullptr;
+
+  record.count = static_cast<std::uint8_t>(count);
+  record.address = static_cast<std::uint16_t>(high << 8 | low);
+  record.type = static_cast<std::uint8_t>(type);
+  record.tail = room;
+  record.size = kHexDataOffset + size;
+  record.sum = static_cast<std::uint8_t>(sum);
+  return record.Holds(0) ? position : nullptr;
 }
 
 }  // namespace tavo

@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
-#include <utility>
+#include <string>
 
 #include "miniz.h"
 #include "package/file_reading.h"
@@ -17,7 +17,8 @@ namespace {
 // While miniz reads the directory of an archive it looks for the extra field of a member, behind a
 // name of up to 64 KiB, before it has checked that name and field, up to 64 KiB too, lie within the
 // directory. Every block is therefore longer than asked for, and zero there: a field of zeros means
-// nothing, and the check that follows turns the archive down.
+// nothing, and the check that follows turns the archive down. Once the directory has been read, blocks
+// are what they are asked for: thousands of small members would take their time for the zeros.
 constexpr std::size_t kZeroTail = 2 * 0x10000;
 
 // The size of a block of `items` times `itemSize` bytes and its tail; 0 when it is beyond all
@@ -42,20 +43,25 @@ void* ResizeBlock(void*, void* block, std::size_t items, std::size_t itemSize) {
 
 void FreeBlock(void*, void* block) { std::free(block); }
 
-// Takes what miniz unpacks, piece by piece, so that a member costs no more memory than it has bytes.
-struct Unpacked {
+void* AllocatePlainBlock(void*, std::size_t items, std::size_t itemSize) {
+  return BlockSize(items, itemSize) == 0 ? nullptr : std::malloc(items * itemSize);
+}
+
+// Hands on what miniz unpacks, up to a bound.
+struct Unpacking {
+  TextSink& sink;
   std::size_t maxSize;
-  std::vector<std::uint8_t> bytes{};
+  std::size_t size = 0;  // so far
 };
 
 // Returns fewer than `size` to stop the unpacking. miniz is C: nothing may be thrown through it.
 std::size_t TakeBytes(void* opaque, mz_uint64 /*offset*/, const void* data, std::size_t size) try {
-  auto& [maxSize, bytes] = *static_cast<Unpacked*>(opaque);
-  if (size > maxSize - bytes.size()) return 0;
-  const auto* piece = static_cast<const std::uint8_t*>(data);
-  bytes.insert(bytes.end(), piece, piece + size);
+  auto& unpacking = *static_cast<Unpacking*>(opaque);
+  if (size > unpacking.maxSize - unpacking.size) return 0;
+  unpacking.sink.OnBytes({static_cast<const std::uint8_t*>(data), size});
+  unpacking.size += size;
   return size;
-} catch (const std::bad_alloc&) {
+} catch (...) {
   return 0;
 }
 
@@ -68,6 +74,7 @@ class ZipReader {
     m_isOpen = m_file != nullptr &&
                mz_zip_reader_init_cfile(&m_archive, m_file.get(), 0,
                                         MZ_ZIP_FLAG_DO_NOT_SORT_CENTRAL_DIRECTORY) != 0;
+    m_archive.m_pAlloc = AllocatePlainBlock;
   }
 
   ~ZipReader() {
@@ -79,7 +86,7 @@ class ZipReader {
 
   bool IsOpen() const { return m_isOpen; }
 
-  mz_uint MemberCount() { return m_isOpen ? mz_zip_reader_get_num_files(&m_archive) : 0; }
+  mz_uint MemberCount() { return mz_zip_reader_get_num_files(&m_archive); }
 
   bool IsFolder(mz_uint index) { return mz_zip_reader_is_file_a_directory(&m_archive, index) != 0; }
 
@@ -93,13 +100,14 @@ class ZipReader {
     return name;
   }
 
-  // The whole member is in `unpacked` when its fate is Unpacked. If not, `unpacked` holds what came
-  // before the failure.
-  MemberFate Unpack(mz_uint index, Unpacked& unpacked) {
+  // The sink has got the whole member when its fate is Unpacked. If not, it has got what came before
+  // the failure.
+  MemberFate Unpack(mz_uint index, Unpacking& unpacking) {
     mz_zip_archive_file_stat status;
     if (mz_zip_reader_file_stat(&m_archive, index, &status) == 0) return MemberFate::Damaged;
-    if (status.m_uncomp_size > unpacked.maxSize) return MemberFate::TooLarge;
-    if (mz_zip_reader_extract_to_callback(&m_archive, index, TakeBytes, &unpacked, 0) != 0) {
+    if (status.m_uncomp_size > unpacking.maxSize) return MemberFate::TooLarge;
+    unpacking.sink.OnBegin(static_cast<std::size_t>(status.m_uncomp_size));
+    if (mz_zip_reader_extract_to_callback(&m_archive, index, TakeBytes, &unpacking, 0) != 0) {
       return MemberFate::Unpacked;
     }
     switch (mz_zip_peek_last_error(&m_archive)) {
@@ -109,8 +117,8 @@ class ZipReader {
       case MZ_ZIP_WRITE_CALLBACK_FAILED: return MemberFate::TooLarge;
       case MZ_ZIP_DECOMPRESSION_FAILED:
       case MZ_ZIP_CRC_CHECK_FAILED:
-        return unpacked.bytes.size() == status.m_uncomp_size ? MemberFate::BadChecksum
-                                                             : MemberFate::Damaged;
+        return unpacking.size == status.m_uncomp_size ? MemberFate::BadChecksum
+                                                      : MemberFate::Damaged;
       default: return MemberFate::Damaged;
     }
   }
@@ -125,7 +133,7 @@ class ZipReader {
   bool m_isOpen = false;
 };
 
-// What unpacking an archive may still cost, in bytes. Damaged members are not kept, but take their
+// What unpacking an archive may still cost, in bytes. Damaged members are of no use, but take their
 // time: without a bound on it, thousands of members that share the same packed bytes and fail at the
 // end would take hours.
 struct Budget {
@@ -133,46 +141,37 @@ struct Budget {
   std::size_t unpacked = 2 * kMaxUpdateTextBytes;
 };
 
-MemberFate AddMember(ZipReader& reader, mz_uint index, const std::string& name,
-                     bool (*wanted)(std::string_view name), Budget& budget, ZipMembers& members) {
+MemberFate VisitMember(ZipReader& reader, mz_uint index, const std::string& name, Budget& budget,
+                       ZipVisitor& visitor) {
   if (reader.IsFolder(index)) return MemberFate::Folder;
-  if (!wanted(name)) return MemberFate::NotWanted;
-  Unpacked unpacked{std::min(budget.kept, budget.unpacked)};
-  const MemberFate fate = reader.Unpack(index, unpacked);
-  budget.unpacked -= unpacked.bytes.size();
-  if (fate != MemberFate::Unpacked) return fate;
-  budget.kept -= unpacked.bytes.size();
-  members.insert_or_assign(name, std::move(unpacked.bytes));
+  if (!visitor.Wants(name)) return MemberFate::NotWanted;
+  Unpacking unpacking{visitor, std::min(budget.kept, budget.unpacked)};
+  const MemberFate fate = reader.Unpack(index, unpacking);
+  budget.unpacked -= unpacking.size;
+  if (fate == MemberFate::Unpacked) budget.kept -= unpacking.size;
   return fate;
 }
 
-void VisitMember(ZipReader& reader, mz_uint index, bool (*wanted)(std::string_view name),
-                 Budget& budget, ZipMembers& members, ZipObserver* observer) {
+void VisitMember(ZipReader& reader, mz_uint index, Budget& budget, ZipVisitor& visitor) {
   std::string name;
   MemberFate fate = MemberFate::TooLarge;
   try {
     name = reader.Name(index);
-    fate = AddMember(reader, index, name, wanted, budget, members);
+    fate = VisitMember(reader, index, name, budget, visitor);
   } catch (const std::bad_alloc&) {
     // A smaller member may still fit.
   }
-  if (observer == nullptr) return;
-  observer->OnMember(name, fate, fate == MemberFate::Damaged ? reader.LastError() : "");
+  visitor.OnMember(name, fate, fate == MemberFate::Damaged ? reader.LastError() : "");
 }
 
 }  // namespace
 
-ZipMembers ExtractZipMembers(const std::string& path, bool (*wanted)(std::string_view name),
-                             ZipObserver* observer) {
-  ZipMembers members;
+void VisitZipMembers(const std::string& path, ZipVisitor& visitor) {
   ZipReader reader(path);
-  if (!reader.IsOpen() && observer != nullptr) observer->OnNoArchive();
+  if (!reader.IsOpen()) return visitor.OnNoArchive();
   Budget budget;
   const mz_uint count = reader.MemberCount();
-  for (mz_uint index = 0; index < count; ++index) {
-    VisitMember(reader, index, wanted, budget, members, observer);
-  }
-  return members;
+  for (mz_uint index = 0; index < count; ++index) VisitMember(reader, index, budget, visitor);
 }
 
 }  // namespace tavo

@@ -1,18 +1,14 @@
-// Unpacks the members of a ZIP archive into memory, for the update file reader. Nothing is ever
-// written. What is damaged is left out without a message; who wants to know more observes.
+// Unpacks the members of a ZIP archive, for the update file reader. Nothing is ever written, and no
+// member is in memory as a whole: who visits the archive gets the bytes as they are unpacked.
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
-#include <vector>
+
+#include "package/file_reading.h"
 
 namespace tavo {
-
-// Member name, as stored but with every backslash turned into '/', to member bytes. The order is
-// that of the bytes of the names.
-using ZipMembers = std::map<std::string, std::vector<std::uint8_t>>;
 
 enum class MemberFate {
   Unpacked,
@@ -25,26 +21,25 @@ enum class MemberFate {
   Damaged,
 };
 
-// Looks on while an archive is read. What an observer throws ends the reading.
-class ZipObserver {
+// Whom the archive is read for. Names are as stored but with every backslash turned into '/'.
+class ZipVisitor : public TextSink {
  public:
-  virtual ~ZipObserver() = default;
-
   // The archive cannot be opened, and no member follows.
   virtual void OnNoArchive() = 0;
 
-  // For every member, in the order of the archive's directory. `detail` is the unpacker's own word
-  // on a damaged member and empty for the others.
+  // Whether a member is to be unpacked; one that is not costs nothing. Not asked for folders.
+  virtual bool Wants(const std::string& name) = 0;
+
+  // For every member, in the order of the archive's directory, behind the bytes of those that are
+  // unpacked. Only with Unpacked they are all there and undamaged. `detail` is the unpacker's own
+  // word on a damaged member and empty for the others.
   virtual void OnMember(const std::string& name, MemberFate fate, std::string_view detail) = 0;
 };
 
-// Unpacks the members for whose name `wanted` is true; the others cost nothing. Left out are
-// folders, members that are encrypted, packed by an unknown method or damaged, and those that do
-// not fit into memory or into what is left of kMaxUpdateTextBytes for the whole archive; unpacking
-// stops there, whatever size the archive claims. Of two members of one name the later one stays.
-// Empty when the archive cannot be opened. Throws nothing, save what the observer throws; without
-// one (null) nothing is kept about members that are left out.
-ZipMembers ExtractZipMembers(const std::string& path, bool (*wanted)(std::string_view name),
-                             ZipObserver* observer = nullptr);
+// Left out are folders, members that are encrypted, packed by an unknown method or damaged, and
+// those that do not fit into what is left of kMaxUpdateTextBytes for the whole archive; unpacking
+// stops there, whatever size the archive claims. A member is too large, too, when the visitor has no
+// memory for its bytes. Throws nothing but what the visitor throws, except in OnBytes.
+void VisitZipMembers(const std::string& path, ZipVisitor& visitor);
 
 }  // namespace tavo

@@ -1,6 +1,7 @@
 #include "hex_survey.h"
 
 #include <algorithm>
+#include <array>
 
 #include "package/hex_record.h"
 #include "text_format.h"
@@ -10,15 +11,13 @@ namespace {
 
 using Position = const std::uint8_t*;
 
-constexpr std::size_t kAddressValueBytes = 2;
-
 bool IsBlank(std::uint8_t c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
 std::string Shown(std::uint8_t c) {
   return c > ' ' && c < 0x7F ? Format("'%c'", c) : Format("the byte 0x%02X", c);
 }
 
-// Why DecodeHexLine refuses the line; called for such lines only.
+// Why DecodeHexRecord refuses the line; called for such lines only.
 class LineFault {
  public:
   LineFault(Position line, Position end) : m_line(line), m_end(end) {
@@ -82,24 +81,25 @@ class Surveyor {
   bool VisitLine() {
     ++m_number;
     const Position line = m_position;
-    m_position = DecodeHexLine(line, m_end, m_record);
-    if (m_position == nullptr) {
+    const Position behind = DecodeHexRecord(line, m_end, m_record, m_room.data());
+    if (behind == nullptr) {
       m_survey.fault = LineFault(line, m_end).Explain(m_number);
       return false;
     }
+    m_position = NextHexLine(behind, m_end);
     VisitRecord();
-    if (!m_survey.fault) LookBehindRecord(line);
-    return m_record.Type() == kHexEndOfFile;
+    if (!m_survey.fault) LookBehindRecord(behind);
+    return m_record.type == kHexEndOfFile;
   }
 
   void VisitRecord() {
-    switch (m_record.Type()) {
+    switch (m_record.type) {
       case kHexData:
-        if (Check(m_record.Count())) VisitData();
+        if (Check(m_record.count)) VisitData();
         break;
       case kHexExtendedSegmentAddress:
       case kHexExtendedLinearAddress:
-        if (Check(kAddressValueBytes)) m_base.Set(m_record);
+        if (Check(kHexAddressBytes)) m_base.Set(m_record);
         break;
       case kHexEndOfFile: Check(0); break;
       default: VisitUnusedRecord(); break;
@@ -127,7 +127,7 @@ class Surveyor {
   }
 
   void VisitData() {
-    const std::uint32_t address = m_base.Absolute(m_record.Address());
+    const std::uint32_t address = m_base.Absolute(m_record.address);
     if (m_hasData && address != m_expected) {
       if (m_jumps.size() < kMaxHexWarnings) {
         m_jumps.push_back({m_number, address, m_expected, m_offset});
@@ -137,15 +137,15 @@ class Surveyor {
     }
     m_hasData = true;
     m_start = std::min(m_start, address);
-    m_expected = std::uint64_t{address} + m_record.Count();
-    m_offset += m_record.Count();
-    const std::size_t extra = m_record.size - kHexFrameBytes - m_record.Count();
+    m_expected = std::uint64_t{address} + m_record.count;
+    m_offset += m_record.count;
+    const std::size_t extra = m_record.size - kHexFrameBytes - m_record.count;
     if (extra > 0) Warn(Format("%zu bytes between data and checksum are ignored", extra));
   }
 
   void VisitUnusedRecord() {
-    if (m_record.Type() != 3 && m_record.Type() != 5) {
-      Warn(Format("the record is of the unknown type 0x%02X and is ignored", m_record.Type()));
+    if (m_record.type != 3 && m_record.type != 5) {
+      Warn(Format("the record is of the unknown type 0x%02X and is ignored", m_record.type));
     } else if (!m_record.ChecksumFits(m_record.size - kHexFrameBytes)) {
       Warn("start address record, which is ignored, with a " +
            ChecksumText(m_record.size - kHexFrameBytes));
@@ -153,8 +153,7 @@ class Surveyor {
   }
 
   // A file with the line ends of an old system is one single line to the converter.
-  void LookBehindRecord(Position line) {
-    const Position behind = line + 1 + 2 * m_record.size;
+  void LookBehindRecord(Position behind) {
     if (!std::all_of(behind, m_position, [](std::uint8_t c) { return IsBlank(c) || c == 0; })) {
       Warn("the text behind the record is ignored");
     }
@@ -194,6 +193,7 @@ class Surveyor {
   Position m_position;  // the start of the next line
   Position m_end;
   std::size_t m_number = 0;  // of the line in hand
+  std::array<std::uint8_t, kHexRoom> m_room{};
   HexRecord m_record{};
   HexAddressBase m_base;
   bool m_hasData = false;

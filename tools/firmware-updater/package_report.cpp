@@ -63,9 +63,22 @@ class Collector : public UpdateFileObserver {
   explicit Collector(PackageReport& report) : m_report(report) {}
 
   bool IsNoArchive() const { return m_isNoArchive; }
-  std::size_t Images() const { return m_images; }
+
+  // When all has been read: numbers the images. Returns how many there are.
+  std::size_t NumberImages() {
+    std::size_t images = 0;
+    for (const auto& [name, index] : m_texts) {
+      MemberReport& member = m_report.members[index];
+      if (member.image) member.image = images++;
+    }
+    return images;
+  }
 
   void OnNoArchive() override { m_isNoArchive = true; }
+
+  void OnText(std::span<const std::uint8_t> piece) override {
+    m_text.insert(m_text.end(), piece.begin(), piece.end());
+  }
 
   void OnMember(const std::string& name, MemberFate fate, std::string_view detail) override {
     const auto& row = *std::find_if(kFates.begin(), kFates.end(),
@@ -73,21 +86,19 @@ class Collector : public UpdateFileObserver {
     const std::size_t index = AddMember(name);
     m_report.members[index].verdict = row.verdict;
     m_report.members[index].reason = Reason(row, name, detail);
-    if (fate != MemberFate::Unpacked) return;
-    const auto [place, isFirst] = m_unpacked.try_emplace(name, index);
+    if (fate != MemberFate::Unpacked) return m_text.clear();
+    const auto [place, isFirst] = m_texts.try_emplace(name, index);
     if (isFirst) return;
-    MemberReport& earlier = m_report.members[place->second];
-    earlier.verdict = Verdict::Replaced;
-    earlier.reason = "a later member has the same name";
+    m_report.members[place->second] = {
+        .name = name, .verdict = Verdict::Replaced, .reason = "a later member has the same name"};
     m_report.members[index].warnings.push_back("it replaces an earlier member of the same name");
     place->second = index;
   }
 
-  void OnConverted(const std::string& name, std::span<const std::uint8_t> text,
-                   HexResult result) override {
-    const auto place = m_unpacked.find(name);
-    MemberReport& member =
-        m_report.members[place == m_unpacked.end() ? AddMember(name) : place->second];
+  void OnConverted(const std::string& name, HexResult result) override {
+    const auto [place, isSingleFile] = m_texts.try_emplace(name, m_report.members.size());
+    MemberReport& member = m_report.members[isSingleFile ? AddMember(name) : place->second];
+    const std::vector<std::uint8_t> text = std::exchange(m_text, {});
     if (result == HexResult::OutOfMemory) {
       member.verdict = Verdict::TooLarge;
       member.reason = "it does not fit into memory";
@@ -96,7 +107,7 @@ class Collector : public UpdateFileObserver {
     HexSurvey survey = SurveyHex(text);
     std::ranges::move(survey.warnings, std::back_inserter(member.warnings));
     if (result == HexResult::Ok) {
-      member.image = m_images++;
+      member.image = 0;  // which one is known at the end
     } else {
       Leave(member, survey.fault.value_or(HexFault{}));
     }
@@ -116,8 +127,8 @@ class Collector : public UpdateFileObserver {
   }
 
   PackageReport& m_report;
-  std::map<std::string, std::size_t> m_unpacked{};  // index of the last member of a name
-  std::size_t m_images = 0;
+  std::vector<std::uint8_t> m_text{};            // of the HEX file that is being read
+  std::map<std::string, std::size_t> m_texts{};  // index of the last member of a name
   bool m_isNoArchive = false;
 };
 
@@ -347,7 +358,7 @@ void ReadImages(PackageReport& report) {
   Collector collector(report);
   std::vector<FirmwareImage> images = LoadUpdateFile(report.path, &collector);
   if (collector.IsNoArchive()) return Refuse(report, ExplainNoArchive(report.path));
-  if (images.size() != collector.Images()) throw std::bad_alloc();
+  if (images.size() != collector.NumberImages()) throw std::bad_alloc();
   for (FirmwareImage& image : images) report.images.push_back(Describe(std::move(image)));
   for (const MemberReport& member : report.members) {
     if (member.image) report.images[*member.image].member = member.name;
