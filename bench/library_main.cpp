@@ -1,0 +1,67 @@
+// The parts of the library that run without a device, as Google Benchmark measures them.
+#include <benchmark/benchmark.h>
+
+#include <map>
+#include <random>
+
+#include "bench/bench_files.h"
+#include "simulator/firmware_builder.h"
+
+namespace tavo::bench {
+namespace {
+
+class Folder {
+ public:
+  Folder() : m_path((std::filesystem::temp_directory_path() / "tavo-bench-XXXXXX").string()) {
+    if (mkdtemp(m_path.data()) == nullptr) throw std::runtime_error(m_path + " cannot be made");
+  }
+  Folder(const Folder&) = delete;
+  Folder& operator=(const Folder&) = delete;
+  ~Folder() {
+    std::error_code ignored;
+    std::filesystem::remove_all(m_path, ignored);
+  }
+  std::filesystem::path Path() const { return m_path; }
+
+ private:
+  std::string m_path;
+};
+
+}  // namespace
+
+const std::vector<std::uint8_t>& HexTextOf(std::size_t mebibytes) {
+  static std::map<std::size_t, std::vector<std::uint8_t>> texts;
+  std::vector<std::uint8_t>& text = texts[mebibytes];
+  if (text.empty()) {
+    tavosim::Firmware firmware{std::vector<std::uint8_t>(mebibytes << 20), 0, 0};
+    std::minstd_rand random(1);
+    for (std::uint8_t& byte : firmware.data) byte = static_cast<std::uint8_t>(random() >> 8);
+    const std::string made = tavosim::HexText(firmware);
+    text.assign(made.begin(), made.end());
+  }
+  return text;
+}
+
+std::string FilePath(const std::string& name) {
+  static const Folder folder;
+  return folder.Path() / name;
+}
+
+std::string HexFileOf(std::size_t mebibytes) {
+  const std::vector<std::uint8_t>& text = HexTextOf(mebibytes);
+  std::string path = FilePath(std::to_string(mebibytes) + ".hex");
+  if (!std::filesystem::exists(path)) {
+    tavosim::WriteFile(path, {reinterpret_cast<const char*>(text.data()), text.size()});
+  }
+  return path;
+}
+
+}  // namespace tavo::bench
+
+int main(int argc, char** argv) {
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+  benchmark::RunSpecifiedBenchmarks();
+  benchmark::Shutdown();
+  return 0;
+}
