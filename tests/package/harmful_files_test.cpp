@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <limits>
 #include <new>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -167,6 +168,29 @@ TEST_F(HarmfulFiles, MemberThatDoesNotFitIntoMemoryIsLeftOutAlone) {
 }
 
 #ifndef _WIN32
+// Cuts the file off while it is read.
+class CuttingSink : public TextSink {
+ public:
+  explicit CuttingSink(std::string path) : m_path(std::move(path)) {}
+  void OnBegin(std::size_t) override {}
+  void OnBytes(std::span<const std::uint8_t> piece) override {
+    taken += piece.size();
+    std::filesystem::resize_file(m_path, taken + 1);
+  }
+  std::size_t taken = 0;
+
+ private:
+  std::string m_path;
+};
+
+TEST_F(HarmfulFiles, FileThatShrinksMeanwhileHasWhatWasRead) {
+  tavosim::WriteFile(Path("fw.hex"), OneByte(1, kMiB));
+  CuttingSink sink(Path("fw.hex"));
+  ReadFile(Path("fw.hex"), sink);
+  EXPECT_GT(sink.taken, 1u);
+  EXPECT_LT(sink.taken, kMiB);
+}
+
 TEST_F(HarmfulFiles, WhatIsNoFileIsNotWaitedFor) {
   for (const std::string kind : {".hex", ".zip"}) {
     ASSERT_EQ(mkfifo(Path("pipe" + kind).c_str(), 0600), 0);
