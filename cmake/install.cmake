@@ -1,6 +1,7 @@
 # What `cmake --install` puts where: the library with header, CMake package and pkg-config file; the
-# host tool with manual pages, completions and the simulator; the udev rules. Three components, of
-# which packages are made: library, development, tool.
+# host tool with manual pages, completions and the simulator; the udev rules. The components, of
+# which packages are made: library; common, what it shares with other versions of itself and with
+# the tool; development; tool.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -9,7 +10,8 @@ set(TAVO_CMAKE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/FirmwareUpdater)
 install(TARGETS FirmwareUpdater EXPORT FirmwareUpdaterTargets
   RUNTIME COMPONENT library
   LIBRARY COMPONENT library NAMELINK_COMPONENT development
-  ARCHIVE COMPONENT development)
+  ARCHIVE COMPONENT development
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES include/firmware_updater.h TYPE INCLUDE COMPONENT development)
 install(EXPORT FirmwareUpdaterTargets NAMESPACE FirmwareUpdater::
   DESTINATION ${TAVO_CMAKE_DIR} COMPONENT development)
@@ -19,7 +21,7 @@ write_basic_package_version_file(FirmwareUpdaterConfigVersion.cmake COMPATIBILIT
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/FirmwareUpdaterConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/FirmwareUpdaterConfigVersion.cmake
   DESTINATION ${TAVO_CMAKE_DIR} COMPONENT development)
-install(FILES CHANGELOG.md THIRD-PARTY-NOTICES.md TYPE DOC COMPONENT library)
+install(FILES CHANGELOG.md THIRD-PARTY-NOTICES.md TYPE DOC COMPONENT common)
 if(WIN32)
   return()
 endif()
@@ -32,8 +34,8 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/firmware-updater.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
 # udev reads lib/udev below /usr and /usr/local only; whoever installs elsewhere copies the rule.
-install(FILES packaging/70-firmware-updater.rules DESTINATION lib/udev/rules.d COMPONENT library)
-install(FILES packaging/70-firmware-updater-ftdi.rules TYPE DOC COMPONENT library)
+install(FILES packaging/70-firmware-updater.rules DESTINATION lib/udev/rules.d COMPONENT common)
+install(FILES packaging/70-firmware-updater-ftdi.rules TYPE DOC COMPONENT common)
 
 install(TARGETS firmware-updater tavo-simulator COMPONENT tool)
 # Where the tool looks for it, and no linker does.
@@ -49,10 +51,10 @@ add_custom_command(
   OUTPUT ${generated}/firmware-updater.1.gz ${generated}/tavo-simulator.1.gz
          ${generated}/firmware-updater ${generated}/_firmware-updater
   COMMAND ${CMAKE_COMMAND} -E make_directory ${generated}
-  COMMAND $<TARGET_FILE:firmware-updater> generate man | gzip -9n > ${generated}/firmware-updater.1.gz
+  COMMAND firmware-updater generate man | gzip -9n > ${generated}/firmware-updater.1.gz
   COMMAND gzip -9nc ${simulator_page} > ${generated}/tavo-simulator.1.gz
-  COMMAND $<TARGET_FILE:firmware-updater> generate bash > ${generated}/firmware-updater
-  COMMAND $<TARGET_FILE:firmware-updater> generate zsh > ${generated}/_firmware-updater
+  COMMAND firmware-updater generate bash > ${generated}/firmware-updater
+  COMMAND firmware-updater generate zsh > ${generated}/_firmware-updater
   DEPENDS firmware-updater ${simulator_page}
   VERBATIM)
 add_custom_target(tavo_generated ALL DEPENDS ${generated}/firmware-updater.1.gz)

@@ -21,36 +21,44 @@ set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE "")
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_COMPONENTS_ALL library development tool)
+set(CPACK_COMPONENTS_ALL library common development tool)
 # Each component's description brings its own summary.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 
 set(library_package libfirmwareupdater${PROJECT_VERSION_MAJOR})
-set(same_library "${library_package} (= ${PROJECT_VERSION})")
+set(common_package "libfirmwareupdater-common (>= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_NAME ${library_package})
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_SECTION libs)
+set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS ${common_package})
 set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "firmware updates for modules on the Tavo bus - library
 A shared library that updates the firmware of control modules on the Tavo
-bus, over USB or through an FTDI USB-serial adapter, with the udev rule that
-lets the person at the machine use them.")
+bus, over USB or through an FTDI USB-serial adapter.")
 # Written here because CPack would also offer the substitute libusb of the tool to other packages.
 file(CONFIGURE OUTPUT debian/shlibs CONTENT "libFirmwareUpdater @PROJECT_VERSION_MAJOR@ ${library_package}\n")
 file(CONFIGURE OUTPUT debian/triggers CONTENT "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
-  ${CMAKE_BINARY_DIR}/debian/shlibs ${CMAKE_BINARY_DIR}/debian/triggers
+  ${CMAKE_BINARY_DIR}/debian/shlibs ${CMAKE_BINARY_DIR}/debian/triggers)
+
+set(CPACK_DEBIAN_COMMON_PACKAGE_NAME libfirmwareupdater-common)
+set(CPACK_DEBIAN_COMMON_PACKAGE_SECTION misc)
+set(CPACK_DEBIAN_COMMON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_COMMON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_COMMON_DESCRIPTION "firmware updates for modules on the Tavo bus - udev rule
+The udev rule that lets the person at the machine use control modules on USB,
+another one for FTDI adapters that is not in force by itself, and documents.")
+set(CPACK_DEBIAN_COMMON_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/debian/postinst ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libfirmwareupdater-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
-set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS ${same_library})
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "firmware updates for modules on the Tavo bus - header
 What a host program in C or C++ is built with: the header of the library, its
 CMake package and its pkg-config file.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME firmware-updater)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
-# For the udev rule.
-set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS ${same_library})
+set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS ${common_package})
 set(CPACK_DEBIAN_TOOL_DESCRIPTION "firmware updates for modules on the Tavo bus - tool
 A command that lists control modules on the Tavo bus, looks into update files,
 updates devices and brings interrupted ones back; and simulated devices to try

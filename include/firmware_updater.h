@@ -131,7 +131,7 @@ void FIRMWARE_UPDATER_CALL stop_update(void);
  * @param[in] baudRate           of the line, in bits per second
  * @param[in] echo               the adapter hears every byte that it sends
  * @param[in] updateFile         path of the update file: .hex, or .zip with .hex files inside
- * @param[in] skipIdentityCheck  do not ask for device ids, do not check the hardware id
+ * @param[in] skipIdentityCheck  ask for no device ids, check no hardware id, set no label
  * @param[in] extendedErase      erase mode 3 instead of 1
  * @param[in] bootloaderOnly     no tunnel, identity, label and module requests: for a device that
  *                               sits in its bootloader without a working application and needs no
@@ -150,7 +150,7 @@ bool FIRMWARE_UPDATER_CALL update_ftdi_device(const char* serialNumber, uint32_t
  * @param[in] port               the device's port as list_devices() prints it, for example "1-4-2";
  *                               empty = the first device found
  * @param[in] updateFile         as for update_ftdi_device(), like all that follow
- * @param[in] skipIdentityCheck  do not ask for device ids, do not check the hardware id
+ * @param[in] skipIdentityCheck  ask for no device ids, check no hardware id, set no label
  * @param[in] extendedErase      erase mode 3 instead of 1
  * @param[in] bootloaderOnly     no tunnel, identity, label and module requests
  * @return as that of update_ftdi_device()

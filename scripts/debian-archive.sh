@@ -19,8 +19,8 @@ find_mirror() {
   keyring=$(sed -n 's/.*[Ss]igned-[Bb]y[:=] *\(\/[^] ]*\).*/\1/p' "${entry_file%:*}" | head -n 1)
 }
 
-# make_system ARCHITECTURE FOLDER PACKAGES...: a small Debian in a folder that does not exist yet, with
-# these packages. Takes root; on failure says why on standard error.
+# make_system ARCHITECTURE FOLDER PACKAGES...: a small Debian of this machine's release in a folder
+# that does not exist yet, with these packages. Takes root; on failure says why on standard error.
 make_system() {
   find_mirror || {
     echo "apt has no entry for the main archive of this machine's Debian release" >&2
@@ -30,7 +30,7 @@ make_system() {
   make_folder=$2
   shift 2
   debootstrap --arch="$make_architecture" --variant=minbase ${keyring:+"--keyring=$keyring"} \
-    "$archive_suite" "$make_folder" "$mirror" &&
+    "$codename" "$make_folder" "$mirror" &&
     chroot "$make_folder" env DEBIAN_FRONTEND=noninteractive \
       apt-get -qq install -y --no-install-recommends "$@" &&
     chroot "$make_folder" apt-get clean

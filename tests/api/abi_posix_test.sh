@@ -20,6 +20,6 @@ diff -u "$3" "$scratch/found" || {
   echo
   echo "The binary interface differs from its record (-), $3."
   echo "Added functions make a new minor version, anything else a new major one. If that is meant,"
-  echo "change the record, the version in CMakeLists.txt, CHANGELOG.md and src/api/exports.def too."
+  echo "change src/api/exports.map and exports.def, the record, the version in CMakeLists.txt, CHANGELOG.md."
   exit 1
 }

@@ -40,7 +40,7 @@ cc -std=c99 -Werror $(pkg-config --cflags firmware-updater) -o "$scratch/plain_h
 
 "$prefix/bin/firmware-updater" pack --family plain -o "$scratch/firmware.hex" >"$scratch/log"
 for host in "$scratch/consumer/host" "$scratch/plain_host"; do
-  objdump -p "$host" | grep -q 'NEEDED *libFirmwareUpdater.so.1$' || fail "$host is not linked with it"
+  objdump -p "$host" | grep -q "NEEDED *libFirmwareUpdater.so.${version%%.*}\$" || fail "$host is not linked with it"
   "$prefix/bin/firmware-updater" simulate -- "$host" usb '' "$scratch/firmware.hex" >"$scratch/log" ||
     fail "$(cat "$scratch/log")"
   echo "$host has updated a device"

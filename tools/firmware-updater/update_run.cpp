@@ -231,7 +231,7 @@ void AddUpdateOptions(CLI::App& command, UpdateOptions& to) {
   AddTargetOptions(command, to.target);
   command.add_flag_callback(
       "--skip-identity-check", [&to] { to.flags.checkIdentity = false; },
-      "Do not ask for device ids, do not check the hardware id");
+      "Do not ask for device ids, do not check the hardware id, set no label");
   command.add_flag("--extended-erase", to.flags.extendedErase, "Erase mode 3 instead of 1");
   command.add_flag("--json", to.json, "Report as JSON, one object a line, and nothing else");
   command
