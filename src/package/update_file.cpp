@@ -62,7 +62,7 @@ class Loader final : public ZipVisitor {
     m_images.erase(name);
     if (result != HexResult::Ok) return;
     const std::uint32_t startAddress = m_converter.StartAddress();
-    m_images.insert({name, {std::move(m_converter).Data(), startAddress}});
+    m_images[name] = {std::move(m_converter).Data(), startAddress};
   }
 
   UpdateFileObserver* m_observer;
