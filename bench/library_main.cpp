@@ -6,28 +6,9 @@
 
 #include "bench/bench_files.h"
 #include "simulator/firmware_builder.h"
+#include "testbench/temporary_folder.h"
 
 namespace tavo::bench {
-namespace {
-
-class Folder {
- public:
-  Folder() : m_path((std::filesystem::temp_directory_path() / "tavo-bench-XXXXXX").string()) {
-    if (mkdtemp(m_path.data()) == nullptr) throw std::runtime_error(m_path + " cannot be made");
-  }
-  Folder(const Folder&) = delete;
-  Folder& operator=(const Folder&) = delete;
-  ~Folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(m_path, ignored);
-  }
-  std::filesystem::path Path() const { return m_path; }
-
- private:
-  std::string m_path;
-};
-
-}  // namespace
 
 const std::vector<std::uint8_t>& HexTextOf(std::size_t mebibytes) {
   static std::map<std::size_t, std::vector<std::uint8_t>> texts;
@@ -43,7 +24,7 @@ const std::vector<std::uint8_t>& HexTextOf(std::size_t mebibytes) {
 }
 
 std::string FilePath(const std::string& name) {
-  static const Folder folder;
+  static const test::TemporaryFolder folder;
   return folder.Path() / name;
 }
 
