@@ -73,6 +73,7 @@ class Bench {
     }
     return RunCommand(command, arguments, Environment());
   }
+
   // Runs an example in Python, always on this system. Its interpreter too is a copy, which has to be
   // told where the rest of Python lies.
   Result RunPython(const std::string& example, const Words& arguments) const {

@@ -17,7 +17,7 @@ inline std::string FileText(const std::filesystem::path& path) {
 
 class TemporaryFolder {
  public:
-  TemporaryFolder() = default;
+  TemporaryFolder() : m_path(Make()) {}
   TemporaryFolder(const TemporaryFolder&) = delete;
   TemporaryFolder& operator=(const TemporaryFolder&) = delete;
   ~TemporaryFolder() {
@@ -39,7 +39,7 @@ class TemporaryFolder {
     return path;
   }
 
-  std::filesystem::path m_path = Make();
+  std::filesystem::path m_path;
 };
 
 }  // namespace tavo::test
