@@ -9,9 +9,10 @@
 
 namespace tavo::test {
 
-// Empty when there is no such file.
+// With every end of line as a line feed, whatever the system's files have. Empty when there is no
+// such file.
 inline std::string FileText(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
+  std::ifstream file(path);
   return {std::istreambuf_iterator<char>(file), {}};
 }
 
