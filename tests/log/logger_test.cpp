@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <latch>
+#include <atomic>
 #include <set>
 #include <thread>
 
@@ -92,9 +92,9 @@ class SlowConsole : public VirtualPlatform {
 TEST(LoggerThreadsTest, LinesOfTwoThreadsStayWhole) {
   SlowConsole platform;
   Logger log(platform);
-  std::latch bothAreHere(2);
+  std::atomic<int> here = 0;
   const auto write = [&](const char* name) {
-    bothAreHere.arrive_and_wait();
+    for (++here; here < 2;) std::this_thread::yield();
     for (int i = 0; i < 200; ++i) log.LogInfo("%s %d", name, i);
   };
   std::thread first(write, "first");
