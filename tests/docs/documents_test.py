@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Holds what README.md and docs/ show against the built tool, the sources and each other.
 
-usage: documents_test.py BUILD_FOLDER [DOCUMENT...]
+usage: documents_test.py BUILD_FOLDER [NAME...]     names of documents, without their folder
 
 Every block of commands says in a comment on the line above it what is to be done with it:
 
@@ -263,6 +263,8 @@ def check_document(document: Path, environment: dict[str, str]) -> list[str]:
 
 def main(build: str, *names: str) -> int:
     chosen = [document for document in DOCUMENTS if not names or document.name in names]
+    if not chosen:
+        sys.exit(f"none of the documents has such a name: {' '.join(names)}")
     folder = Path(build).resolve()
     # The substitute libusb stands in everywhere, so that devices of this machine are left alone.
     environment = os.environ | {"PATH": f"{folder}/bin:{os.environ['PATH']}",

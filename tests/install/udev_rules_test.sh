@@ -65,4 +65,10 @@ expect '' $old_adapter $new_adapter $stranger
 cp "$1/70-firmware-updater-ftdi.rules" "$rules"
 expect "$usable" $module $old_adapter $new_adapter
 expect '' $stranger
+
+# What the rule file advises to administrators is a rule too; here with a group that there is.
+advice=$rules/71-firmware-updater-local.rules
+sed -n 's/^#   \(SUBSYSTEM.*\)"firmware"$/\1"root"/p' "$1/70-firmware-updater.rules" >"$advice"
+[ "$(wc -l <"$advice")" = 2 ] || failed=1
+expect "$usable" $module $old_adapter
 exit "$failed"
