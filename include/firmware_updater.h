@@ -22,7 +22,8 @@
  *   console. list_devices() must not be called while an update runs. The four functions of step 3
  *   may be called at any time from any thread. The library starts no thread and calls nothing back.
  *   It may be unloaded when no call is under way. A process may end in the midst of a call; the
- *   device is then where the update had got to.
+ *   device is then where the update had got to. A call that comes when the process is ending and the
+ *   library has ended already does nothing; it returns 0, -1 or false.
  *
  * @par TEXTS AND VALUES
  *   Text arguments are zero-terminated 8-bit strings owned by the caller and only read during the

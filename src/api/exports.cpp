@@ -34,13 +34,15 @@ tavo::UpdateContext Context() {
   return {FirmwareUpdater::Instance(), tavo::TransportHolder::Instance(), tavo::SystemPlatform()};
 }
 
+// `otherwise` is what a call returns that ends by an exception or comes too late.
 template <typename Result, typename Call>
-Result Guarded(Result onException, Call call) noexcept {
+Result Guarded(Result otherwise, Call call) noexcept {
   const tavo::ExportedCall underWay;
+  if (!underWay.Granted()) return otherwise;
   try {
     return call();
   } catch (...) {
-    return onException;
+    return otherwise;
   }
 }
 
@@ -48,6 +50,7 @@ Result Guarded(Result onException, Call call) noexcept {
 template <typename Update>
 bool GuardedUpdate(Update update) noexcept {
   const tavo::ExportedCall underWay;
+  if (!underWay.Granted()) return false;
   try {
     return update();
   } catch (...) {

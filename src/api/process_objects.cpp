@@ -7,7 +7,9 @@
 namespace tavo {
 namespace {
 
+// Stays below zero once the objects have been destroyed, however many calls come afterwards.
 std::atomic<int> callsUnderWay = 0;
+constexpr int kDestroyed = -1'000'000'000;
 
 // A host may end its process while one of its threads is in an exported function. On some systems
 // that thread still goes on while static objects are destroyed, on others it has been ended where it
@@ -19,13 +21,14 @@ struct Owner {
   Owner(const Owner&) = delete;
   Owner& operator=(const Owner&) = delete;
   ~Owner() {
-    if (callsUnderWay == 0) delete objects;
+    int none = 0;
+    if (callsUnderWay.compare_exchange_strong(none, kDestroyed)) delete objects;
   }
 };
 
 }  // namespace
 
-ExportedCall::ExportedCall() { ++callsUnderWay; }
+ExportedCall::ExportedCall() : m_granted(callsUnderWay++ >= 0) {}
 
 ExportedCall::~ExportedCall() { --callsUnderWay; }
 

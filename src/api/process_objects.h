@@ -15,13 +15,18 @@
 namespace tavo {
 
 // Lives for as long as an exported function runs. While any does, in whatever thread, these objects
-// are not destroyed.
+// are not destroyed; and when they are, no call is granted any more. A process that ends may still
+// call: from the destructor of a static object that is older than ours, or from a thread that goes on.
 class ExportedCall {
  public:
   ExportedCall();
   ~ExportedCall();
   ExportedCall(const ExportedCall&) = delete;
   ExportedCall& operator=(const ExportedCall&) = delete;
+  bool Granted() const { return m_granted; }
+
+ private:
+  const bool m_granted;
 };
 
 struct ProcessObjects {
