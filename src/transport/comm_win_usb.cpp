@@ -249,7 +249,7 @@ bool CCommWinUSB::SendBuffer(const std::uint8_t* data, std::int32_t length) {
 int CCommWinUSB::TransferOut(const std::uint8_t* data, std::int32_t length, int* transferred) {
   // libusb takes both directions through one changeable pointer and only reads when sending.
   return m_usb.BulkTransfer(m_handle, kBulkOut, const_cast<unsigned char*>(data), length,
-                            transferred, static_cast<unsigned>(m_sendTimeout.count()));
+                            transferred, static_cast<unsigned>(m_sendTimeoutMs.count()));
 }
 
 bool CCommWinUSB::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {

@@ -74,7 +74,7 @@ bool ICommInterface::SendTavoMessage(std::uint32_t sender, std::uint32_t channel
   message.length = static_cast<std::uint8_t>(length);
   if (data != nullptr) std::copy_n(data, length, message.payload.begin());
   // What we did since the last poll (a slow console, a slow disk) is no time that the device took.
-  if (m_link.IsQuiet()) m_lastTick = m_platform.MonotonicNow();
+  if (m_link.IsQuiet()) m_lastTickMs = m_platform.MonotonicNow();
   if (channel != 0 || !m_link.Enqueue(message)) {
     m_log.LogDebug("CommInterface: SendTavoMessage: I/O Error.");
     return false;
@@ -98,10 +98,10 @@ bool ICommInterface::ReceiveTavoMessage(TavoMessage* out, bool* timedOut) {
 
 void ICommInterface::AdvanceTimers() {
   const milliseconds now = m_platform.MonotonicNow();
-  if (!m_lastTick) m_lastTick = now;
-  const milliseconds elapsed = now - *m_lastTick;
+  if (!m_lastTickMs) m_lastTickMs = now;
+  const milliseconds elapsed = now - *m_lastTickMs;
   if (elapsed < kTickStep) return;
-  m_lastTick = now;
+  m_lastTickMs = now;
   m_link.LinkTick(SaturatedMs(elapsed));
 }
 

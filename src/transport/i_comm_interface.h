@@ -37,6 +37,7 @@ class ICommInterface {
   ICommInterface(TavoLink& link, Platform& platform, Logger& log);
   ICommInterface(const ICommInterface&) = delete;
   ICommInterface& operator=(const ICommInterface&) = delete;
+  // Each operation keeps its place in the table of virtual functions: a new one goes behind the last.
   virtual ~ICommInterface() = default;
 
   // Looks for devices. The list belongs to the transport and is replaced by the next enumeration.
@@ -47,7 +48,8 @@ class ICommInterface {
   // Finds a vanished device again, if the transport can.
   virtual bool Reconnect() = 0;
 
-  // `length` bytes to the line; blocks at most for the transport's send timeout.
+  // `length` bytes to the line. Blocks until they are handed over, or have not been within the bound
+  // that the transport sets for each of its transfers.
   virtual bool SendRawData(const std::uint8_t* data, std::int32_t length);
   // In: the capacity of `buffer`; out: the bytes delivered. Nothing received is true with length 0,
   // after a short bounded wait; false is a failed read, after which a poll calls Reconnect.
@@ -58,10 +60,6 @@ class ICommInterface {
   virtual bool GetEcho() { return m_echo; }
   virtual void SetFrameFormat(std::uint8_t format) { m_link.SetFrameFormat(format); }
   virtual std::uint32_t GetFrameFormat() { return m_link.GetFrameFormat(); }
-
-  // Closes the device and ends what the transport has set up to reach devices at all. It is set up
-  // again by the next enumeration or opening.
-  virtual void EndSession() { Close(); }
 
   // Queues one request and hands its frame to the line. `sender` is a token of the requester, not
   // 0; `channel` must be 0; `data` may be null (all zero); `length` is 0..128. True when the
@@ -75,12 +73,16 @@ class ICommInterface {
   // few milliseconds for input, so that a loop of polls does not burn a processor.
   virtual bool ReceiveTavoMessage(TavoMessage* out, bool* timedOut);
 
+  // Closes the device and ends what the transport has set up to reach devices at all. It is set up
+  // again by the next enumeration or opening.
+  virtual void EndSession() { Close(); }
+
   SendMode GetSendMode() const { return m_sendMode; }
   void SetSendMode(SendMode mode) { m_sendMode = mode; }
 
   // The time since the last poll does not count against any timer: it was a pause of ours, in which
   // nothing was awaited.
-  void LeaveOutPause() { m_lastTick.reset(); }
+  void LeaveOutPause() { m_lastTickMs.reset(); }
 
   // Forgets whatever an earlier update left: requests, answers, echo, received bytes.
   void DiscardLeftovers();
@@ -102,7 +104,7 @@ class ICommInterface {
 
   SendMode m_sendMode = SendMode::Byte;
   bool m_echo = false;
-  std::chrono::milliseconds m_sendTimeout{300};
+  std::chrono::milliseconds m_sendTimeoutMs{300};
 
  private:
   void AdvanceTimers();
@@ -110,9 +112,9 @@ class ICommInterface {
   bool HandOut(TavoMessage* out, bool* timedOut);
 
   TavoLink& m_link;
-  std::optional<std::chrono::milliseconds> m_lastTick;  // none: no poll since the last pause
-  std::uint32_t m_awaitedId = 0;                        // 0 = accept any answer
-  std::uint32_t m_pendingEcho = 0;                      // bytes still to be stripped
+  std::optional<std::chrono::milliseconds> m_lastTickMs;  // none: no poll since the last pause
+  std::uint32_t m_awaitedId = 0;                          // 0 = accept any answer
+  std::uint32_t m_pendingEcho = 0;                        // bytes still to be stripped
 };
 
 }  // namespace tavo
