@@ -38,6 +38,7 @@ class EngineAccess {
 
  public:
   std::deque<Step>& plan = m_engine.m_plan;
+  const std::deque<Step>& closingPlan = m_engine.m_closingPlan;
   std::vector<FirmwareImage>& images = m_engine.m_firmwareImages;
   const FirmwareImage*& selected = m_engine.m_selectedFirmware;
   TavoMessage& answer = m_engine.m_rxMessage;

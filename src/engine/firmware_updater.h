@@ -129,8 +129,6 @@ class FirmwareUpdater {
   // --- Plan and runner ---
 
   void BuildPlan();
-  const std::deque<Step>& Plan() const { return m_plan; }
-  const std::deque<Step>& ClosingPlan() const { return m_closingPlan; }
   void RunSteps(StepPhase phase);
   // A received answer, or null for a timeout.
   void OnTransportEvent(const TavoMessage* message);

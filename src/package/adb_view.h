@@ -29,11 +29,9 @@ class AdbView {
   explicit AdbView(const FirmwareImage& image);
   explicit AdbView(FirmwareImage&&) = delete;
 
-  std::uint32_t StartAddress() const { return m_startAddress; }
   std::int64_t EndAddress() const;  // one past the last byte
-  std::uint32_t AddressWidth() const {
-    return m_addressWidth;
-  }  // of a stored address: 2 or 3 bytes
+  // Of a stored address, 2 or 3 bytes.
+  std::uint32_t AddressWidth() const { return m_addressWidth; }
   std::uint32_t EntryStride() const { return m_addressWidth == 2 ? 8 : 10; }
 
   // The value at an address; none when it does not lie wholly in the image.

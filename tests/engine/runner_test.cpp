@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <thread>
 
 #include "testbench/engine_access.h"
@@ -25,8 +26,11 @@ class PlainBench : public EngineBench {
   }
   void Update() {
     const FirmwareUpdater::Run run(engine);
-    engine.Start(FirmwareUpdater::Run(engine), m_updateFile);
+    engine.Start(run, m_updateFile);
+    afterLastStep();
   }
+
+  std::function<void()> afterLastStep = [] {};  // before the right to update is given back
 
  private:
   static constexpr const tavosim::Family& kFamily = tavosim::kFamilies[0];
@@ -74,8 +78,8 @@ TEST(Stop, EndsTheUpdateBeforeTheNextStepCall) {
   EXPECT_EQ(bench.engine.LastError(), ErrorCode::Verify);
   EXPECT_TRUE(bench.access.images.empty());
   EXPECT_EQ(bench.access.selected, nullptr);
-  EXPECT_TRUE(bench.engine.Plan().empty());
-  EXPECT_TRUE(bench.engine.ClosingPlan().empty());
+  EXPECT_TRUE(bench.access.plan.empty());
+  EXPECT_TRUE(bench.access.closingPlan.empty());
   EXPECT_EQ(bench.device->GetSendMode(), SendMode::Byte);
 }
 
@@ -88,6 +92,15 @@ TEST(Stop, WinsOverTheClosingPlan) {
   bench.Update();
   EXPECT_EQ(bench.device->requests.back(), "0x136");
   EXPECT_EQ(bench.Count("\nFirmwareupdate Error: 15\n"), 1u);
+}
+
+TEST(Stop, AfterTheLastStepReleasesTheUpdateToo) {
+  PlainBench bench;
+  bench.afterLastStep = [&] { bench.engine.RequestStop(); };
+  bench.Update();
+  EXPECT_TRUE(bench.engine.Succeeded());
+  EXPECT_TRUE(bench.access.images.empty());
+  EXPECT_EQ(bench.access.selected, nullptr);
 }
 
 TEST(Stop, WithoutAnUpdateReleasesTheLastOneAtOnce) {
