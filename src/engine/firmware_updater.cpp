@@ -29,9 +29,11 @@ DeviceFacts FirmwareUpdater::Facts() const {
 }
 
 void FirmwareUpdater::RequestStop() {
-  if (m_stopRequested.exchange(true)) return;
-  m_log.LogInfo("FirmwareUpdater: Stopped.");
   const std::lock_guard lock(m_runLock);
+  if (m_stopRequested) return;
+  // The line comes first, so that an update that ends for it says so behind it.
+  m_log.LogInfo("FirmwareUpdater: Stopped.");
+  m_stopRequested = true;
   if (!m_updateRuns) ReleaseStoppedUpdate();
 }
 

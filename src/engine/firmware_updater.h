@@ -100,7 +100,7 @@ class FirmwareUpdater {
   void SetObserver(UpdateObserver* observer) { m_observer = observer; }
 
   // Runs one update to its end over the held, open transport; `run` must have been granted. The
-  // result is in Succeeded.
+  // result is in Succeeded. Throws std::bad_alloc, and has then ended where it was.
   void Start(const Run& run, const std::string& updateFile);
   bool Succeeded() const { return m_succeeded; }
   // What the answers of the last update say about the device; for the thread that ran it.

@@ -32,7 +32,7 @@ inline constexpr std::int32_t kRetryStep = 2;     // then call the current step 
 struct StatusMessage {
   StatusKind kind;
   std::int32_t value = 0;
-  std::string_view text = {};
+  std::string_view text = {};  // gone when the call returns
   std::chrono::milliseconds delay{0};
 };
 

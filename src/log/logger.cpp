@@ -2,7 +2,6 @@
 
 #include <array>
 #include <cstdio>
-#include <string_view>
 
 namespace tavo {
 namespace {

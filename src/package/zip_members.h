@@ -2,7 +2,6 @@
 // member is in memory as a whole: who visits the archive gets the bytes as they are unpacked.
 #pragma once
 
-#include <cstdint>
 #include <string>
 #include <string_view>
 

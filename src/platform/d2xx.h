@@ -5,7 +5,6 @@
 
 #include <array>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
 #include <memory>
 #include <span>

@@ -9,7 +9,6 @@
 #include <array>
 #include <chrono>
 #include <cstdint>
-#include <span>
 
 #include "engine/error_code.h"
 #include "engine/evidence.h"

@@ -1,7 +1,6 @@
 #include "transport/comm_ftdi.h"
 
 #include <algorithm>
-#include <span>
 
 namespace tavo {
 namespace {

@@ -63,6 +63,7 @@ class TavoLink {
   void LinkTick(std::uint16_t elapsedMs);
 
   bool HasResponse() const { return !m_responseList.empty(); }
+  // The oldest one; only when there is one.
   Response TakeResponse();
   void DropResponses() { m_responseList.clear(); }
 
