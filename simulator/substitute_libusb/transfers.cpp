@@ -9,8 +9,9 @@ using namespace tavosim::usbip;
 
 namespace {
 
-// How long a simulator may take to confirm that it has forgotten a transfer.
-constexpr auto kUnlinkPatience = std::chrono::milliseconds(500);
+// How long a simulator may take to confirm that it has forgotten a transfer. One whose machine has no
+// time for it, or whose disk is busy, is not unplugged by that; one that has ended is noticed at once.
+constexpr auto kUnlinkPatience = std::chrono::seconds(5);
 
 std::uint32_t DeviceIdOf(const libusb_device_handle& handle) {
   const DeviceRecord& record = handle.device->view.record;

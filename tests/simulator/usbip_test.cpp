@@ -18,7 +18,7 @@ namespace {
 
 // Vendor requests by which the host side of a test steers the device, which lives in the server's
 // thread.
-enum Wish : std::uint8_t { kDelayEcho = 1, kStall = 2 };
+enum Wish : std::uint8_t { kDelayEcho = 1, kStall = 2, kStandStill = 3 };
 
 // Sends back what it receives.
 class EchoDevice : public UsbDevice {
@@ -32,6 +32,7 @@ class EchoDevice : public UsbDevice {
   }
   UsbResult Control(const SetupPacket& setup, std::span<const std::uint8_t>, SimTime) override {
     if (setup.request == kDelayEcho) m_delay = std::chrono::milliseconds(setup.value);
+    if (setup.request == kStandStill) m_standstill = std::chrono::milliseconds(setup.value);
     return {setup.request == kStall ? UsbStatus::Stall : UsbStatus::Done};
   }
   UsbResult Out(std::uint8_t, std::span<const std::uint8_t> data, SimTime now) override {
@@ -40,6 +41,7 @@ class EchoDevice : public UsbDevice {
     return {};
   }
   UsbResult In(std::uint8_t, std::size_t, SimTime now) override {
+    std::this_thread::sleep_for(std::exchange(m_standstill, SimTime(0)));
     if (m_echo.empty() || now < m_echoAt) return {UsbStatus::NotReady};
     return {UsbStatus::Done, std::exchange(m_echo, {})};
   }
@@ -51,7 +53,7 @@ class EchoDevice : public UsbDevice {
 
  private:
   Bytes m_echo;
-  SimTime m_delay{0}, m_echoAt{0};
+  SimTime m_delay{0}, m_echoAt{0}, m_standstill{0};
 };
 
 class UsbipTest : public testing::Test {
@@ -123,6 +125,15 @@ TEST_F(UsbipTest, StallAndTimeoutLoseNothing) {
   EXPECT_EQ(Write("late"), 0);
   EXPECT_EQ(Read(5), "LIBUSB_ERROR_TIMEOUT");
   EXPECT_EQ(Read(500), "late");
+}
+
+TEST_F(UsbipTest, SimulatorThatStandsStillForAWhileIsNotUnplugged) {
+  Open();
+  libusb_set_auto_detach_kernel_driver(m_handle, 1);
+  ASSERT_EQ(libusb_claim_interface(m_handle, 0), 0);
+  Ask(kStandStill, 800);
+  EXPECT_EQ(Write("late"), 0);
+  EXPECT_EQ(Read(5), "late");
 }
 
 TEST_F(UsbipTest, PeerThatBreaksTheProtocolIsDisconnected) {
