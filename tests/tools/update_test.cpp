@@ -7,7 +7,9 @@
 #include <nlohmann/json.hpp>
 
 #include "closing_state.h"
+#include "package/adb_view.h"
 #include "tests/tools/desk.h"
+#include "wire_record.h"
 
 namespace tavo::tool {
 namespace {
@@ -221,6 +223,53 @@ TEST(Replay, FollowsWhatWasRecordedAndNoticesWhatWasNot) {
     desk.run.Write("record.ndjson", record);
     EXPECT_EQ(desk.run("replay @record.ndjson"), FailedRuns) << desk.run.Out();
   }
+}
+
+TEST(Replay, TellsABrokenRecordFromOneThatIsNotFollowed) {
+  struct Row {
+    const char* from;
+    const char* to;
+    ExitCode exit;
+    const char* says;
+  };
+  const Row rows[] = {
+      {"1B1B1B", "1B1B1C", FailedRuns, "the engine sends 1B 1B 1B"},
+      {"\"ended\"", "\"end\"", BadFile, "the record breaks off before the end of its update"},
+      {"\"runs\":[", "\"runs\":[[40000000,1],[40000000,2],", BadFile, "line 2 is no line"},
+      {"\"t\":4.", "\"t\":1e300,\"was\":4.", BadFile, "is no line of a record"},
+      {"1B1B1B", "1B1B1", BadFile, "is no line of a record"},
+      {"1B1B1B", "-11B1B", BadFile, "is no line of a record"},
+  };
+  Desk desk(Options("plain"));
+  desk.Update(" --record @whole.ndjson");
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.to);
+    std::string record = desk.run.Read("whole.ndjson");
+    record.replace(record.find(row.from), std::string(row.from).size(), row.to);
+    desk.run.Write("record.ndjson", record);
+    EXPECT_EQ(desk.run("replay @record.ndjson"), row.exit) << desk.run.Out();
+    EXPECT_TRUE(desk.run.Complains(row.says)) << desk.run.Err();
+  }
+}
+
+// The list of hardware ids lies in the middle of the program here.
+TEST(Replay, ARecordKeepsWhatDescribesAFirmwareAndNothingBehindIt) {
+  const tavosim::Firmware built =
+      tavosim::BuildFirmware(tavosim::RecipeFor(*tavosim::FindFamily("variant")));
+  FirmwareImage image{built.data, built.startAddress};
+  constexpr std::size_t kList = 0x100;
+  const AdbView view(image);
+  const std::size_t entry = view.EntryAddress(0) - image.startAddress;
+  const std::uint32_t address = image.startAddress + kList;
+  for (unsigned i = 0; i < 3; ++i) image.data[entry + 4 + i] = address >> (8 * i) & 0xFF;
+  std::copy_n(std::begin({0x10, 0x84, 0, 0}), 4, image.data.begin() + kList);
+
+  const FirmwareImage bare = WithoutProgram(image);
+  std::vector<std::uint16_t> ids;
+  EXPECT_EQ(AdbView(bare).HardwareIdList(0, ids), 1);
+  EXPECT_EQ(ids, std::vector<std::uint16_t>{0x8410});
+  const std::span behind = std::span(bare.data).subspan(kList + 4, 1024);
+  EXPECT_TRUE(std::ranges::all_of(behind, [](auto byte) { return byte == 0 || byte == 0xFF; }));
 }
 
 // A failure that was recorded becomes a test when its record is put into this folder.

@@ -1,7 +1,9 @@
 #include "wire_record.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
+#include <filesystem>
 #include <nlohmann/json.hpp>
 
 #include "closing_state.h"
@@ -21,7 +23,9 @@ constexpr std::size_t kTrailerBytes = 12;
 constexpr std::int64_t kAdbAddressFromEnd = 9;
 constexpr std::int64_t kAdbBytes = 16;
 constexpr std::int64_t kLongestIdList = 1024;  // bytes of one list of hardware ids
-constexpr std::size_t kMaxImageBytes = std::size_t{0xFFFF} * 1024;
+constexpr std::size_t kMaxImageBytes = std::size_t{0xFFFF} * 1024;  // of all images
+constexpr std::uintmax_t kMaxRecordBytes = 64 * 1024 * 1024;
+constexpr double kMaxSeconds = 1e6;
 
 // --- bytes as text ---
 
@@ -36,8 +40,11 @@ std::string Hexadecimal(std::span<const std::uint8_t> bytes) {
 }
 
 std::vector<std::uint8_t> BytesOf(const std::string& text) {
+  const bool isHexadecimal = std::ranges::all_of(
+      text, [](char digit) { return std::isxdigit(static_cast<unsigned char>(digit)) != 0; });
+  if (!isHexadecimal || text.size() % 2 != 0) throw std::invalid_argument("no bytes");
   std::vector<std::uint8_t> bytes;
-  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+  for (std::size_t i = 0; i < text.size(); i += 2) {
     bytes.push_back(static_cast<std::uint8_t>(std::stoul(text.substr(i, 2), nullptr, 16)));
   }
   return bytes;
@@ -54,11 +61,11 @@ Json RunsOf(const std::vector<std::uint8_t>& data) {
   return runs;
 }
 
-std::vector<std::uint8_t> DataOf(const Json& runs) {
+std::vector<std::uint8_t> DataOf(const Json& runs, std::size_t most) {
   std::vector<std::uint8_t> data;
   for (const Json& run : runs) {
     const std::size_t count = run.at(0);
-    if (count > kMaxImageBytes - data.size()) throw std::out_of_range("an image is too long");
+    if (count > most - data.size()) throw std::out_of_range("an image is too long");
     data.insert(data.end(), count, run.at(1).get<std::uint8_t>());
   }
   return data;
@@ -75,7 +82,9 @@ constexpr std::array kKinds{KindRow{WireEvent::Kind::Out, "out"},
                             KindRow{WireEvent::Kind::Reconnect, "reconnect"}};
 
 milliseconds TimeOf(const Json& line) {
-  return milliseconds(std::llround(line.at("t").get<double>() * 1000));
+  const double seconds = line.at("t");
+  if (!(seconds >= 0 && seconds < kMaxSeconds)) throw std::out_of_range("no time of an update");
+  return milliseconds(std::llround(seconds * 1000));
 }
 
 WireEvent EventOf(WireEvent::Kind kind, const Json& line) {
@@ -107,12 +116,18 @@ RecordedRun& LastRun(WireRecord& record) {
   return record.runs.back();
 }
 
+FirmwareImage ImageOf(const Json& line, const std::vector<FirmwareImage>& others) {
+  std::size_t room = kMaxImageBytes;
+  for (const FirmwareImage& other : others) room -= other.data.size();
+  return {DataOf(line.at("runs"), room), line.at("start")};
+}
+
 void TakeLine(const Json& line, WireRecord& record) {
   const std::string event = line.at("event");
   if (const auto row = std::ranges::find(kKinds, event, &KindRow::name); row != kKinds.end()) {
     LastRun(record).events.push_back(EventOf(row->kind, line));
   } else if (event == "image") {
-    record.images.push_back({DataOf(line.at("runs")), line.at("start")});
+    record.images.push_back(ImageOf(line, record.images));
   } else if (event == "run") {
     record.runs.push_back({.flags = FlagsOf(line.at("flags"))});
   } else if (event == "stop") {
@@ -134,10 +149,13 @@ void Keep(const FirmwareImage& from, FirmwareImage& to, std::int64_t address, st
 
 void KeepEntries(const AdbView& view, const FirmwareImage& from, FirmwareImage& to) {
   constexpr std::int64_t kListAddress = 4;
+  std::vector<std::uint16_t> ids;
   for (std::int32_t index = 0; index < view.EntryCount(); ++index) {
     const std::int64_t entry = view.EntryAddress(index);
     Keep(from, to, entry, view.EntryStride());
-    Keep(from, to, view.ReadAddress(entry + kListAddress), kLongestIdList);
+    view.HardwareIdList(index, ids);
+    const auto withItsEnd = static_cast<std::int64_t>(2 * (ids.size() + 1));
+    Keep(from, to, view.ReadAddress(entry + kListAddress), std::min(withItsEnd, kLongestIdList));
   }
 }
 
@@ -183,7 +201,10 @@ bool CarriesFirmware(std::span<const std::uint8_t> frame) {
 
 std::string ReadWireRecord(const std::string& path, WireRecord& record) {
   std::ifstream file(path);
-  if (!file) return "the record cannot be read";
+  std::error_code error;
+  if (!file || std::filesystem::is_directory(path)) return "the record cannot be read";
+  const std::uintmax_t size = std::filesystem::file_size(path, error);
+  if (!error && size > kMaxRecordBytes) return "this is too large for a record";
   std::size_t number = 0;
   try {
     for (std::string line; std::getline(file, line);) {
@@ -196,7 +217,10 @@ std::string ReadWireRecord(const std::string& path, WireRecord& record) {
   } catch (const std::exception&) {
     return "line " + std::to_string(number) + " is no line of a record";
   }
-  return record.runs.empty() ? "the record holds no update" : "";
+  if (record.runs.empty()) return "the record holds no update";
+  const bool whole = std::ranges::none_of(
+      record.runs, [](const RecordedRun& run) { return run.outcome.device.empty(); });
+  return whole ? "" : "the record breaks off before the end of its update";
 }
 
 WireRecorder::WireRecorder(Platform& platform, const std::string& path, bool withFirmware)
