@@ -8,8 +8,8 @@
 #include "inquiry.h"
 #include "session.h"
 #include "target_choice.h"
+#include "testbench/child_process.h"
 #include "tests/tools/desk.h"
-#include "text_format.h"
 
 namespace tavo::tool {
 namespace {
@@ -52,16 +52,17 @@ TEST(Info, TellsEveryFamilyInEitherStateAndLeavesItThere) {
       EXPECT_EQ(document["state"], runs ? "application" : "bootloader");
       ExpectUntouched(desk, before);
       if (runs) {
-        EXPECT_EQ(document["softwareId"], Hex(family.softwareId));
-        EXPECT_EQ(document["deviceId"], Hex(family.deviceId));
+        EXPECT_EQ(document["softwareId"], family.softwareId);
+        EXPECT_EQ(document["deviceId"], family.deviceId);
         EXPECT_EQ(document["tunnel"]["open"], family.route != 0);
-        EXPECT_TRUE(document["bootloader"].is_null());
+        EXPECT_TRUE(document["bootloaderVersion"].is_null());
         continue;
       }
-      EXPECT_EQ(document["bootloader"]["version"], family.bootloaderVersion);
-      EXPECT_EQ(document["bootloader"]["blockSize"], family.blockSize);
-      EXPECT_EQ(document["processor"]["id"], Hex(family.processorId, 6));
-      EXPECT_EQ(document["hardwareId"]["id"], Hex(family.hardwareId));
+      EXPECT_EQ(document["bootloaderVersion"], family.bootloaderVersion);
+      EXPECT_EQ(document["blockSize"], family.blockSize);
+      EXPECT_EQ(document["processorId"], family.processorId);
+      EXPECT_EQ(document["hardwareId"], family.hardwareId);
+      EXPECT_EQ(document["hardware"]["serie"], family.hardwareId >> 12);
       EXPECT_EQ(document["applicationKiB"], family.applicationKiB);
       EXPECT_EQ(document["tunnel"].is_null(), family.route == 0);
     }

@@ -178,8 +178,8 @@ TEST_F(Inspect, FactsOfAnImage) {
   const json image = Json("@fw.hex --block-size 64")["images"][0];
   const json facts = {{"startAddress", 0x4000}, {"endAddress", 0x8000},
                       {"adbType", 6},           {"addressWidth", 2},
-                      {"mcuId", "0x101"},       {"processorId", "0x1E9749"},
-                      {"requestId", "0x180"},   {"route", {{"master", 4}, {"slave", 0}}},
+                      {"mcuId", 0x101},         {"processorId", 0x1E9749},
+                      {"requestId", 0x180},     {"route", {{"master", 4}, {"slave", 0}}},
                       {"endsInCrc", true}};
   EXPECT_EQ(Part(image, facts), facts);
   EXPECT_EQ(image["hardwareIds"][0]["module"], 14);
@@ -191,8 +191,8 @@ TEST_F(Inspect, FactsOfAnImage) {
   EXPECT_EQ(table["addressWidth"], 3);
   EXPECT_EQ(table["route"], nullptr);
   EXPECT_EQ(table["entries"].size(), 3u);
-  EXPECT_EQ(table["entries"][2]["deviceId"], "0x0602");
-  EXPECT_EQ(table["entries"][2]["hardwareIds"][1]["id"], "0x8440");
+  EXPECT_EQ(table["entries"][2]["deviceId"], 0x0602);
+  EXPECT_EQ(table["entries"][2]["hardwareIds"][1]["id"], 0x8440);
 }
 
 TEST_F(Inspect, BlockSizesThatNoUpdateCouldWriteAreRefused) {

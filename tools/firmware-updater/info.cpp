@@ -64,14 +64,10 @@ std::string NextCommand(const Description& description, const Target& target) {
   return std::string("firmware-updater ") + description.command + " FILE " + TargetOptions(target);
 }
 
-std::string HexId(std::uint16_t id) { return Hex(id); }
-std::string HexProcessor(std::uint32_t id) { return Hex(id, 6); }
-
 const McuRow* FindMcu(std::uint32_t processorId) {
   const auto row = std::ranges::find(McuTable, processorId, &McuRow::processorId);
   return row == McuTable.end() ? nullptr : &*row;
 }
-std::string HexMcu(const McuRow& mcu) { return Hex(static_cast<std::uint32_t>(mcu.mcuId), 3); }
 
 int MasterOf(std::uint16_t tunnel) { return tunnel >> 8; }
 int SlaveOf(std::uint16_t tunnel) { return tunnel & 0xFF; }
@@ -86,7 +82,9 @@ std::string TunnelText(std::uint16_t tunnel) {
 
 std::string ProcessorText(std::uint32_t id) {
   const McuRow* const mcu = FindMcu(id);
-  return HexProcessor(id) + (mcu == nullptr ? " (unknown)" : " (MCU-ID " + HexMcu(*mcu) + ")");
+  return Hex(id, 6) + (mcu == nullptr
+                           ? std::string(" (unknown)")
+                           : Format(" (MCU-ID 0x%03X)", static_cast<unsigned>(mcu->mcuId)));
 }
 
 std::string HardwareText(std::uint16_t id) {
@@ -125,8 +123,12 @@ void WriteText(std::ostream& to, const Target& target, const DeviceReport& repor
   to << description.sentence << NextCommand(description, target) << '\n';
 }
 
-// --- for scripts ---
+// --- for scripts: ids by the names and in the form that the record of an update has ---
 
+template <typename Value>
+Json OrNull(const std::optional<Value>& value) {
+  return value ? Json(*value) : Json();
+}
 template <typename Value, typename Convert>
 Json OrNull(const std::optional<Value>& value, Convert convert) {
   return value ? Json(convert(*value)) : Json();
@@ -137,27 +139,20 @@ Json TunnelJson(std::uint16_t tunnel) {
   return {{"open", true}, {"master", MasterOf(tunnel)}, {"slave", SlaveOf(tunnel)}};
 }
 
-Json ProcessorJson(std::uint32_t id) {
-  const McuRow* const mcu = FindMcu(id);
-  return {{"id", HexProcessor(id)}, {"mcuId", mcu == nullptr ? Json() : Json(HexMcu(*mcu))}};
+Json McuIdJson(std::uint32_t processorId) {
+  const McuRow* const mcu = FindMcu(processorId);
+  return mcu == nullptr ? Json() : Json(mcu->mcuId);
 }
 
 Json HardwareJson(std::uint16_t id) {
   const HardwareIdRecord fields = SplitHardwareId(id);
-  return {{"id", Hex(id)},
-          {"serie", fields.serie},
+  return {{"serie", fields.serie},
           {"type", fields.type},
           {"module", fields.module},
           {"variant", fields.variant}};
 }
 
-Json BootloaderJson(const DeviceReport& report) {
-  if (!report.inBootloader) return {};
-  return {{"version", *report.bootloaderVersion}, {"blockSize", *report.blockSize}};
-}
-
 void WriteJson(std::ostream& to, const Target& target, const DeviceReport& report) {
-  const auto number = [](std::uint32_t value) { return value; };
   const Description& description = DescriptionOf(report);
   const std::string next = NextCommand(description, target);
   const Json document{
@@ -165,12 +160,15 @@ void WriteJson(std::ostream& to, const Target& target, const DeviceReport& repor
       {"kind", target.kind == TransportKind::Usb ? "usb" : "ftdi"},
       {"address", target.address},
       {"state", description.name},
-      {"deviceId", OrNull(report.deviceId, HexId)},
-      {"softwareId", OrNull(report.softwareId, HexId)},
-      {"bootloader", BootloaderJson(report)},
-      {"processor", OrNull(report.processorId, ProcessorJson)},
-      {"applicationKiB", OrNull(report.applicationKiB, number)},
-      {"hardwareId", OrNull(report.hardwareId, HardwareJson)},
+      {"deviceId", OrNull(report.deviceId)},
+      {"softwareId", OrNull(report.softwareId)},
+      {"processorId", OrNull(report.processorId)},
+      {"mcuId", OrNull(report.processorId, McuIdJson)},
+      {"hardwareId", OrNull(report.hardwareId)},
+      {"hardware", OrNull(report.hardwareId, HardwareJson)},
+      {"bootloaderVersion", OrNull(report.bootloaderVersion)},
+      {"blockSize", OrNull(report.blockSize)},
+      {"applicationKiB", OrNull(report.applicationKiB)},
       {"tunnel", OrNull(report.tunnel, TunnelJson)},
       {"next", next.empty() ? Json() : Json(next)},
   };

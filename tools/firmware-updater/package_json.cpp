@@ -1,7 +1,6 @@
 #include "package_json.h"
 
 #include "block_map.h"
-#include "text_format.h"
 
 namespace tavo::tool {
 namespace {
@@ -19,16 +18,14 @@ std::string_view KindName(UpdateFileKind kind) {
   return "unknown";
 }
 
-// Ids are texts, in the form in which people and the log know them.
-
 template <typename Value>
-Json HexOrNull(const std::optional<Value>& id, int digits = 4) {
-  return id ? Json(Hex(static_cast<std::uint32_t>(*id), digits)) : Json();
+Json OrNull(const std::optional<Value>& id) {
+  return id ? Json(*id) : Json();
 }
 
 Json McuIdJson(const ImageReport& image) {
   // One that lies outside the image is none that could be told.
-  return image.mcuId == -1 ? Json() : HexOrNull(image.mcuId, 3);
+  return image.mcuId == -1 ? Json() : OrNull(image.mcuId);
 }
 
 Json MemberJson(const MemberReport& member) {
@@ -47,7 +44,7 @@ Json HardwareIdsJson(const std::vector<std::uint16_t>& ids) {
   Json list = Json::array();
   for (const std::uint16_t id : ids) {
     const HardwareIdRecord parts = SplitHardwareId(id);
-    list.push_back({{"id", Hex(id)},
+    list.push_back({{"id", id},
                     {"serie", parts.serie},
                     {"type", parts.type},
                     {"module", parts.module},
@@ -59,7 +56,7 @@ Json HardwareIdsJson(const std::vector<std::uint16_t>& ids) {
 Json EntriesJson(const std::vector<EntryReport>& entries) {
   Json list = Json::array();
   for (const EntryReport& entry : entries) {
-    list.push_back({{"deviceId", HexOrNull(entry.deviceId)},
+    list.push_back({{"deviceId", OrNull(entry.deviceId)},
                     {"readable", entry.readable},
                     {"hardwareIds", HardwareIdsJson(entry.hardwareIds)}});
   }
@@ -107,9 +104,9 @@ Json ImageJson(const ImageReport& image, std::uint32_t blockSize) {
           {"hasEntryTable", image.hasEntryTable},
           {"entries", EntriesJson(image.entries)},
           {"mcuId", McuIdJson(image)},
-          {"processorId", HexOrNull(image.processorId, 6)},
+          {"processorId", OrNull(image.processorId)},
           {"route", RouteJson(image.route)},
-          {"requestId", Hex(image.requestId, 3)},
+          {"requestId", image.requestId},
           {"endsInCrc", image.endsInCrc},
           {"canBeChosen", image.obstacle.empty()},
           {"obstacle", image.obstacle},
