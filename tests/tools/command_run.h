@@ -64,7 +64,7 @@ class CommandRun {
   std::ostringstream m_out{}, m_err{};
 
  public:
-  const Machine machine;
+  Machine machine;
 
  private:
   std::filesystem::path m_folder;

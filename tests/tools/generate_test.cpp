@@ -119,6 +119,17 @@ TEST_F(GenerateTest, BashCompletes) {
   EXPECT_NE(Complete("simulate -- tru").find("true\n"), std::string::npos);
 }
 
+TEST_F(GenerateTest, ACommandWhoseOutputNobodyGetsIsNotDone) {
+  for (const char* line : {"--version", "generate man", "pack --family plain -o @fw.hex",
+                           "inspect @fw.hex --json", "inspect @fw.hex"}) {
+    run.machine.out.setstate(std::ios::badbit);
+    EXPECT_EQ(run(line), ExitCode::FailedUnknown) << line;
+    EXPECT_TRUE(run.Complains("standard output cannot be written")) << line;
+  }
+  // A stream that is closed from the start must not become a device or a file that is opened.
+  EXPECT_EQ(Run(TAVO_BUILD_DIR "/bin/firmware-updater --version >&-"), 7) << output;
+}
+
 TEST_F(GenerateTest, AWrongCommandLineGetsOneLineAndAHint) {
   const struct {
     const char* line;

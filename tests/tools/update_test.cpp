@@ -136,6 +136,31 @@ TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDevice
   }
 }
 
+// A line that reaches the edge of the terminal goes on in the next one, where it cannot be redrawn.
+TEST(UpdateCommand, OnATerminalTheLineInHandIsNarrowerThanTheTerminal) {
+  int (*const widths[])() = {[] { return 1; }, [] { return 20; }, [] { return 45; },
+                             [] { return 100; }};
+  for (const auto width : widths) {
+    SCOPED_TRACE(width());
+    Desk desk(Options("plain"));
+    desk.run.machine.terminal = true;
+    desk.run.machine.width = width;
+    EXPECT_EQ(desk.Update(), Done) << desk.run.Err();
+    const std::string screen = desk.run.Out();
+    const std::string erase = "\r\x1B[K";
+    for (std::size_t at = screen.find(erase); at != std::string::npos;) {
+      const std::size_t begin = at + erase.size();
+      at = screen.find(erase, begin);
+      const std::string line = screen.substr(begin, at - begin);
+      const std::size_t room = static_cast<std::size_t>(std::max(width(), 2)) - 1;
+      if (line.find('\n') != std::string::npos) continue;
+      EXPECT_LE(line.size(), room) << line;
+    }
+    EXPECT_EQ(desk.run.Says("[####################] 100 %  13.0/13.0 KiB"), width() == 100);
+    EXPECT_EQ(desk.run.Says(" 100 %"), width() >= 45);
+  }
+}
+
 TEST(RecoverCommand, RevivesADeviceLeftErasedAndGivesItItsLabel) {
   for (const tavosim::Family& family : tavosim::kFamilies) {
     SCOPED_TRACE(family.name);

@@ -88,6 +88,15 @@ ExitCode Run(int argc, const char* const* argv, const Machine& machine) {
   return exit;
 }
 
+// What nobody gets to read is not done. An update has judged this for itself, as it knows the device.
+ExitCode WithOutput(ExitCode exit, const Machine& machine) {
+  machine.out.flush();
+  if (machine.out || exit != ExitCode::Done) return exit;
+  Complain(machine, "standard output cannot be written; what was to be told is lost",
+           "check the disk, or what reads the output, then run the command again");
+  return ExitCode::FailedUnknown;
+}
+
 }  // namespace
 
 void Complain(const Machine& machine, std::string_view text, std::string_view hint) {
@@ -113,7 +122,7 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
 
 int RunTool(int argc, const char* const* argv, const Machine& machine) {
   try {
-    return static_cast<int>(Run(argc, argv, machine));
+    return static_cast<int>(WithOutput(Run(argc, argv, machine), machine));
   } catch (const std::exception& error) {
     // A fault of the tool or a lack of memory: how far it came is not known here.
     Complain(machine, std::string("unexpected: ") + error.what(), {});

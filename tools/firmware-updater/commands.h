@@ -22,11 +22,11 @@ struct Machine {
   Platform& platform;
   LibUsb& usb;
   D2xx& adapters;
-  std::ostream& out;      // results; JSON alone where that is asked for
-  std::ostream& err;      // errors and hints
-  bool terminal = false;  // `out` is a terminal: lines may be redrawn in place
-  bool colour = false;    // and the user wants colours
-  int width = 80;         // of the terminal, in characters
+  std::ostream& out;                   // results; JSON alone where that is asked for
+  std::ostream& err;                   // errors and hints
+  bool terminal = false;               // `out` is a terminal: lines may be redrawn in place
+  bool colour = false;                 // and the user wants colours
+  int (*width)() = [] { return 80; };  // of the terminal at this moment, in characters
 };
 
 // In the order of the help text. The references must outlive the parsing.

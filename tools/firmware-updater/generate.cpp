@@ -45,8 +45,8 @@ void AddGenerateCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
   command->callback([&app, wanted, &machine, &exit] {
     const CommandOutline tool = OutlineOf(app);
     for (const Document& document : kDocuments)
-      if (*wanted == document.name) machine.out << document.write(tool) << std::flush;
-    exit = machine.out.good() ? ExitCode::Done : ExitCode::FailedUnknown;
+      if (*wanted == document.name) machine.out << document.write(tool);
+    exit = ExitCode::Done;
   });
 }
 

@@ -1,4 +1,5 @@
 // firmware-updater: the library's work from a terminal, a script or a production line.
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -23,9 +24,19 @@ int TerminalWidth() {
   return known ? size.ws_col : kUsual;
 }
 
+// A standard stream that was closed by whoever started the program would be the next file that is
+// opened, a device or the log, and get what is meant for the user. What is written here instead
+// fails, as it should.
+void OpenClosedStreams() {
+  for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
+    if (fcntl(stream, F_GETFD) == -1) open("/dev/null", O_RDONLY);  // becomes the lowest free one
+  }
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  OpenClosedStreams();
   // A reader that goes away must not end the program in the middle of an update.
   std::signal(SIGPIPE, SIG_IGN);
   const bool terminal = isatty(STDOUT_FILENO) == 1 && Environment("TERM") != "dumb";
@@ -38,5 +49,5 @@ int main(int argc, char** argv) {
                               .err = std::cerr,
                               .terminal = terminal,
                               .colour = terminal && Environment("NO_COLOR").empty(),
-                              .width = TerminalWidth()});
+                              .width = TerminalWidth});
 }

@@ -152,7 +152,9 @@ class TerminalView final : public TextView {
     const auto filled = static_cast<std::size_t>(percent * kBarWidth / 100);
     std::string bar(filled, '#');
     bar.resize(kBarWidth, '-');
-    m_state = Format("[%s] %3d %%", bar.c_str(), percent);
+    m_state = Format("%3d %%", percent);
+    bar = "[" + bar + "] ";
+    if (Fits(bar)) m_state = bar + m_state;
     const std::string bytes =
         Format("%.1f/%.1f KiB", KiB(std::min(transfer.done, transfer.total)), KiB(transfer.total));
     for (const std::string& part : {bytes, Rate(transfer), TimeLeft(transfer)}) {
@@ -183,14 +185,16 @@ class TerminalView final : public TextView {
   }
 
  private:
-  // A line that is longer than the terminal is wide could not be redrawn.
+  // What a line that is redrawn may hold: one that reaches the edge goes on below, where it stays.
+  std::size_t Room() const { return static_cast<std::size_t>(std::max(m_machine.width(), 2) - 1); }
+
   bool Fits(const std::string& part) const {
-    return m_title.size() + m_state.size() + part.size() + 2 <
-           static_cast<std::size_t>(m_machine.width);
+    return m_title.size() + m_state.size() + part.size() + 2 <= Room();
   }
 
   void Redraw() {
-    if (!m_title.empty()) m_machine.out << kEraseLine << m_title << m_state << std::flush;
+    if (m_title.empty()) return;
+    m_machine.out << kEraseLine << (m_title + m_state).substr(0, Room()) << std::flush;
   }
 
   std::string m_title;
