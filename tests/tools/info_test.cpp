@@ -134,6 +134,12 @@ TEST(TargetChoice, TakesWhatIsNamedOrTheOnlyUsbDevice) {
   } cases[] = {
       {"the only one", {}, {{1}}, "--usb 1"},
       {"several", {}, {{1}, {4, 2}}, "", ExitCode::Usage, "--usb 4-2 "},
+      {"several, of which one can be used",
+       {},
+       {{1}, {4, 2}, {4, 2}},
+       "",
+       ExitCode::Usage,
+       "--usb 1 "},
       {"one without a name", {}, {{}}, "", ExitCode::NoDevice, "the USB device cannot be used"},
       {"an adapter alone", {}, {}, "", ExitCode::NoDevice, "only when it is named"},
       {"a named port", {.usbPort = "4-2"}, {{1}, {4, 2}}, "--usb 4-2"},

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <nlohmann/json.hpp>
 
 #include "closing_state.h"
@@ -125,15 +126,32 @@ TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDevice
       {"update", Usage},
       {"update @firmware.hex --log /nonexistent/x.log", Usage, "/nonexistent/x"},
       {"update @firmware.hex --record /nonexistent/x.ndjson", Usage, "/nonexistent/x"},
+      {"update @firmware.hex --log @firmware.hex", Usage, "is the update file itself"},
+      {"recover @firmware.hex --record @./firmware.hex", Usage, "is the update file itself"},
+      {"update @firmware.hex --log @both --record @both", Usage, "the same file"},
+      {"update @firmware.hex --record \"\"", Usage, "--record: is empty"},
+      {"replay /dev/zero", BadFile, "is a device, not a file"},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.line);
     Desk desk(Options("plain"));
+    const std::string firmware = desk.run.Read("firmware.hex");
     EXPECT_EQ(desk.run(row.line), row.exit);
     EXPECT_TRUE(desk.run.Complains(row.phrase)) << desk.run.Err();
     EXPECT_EQ(desk.Requests(), Lines());
     EXPECT_EQ(desk.usb.OpenHandles(), 0);
+    EXPECT_EQ(desk.run.Read("firmware.hex"), firmware);
   }
+}
+
+TEST(UpdateCommand, ALogThatNobodyAskedForKeepsNoUpdateFromBeingDone) {
+  const char* const state = std::getenv("XDG_STATE_HOME");
+  const std::string before = state == nullptr ? "" : state;
+  setenv("XDG_STATE_HOME", "/proc/nowhere", 1);
+  Desk desk(Options("plain"));
+  EXPECT_EQ(desk.run("update @firmware.hex"), Done) << desk.run.Err();
+  EXPECT_TRUE(desk.run.Says("No log is kept")) << desk.run.Out();
+  setenv("XDG_STATE_HOME", before.c_str(), 1);
 }
 
 // A line that reaches the edge of the terminal goes on in the next one, where it cannot be redrawn.
@@ -326,6 +344,12 @@ TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
 
   EXPECT_EQ(desk.run("update none.hex --json"), BadFile);
   EXPECT_EQ(Json::parse(desk.run.Out()).at("failure").at("name"), "bad-file");
+
+  EXPECT_EQ(desk.run("update @firmware.hex --usb 3-9 --json --log @tool.log"), NoDevice);
+  const Json failure = Json::parse(desk.run.Out()).at("failure");
+  EXPECT_EQ(failure.at("text"), "--usb 3-9 is not there");
+  EXPECT_EQ(failure.at("hint"),
+            "name one of these, or check cable and power: --usb 1-4-2, --ftdi TAVO0001");
 }
 
 }  // namespace

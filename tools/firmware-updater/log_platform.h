@@ -38,7 +38,7 @@ class LogPlatform final : public Platform {
 };
 
 // Where the log goes when the user names no file: firmware-updater/firmware-updater.log in
-// $XDG_STATE_HOME, or in .local/state of $HOME. Makes the folders. Empty when there is no such place.
+// $XDG_STATE_HOME, or in .local/state of $HOME. Makes the folders. Empty when they cannot be made.
 std::string DefaultLogPath();
 
 }  // namespace tavo::tool

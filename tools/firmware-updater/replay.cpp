@@ -12,6 +12,7 @@
 #include "commands.h"
 #include "engine/firmware_updater.h"
 #include "engine/update_observer.h"
+#include "file_check.h"
 #include "simulator/firmware_builder.h"
 #include "text_format.h"
 #include "transport/i_comm_interface.h"
@@ -21,6 +22,8 @@ namespace tavo::tool {
 namespace {
 
 using std::chrono::milliseconds;
+
+constexpr std::uintmax_t kMaxRecordBytes = std::uintmax_t{1} << 30;
 
 constexpr const char* kExamples =
     "\nExamples:\n"
@@ -222,6 +225,11 @@ std::string Replay(const RecordedRun& run, const std::string& file, std::ostream
 }
 
 ExitCode RunReplay(const Machine& machine, const std::string& path) try {
+  const FileProblem obstacle = CheckReadable(path, kMaxRecordBytes);
+  if (obstacle.Exists()) {
+    Complain(machine, path + ": " + obstacle.text, obstacle.hint);
+    return ExitCode::BadFile;
+  }
   WireRecord record;
   if (const std::string problem = ReadWireRecord(path, record); !problem.empty()) {
     Complain(machine, path + ": " + problem, "records are written by update --record FILE");

@@ -24,7 +24,14 @@ TargetChoice Refuse(const Machine& machine, ExitCode exit, const std::string& te
                     const std::string& hint, const Devices& shown = {}) {
   Complain(machine, text, hint);
   PrintDevices(machine.err, shown);
-  return {std::nullopt, exit};
+  TargetChoice choice{std::nullopt, exit, text, hint};
+  const char* between = " ";
+  for (const FoundDevice& device : shown) {
+    if (!device.IsUsable()) continue;
+    choice.hint += between + TargetOptions({device.kind, device.address});
+    between = ", ";
+  }
+  return choice;
 }
 
 TargetChoice RefuseUnusable(const Machine& machine, const std::string& name,
@@ -53,26 +60,35 @@ TargetChoice Named(const Machine& machine, const Target& target, const Devices& 
   return {target};
 }
 
+// Which of several is taken must not depend on what stands in the way of the others at the moment.
 TargetChoice OnlyOne(const Machine& machine, const Devices& connected) {
-  Devices usable;
-  std::ranges::copy_if(connected, std::back_inserter(usable), [](const FoundDevice& device) {
-    return device.kind == TransportKind::Usb && device.IsUsable();
-  });
-  if (usable.size() == 1) return {Target{TransportKind::Usb, usable.front().address}};
-  if (usable.size() > 1) {
+  Devices found;
+  std::ranges::copy_if(connected, std::back_inserter(found),
+                       [](const FoundDevice& device) { return device.kind == TransportKind::Usb; });
+  if (found.size() == 1) {
+    const FoundDevice& device = found.front();
+    if (device.IsUsable()) return {Target{TransportKind::Usb, device.address}};
+    return RefuseUnusable(machine, "the USB device", device.obstacles.front());
+  }
+  if (std::ranges::any_of(found, &FoundDevice::IsUsable)) {
     return Refuse(machine, ExitCode::Usage, "several USB devices are connected",
-                  "name one of these:", usable);
+                  "name one of these:", found);
   }
   if (connected.empty()) {
     return Refuse(machine, ExitCode::NoDevice,
                   std::string("nothing found: looked for ") + kSearchedFor,
                   "check cable and power; `firmware-updater list --wait 10` waits for a device");
   }
-  const auto usb = std::ranges::find(connected, TransportKind::Usb, &FoundDevice::kind);
-  const bool onlyUsb = std::ranges::count(connected, TransportKind::Usb, &FoundDevice::kind) == 1;
-  if (onlyUsb) return RefuseUnusable(machine, "the USB device", usb->obstacles.front());
   return Refuse(machine, ExitCode::NoDevice, "there is no USB device that can be used",
                 "an adapter is used only when it is named; this is what is there:", connected);
+}
+
+TargetChoice Choose(const Machine& machine, const TargetOptionsValues& named,
+                    const Devices& connected) {
+  if (!named.usbPort.empty()) return Named(machine, {TransportKind::Usb, named.usbPort}, connected);
+  if (named.ftdiSerial.empty()) return OnlyOne(machine, connected);
+  return Named(machine, {TransportKind::Ftdi, named.ftdiSerial, named.baudRate, named.echo},
+               connected);
 }
 
 }  // namespace
@@ -102,10 +118,9 @@ TargetChoice ChooseTarget(const Machine& machine, const TargetOptionsValues& nam
   std::string trouble;
   const Devices connected = SurveyDevices(machine, &trouble);
   if (!trouble.empty()) Complain(machine, trouble, {});
-  if (!named.usbPort.empty()) return Named(machine, {TransportKind::Usb, named.usbPort}, connected);
-  if (named.ftdiSerial.empty()) return OnlyOne(machine, connected);
-  return Named(machine, {TransportKind::Ftdi, named.ftdiSerial, named.baudRate, named.echo},
-               connected);
+  TargetChoice choice = Choose(machine, named, connected);
+  if (!choice.target && !trouble.empty()) choice.text = trouble + "; " + choice.text;
+  return choice;
 }
 
 }  // namespace tavo::tool

@@ -30,7 +30,9 @@ void AddTargetOptions(CLI::App& command, TargetOptionsValues& to);
 
 struct TargetChoice {
   std::optional<Target> target;
-  ExitCode exit = ExitCode::Done;  // without a target: how the command is to end
+  ExitCode exit = ExitCode::Done;  // without a target: how the command is to end,
+  std::string text{};              // and why, in one sentence
+  std::string hint{};              // what to do; names the devices that are there
 };
 
 // Looks at what is connected, opens nothing for good, sends nothing. After a refusal it has

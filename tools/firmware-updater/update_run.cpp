@@ -4,9 +4,10 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <optional>
-#include <sstream>
+#include <system_error>
 
 #include "device_survey.h"
 #include "digest.h"
@@ -14,10 +15,13 @@
 #include "interrupts.h"
 #include "log_platform.h"
 #include "session.h"
+#include "text_format.h"
 #include "views.h"
 
 namespace tavo::tool {
 namespace {
+
+namespace fs = std::filesystem;
 
 // What the flash holds if the update ends in this phase; `written`: an earlier run has written all.
 std::string_view FlashIn(Phase phase, bool written) {
@@ -195,21 +199,31 @@ ExitCode Refuse(UpdateView& view, Record& record, ExitCode exit, const Failure& 
   return exit;
 }
 
-// What is wrong with the log or the record file; both are opened before the device is.
-std::string Unwritable(const Machine& machine, const std::string& path) {
-  if (path.empty() || machine.platform.OpenFile(path, "a")) return {};
-  return path + " cannot be written";
+bool CanBeWritten(const Machine& machine, const std::string& path) {
+  return path.empty() || machine.platform.OpenFile(path, "a");
 }
 
-// With the texts that the user gets, so that a record tells as much.
-TargetChoice ChooseAndTell(const Machine& machine, const UpdateOptions& options,
-                           std::string& told) {
-  std::ostringstream texts;
-  const Machine listener{machine.platform, machine.usb, machine.adapters, machine.out, texts};
-  const TargetChoice choice = ChooseTarget(listener, options.target);
-  told = texts.str();
-  machine.err << told << std::flush;
-  return choice;
+bool IsSameFile(const std::string& one, const std::string& other) {
+  std::error_code ignored;
+  return fs::is_regular_file(one, ignored) && fs::equivalent(one, other, ignored);
+}
+
+// What is wrong with the log or the record that the user names: both are opened before the device is,
+// and what writes them must not destroy anything.
+std::string OutputProblem(const Machine& machine, const UpdateOptions& options) {
+  for (const std::string& file : {options.log, options.record}) {
+    if (IsSameFile(file, options.file)) return Displayable(file) + " is the update file itself";
+    if (!CanBeWritten(machine, file)) return Displayable(file) + " cannot be written";
+  }
+  return IsSameFile(options.log, options.record) ? "log and record are the same file" : "";
+}
+
+// Empty: none is kept. The place that nobody has named must not keep an update from being done.
+std::string LogPath(const Machine& machine, const UpdateOptions& options, UpdateView& view) {
+  const std::string path = options.log.empty() ? DefaultLogPath() : options.log;
+  if (!path.empty() && CanBeWritten(machine, path)) return path;
+  view.Note("No log is kept: the user's state folder cannot be written. --log FILE names a place.");
+  return {};
 }
 
 // The result itself is lost when nobody can read it, and that is no success.
@@ -226,6 +240,8 @@ bool NeedsTunnel(const PackageReport& report) {
 }
 
 void AddUpdateOptions(CLI::App& command, UpdateOptions& to) {
+  const CLI::Validator notEmpty(
+      [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
   command.add_option("FILE", to.file, "Update file: .hex, or .zip with .hex files inside")
       ->required();
   AddTargetOptions(command, to.target);
@@ -238,12 +254,14 @@ void AddUpdateOptions(CLI::App& command, UpdateOptions& to) {
       .add_option("--log", to.log,
                   "File to append the library's log to, instead of firmware-updater.log in the "
                   "user's state folder")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(notEmpty);
   command
       .add_option("--record", to.record,
                   "File to record the traffic with the device in, for the command replay; the "
                   "firmware is left out")
-      ->type_name("FILE");
+      ->type_name("FILE")
+      ->check(notEmpty);
   command.add_flag("--record-firmware", to.recordFirmware, "Record the firmware too")
       ->needs("--record");
   command.add_flag("--verbose", to.verbose, "Show the library's log as well");
@@ -261,25 +279,23 @@ ExitCode RunUpdate(const Machine& machine, const char* command, const UpdateOpti
     return Refuse(*view, record, ExitCode::BadFile,
                   {.name = "bad-file",
                    .code = 0,
-                   .text = options.file + ": " + report.problem,
+                   .text = Displayable(options.file) + ": " + report.problem,
                    .hint = report.hint});
   }
   record.sha256 = Sha256OfFile(options.file);
-  const std::string log = options.log.empty() ? DefaultLogPath() : options.log;
-  for (const std::string& file : {log, options.record}) {
-    if (const std::string problem = Unwritable(machine, file); !problem.empty()) {
-      return Refuse(*view, record, ExitCode::Usage,
-                    {.name = "unwritable-file",
-                     .code = 0,
-                     .text = problem,
-                     .hint = "name another file with --log or --record"});
-    }
+  if (const std::string problem = OutputProblem(machine, options); !problem.empty()) {
+    return Refuse(*view, record, ExitCode::Usage,
+                  {.name = "unwritable-file",
+                   .code = 0,
+                   .text = problem,
+                   .hint = "name another file with --log or --record"});
   }
-  std::string told;
-  const TargetChoice choice = ChooseAndTell(machine, options, told);
+  const std::string log = LogPath(machine, options, *view);
+  const TargetChoice choice = ChooseTarget(machine, options.target);
   if (!choice.target) {
-    return Refuse(*view, record, choice.exit,
-                  {.name = "no-device", .code = 0, .text = told, .hint = "", .told = true});
+    return Refuse(
+        *view, record, choice.exit,
+        {.name = "no-device", .code = 0, .text = choice.text, .hint = choice.hint, .told = true});
   }
   record.target = choice.target;
 
