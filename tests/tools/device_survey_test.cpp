@@ -116,11 +116,11 @@ TEST_F(DeviceSurvey, ListSaysWhatAddressesADeviceAndWhatStandsInTheWay) {
   adapters.adapters = {{"A\x1B\xB5 1", "It's\na\x9B b"}};
   EXPECT_EQ(run("list"), ExitCode::Done);
   EXPECT_EQ(run.Out(),
-            "--usb 4-2       USB device 03eb:2404, bus 1\n"
-            "--usb 1         USB device 03eb:2404, bus 1\n"
-            "                cannot be used: another program holds it (in-use)\n"
-            "                hint: end the program that uses it, then try again\n"
-            "--ftdi 'A?? 1'  It's?a? b\n");
+            "--usb 4-2                 USB device 03eb:2404, bus 1\n"
+            "--usb 1                   USB device 03eb:2404, bus 1\n"
+            "                          cannot be used: another program holds it (in-use)\n"
+            "                          hint: end the program that uses it, then try again\n"
+            "--ftdi $'A\\033\\265\\0401'  It's?a? b\n");
   EXPECT_EQ(run.Err(), "");
 }
 

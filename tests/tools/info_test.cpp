@@ -164,6 +164,23 @@ TEST(TargetChoice, TakesWhatIsNamedOrTheOnlyUsbDevice) {
   }
 }
 
+// A file or a serial number may be called anything, and what is recommended must work when it is
+// copied, out of JSON too.
+TEST(ShellWord, IsOneLineOfTextThatAShellReadsBack) {
+  const test::TemporaryFolder folder;
+  for (const std::string name :
+       {"fw.hex", "my fw.hex", "it's \"q\".hex", "$(x)`y`!.hex", "~a", "#b", "\xC3\xBC.hex",
+        "\xFF\xFE.hex", "a\nb\033[31m.hex", "\xC3", ""}) {
+    const std::string word = ShellWord(name);
+    EXPECT_EQ(word.find_first_of("\n\033"), std::string::npos);
+    EXPECT_NO_THROW(json(word).dump()) << "it is UTF-8";
+    test::ChildProcess shell(folder.Path(), {"bash", "-c", "printf %s " + word},
+                             {"PATH=/usr/bin:/bin"}, "output.txt");
+    EXPECT_EQ(shell.Wait(20s), 0);
+    EXPECT_EQ(shell.Output(), name) << word;
+  }
+}
+
 TEST(TargetChoice, OptionsThatDoNotGoTogetherAreRefused) {
   Desk desk(OptionsOf("plain", DeviceState::Application));
   for (const char* const arguments :

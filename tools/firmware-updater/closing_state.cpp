@@ -95,6 +95,11 @@ std::string CommandFor(Cure cure, const Task& task, const std::string& file) {
          Flags(task.flags, cure);
 }
 
+// One that begins with a hyphen would be taken for an option.
+std::string FileWord(const std::string& file) {
+  return ShellWord(file.starts_with('-') ? "./" + file : file);
+}
+
 bool FirmwareDoesNotFit(ErrorCode failure) {
   constexpr std::array kCodes{ErrorCode::HardwareId, ErrorCode::ApplicationSize,
                               ErrorCode::Firmware};
@@ -106,7 +111,7 @@ std::string CommandOf(const ConditionRow& row, Ending ending, ErrorCode failure,
   // A dry run begins by leading the device back to its application, and must not end by writing it.
   const Cure cure = task.flags.dryRun ? Cure::Update : row.cure;
   if (ending != Ending::Failed || !FirmwareDoesNotFit(failure)) {
-    return CommandFor(cure, task, ShellWord(task.file));
+    return CommandFor(cure, task, FileWord(task.file));
   }
   return cure == Cure::Recover ? CommandFor(cure, task, "FILE") : std::string();
 }
@@ -122,7 +127,7 @@ std::string_view NameOf(DeviceCondition condition) { return RowOf(condition).nam
 std::string_view SentenceOf(DeviceCondition condition) { return RowOf(condition).sentence; }
 
 std::string RecoverCommand(const Task& task) {
-  return CommandFor(task.flags.dryRun ? Cure::Update : Cure::Recover, task, ShellWord(task.file));
+  return CommandFor(task.flags.dryRun ? Cure::Update : Cure::Recover, task, FileWord(task.file));
 }
 
 DeviceCondition Following(DeviceCondition earlier, DeviceCondition later) {
@@ -140,8 +145,10 @@ DeviceCondition Following(DeviceCondition earlier, DeviceCondition later) {
 
 std::string ClosingState::Line() const {
   if (command.empty()) return sentence;
-  const bool runs = exit == ExitCode::FailedRuns || device == "old-application-runs";
-  return sentence + (runs ? " To try again: " : " To get it going: ") + command;
+  const bool mayRun = exit == ExitCode::FailedRuns ||
+                      device == NameOf(DeviceCondition::OldApplicationRuns) ||
+                      device == NameOf(DeviceCondition::Untouched);
+  return sentence + (mayRun ? " To try again: " : " To get it going: ") + command;
 }
 
 ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, ErrorCode failure,

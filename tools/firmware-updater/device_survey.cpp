@@ -226,7 +226,7 @@ void AddAdapters(const Machine& machine, std::span<const UsbFinding> findings,
 }
 
 std::string AddressColumn(const FoundDevice& device) {
-  return device.address.empty() ? "-" : Printable(TargetOptions({device.kind, device.address}));
+  return device.address.empty() ? "-" : TargetOptions({device.kind, device.address});
 }
 
 }  // namespace

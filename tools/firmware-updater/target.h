@@ -19,7 +19,8 @@ struct Target {
 // "--usb 4-2", "--ftdi TAVO0001 --baud 115200 --echo".
 std::string TargetOptions(const Target& target);
 
-// The text as one word of a shell command: as it stands where that is safe, else in quotes.
+// The text as one word of a shell command, in one line and in UTF-8 whatever it holds: as it stands
+// where that is safe, else in quotes.
 std::string ShellWord(const std::string& text);
 
 }  // namespace tavo::tool
