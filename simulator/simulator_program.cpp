@@ -24,12 +24,6 @@ std::string NumbersOf(const Family& family) {
          std::to_string(id >> 4 & 0xF);
 }
 
-// By name or by numbers; none when there is no such family.
-const Family* FamilyCalled(const std::string& text) {
-  const auto found = std::ranges::find(kFamilies, text, NumbersOf);
-  return found != kFamilies.end() ? &*found : FindFamily(text);
-}
-
 std::string FamilyNames() {
   std::string names;
   for (const Family& family : kFamilies)
@@ -71,9 +65,7 @@ std::string CheckModule(const std::string& name) {
 }
 
 void AddPlace(CLI::App& app, SimulatorArguments& to) {
-  app.add_option("--family", to.family, "Device family, by name or by numbers: 8.2.14 is gateway")
-      ->type_name("{" + FamilyNames() + "}")
-      ->check(CheckFamily);
+  AddFamilyOption(app, to.family, "Device family, by name or by numbers: 8.2.14 is gateway");
   auto* const usb =
       app.add_flag("--usb", to.usb, "The device brings its own USB function (the default)");
   app.add_flag("--ftdi", to.ftdi, "The device is connected by an FTDI adapter")->excludes(usb);
@@ -228,6 +220,17 @@ void WritePortFile(std::uint16_t port, const std::string& portFile) {
 }
 
 }  // namespace
+
+const Family* FamilyCalled(const std::string& text) {
+  const auto found = std::ranges::find(kFamilies, text, NumbersOf);
+  return found != kFamilies.end() ? &*found : FindFamily(text);
+}
+
+CLI::Option* AddFamilyOption(CLI::App& app, std::string& to, const std::string& description) {
+  return app.add_option("--family", to, description)
+      ->type_name("{" + FamilyNames() + "}")
+      ->check(CheckFamily);
+}
 
 void AddSimulatorOptions(CLI::App& app, SimulatorArguments& to) {
   app.option_defaults()->always_capture_default();

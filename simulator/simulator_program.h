@@ -64,6 +64,12 @@ struct SimulatorArguments {
   std::string state{};
 };
 
+// The option that names a device family.
+CLI::Option* AddFamilyOption(CLI::App& app, std::string& to, const std::string& description);
+
+// By name or by numbers, "8.2.14"; null when there is no such family.
+const Family* FamilyCalled(const std::string& text);
+
 // `arguments` must outlive the parsing.
 void AddSimulatorOptions(CLI::App& app, SimulatorArguments& arguments);
 

@@ -114,6 +114,7 @@ TEST_F(GenerateTest, BashCompletes) {
       {"update f", "fw\nfw one.hex\n"},
       {"update --dry", "--dry-run\n"},
       {"update --log f", "fw\nfw one.hex\n"},
+      {"pack --image f", "fw\nfw one.hex\n"},
   };
   for (const auto& row : kCases) EXPECT_EQ(Complete(row.words), row.offered) << row.words;
   EXPECT_NE(Complete("simulate -- tru").find("true\n"), std::string::npos);

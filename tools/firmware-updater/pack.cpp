@@ -15,6 +15,7 @@
 #include "package_report.h"
 #include "simulator/device.h"
 #include "simulator/firmware_builder.h"
+#include "simulator/simulator_program.h"
 #include "text_format.h"
 
 namespace tavo::tool {
@@ -166,7 +167,7 @@ Firmware BuildFromBinary(const Options& options) {
 }
 
 Firmware BuildDemonstration(const Options& options) {
-  FirmwareRecipe recipe = RecipeFor(*tavosim::FindFamily(options.family));
+  FirmwareRecipe recipe = RecipeFor(*tavosim::FamilyCalled(options.family));
   recipe.seed = options.seed;
   return BuildFirmware(recipe);
 }
@@ -259,7 +260,15 @@ void Pack(const Machine& machine, const Options& options) {
   CheckOptions(options);
   const NewFile output(options.output, options.force);
   std::optional<NewFile> raw;
-  if (!options.raw.empty()) raw.emplace(options.raw, options.force);
+  if (!options.raw.empty()) {
+    const auto place = [](const std::string& path) {
+      return fs::weakly_canonical(fs::absolute(path));
+    };
+    if (place(options.raw) == place(options.output)) {
+      Refuse("--raw and --output name the same file", "give one of them another name");
+    }
+    raw.emplace(options.raw, options.force);
+  }
   if (options.members.empty()) {
     const Firmware firmware =
         options.family.empty() ? BuildFromBinary(options) : BuildDemonstration(options);
@@ -272,7 +281,7 @@ void Pack(const Machine& machine, const Options& options) {
   const PackageReport report = ReportOn(output.Partial());
   for (const MemberReport& member : report.members) {
     if (member.verdict != Verdict::Used) {
-      Refuse(report.problem.empty() ? member.reason : report.problem,
+      Refuse(report.problem.empty() ? "'" + member.name + "': " + member.reason : report.problem,
              report.hint.empty() ? "leave it out" : report.hint);
     }
   }
@@ -296,27 +305,30 @@ ExitCode RunPack(const Machine& machine, const Options& options) try {
   return ExitCode::Usage;
 }
 
-std::vector<std::string> FamilyNames() {
-  std::vector<std::string> names;
-  for (const tavosim::Family& family : tavosim::kFamilies) names.emplace_back(family.name);
-  return names;
-}
-
+// What is told of a raw binary means nothing without one.
 void AddImageOptions(CLI::App& command, Options& options) {
-  command.add_option("--image", options.binary, "Raw binary to make an image of");
-  command.add_option("--address", options.address, "Device address of its first byte");
-  command.add_option("--size", options.size,
-                     "Bytes of the image, filled up with 0xFF [next whole KiB]");
-  command
-      .add_option("--adb-type", options.adbType,
-                  "Descriptor block to add, 1 to 7; without it the binary has its own")
-      ->check(CLI::Range(1, 7));
-  command.add_option("--hardware-id", options.hardwareId, "As 0x8410 or as 8.4.1.0");
-  command.add_option("--mcu-id", options.mcuId, "Kind of processor, 0x100 for example");
-  command
-      .add_option("--entry", options.entries,
-                  "DEVICE=HARDWARE[,HARDWARE...], for ADB types 5 and 7; repeat it for each device")
-      ->allow_extra_args(false);
+  CLI::Option* const image =
+      command.add_option("--image", options.binary, "Raw binary to make an image of")
+          ->type_name("FILE");
+  CLI::Option* const address =
+      command.add_option("--address", options.address, "Device address of its first byte");
+  image->needs(address);
+  CLI::Option* const described[] = {
+      address,
+      command.add_option("--size", options.size,
+                         "Bytes of the image, filled up with 0xFF [next whole KiB]"),
+      command
+          .add_option("--adb-type", options.adbType,
+                      "Descriptor block to add, 1 to 7; without it the binary has its own")
+          ->check(CLI::Range(1, 7)),
+      command.add_option("--hardware-id", options.hardwareId, "As 0x8410 or as 8.4.1.0"),
+      command.add_option("--mcu-id", options.mcuId, "Kind of processor, 0x100 for example"),
+      command
+          .add_option(
+              "--entry", options.entries,
+              "DEVICE=HARDWARE[,HARDWARE...], for ADB types 5 and 7; repeat it for each device")
+          ->allow_extra_args(false)};
+  for (CLI::Option* const option : described) option->needs(image);
 }
 
 constexpr const char* kExamples =
@@ -334,16 +346,20 @@ void AddPackCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
   auto* command = app.add_subcommand("pack", "Build an update file from raw binaries");
   const auto options = std::make_shared<Options>();
   AddImageOptions(*command, *options);
-  command->add_option("--family", options->family, "Make demonstration firmware of this family")
-      ->check(CLI::IsMember(FamilyNames()));
+  CLI::Option* const family =
+      tavosim::AddFamilyOption(*command, options->family,
+                               "Make demonstration firmware of this family, by name or by numbers");
   command->add_option("--seed", options->seed, "Demonstration firmware of other content")
-      ->capture_default_str();
+      ->capture_default_str()
+      ->needs(family);
   command->add_option("--add", options->members, "HEX file to put into an archive; repeatable")
+      ->type_name("FILE")
       ->allow_extra_args(false);
   command->add_option("-o,--output", options->output, "Update file to write, .hex or .zip")
+      ->type_name("FILE")
       ->required();
-  command->add_option("--raw", options->raw,
-                      "Also write the bytes that the flash holds afterwards");
+  command->add_option("--raw", options->raw, "Also write the bytes that the flash holds afterwards")
+      ->type_name("FILE");
   command->add_flag("--force", options->force, "Replace files that exist");
   command->footer(kExamples);
   command->callback([options, &machine, &exit] { exit = RunPack(machine, *options); });
