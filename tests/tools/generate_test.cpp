@@ -142,6 +142,8 @@ TEST_F(GenerateTest, AWrongCommandLineGetsOneLineAndAHint) {
       {"list --nothing", "there is no option \"--nothing\"", "list "},
       {"list x", "\"x\" is one argument too many", "list "},
       {"list --wait", "--wait needs a value", "list "},
+      {"--json list", "there is no option \"--json\" in front of a command", "list "},
+      {"info --usb 1 --usb 2", "--usb can be given only once", "info "},
       {"update", "FILE is required", "update "},
       {"simulate --nothing -- true", "there is no option \"--nothing\"", "simulate "},
   };

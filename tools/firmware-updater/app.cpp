@@ -43,17 +43,24 @@ std::vector<std::string> LeftOver(const CLI::App& app) {
   return words;
 }
 
-// The parser's own text, which for a value left out speaks of types.
+// The parser's own text, which for a value left out speaks of types, and of numbers for one too many.
 std::string Plain(const CLI::ParseError& error) {
   const std::string text = error.what();
-  return text.ends_with(" missing") ? text.substr(0, text.find(':')) + " needs a value" : text;
+  const std::string name = text.substr(0, text.find(':'));
+  if (text.ends_with(" missing")) return name + " needs a value";
+  if (text.find(": At Most 1 required") != std::string::npos)
+    return name + " can be given only once";
+  return text;
 }
 
 std::string Complaint(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<std::string> words = LeftOver(app);
   if (words.empty()) return Plain(error);
   const std::string& word = words.front();
-  if (word.starts_with('-')) return "there is no option \"" + word + "\"";
+  const bool inFront = &Chosen(app) != &app && !app.remaining().empty();
+  if (word.starts_with('-')) {
+    return "there is no option \"" + word + "\"" + (inFront ? " in front of a command" : "");
+  }
   if (&Chosen(app) == &app) return "there is no command \"" + word + "\"";
   return "\"" + word + "\" is one argument too many";
 }

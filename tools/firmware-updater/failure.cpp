@@ -22,9 +22,11 @@ constexpr std::array kHints{
     HintRow{ErrorCode::Timeout,
             "Check power, line and baud rate; a device that hangs may need its power switched off "
             "and on. Then run the command below."},
-    HintRow{ErrorCode::BootloaderVersion,
-            "A device with bootloader version 0 cannot be updated with this tool. Otherwise check "
-            "the cable and try again."},
+    HintRow{
+        ErrorCode::BootloaderVersion,
+        "A device with bootloader version 0 cannot be updated with this tool; behind an adapter "
+        "it may be the line that gives back what is sent: try --echo. Otherwise check the cable "
+        "and try again."},
     HintRow{ErrorCode::HardwareId, kFile},
     HintRow{ErrorCode::ApplicationSize, kFile},
     HintRow{ErrorCode::Firmware, kFile},

@@ -24,8 +24,8 @@ constexpr std::array kEnvironment{
 };
 constexpr std::array kFiles{
     Entry{"$XDG_STATE_HOME/firmware-updater/",
-          "The logs of updates, with all that was exchanged with the device, unless --log names "
-          "another file."},
+          "The log of updates: what the library says of every step, unless --log names another "
+          "file."},
 };
 
 // `text` such that roff shows it as it stands, wherever in a line it is.
