@@ -4,24 +4,20 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <filesystem>
 #include <memory>
 #include <optional>
-#include <system_error>
+#include <utility>
 
-#include "device_survey.h"
 #include "digest.h"
 #include "failure.h"
 #include "interrupts.h"
 #include "log_platform.h"
 #include "session.h"
-#include "text_format.h"
+#include "update_checks.h"
 #include "views.h"
 
 namespace tavo::tool {
 namespace {
-
-namespace fs = std::filesystem;
 
 // What the flash holds if the update ends in this phase; `written`: an earlier run has written all.
 std::string_view FlashIn(Phase phase, bool written) {
@@ -187,43 +183,55 @@ DeviceFacts AskApplication(Inquiry& inquiry, std::uint16_t requestId) {
           .softwareId = IdOf(AskValue(inquiry, softwareId))};
 }
 
-// The end of a command that has not touched a device.
-ExitCode Refuse(UpdateView& view, Record& record, ExitCode exit, const Failure& failure) {
-  record.failure = failure;
-  record.state = {.device = "untouched",
-                  .tunnel = "not-asked",
-                  .sentence = "No device was opened; nothing was changed.",
-                  .command = "",
-                  .exit = exit};
-  view.Show(record);
-  return exit;
+void OpenDevice(Work& work) {
+  const std::string problem = work.Open();
+  if (problem.empty()) return;
+  Refuse(ExitCode::NoDevice, {.name = "not-opened",
+                              .code = 0,
+                              .text = problem,
+                              .hint = "`firmware-updater list` tells what stands in the way."});
 }
 
-bool CanBeWritten(const Machine& machine, const std::string& path) {
-  return path.empty() || machine.platform.OpenFile(path, "a");
+// What a recovery sends would reach the device behind the tunnel.
+[[noreturn]] void RefuseToRecover(const Task& task) {
+  throw Refusal{{.name = "tunnel-open",
+                 .code = 0,
+                 .text = "a tunnel to another device is open and cannot be closed",
+                 .hint = "switch the master's power off and on, then run the command below"},
+                {.device = std::string(NameOf(DeviceCondition::Unknown)),
+                 .tunnel = "left-open",
+                 .sentence = "Nothing was written; the state of the device is unknown.",
+                 .command = RecoverCommand(task),
+                 .exit = ExitCode::FailedUnknown}};
 }
 
-bool IsSameFile(const std::string& one, const std::string& other) {
-  std::error_code ignored;
-  return fs::is_regular_file(one, ignored) && fs::equivalent(one, other, ignored);
-}
+// From the check of the file to what is known of the device in the end; all of it goes into the record.
+// Then calls `conclude`, while Ctrl-C is still no sudden end. Or throws a Refusal.
+void UpdateChosen(const Machine& machine, const UpdateOptions& options, const Procedure& procedure,
+                  UpdateView& view, Record& record, const std::function<void()>& conclude) {
+  const PackageReport report = CheckedFile(options.file);
+  record.sha256 = Sha256OfFile(options.file);
+  CheckOutputs(machine, options);
+  const std::string log = LogPath(machine, options, view);
+  record.target = ChosenTarget(machine, options);
 
-// What is wrong with the log or the record that the user names: both are opened before the device is,
-// and what writes them must not destroy anything.
-std::string OutputProblem(const Machine& machine, const UpdateOptions& options) {
-  for (const std::string& file : {options.log, options.record}) {
-    if (IsSameFile(file, options.file)) return Displayable(file) + " is the update file itself";
-    if (!CanBeWritten(machine, file)) return Displayable(file) + " cannot be written";
+  Work work(machine, options, *record.target, log, view);
+  OpenDevice(work);
+  Inquiry inquiry = work.Ask();
+  const bool recovering = record.command == "recover";
+  const bool mayBeMisled = recovering || (NeedsTunnel(report) && !options.flags.bootloaderOnly);
+  if (mayBeMisled && !work.CloseOpenTunnel(inquiry) && recovering) {
+    RefuseToRecover({options.file, *record.target, options.flags});
   }
-  return IsSameFile(options.log, options.record) ? "log and record are the same file" : "";
-}
-
-// Empty: none is kept. The place that nobody has named must not keep an update from being done.
-std::string LogPath(const Machine& machine, const UpdateOptions& options, UpdateView& view) {
-  const std::string path = options.log.empty() ? DefaultLogPath() : options.log;
-  if (!path.empty() && CanBeWritten(machine, path)) return path;
-  view.Note("No log is kept: the user's state folder cannot be written. --log FILE names a place.");
-  return {};
+  work.RecordImages(report);
+  const bool succeeded =
+      procedure(report, inquiry, [&work](const UpdateFlags& flags) { return work.Run(flags); });
+  work.Fill(record, succeeded);
+  // Behind a tunnel, which is closed by now, there is nobody to ask.
+  if (succeeded && options.json && !record.dryRun && !NeedsTunnel(report)) {
+    record.after = AskApplication(inquiry, report.images.front().requestId);
+  }
+  conclude();
 }
 
 // The result itself is lost when nobody can read it, and that is no success.
@@ -273,60 +281,17 @@ ExitCode RunUpdate(const Machine& machine, const char* command, const UpdateOpti
   const std::chrono::milliseconds begin = machine.platform.MonotonicNow();
   Record record{
       .command = command, .file = options.file, .sha256 = "", .dryRun = options.flags.dryRun};
-
-  const PackageReport report = ReportOn(options.file);
-  if (!report.CouldBeWritten()) {
-    return Refuse(*view, record, ExitCode::BadFile,
-                  {.name = "bad-file",
-                   .code = 0,
-                   .text = Displayable(options.file) + ": " + report.problem,
-                   .hint = report.hint});
+  const auto conclude = [&] {
+    record.elapsed = machine.platform.MonotonicNow() - begin;
+    view->Show(record);
+  };
+  try {
+    UpdateChosen(machine, options, procedure, *view, record, conclude);
+  } catch (const Refusal& refusal) {
+    record.failure = refusal.failure;
+    record.state = refusal.state;
+    conclude();
   }
-  record.sha256 = Sha256OfFile(options.file);
-  if (const std::string problem = OutputProblem(machine, options); !problem.empty()) {
-    return Refuse(*view, record, ExitCode::Usage,
-                  {.name = "unwritable-file",
-                   .code = 0,
-                   .text = problem,
-                   .hint = "name another file with --log or --record"});
-  }
-  const std::string log = LogPath(machine, options, *view);
-  const TargetChoice choice = ChooseTarget(machine, options.target);
-  if (!choice.target) {
-    return Refuse(
-        *view, record, choice.exit,
-        {.name = "no-device", .code = 0, .text = choice.text, .hint = choice.hint, .told = true});
-  }
-  record.target = choice.target;
-
-  Work work(machine, options, *choice.target, log, *view);
-  if (const std::string problem = work.Open(); !problem.empty()) {
-    return Refuse(*view, record, ExitCode::NoDevice,
-                  {.name = "not-opened",
-                   .code = 0,
-                   .text = problem,
-                   .hint = "`firmware-updater list` tells what stands in the way."});
-  }
-  Inquiry inquiry = work.Ask();
-  const bool recovering = record.command == "recover";
-  const bool mayBeMisled = recovering || (NeedsTunnel(report) && !options.flags.bootloaderOnly);
-  if (mayBeMisled && !work.CloseOpenTunnel(inquiry) && recovering) {
-    return Refuse(*view, record, ExitCode::FailedUnknown,
-                  {.name = "tunnel-open",
-                   .code = 0,
-                   .text = "a tunnel to another device is open and cannot be closed",
-                   .hint = "switch the master's power off and on, then try again"});
-  }
-  work.RecordImages(report);
-  const bool succeeded =
-      procedure(report, inquiry, [&work](const UpdateFlags& flags) { return work.Run(flags); });
-  work.Fill(record, succeeded);
-  // Behind a tunnel, which is closed by now, there is nobody to ask.
-  if (succeeded && options.json && !NeedsTunnel(report)) {
-    record.after = AskApplication(inquiry, report.images.front().requestId);
-  }
-  record.elapsed = machine.platform.MonotonicNow() - begin;
-  view->Show(record);
   return ExitOf(machine, record.state);
 }
 
