@@ -99,6 +99,19 @@ TEST(UpdateCommand, ADryRunWritesNothingAndLeavesTheApplicationRunning) {
   }
 }
 
+TEST(UpdateCommand, AfterADryRunOfADeviceWithoutAnApplicationTheNamedCommandGetsItGoing) {
+  tavosim::DeviceOptions options = Options("plain");
+  options.applicationIntact = false;
+  options.start = DeviceState::Bootloader;
+  Desk desk(options);
+  const std::vector<std::uint8_t> before = desk.Flash();
+  EXPECT_EQ(desk.Update(" --dry-run"), FailedInBootloader);
+  EXPECT_EQ(desk.Flash(), before);
+  const std::string next = desk.run.Recommended();
+  EXPECT_EQ(desk.run(next + " --log @tool.log"), Done) << next;
+  EXPECT_TRUE(desk.UpdatedAndRuns());
+}
+
 TEST(UpdateCommand, ATunnelFoundOpenIsClosedAndTheUpdateWorksAtOnce) {
   for (const std::uint16_t open : {std::uint16_t{0x0401}, std::uint16_t{0x0402}}) {
     tavosim::DeviceOptions options = Options("tunnel");

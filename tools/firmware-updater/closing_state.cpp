@@ -85,7 +85,7 @@ std::string Flags(const UpdateFlags& flags, Cure cure) {
   if (!flags.checkIdentity) text += " --skip-identity-check";
   if (flags.extendedErase) text += " --extended-erase";
   if (flags.bootloaderOnly && cure == Cure::Update) text += " --bootloader-only";
-  if (flags.dryRun) text += " --dry-run";
+  if (flags.dryRun && cure == Cure::Update) text += " --dry-run";
   return text;
 }
 
@@ -108,8 +108,10 @@ bool FirmwareDoesNotFit(ErrorCode failure) {
 
 std::string CommandOf(const ConditionRow& row, Ending ending, ErrorCode failure, const Task& task) {
   if (row.cure == Cure::None || ending == Ending::Succeeded) return {};
-  // A dry run begins by leading the device back to its application, and must not end by writing it.
-  const Cure cure = task.flags.dryRun ? Cure::Update : row.cure;
+  // A dry run begins by leading the device back to its application, so that another one may do it;
+  // where it has failed to, there is no application.
+  const bool again = task.flags.dryRun && row.condition != DeviceCondition::BootloaderAsFound;
+  const Cure cure = again ? Cure::Update : row.cure;
   if (ending != Ending::Failed || !FirmwareDoesNotFit(failure)) {
     return CommandFor(cure, task, FileWord(task.file));
   }
