@@ -3,7 +3,6 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdlib>
 #include <iostream>
 #include <string_view>
@@ -37,8 +36,6 @@ void OpenClosedStreams() {
 
 int main(int argc, char** argv) {
   OpenClosedStreams();
-  // A reader that goes away must not end the program in the middle of an update.
-  std::signal(SIGPIPE, SIG_IGN);
   const bool terminal = isatty(STDOUT_FILENO) == 1 && Environment("TERM") != "dumb";
   const auto adapters = tavo::MakeSystemD2xx();
   return tavo::tool::RunTool(argc, argv,

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <memory>
 #include <optional>
@@ -277,6 +278,8 @@ void AddUpdateOptions(CLI::App& command, UpdateOptions& to) {
 
 ExitCode RunUpdate(const Machine& machine, const char* command, const UpdateOptions& options,
                    const Procedure& procedure) {
+  // A reader that goes away must not end the program in the middle of an update.
+  std::signal(SIGPIPE, SIG_IGN);
   const auto view = MakeView(machine, options.json, options.verbose);
   const std::chrono::milliseconds begin = machine.platform.MonotonicNow();
   Record record{
