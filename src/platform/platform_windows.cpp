@@ -35,6 +35,18 @@ std::wstring WidenPath(std::string_view path) {
   return Widen(CP_ACP, 0, path).value_or(std::wstring());
 }
 
+// The path as it stands where that is short enough. A longer one, counted from its drive, opens only
+// in its extended form, unless both host and machine have asked for the opposite.
+std::wstring SystemPath(std::string_view path) {
+  std::wstring wide = WidenPath(path);
+  std::wstring full(kMaxPathLength, L'\0');
+  full.resize(std::min(kMaxPathLength,
+                       GetFullPathNameW(wide.c_str(), kMaxPathLength, full.data(), nullptr)));
+  const bool extended = full.starts_with(LR"(\\?\)") || full.starts_with(LR"(\\.\)");
+  if (full.size() < MAX_PATH || extended) return wide;
+  return full.starts_with(LR"(\\)") ? LR"(\\?\UNC)" + full.substr(1) : LR"(\\?\)" + full;
+}
+
 std::string ToUtf8(std::wstring_view wide) {
   const int size = static_cast<int>(wide.size());
   const int needed =
@@ -94,7 +106,7 @@ class WindowsPlatform final : public Platform {
   }
 
   FileHandle OpenFile(const std::string& path, const char* mode) override {
-    return FileHandle(_wfopen(WidenPath(path).c_str(), WidenPath(mode).c_str()));
+    return FileHandle(_wfopen(SystemPath(path).c_str(), WidenPath(mode).c_str()));
   }
 };
 
@@ -106,7 +118,7 @@ Platform& SystemPlatform() {
 }
 
 FileHandle OpenForReading(const std::string& path) {
-  const HANDLE handle = CreateFileW(WidenPath(path).c_str(), GENERIC_READ,
+  const HANDLE handle = CreateFileW(SystemPath(path).c_str(), GENERIC_READ,
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) return nullptr;

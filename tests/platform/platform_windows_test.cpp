@@ -54,6 +54,22 @@ TEST_F(WindowsPaths, UpdateFilesOfAnyNameOpen) {
   }
 }
 
+// The system's own functions make and remove what is longer, by the form that this test must not pass
+// to the library alone.
+TEST_F(WindowsPaths, PathsLongerThanMostProgramsTakeOpenToo) {
+  const std::wstring folder = m_folder.wstring() + L"\\" + std::wstring(200, L'x');
+  const std::wstring file = folder + L"\\" + std::wstring(100, L'y') + L".hex";
+  const std::wstring extended = LR"(\\?\)";
+  ASSERT_TRUE(CreateDirectoryW((extended + folder).c_str(), nullptr));
+  tavosim::WriteFile(extended + file, tavosim::HexText({{7}, 0, 0}));
+  for (const std::wstring& path : {file, extended + file}) {
+    EXPECT_EQ(FirstByte(InCodePage(CP_UTF8, path)), 7) << InCodePage(CP_UTF8, path);
+  }
+  EXPECT_NE(SystemPlatform().OpenFile(InCodePage(CP_UTF8, file), "a"), nullptr);
+  DeleteFileW((extended + file).c_str());
+  RemoveDirectoryW((extended + folder).c_str());
+}
+
 TEST(WindowsCodePage, APathInItOpensToo) {
   const std::filesystem::path file =
       std::filesystem::temp_directory_path() /
