@@ -39,7 +39,7 @@ target_include_directories(tavo_libusb SYSTEM PUBLIC ${libusb_source}
 target_compile_definitions(tavo_libusb PRIVATE _WIN32_WINNT=0x0600)
 target_compile_options(tavo_libusb PRIVATE $<$<COMPILE_LANGUAGE:C>:-w>)  # not ours to mend
 # Its list of exports also has each name without the decoration of its 32-bit calls.
-target_link_options(tavo_libusb PRIVATE -Wl,--enable-stdcall-fixup)
+target_link_options(tavo_libusb PRIVATE -Wl,--enable-stdcall-fixup $<$<CONFIG:Release>:-s>)
 set_target_properties(tavo_libusb PROPERTIES OUTPUT_NAME libusb-1.0 PREFIX "" C_STANDARD 11
                                              C_EXTENSIONS ON)
 add_library(libusb::libusb ALIAS tavo_libusb)
