@@ -36,7 +36,8 @@ endforeach()
 target_sources(tavo_libusb PRIVATE ${libusb_source}/libusb-1.0.def ${libusb_source}/libusb-1.0.rc)
 target_include_directories(tavo_libusb SYSTEM PUBLIC ${libusb_source}
                                        PRIVATE ${CMAKE_BINARY_DIR}/libusb)
-target_compile_definitions(tavo_libusb PRIVATE _WIN32_WINNT=0x0600)
+# Its header includes that of Windows, most of which nobody here needs.
+target_compile_definitions(tavo_libusb PRIVATE _WIN32_WINNT=0x0600 INTERFACE WIN32_LEAN_AND_MEAN)
 target_compile_options(tavo_libusb PRIVATE $<$<COMPILE_LANGUAGE:C>:-w>)  # not ours to mend
 # Its list of exports also has each name without the decoration of its 32-bit calls.
 target_link_options(tavo_libusb PRIVATE -Wl,--enable-stdcall-fixup $<$<CONFIG:Release>:-s>)
