@@ -28,17 +28,24 @@ std::optional<std::wstring> Widen(UINT codePage, DWORD flags, std::string_view t
   return wide;
 }
 
-// A host that knows nothing of UTF-8 passes its paths in the machine's own code page. Its letters
+// A host that knows nothing of UTF-8 passes its texts in the machine's own code page. Their letters
 // beyond ASCII practically never form valid UTF-8, so that the two can be told apart.
-std::wstring WidenPath(std::string_view path) {
-  if (auto wide = Widen(CP_UTF8, MB_ERR_INVALID_CHARS, path)) return *wide;
-  return Widen(CP_ACP, 0, path).value_or(std::wstring());
+std::wstring WidenText(std::string_view text) {
+  if (auto wide = Widen(CP_UTF8, MB_ERR_INVALID_CHARS, text)) return *wide;
+  return Widen(CP_ACP, 0, text).value_or(std::wstring());
+}
+
+// A console has a code page of its own, in which other letters would come out.
+void PrintToConsole(HANDLE console, std::string_view text) {
+  const std::wstring wide = WidenText(text);
+  DWORD written = 0;
+  WriteConsoleW(console, wide.data(), static_cast<DWORD>(wide.size()), &written, nullptr);
 }
 
 // The path as it stands where that is short enough. A longer one, counted from its drive, opens only
 // in its extended form, unless both host and machine have asked for the opposite.
 std::wstring SystemPath(std::string_view path) {
-  std::wstring wide = WidenPath(path);
+  std::wstring wide = WidenText(path);
   std::wstring full(kMaxPathLength, L'\0');
   full.resize(std::min(kMaxPathLength,
                        GetFullPathNameW(wide.c_str(), kMaxPathLength, full.data(), nullptr)));
@@ -96,17 +103,19 @@ class WindowsPlatform final : public Platform {
   // and does not follow when the host redirects its output. A host without a console has no handle;
   // then the first write fails.
   void Print(std::string_view text) override {
-    const HANDLE console = GetStdHandle(STD_OUTPUT_HANDLE);
+    const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
+    DWORD mode = 0;
+    if (GetConsoleMode(output, &mode)) return PrintToConsole(output, text);
     DWORD written = 0;
     for (; !text.empty(); text.remove_prefix(std::min<std::size_t>(written, text.size()))) {
       const BOOL done =
-          WriteFile(console, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
+          WriteFile(output, text.data(), static_cast<DWORD>(text.size()), &written, nullptr);
       if (!done || written == 0) return;
     }
   }
 
   FileHandle OpenFile(const std::string& path, const char* mode) override {
-    return FileHandle(_wfopen(SystemPath(path).c_str(), WidenPath(mode).c_str()));
+    return FileHandle(_wfopen(SystemPath(path).c_str(), WidenText(mode).c_str()));
   }
 };
 
@@ -139,7 +148,7 @@ AnyFunction FindLibraryFunction(const char* library, const char* function) {
   // The folder of the host and the system's, but never the working directory, into which anybody
   // may have put a file of that name.
   const HMODULE module =
-      LoadLibraryExW(WidenPath(library).c_str(), nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
+      LoadLibraryExW(WidenText(library).c_str(), nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
   if (module == nullptr) return nullptr;
   return reinterpret_cast<AnyFunction>(GetProcAddress(module, function));
 }
