@@ -8,6 +8,7 @@ import json
 import subprocess
 import sys
 import tempfile
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import jsonschema
@@ -42,8 +43,9 @@ def main(tool: str, schema_file: str) -> int:
         folder = Path(name)
         subprocess.run([tool, "pack", "--family", "plain", "-o", "firmware.hex"], cwd=folder,
                        check=True, stdout=subprocess.DEVNULL)
-        for simulator, command, expected in RUNS:
-            code, lines = run(tool, folder, simulator, command)
+        with ThreadPoolExecutor(len(RUNS)) as threads:  # they mostly wait
+            results = list(threads.map(lambda row: run(tool, folder, *row[:2]), RUNS))
+        for (simulator, command, expected), (code, lines) in zip(RUNS, results):
             problems = [error.message for line in lines for error in validator.iter_errors(line)]
             if code != expected or not lines or lines[-1]["event"] != "result":
                 problems.append(f"exit code {code}, {len(lines)} lines")
