@@ -187,9 +187,10 @@ void MockMachine::FollowCable(Port& port, bool connected, std::unique_lock<std::
   const std::vector<std::uint8_t> configuration = port.front.ConfigurationDescriptor();
   descriptors.insert(descriptors.end(), configuration.begin(), configuration.end());
   guard.unlock();
-  AddToSysfs({port.name, number, descriptors});
+  // In this order: who sees the device opens it at once, and is ended when nobody listens there yet.
   umockdev_testbed_attach_ioctl(m_testbed.get(), ("/dev/" + NodeName(number)).c_str(),
                                 node.Handler(), nullptr);
+  AddToSysfs({port.name, number, descriptors});
   guard.lock();
   port.number = number;
   m_changed.notify_all();
