@@ -23,7 +23,8 @@ namespace {
 
 using std::chrono::milliseconds;
 
-constexpr std::uintmax_t kMaxRecordBytes = std::uintmax_t{1} << 30;
+// The largest firmware, 64 MiB, in hexadecimal, and what stands around its blocks in a record.
+constexpr std::uintmax_t kMaxRecordBytes = 256 * 1024 * 1024;
 
 constexpr const char* kExamples =
     "\nExamples:\n"

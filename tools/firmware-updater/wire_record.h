@@ -65,7 +65,8 @@ struct WireRecord {
   std::vector<RecordedRun> runs{};
 };
 
-// Empty when `record` has been read; else what is wrong with the file, in one sentence.
+// Empty when `record` has been read; else what is wrong with the file, in one sentence. `path` is that
+// of an ordinary file of bearable size.
 std::string ReadWireRecord(const std::string& path, WireRecord& record);
 
 // The image with every byte that no decision rests on turned to 0, unless it is blank.
