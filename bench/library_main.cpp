@@ -6,7 +6,7 @@
 
 #include "bench/bench_files.h"
 #include "simulator/firmware_builder.h"
-#include "testbench/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 namespace tavo::bench {
 

@@ -11,8 +11,8 @@
 #include "fuzz/expect.h"
 #include "simulator/firmware_builder.h"
 #include "simulator/frame.h"
-#include "testbench/plain_usb.h"
-#include "testbench/virtual_platform.h"
+#include "tests/support/plain_usb.h"
+#include "tests/support/virtual_platform.h"
 #include "transport/comm_win_usb.h"
 
 namespace tavo::fuzz {

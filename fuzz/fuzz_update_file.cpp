@@ -2,7 +2,7 @@
 #include "fuzz/expect.h"
 #include "package/update_file.h"
 #include "simulator/firmware_builder.h"
-#include "testbench/virtual_platform.h"
+#include "tests/support/virtual_platform.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
   static const tavo::test::VirtualPlatform platform;  // for its folder

@@ -9,7 +9,7 @@
 
 #include "fuzz/device_script.h"
 #include "simulator/frame.h"
-#include "testbench/station.h"
+#include "tests/support/station.h"
 
 namespace tavo::fuzz {
 namespace {

@@ -15,7 +15,7 @@
 //   [step] ---------> request sent, Wait -------------------------------> Done: next step
 //                                                                         Failed: closing plan
 //
-// The steps are defined by theme in protocol/ and package/; those files include this header, never
+// The steps are defined by theme in protocol/; those files include this header, never
 // the reverse.
 //
 // Thread rules: one thread runs an update. Other threads may at any time call RequestStop,

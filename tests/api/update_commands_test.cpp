@@ -1,7 +1,7 @@
 // The update commands around the update itself: dialogue, choice of transport and device.
 #include <gtest/gtest.h>
 
-#include "testbench/station.h"
+#include "tests/support/station.h"
 #include "transport/comm_ftdi.h"
 
 namespace tavo::test {

@@ -6,7 +6,7 @@
 
 #include <functional>
 
-#include "testbench/process_bench.h"
+#include "tests/support/process_bench.h"
 
 namespace tavo::test {
 namespace {

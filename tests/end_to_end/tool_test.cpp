@@ -3,7 +3,7 @@
 
 #include <csignal>
 
-#include "testbench/process_bench.h"
+#include "tests/support/process_bench.h"
 
 namespace tavo::test {
 namespace {

@@ -5,7 +5,7 @@
 #include <functional>
 #include <thread>
 
-#include "testbench/engine_access.h"
+#include "tests/support/engine_access.h"
 
 namespace tavo::test {
 namespace {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "engine/firmware_updater.h"
-#include "testbench/virtual_platform.h"
+#include "tests/support/virtual_platform.h"
 
 namespace tavo::test {
 namespace {

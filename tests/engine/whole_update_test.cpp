@@ -4,7 +4,7 @@
 
 #include <map>
 
-#include "testbench/station.h"
+#include "tests/support/station.h"
 
 namespace tavo::test {
 namespace {

@@ -6,8 +6,8 @@
 #include <set>
 #include <thread>
 
-#include "testbench/transcript.h"
-#include "testbench/virtual_platform.h"
+#include "tests/support/transcript.h"
+#include "tests/support/virtual_platform.h"
 
 namespace tavo::test {
 namespace {

@@ -11,7 +11,7 @@
 
 #include "log/logger.h"
 #include "platform/platform.h"
-#include "testbench/virtual_platform.h"
+#include "tests/support/virtual_platform.h"
 
 namespace tavo::test {
 namespace {

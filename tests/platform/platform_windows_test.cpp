@@ -6,7 +6,7 @@
 #include "platform/d2xx.h"
 #include "platform/platform.h"
 #include "simulator/firmware_builder.h"
-#include "testbench/temporary_folder.h"
+#include "tests/support/temporary_folder.h"
 
 namespace tavo::test {
 namespace {

@@ -2,7 +2,7 @@
 // the code that the host reads, the text that a person reads, and the line in the log.
 #include <gtest/gtest.h>
 
-#include "testbench/engine_access.h"
+#include "tests/support/engine_access.h"
 
 namespace tavo::test {
 namespace {

@@ -2,7 +2,7 @@
 // they go on without an answer.
 #include <gtest/gtest.h>
 
-#include "testbench/engine_access.h"
+#include "tests/support/engine_access.h"
 
 namespace tavo::test {
 namespace {

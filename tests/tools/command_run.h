@@ -13,8 +13,8 @@
 
 #include "app.h"
 #include "simulator/firmware_builder.h"
-#include "testbench/temporary_folder.h"
-#include "testbench/transcript.h"
+#include "tests/support/temporary_folder.h"
+#include "tests/support/transcript.h"
 
 namespace tavo::tool {
 

@@ -2,9 +2,9 @@
 // devices are lists, and one with a simulated device.
 #pragma once
 
-#include "testbench/fake_d2xx.h"
-#include "testbench/fake_libusb.h"
-#include "testbench/station.h"
+#include "tests/support/fake_d2xx.h"
+#include "tests/support/fake_libusb.h"
+#include "tests/support/station.h"
 #include "tests/tools/command_run.h"
 
 namespace tavo::tool {

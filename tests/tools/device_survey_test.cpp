@@ -1,5 +1,5 @@
 // What list finds and says, and that looking changes nothing.
-#include "device_survey.h"
+#include "device/device_survey.h"
 
 #include <gtest/gtest.h>
 

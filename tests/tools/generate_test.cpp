@@ -1,7 +1,7 @@
 // What is written from the parser: nothing of it is missing, and the programs that read it take it.
 #include <gtest/gtest.h>
 
-#include "testbench/child_process.h"
+#include "tests/support/child_process.h"
 #include "tests/tools/desk.h"
 
 namespace tavo::tool {

@@ -5,10 +5,10 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
-#include "inquiry.h"
-#include "session.h"
-#include "target_choice.h"
-#include "testbench/child_process.h"
+#include "device/inquiry.h"
+#include "device/session.h"
+#include "device/target_choice.h"
+#include "tests/support/child_process.h"
 #include "tests/tools/desk.h"
 
 namespace tavo::tool {

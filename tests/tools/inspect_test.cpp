@@ -6,11 +6,11 @@
 
 #include <nlohmann/json.hpp>
 
-#include "block_map.h"
-#include "hex_survey.h"
-#include "package_report.h"
+#include "file/block_map.h"
+#include "file/hex_survey.h"
+#include "file/package_report.h"
 #include "simulator/device.h"
-#include "testbench/engine_access.h"
+#include "tests/support/engine_access.h"
 #include "tests/tools/desk.h"
 
 namespace tavo::tool {

@@ -2,8 +2,8 @@
 // gets. What cannot be built leaves nothing behind.
 #include <gtest/gtest.h>
 
+#include "file/package_report.h"
 #include "package/adb_view.h"
-#include "package_report.h"
 #include "tests/tools/desk.h"
 
 namespace tavo::tool {

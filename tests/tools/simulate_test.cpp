@@ -1,8 +1,8 @@
 // The command "simulate", as a process of its own: it starts others and takes signals.
 #include <gtest/gtest.h>
 
-#include "testbench/child_process.h"
-#include "testbench/temporary_folder.h"
+#include "tests/support/child_process.h"
+#include "tests/support/temporary_folder.h"
 
 namespace tavo::test {
 namespace {

@@ -7,10 +7,10 @@
 #include <cstdlib>
 #include <nlohmann/json.hpp>
 
-#include "closing_state.h"
 #include "package/adb_view.h"
 #include "tests/tools/desk.h"
-#include "wire_record.h"
+#include "update/closing_state.h"
+#include "update/wire_record.h"
 
 namespace tavo::tool {
 namespace {

@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "simulator/frame.h"
-#include "testbench/raw_read.h"
-#include "testbench/virtual_platform.h"
+#include "tests/support/raw_read.h"
+#include "tests/support/virtual_platform.h"
 
 namespace tavo::test {
 namespace {

@@ -2,9 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include "testbench/fake_d2xx.h"
-#include "testbench/fake_libusb.h"
-#include "testbench/virtual_platform.h"
+#include "tests/support/fake_d2xx.h"
+#include "tests/support/fake_libusb.h"
+#include "tests/support/virtual_platform.h"
 
 namespace tavo::test {
 namespace {

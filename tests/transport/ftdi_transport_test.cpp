@@ -1,9 +1,9 @@
 #include <gtest/gtest.h>
 
 #include "log/logger.h"
-#include "testbench/fake_d2xx.h"
-#include "testbench/raw_read.h"
-#include "testbench/virtual_platform.h"
+#include "tests/support/fake_d2xx.h"
+#include "tests/support/raw_read.h"
+#include "tests/support/virtual_platform.h"
 #include "transport/comm_ftdi.h"
 
 namespace tavo::test {

@@ -3,10 +3,10 @@
 #include <memory>
 
 #include "log/logger.h"
-#include "testbench/fake_libusb.h"
-#include "testbench/raw_read.h"
-#include "testbench/transcript.h"
-#include "testbench/virtual_platform.h"
+#include "tests/support/fake_libusb.h"
+#include "tests/support/raw_read.h"
+#include "tests/support/transcript.h"
+#include "tests/support/virtual_platform.h"
 #include "transport/comm_win_usb.h"
 
 namespace tavo::test {

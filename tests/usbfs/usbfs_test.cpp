@@ -13,8 +13,8 @@
 
 #include "simulator/cdc_function.h"
 #include "simulator/ftdi_adapter.h"
-#include "testbench/usbfs/mock_machine.h"
 #include "tests/tools/command_run.h"
+#include "tests/usbfs/mock_machine.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 // What umockdev-wrapper has the process load comes before the sanitizer's library, which minds.

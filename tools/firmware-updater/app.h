@@ -1,7 +1,7 @@
 // The tool but for its main function: the parser with all commands, and one run of it.
 #pragma once
 
-#include "commands.h"
+#include "commands/commands.h"
 
 namespace tavo::tool {
 

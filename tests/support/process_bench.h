@@ -1,0 +1,158 @@
+// A bench of simulated devices and hosts: every simulator and every host is a process of its own,
+// the host finds the devices through the substitute libusb, and all files lie in a new folder that
+// goes with the bench.
+//
+//   Bench bench;
+//   bench.PlugIn({"--family", "plain"});
+//   const Result result = bench.RunHost({"usb", "", "firmware.hex"});
+//
+// With TAVO_WINDOWS_BUILD in the environment, the folder of a Windows build, the hosts are the
+// programs of that build: they run under Wine (TAVO_WINE_BITS is 64 or 32) with the DLL and the
+// substitutes of both vendor libraries beside them.
+#pragma once
+
+#include <cstdlib>
+
+#include "tests/support/child_process.h"
+#include "tests/support/transcript.h"
+
+namespace tavo::test {
+
+// How a host program ended.
+struct Result {
+  std::optional<int> exitCode;  // nothing: it had to be killed
+  std::string console;
+};
+
+class Bench {
+ public:
+  static constexpr std::chrono::seconds kPrompt{20};    // what needs no patience with a device
+  static constexpr std::chrono::seconds kLongest{170};  // an update that waits wherever it can
+
+  // Writes firmware.hex, and the flash content that it makes into image.bin.
+  bool MakeFirmware(const std::string& family) const {
+    ChildProcess tool(
+        folder,
+        {Program("tavo-make-firmware"), "--family", family, "--image", "image.bin", "firmware.hex"},
+        Environment(), "make-firmware.txt");
+    return tool.Wait(kPrompt) == 0;
+  }
+
+  // Starts a simulator. False when it does not come up. What this class tells of "the device" is
+  // told of the first.
+  bool PlugIn(Words arguments) {
+    const std::string number = std::to_string(m_simulators.size());
+    const std::filesystem::path portFile = folder / ("port" + number);
+    arguments.insert(arguments.begin(), {Program("tavo-simulator"), "--listen", "0", "--port-file",
+                                         portFile, "--state", "device" + number});
+    m_simulators.emplace_back(folder, arguments, Environment(), "simulator" + number + ".txt");
+    if (!WaitUntil([&] { return std::filesystem::exists(portFile); }, kPrompt)) return false;
+    m_addresses += (m_addresses.empty() ? "" : ",") +
+                   ("127.0.0.1:" + std::to_string(std::stoi(FileText(portFile))));
+    return true;
+  }
+
+  // Ends the simulators as a person would. False when one of them did not end well, for example
+  // because it had lost memory.
+  bool SwitchOff() {
+    bool well = true;
+    for (ChildProcess& simulator : m_simulators) well = simulator.AskToEnd(kPrompt) == 0 && well;
+    return well;
+  }
+
+  // A copy of the program in the bench's folder runs, so that the log comes to lie there.
+  Result Run(const std::string& program, const Words& arguments) const {
+    Words command = m_windowsBuild.empty()
+                        ? Words{CopyHere(Program(program))}
+                        : Words{TAVO_SOURCE_DIR "/scripts/wine", FromHost("TAVO_WINE_BITS"),
+                                CopyHere(m_windowsBuild + "/bin/" + program + ".exe")};
+    if (!m_windowsBuild.empty()) {
+      CopyHere(m_windowsBuild + "/bin/FirmwareUpdater.dll");
+      CopyHere(m_windowsBuild + "/substitute/libusb-1.0.dll");
+      CopyHere(m_windowsBuild + "/substitute/FTD2XX.dll");
+    }
+    return RunCommand(command, arguments, Environment());
+  }
+
+  // Runs an example in Python, always on this system. Its interpreter too is a copy, which has to be
+  // told where the rest of Python lies.
+  Result RunPython(const std::string& example, const Words& arguments) const {
+    const Words command{CopyHere(std::filesystem::canonical("/usr/bin/python3")),
+                        TAVO_SOURCE_DIR "/examples/" + example,
+                        TAVO_BUILD_DIR "/lib/libFirmwareUpdater.so"};
+    Words environment = Environment();
+    environment.push_back("PYTHONHOME=/usr");
+    return RunCommand(command, arguments, environment);
+  }
+  // Starts a program of this system, which then runs beside the test.
+  ChildProcess Start(const std::string& program, const Words& arguments) const {
+    Words command{CopyHere(Program(program))};
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    return ChildProcess(folder, command, Environment(), "console.txt");
+  }
+  Result RunHost(const Words& arguments) const { return Run("update-host", arguments); }
+
+  // Every request that the device has received since the last call.
+  Lines TakeRequests() {
+    const Lines journal = LinesOf(FileText(folder / "device0/journal.txt"));
+    Lines requests;
+    for (; m_journalLines < journal.size(); ++m_journalLines) {
+      constexpr std::size_t kRequestColumn = 19;
+      const std::string& line = journal[m_journalLines];
+      if (m_journalLines == 0) continue;  // the heading
+      requests.push_back(line.substr(kRequestColumn, line.find("  (") - kRequestColumn));
+    }
+    return WithBlocksCounted(requests);
+  }
+  bool FlashHoldsFirmware() const {
+    const std::string image = FileText(folder / "image.bin");
+    return !image.empty() && FileText(folder / "device0/flash.bin") == image;
+  }
+  std::string Log() const {
+    std::string log = FileText(folder / "FirmwareUpdater.log");
+    std::erase(log, '\r');
+    return log;
+  }
+
+ private:
+  const TemporaryFolder m_temporary;
+
+ public:
+  const std::filesystem::path folder = m_temporary.Path();
+
+ private:
+  static std::string Program(const std::string& name) { return TAVO_BUILD_DIR "/bin/" + name; }
+  static std::string FromHost(const char* variable) {
+    const char* const value = std::getenv(variable);
+    return value == nullptr ? "" : value;
+  }
+  std::string CopyHere(const std::filesystem::path& file) const {
+    const std::filesystem::path copy = folder / file.filename();
+    std::filesystem::copy_file(file, copy, std::filesystem::copy_options::overwrite_existing);
+    return copy;
+  }
+  Result RunCommand(Words command, const Words& arguments, const Words& environment) const {
+    command.insert(command.end(), arguments.begin(), arguments.end());
+    ChildProcess host(folder, command, environment, "console.txt");
+    const std::optional<int> exitCode = host.Wait(kLongest);
+    std::string console = host.Output();
+    std::erase(console, '\r');  // the runtime of a Windows host writes it
+    return {exitCode, console};
+  }
+  Words Environment() const {
+    return {"PATH=/usr/sbin:/usr/bin:/sbin:/bin",
+            "LD_LIBRARY_PATH=" TAVO_BUILD_DIR "/substitute",
+            "TAVO_SIMULATORS=" + m_addresses,
+            "XDG_STATE_HOME=" + (folder / "state").string(),
+            "HOME=" + FromHost("HOME"),
+            "XDG_CACHE_HOME=" + FromHost("XDG_CACHE_HOME"),
+            "TAVO_WINE_HOME=" + FromHost("TAVO_WINE_HOME")};
+  }
+
+  const std::string m_windowsBuild = FromHost("TAVO_WINDOWS_BUILD");
+  std::vector<ChildProcess> m_simulators;
+  std::string m_addresses;
+  std::size_t m_journalLines = 0;
+};
+
+}  // namespace tavo::test

@@ -1,0 +1,127 @@
+// The adapter vendor's library in front of one simulated adapter, in the same process and on a
+// virtual clock.
+#pragma once
+
+#include <algorithm>
+#include <deque>
+#include <functional>
+#include <string>
+
+#include "platform/d2xx.h"
+#include "simulator/ftdi_adapter.h"
+#include "tests/support/simulated_usb.h"
+
+namespace tavo::test {
+
+class SimulatedD2xx : public D2xx {
+ public:
+  // Both must outlive this object.
+  SimulatedD2xx(VirtualPlatform& platform, tavosim::Device& device, tavosim::FtdiAdapter& adapter,
+                std::string serialNumber)
+      : m_platform(platform),
+        m_device(device),
+        m_adapter(adapter),
+        m_serialNumber(std::move(serialNumber)) {}
+
+  // What a test may put in the way: true makes the call fail.
+  std::function<bool()> failSend = [] { return false; };
+  std::function<bool()> failReceive = [] { return false; };
+  // Called at every look for input.
+  std::function<void()> onPoll = [] {};
+
+  D2xxStatus CreateDeviceInfoList(std::uint32_t* count) override {
+    *count = m_adapter.Connected(Now()) ? 1 : 0;
+    return kD2xxOk;
+  }
+  D2xxStatus GetDeviceInfoList(std::span<D2xxDeviceInfo> devices, std::uint32_t* count) override {
+    *count = static_cast<std::uint32_t>(devices.size());
+    for (D2xxDeviceInfo& info : devices) {
+      info = {};
+      m_serialNumber.copy(info.serialNumber.data(), info.serialNumber.size());
+    }
+    return kD2xxOk;
+  }
+
+  D2xxStatus Open(std::uint32_t /*index*/, D2xxHandle* handle) override {
+    if (!m_adapter.Connected(Now())) return kD2xxDeviceNotFound;
+    m_received.clear();
+    m_unplugsAtOpen = m_device.Unplugs();
+    *handle = this;
+    return kD2xxOk;
+  }
+  // The divisor for 3 MHz without a fraction, as the chip takes it.
+  D2xxStatus SetBaudRate(D2xxHandle /*handle*/, std::uint32_t baudRate) override {
+    const std::uint32_t divisor = 3'000'000 / baudRate;
+    return Control(3, static_cast<std::uint16_t>(divisor & 0x3FFF));
+  }
+  D2xxStatus SetDataCharacteristics(D2xxHandle /*handle*/, std::uint8_t wordLength,
+                                    std::uint8_t stopBits, std::uint8_t parity) override {
+    return Control(4, static_cast<std::uint16_t>(wordLength | (parity << 8) | (stopBits << 11)));
+  }
+  D2xxStatus Close(D2xxHandle /*handle*/) override {
+    m_adapter.Released(Now());
+    return kD2xxOk;
+  }
+
+  D2xxStatus Write(D2xxHandle /*handle*/, std::span<const std::uint8_t> data,
+                   std::uint32_t* written) override {
+    *written = 0;
+    if (Gone() || failSend()) return kD2xxIoError;
+    if (m_adapter.Out(0x02, data, Now()).status != tavosim::UsbStatus::Done) return kD2xxIoError;
+    *written = static_cast<std::uint32_t>(data.size());
+    return kD2xxOk;
+  }
+  D2xxStatus GetStatus(D2xxHandle /*handle*/, std::uint32_t* receiveQueue,
+                       std::uint32_t* /*transmitQueue*/, std::uint32_t* /*eventState*/) override {
+    // Like the vendor's library, which has nothing to say of an adapter that is gone; the read then
+    // fails.
+    onPoll();
+    *receiveQueue = 1;
+    if (Gone()) return kD2xxIoError;
+    Fetch();
+    *receiveQueue = static_cast<std::uint32_t>(m_received.size());
+    return kD2xxOk;
+  }
+  D2xxStatus Read(D2xxHandle /*handle*/, std::span<std::uint8_t> buffer,
+                  std::uint32_t* received) override {
+    *received = 0;
+    if (Gone() || failReceive()) return kD2xxIoError;
+    const auto count = static_cast<std::ptrdiff_t>(std::min(buffer.size(), m_received.size()));
+    std::copy_n(m_received.begin(), count, buffer.begin());
+    m_received.erase(m_received.begin(), m_received.begin() + count);
+    *received = static_cast<std::uint32_t>(count);
+    return kD2xxOk;
+  }
+  void WaitForInput(D2xxHandle /*handle*/, std::chrono::milliseconds bound) override {
+    AdvanceTo(m_platform, m_adapter.NextDue(Now()), bound);
+  }
+
+ private:
+  static constexpr std::size_t kPacket = 64;
+  static constexpr std::size_t kStatusBytes = 2;
+
+  tavosim::SimTime Now() { return SimNow(m_platform); }
+  bool Gone() const { return m_device.Unplugs() != m_unplugsAtOpen; }
+
+  D2xxStatus Control(std::uint8_t request, std::uint16_t value) {
+    const auto result = m_adapter.Control({0x40, request, value, 0, 0}, {}, Now());
+    return result.status == tavosim::UsbStatus::Done ? kD2xxOk : kD2xxIoError;
+  }
+
+  void Fetch() {
+    for (;;) {
+      const tavosim::UsbResult packet = m_adapter.In(0x81, kPacket, Now());
+      if (packet.status != tavosim::UsbStatus::Done || packet.data.size() < kStatusBytes) return;
+      m_received.insert(m_received.end(), packet.data.begin() + kStatusBytes, packet.data.end());
+    }
+  }
+
+  VirtualPlatform& m_platform;
+  tavosim::Device& m_device;
+  tavosim::FtdiAdapter& m_adapter;
+  std::string m_serialNumber;
+  unsigned m_unplugsAtOpen = 0;
+  std::deque<std::uint8_t> m_received;
+};
+
+}  // namespace tavo::test

@@ -1,0 +1,255 @@
+// inspect: everything that an update file says, on the screen or as JSON. Opens nothing but the file.
+#include <algorithm>
+#include <iomanip>
+#include <memory>
+#include <ostream>
+
+#include "commands/commands.h"
+#include "file/block_map.h"
+#include "file/package_json.h"
+#include "file/package_report.h"
+#include "text/text_format.h"
+
+namespace tavo::tool {
+namespace {
+
+constexpr std::uint32_t kDefaultBlockSize = 128;
+constexpr std::size_t kWidth = 96;
+constexpr std::size_t kNameWidth = 20;
+constexpr std::size_t kLabelWidth = 15;
+
+struct Options {
+  std::string file;
+  std::uint32_t blockSize = kDefaultBlockSize;
+  bool json = false;
+};
+
+// A label and its text, which goes on below itself where it is too long for the line.
+void PutWrapped(std::ostream& out, std::size_t indent, std::size_t labelWidth,
+                const std::string& label, const std::string& text) {
+  out << std::string(indent, ' ') << label;
+  std::size_t used = indent + label.size();
+  const std::size_t column = indent + labelWidth + 1;
+  if (used >= column) {
+    out << '\n';
+    used = 0;
+  }
+  out << std::string(column - used, ' ');
+  std::size_t room = kWidth - column;
+  std::size_t at = 0;
+  while (text.size() - at > room) {
+    std::size_t cut = text.rfind(' ', at + room);
+    if (cut == std::string::npos || cut <= at) cut = at + room;
+    out << text.substr(at, cut - at) << '\n' << std::string(column, ' ');
+    at = text[cut] == ' ' ? cut + 1 : cut;
+  }
+  out << text.substr(at) << '\n';
+}
+
+std::string FileName(const std::string& path) { return path.substr(path.rfind('/') + 1); }
+
+std::string VerdictText(const MemberReport& member) {
+  const std::string image = member.image ? "image " + std::to_string(*member.image + 1) : "";
+  switch (member.verdict) {
+    case Verdict::Used: return "used, " + image;
+    case Verdict::Spoils: return image + ", for which the whole file is refused: " + member.reason;
+    case Verdict::NeverChosen: return image + ", which no device takes: " + member.reason;
+    default: return "left out: " + member.reason;
+  }
+}
+
+void PutMembers(std::ostream& out, const PackageReport& report) {
+  out << "\nMembers\n";
+  for (const MemberReport& member : report.members) {
+    const bool isFileItself = member.name == report.path;
+    const std::string name = isFileItself ? FileName(member.name) : member.name;
+    PutWrapped(out, 2, kNameWidth, Displayable(name), Displayable(VerdictText(member)));
+    for (const std::string& warning : member.warnings) {
+      PutWrapped(out, 2, kNameWidth, "", "warning: " + Displayable(warning));
+    }
+  }
+}
+
+std::string ListOfIds(const std::vector<std::uint16_t>& ids) {
+  constexpr std::size_t kMaxShown = 16;
+  std::string text;
+  for (std::size_t i = 0; i < std::min(ids.size(), kMaxShown); ++i) {
+    if (i > 0) text += ", ";
+    text += HardwareIdText(ids[i]);
+  }
+  if (ids.size() > kMaxShown) text += Format(" and %zu more", ids.size() - kMaxShown);
+  return text.empty() ? "none" : text;
+}
+
+class ImageScreen {
+ public:
+  ImageScreen(std::ostream& out, const ImageReport& image, std::uint32_t blockSize)
+      : m_out(out), m_image(image), m_map(MapBlocks(image.image, blockSize)) {}
+
+  void Put() {
+    PutAddresses();
+    for (const std::string& warning : m_image.warnings) Row("Warning", warning);
+    if (m_image.adbType == 0) return Row("Descriptor", "none that is valid");
+    PutDescription();
+    PutBlockMap();
+    PutLine();
+    PutFits();
+  }
+
+ private:
+  void Row(const std::string& label, const std::string& text) {
+    PutWrapped(m_out, 2, kLabelWidth, label, text);
+  }
+
+  std::size_t Size() const { return m_image.image.data.size(); }
+  bool HasWholeBlocks() const { return Size() % m_map.blockSize == 0; }
+
+  void PutAddresses() {
+    if (Size() == 0) return Row("Addresses", "no bytes");
+    std::string size = Format("%zu bytes", Size());
+    if (Size() % 1024 == 0) size += Format(" (%zu KiB)", Size() / 1024);
+    Row("Addresses", Format("0x%08X to 0x%08llX, ", m_image.image.startAddress,
+                            static_cast<unsigned long long>(m_image.endAddress - 1)) +
+                         size);
+  }
+
+  void PutDescription() {
+    Row("Descriptor", Format("ADB of type %u at 0x%08X; addresses have %u bytes", m_image.adbType,
+                             m_image.adbAddress, m_image.addressWidth));
+    Row("MCU-ID", McuText());
+    if (m_image.hasEntryTable) {
+      PutEntries();
+    } else {
+      Row("Hardware id", ListOfIds(m_image.hardwareIds));
+    }
+    Row("Route", m_image.route.master == -1 ? "direct, no tunnel"
+                                            : Format("tunnel, master %d, slave %d",
+                                                     m_image.route.master, m_image.route.slave));
+    Row("Message kind", Format("requests to the application have id 0x%X", m_image.requestId));
+    Row("Ends in CRC-32", m_image.endsInCrc ? "yes" : "no");
+  }
+
+  std::string McuText() const {
+    if (!m_image.mcuId) return "none";
+    if (*m_image.mcuId == -1) return "outside the image";
+    const std::string id = Format("0x%03X, ", static_cast<unsigned>(*m_image.mcuId));
+    return id + (m_image.processorId ? Format("processor 0x%06X", *m_image.processorId)
+                                     : "which no processor is known for");
+  }
+
+  // The place in the table is the label that the device is given.
+  void PutEntries() {
+    Row("Entry table", Format("%zu entries", m_image.entries.size()));
+    for (std::size_t i = 0; i < m_image.entries.size(); ++i) {
+      const EntryReport& entry = m_image.entries[i];
+      const std::string device =
+          entry.deviceId ? Format("device 0x%04X", *entry.deviceId) : "device unknown";
+      const std::string ids = entry.readable ? ListOfIds(entry.hardwareIds) : "cannot be read";
+      Row("", Format("%3zu  %s  ", i, device.c_str()) + ids);
+    }
+  }
+
+  void PutBlockMap() {
+    const ScaledMap scaled = ScaleMap(m_map);
+    m_out << "\n  Block map: " << m_map.blocks.size() << " blocks of " << m_map.blockSize
+          << " bytes, " << scaled.blocksPerCharacter
+          << (scaled.blocksPerCharacter == 1 ? " block" : " blocks") << " a character\n";
+    std::uint64_t address = m_image.image.startAddress;
+    for (const std::string& row : scaled.rows) {
+      m_out << "    " << Format("0x%08llX  ", static_cast<unsigned long long>(address)) << row
+            << '\n';
+      address += scaled.charactersPerRow * scaled.blocksPerCharacter * m_map.blockSize;
+    }
+    m_out << "    " << kAllData << " data";
+    if (scaled.blocksPerCharacter > 1) m_out << "   " << kSomeData << " some data";
+    m_out << "   " << kBlankWritten << " blank, written   " << kBlankSkipped << " blank, skipped\n";
+  }
+
+  void PutLine() {
+    m_out << "\n  On the line\n";
+    Row("Blocks", Format("%zu with data, %zu blank and written, %zu blank and skipped",
+                         m_map.Count(BlockUse::Data), m_map.Count(BlockUse::BlankWritten),
+                         m_map.Count(BlockUse::BlankSkipped)));
+    Row("Requests",
+        Format("%llu, each of them answered", static_cast<unsigned long long>(m_map.requests)));
+    Row("Bytes", Format("%llu sent, %llu received at least",
+                        static_cast<unsigned long long>(m_map.bytesSent),
+                        static_cast<unsigned long long>(m_map.bytesReceived)));
+    std::string times;
+    for (const std::uint32_t baud : kLineRates) {
+      times += Format("%s%.2f s at %u baud", times.empty() ? "" : ", ", m_map.Seconds(baud), baud);
+    }
+    Row("Takes at least", times);
+  }
+
+  void PutFits() {
+    m_out << "\n  Fits devices with\n";
+    if (!m_image.obstacle.empty()) return Row("None", m_image.obstacle);
+    Row("Processor", m_image.processorId ? Format("0x%06X", *m_image.processorId)
+                                         : "any that no other image is for");
+    Row("Application", Format("exactly %zu KiB", Size() / 1024));
+    Row("Block size", HasWholeBlocks()
+                          ? Format("any up to %u that divides the image, as %u does",
+                                   kMaxWritableBlockSize, m_map.blockSize)
+                          : Format("any up to %u that divides the image; %u does not, the map and "
+                                   "the line above are for nothing",
+                                   kMaxWritableBlockSize, m_map.blockSize));
+    Row("Hardware id", m_image.hasEntryTable ? "one that the entry of the device's id lists"
+                                             : ListOfIds(m_image.hardwareIds));
+    Row("", "(a 15 in a device's own hardware id fits any number in its place)");
+  }
+
+  std::ostream& m_out;
+  const ImageReport& m_image;
+  BlockMap m_map;
+};
+
+void PutScreen(std::ostream& out, const PackageReport& report, std::uint32_t blockSize) {
+  out << Displayable(report.path) << ": "
+      << (report.CouldBeWritten() ? "could be written" : "could never be written") << '\n';
+  if (!report.members.empty()) PutMembers(out, report);
+  for (std::size_t i = 0; i < report.images.size(); ++i) {
+    out << "\nImage " << i + 1;
+    if (report.kind == UpdateFileKind::Zip) out << ": " << Displayable(report.images[i].member);
+    out << '\n';
+    ImageScreen(out, report.images[i], blockSize).Put();
+  }
+}
+
+ExitCode Inspect(const Machine& machine, const Options& options) {
+  const PackageReport report = ReportOn(options.file);
+  if (options.json) {
+    using Json = nlohmann::ordered_json;
+    // Names in an archive are any bytes.
+    machine.out << PackageJson(report, options.blockSize)
+                       .dump(2, ' ', false, Json::error_handler_t::replace)
+                << '\n';
+  } else if (report.CouldBeWritten() || !report.members.empty()) {
+    PutScreen(machine.out, report, options.blockSize);
+  }
+  if (report.CouldBeWritten()) return ExitCode::Done;
+  Complain(machine, Displayable(report.path) + ": " + report.problem, report.hint);
+  return ExitCode::BadFile;
+}
+
+}  // namespace
+
+void AddInspectCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
+  auto* command = app.add_subcommand("inspect", "Tell everything about an update file");
+  const auto options = std::make_shared<Options>();
+  command->add_option("FILE", options->file, "Update file, .hex or .zip")->required();
+  command->add_flag("--json", options->json, "One JSON document instead of the screen");
+  command
+      ->add_option("--block-size", options->blockSize,
+                   "Bytes that the device writes at once, for block map and times")
+      ->check(CLI::Range(kMinBlockSize, kMaxWritableBlockSize))
+      ->capture_default_str();
+  command->footer(
+      "Ends with exit code 4 when no device could ever take the file.\n\n"
+      "Examples:\n"
+      "  firmware-updater inspect firmware.zip\n"
+      "  firmware-updater inspect --block-size 64 --json firmware.hex");
+  command->callback([options, &machine, &exit] { exit = Inspect(machine, *options); });
+}
+
+}  // namespace tavo::tool

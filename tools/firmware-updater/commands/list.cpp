@@ -1,0 +1,113 @@
+// list: what is connected, and what stands in the way of using it.
+#include <algorithm>
+#include <chrono>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <ostream>
+
+#include "commands/commands.h"
+#include "device/device_survey.h"
+
+namespace tavo::tool {
+namespace {
+
+using std::chrono::milliseconds;
+using Json = nlohmann::ordered_json;
+
+constexpr int kDocumentVersion = 1;
+constexpr double kLongestWaitSeconds = 24 * 60 * 60;
+// A person who plugs a device in sees no delay, and a waiting script leaves the processor alone.
+constexpr milliseconds kLookPace{200};
+
+struct Options {
+  bool json = false;
+  double waitSeconds = 0;
+};
+
+struct Outcome {
+  std::vector<FoundDevice> devices;
+  std::string trouble;
+
+  bool AnyUsable() const { return std::ranges::any_of(devices, &FoundDevice::IsUsable); }
+};
+
+// Until a usable device is there or the time is up.
+Outcome Look(const Machine& machine, milliseconds wait) {
+  const milliseconds end = machine.platform.MonotonicNow() + wait;
+  for (;;) {
+    Outcome outcome;
+    outcome.devices = SurveyDevices(machine, &outcome.trouble);
+    const milliseconds left = end - machine.platform.MonotonicNow();
+    if (outcome.AnyUsable() || left <= milliseconds(0)) return outcome;
+    machine.platform.Sleep(std::min(left, kLookPace));
+  }
+}
+
+Json AsJson(const FoundDevice& device) {
+  Json obstacles = Json::array();
+  for (const Obstacle& obstacle : device.obstacles) {
+    obstacles.push_back(
+        {{"name", obstacle.name}, {"text", obstacle.text}, {"hint", obstacle.hint}});
+  }
+  return {{"kind", device.kind == TransportKind::Usb ? "usb" : "ftdi"},
+          {"address", device.address},
+          {"description", device.description},
+          {"usable", device.IsUsable()},
+          {"obstacles", obstacles}};
+}
+
+void WriteJson(std::ostream& to, const Outcome& outcome) {
+  Json devices = Json::array();
+  for (const FoundDevice& device : outcome.devices) devices.push_back(AsJson(device));
+  const Json document{{"version", kDocumentVersion}, {"devices", devices}};
+  // A serial number is whatever bytes an adapter tells.
+  to << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+}
+
+ExitCode List(const Machine& machine, const Options& options) {
+  const Outcome outcome =
+      Look(machine, milliseconds(static_cast<milliseconds::rep>(options.waitSeconds * 1000)));
+  if (options.json) {
+    WriteJson(machine.out, outcome);
+  } else {
+    PrintDevices(machine.out, outcome.devices);
+  }
+  if (!outcome.trouble.empty()) Complain(machine, outcome.trouble, {});
+  if (outcome.AnyUsable()) return ExitCode::Done;
+  if (outcome.devices.empty()) {
+    Complain(machine, std::string("nothing found: looked for ") + kSearchedFor,
+             "check cable and power; --wait 10 waits for a device to be plugged in");
+  } else {
+    Complain(machine, "no device can be used",
+             options.json ? "see \"obstacles\"" : "see the hints above");
+  }
+  return ExitCode::NoDevice;
+}
+
+std::string CheckWait(std::string& text) {
+  double seconds = 0;
+  // Not a number is in no range.
+  const bool fits =
+      CLI::detail::lexical_cast(text, seconds) && seconds >= 0 && seconds <= kLongestWaitSeconds;
+  return fits ? std::string() : "takes 0 to 86400 seconds, not " + text;
+}
+
+}  // namespace
+
+void AddListCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
+  CLI::App& command =
+      *app.add_subcommand("list", "Show the connected devices and how to name them");
+  const auto options = std::make_shared<Options>();
+  command.add_flag("--json", options->json, "Write one JSON document");
+  command.add_option("--wait", options->waitSeconds, "Wait this long for a usable device")
+      ->type_name("SECONDS")
+      ->check(CLI::Validator(CheckWait, ""));
+  command.footer(
+      "Nothing is sent to a device, and no driver is taken from it.\n\n"
+      "Examples:\n"
+      "  firmware-updater list\n"
+      "  firmware-updater list --wait 10 --json");
+  command.callback([&machine, &exit, options] { exit = List(machine, *options); });
+}
+
+}  // namespace tavo::tool

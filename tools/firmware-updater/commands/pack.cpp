@@ -1,0 +1,368 @@
+// pack: builds update files, from raw binaries, from a recipe for demonstration firmware, or by
+// collecting HEX files into an archive. Nothing gets the name of the output that `inspect` would
+// not pass.
+#include <algorithm>
+#include <charconv>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <stdexcept>
+
+#include "commands/commands.h"
+#include "file/file_check.h"
+#include "file/package_report.h"
+#include "package/file_reading.h"
+#include "simulator/device.h"
+#include "simulator/firmware_builder.h"
+#include "simulator/simulator_program.h"
+#include "text/text_format.h"
+
+namespace tavo::tool {
+namespace {
+
+namespace fs = std::filesystem;
+using tavosim::Firmware;
+using tavosim::FirmwareRecipe;
+
+constexpr std::size_t kSizeUnit = 1024;
+constexpr std::uintmax_t kMaxBinaryBytes = 0xFF0000;  // as far as stored addresses reach
+
+struct Options {
+  std::string binary{};
+  std::uint32_t address = 0;
+  std::optional<std::size_t> size{};
+  std::optional<unsigned> adbType{};
+  std::string hardwareId{};
+  std::uint16_t mcuId = 0;
+  std::vector<std::string> entries{};
+  std::string family{};
+  std::uint64_t seed = 1;
+  std::vector<std::string> members{};
+  std::string output{};
+  std::string raw{};
+  bool force = false;
+};
+
+// Ends the command: something is wrong that the user can mend.
+struct Refusal {
+  ExitCode exit;
+  std::string text;
+  std::string hint;
+};
+
+[[noreturn]] void Refuse(std::string text, std::string hint, ExitCode exit = ExitCode::Usage) {
+  throw Refusal{exit, std::move(text), std::move(hint)};
+}
+
+// --- numbers ---
+
+std::optional<unsigned> Number(std::string_view text) {
+  const bool isHex = text.starts_with("0x") || text.starts_with("0X");
+  if (isHex) text.remove_prefix(2);
+  unsigned value = 0;
+  const auto [end, error] =
+      std::from_chars(text.data(), text.data() + text.size(), value, isHex ? 16 : 10);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  return value;
+}
+
+std::vector<std::string> Split(const std::string& text, char separator) {
+  std::vector<std::string> parts{""};
+  for (const char c : text) {
+    if (c == separator) {
+      parts.emplace_back();
+    } else {
+      parts.back() += c;
+    }
+  }
+  return parts;
+}
+
+// "0x8410" or "8.4.1.0".
+std::uint16_t ParseHardwareId(const std::string& text) {
+  const std::vector<std::string> fields = Split(text, '.');
+  const unsigned limit = fields.size() == 4 ? 0xF : 0xFFFF;
+  const bool isComplete = fields.size() == 4 || fields.size() == 1;
+  unsigned id = 0;
+  for (const std::string& field : fields) {
+    const std::optional<unsigned> value = Number(field);
+    if (!isComplete || !value || *value > limit) {
+      Refuse("'" + text + "' is no hardware id", "write it as 0x8410 or as 8.4.1.0");
+    }
+    id = id << 4 | *value;
+  }
+  if (id == 0) Refuse("the hardware id 0 means none", "give the id that the devices report");
+  return static_cast<std::uint16_t>(id);
+}
+
+// "0x0503=8.4.3.0,8.4.3.1".
+tavosim::FirmwareEntry ParseEntry(const std::string& text) {
+  const std::vector<std::string> sides = Split(text, '=');
+  const std::optional<unsigned> device = Number(sides.front());
+  if (sides.size() != 2 || !device || *device > 0xFFFF) {
+    Refuse("'" + text + "' is no entry", "write it as DEVICE=HARDWARE[,HARDWARE...]");
+  }
+  tavosim::FirmwareEntry entry{static_cast<std::uint16_t>(*device), {}};
+  for (const std::string& id : Split(sides[1], ',')) {
+    entry.hardwareIds.push_back(ParseHardwareId(id));
+  }
+  return entry;
+}
+
+// --- images ---
+
+std::vector<std::uint8_t> ReadBinary(const std::string& path) {
+  const FileProblem problem = CheckReadable(path, kMaxBinaryBytes);
+  if (problem.Exists()) Refuse(path + ": " + problem.text, problem.hint, ExitCode::BadFile);
+  std::vector<std::uint8_t> bytes = ReadWholeFile(path);
+  if (bytes.empty()) Refuse(path + ": the file is empty", "check the path", ExitCode::BadFile);
+  return bytes;
+}
+
+bool TakesEntries(unsigned adbType) { return adbType == 5 || adbType == 7; }
+
+void CheckDescription(const Options& options) {
+  const bool takesEntries = TakesEntries(*options.adbType);
+  if (takesEntries && (options.entries.empty() || !options.hardwareId.empty())) {
+    Refuse("ADB types 5 and 7 name their hardware in entries",
+           "give --entry DEVICE=HARDWARE[,HARDWARE...] for each device, and no --hardware-id");
+  }
+  if (!takesEntries && (options.hardwareId.empty() || !options.entries.empty())) {
+    Refuse("ADB types other than 5 and 7 name one hardware id",
+           "give --hardware-id, and no --entry");
+  }
+}
+
+std::size_t RoundedUp(std::size_t bytes) { return (bytes + kSizeUnit - 1) / kSizeUnit * kSizeUnit; }
+
+FirmwareRecipe RecipeFromOptions(const Options& options, std::vector<std::uint8_t> content) {
+  CheckDescription(options);
+  FirmwareRecipe recipe;
+  recipe.startAddress = options.address;
+  recipe.adbType = static_cast<std::uint8_t>(*options.adbType);
+  recipe.mcuId = options.mcuId;
+  if (!options.hardwareId.empty()) recipe.hardwareId = ParseHardwareId(options.hardwareId);
+  for (const std::string& entry : options.entries) recipe.entries.push_back(ParseEntry(entry));
+  recipe.size = content.size();  // for the width of the addresses, on which the rest depends
+  recipe.size = options.size.value_or(RoundedUp(content.size() + DescriptionSize(recipe)));
+  recipe.content = std::move(content);
+  return recipe;
+}
+
+// A binary that describes itself already is taken as it stands.
+Firmware Finished(const Options& options, std::vector<std::uint8_t> content) {
+  if (options.size || !options.hardwareId.empty() || options.mcuId != 0 ||
+      !options.entries.empty()) {
+    Refuse("without --adb-type the binary is taken as it stands",
+           "give --adb-type, or leave out --size, --hardware-id, --mcu-id and --entry");
+  }
+  return {std::move(content), options.address, 0};
+}
+
+Firmware BuildFromBinary(const Options& options) {
+  std::vector<std::uint8_t> content = ReadBinary(options.binary);
+  if (!options.adbType) return Finished(options, std::move(content));
+  return BuildFirmware(RecipeFromOptions(options, std::move(content)));
+}
+
+Firmware BuildDemonstration(const Options& options) {
+  FirmwareRecipe recipe = RecipeFor(*tavosim::FamilyCalled(options.family));
+  recipe.seed = options.seed;
+  return BuildFirmware(recipe);
+}
+
+// --- output ---
+
+std::string Collect(const Options& options) {
+  std::vector<tavosim::ZipMember> members;
+  for (const std::string& path : options.members) {
+    const PackageReport report = ReportOn(path);
+    if (report.kind != UpdateFileKind::Hex) {
+      Refuse(path + ": only .hex files can be added", "unpack an archive and add what is in it",
+             ExitCode::BadFile);
+    }
+    if (!report.CouldBeWritten()) {
+      Refuse(path + ": " + report.problem, report.hint, ExitCode::BadFile);
+    }
+    const std::string name = fs::path(path).filename().string();
+    if (std::ranges::any_of(members, [&](const auto& other) { return other.name == name; })) {
+      Refuse("two files are called '" + name + "'", "give one of them another name");
+    }
+    const std::vector<std::uint8_t> text = ReadWholeFile(path);
+    members.push_back({name, std::string(text.begin(), text.end())});
+  }
+  return tavosim::ZipArchive(members);
+}
+
+std::string UpdateFileOf(const Options& options, const Firmware& firmware) {
+  std::string text = HexText(firmware);
+  if (KindByName(options.output) == UpdateFileKind::Hex) return text;
+  const std::string name = fs::path(options.output).stem().string() + ".hex";
+  return tavosim::ZipArchive({{name, std::move(text)}});
+}
+
+// A file that gets its name only when it is complete; until then it lies beside it, and what has no
+// name in the end is removed.
+class NewFile {
+ public:
+  NewFile(const std::string& path, bool force) : m_path(path), m_partial(PartialName(path)) {
+    std::error_code error;
+    const bool exists = fs::exists(path, error);
+    if (exists && !fs::is_regular_file(path, error)) {
+      Refuse(path + " is there and is no file", "give another name");
+    }
+    if (exists && !force) Refuse(path + " exists already", "give --force to replace it");
+  }
+  ~NewFile() {
+    std::error_code ignored;
+    fs::remove(m_partial, ignored);
+  }
+  NewFile(const NewFile&) = delete;
+  NewFile& operator=(const NewFile&) = delete;
+
+  void Write(std::string_view bytes) const { tavosim::WriteFile(m_partial, bytes); }
+  void Name() const { fs::rename(m_partial, m_path); }
+  const std::string& Partial() const { return m_partial; }
+
+ private:
+  // Ends as the path does, for that tells what is in it.
+  static std::string PartialName(const std::string& path) {
+    const fs::path whole(path);
+    const std::string name = whole.stem().string() + ".partial" + whole.extension().string();
+    return (whole.parent_path() / ("." + name)).string();
+  }
+
+  std::string m_path;
+  std::string m_partial;
+};
+
+void CheckOptions(const Options& options) {
+  const UpdateFileKind kind = KindByName(options.output);
+  if (kind == UpdateFileKind::Neither) {
+    Refuse("'" + options.output + "' is no name of an update file",
+           "give --output a name that ends in .hex or .zip");
+  }
+  const int sources =
+      int{!options.binary.empty()} + int{!options.family.empty()} + int{!options.members.empty()};
+  if (sources != 1) {
+    Refuse("one of --image, --family and --add is needed",
+           "firmware-updater pack --help shows an example of each");
+  }
+  if (options.members.empty()) return;
+  if (kind != UpdateFileKind::Zip) {
+    Refuse("HEX files are added to an archive", "give --output a name that ends in .zip");
+  }
+  if (!options.raw.empty()) Refuse("--raw needs one image", "leave --raw out");
+}
+
+void Pack(const Machine& machine, const Options& options) {
+  CheckOptions(options);
+  const NewFile output(options.output, options.force);
+  std::optional<NewFile> raw;
+  if (!options.raw.empty()) {
+    const auto place = [](const std::string& path) {
+      return fs::weakly_canonical(fs::absolute(path));
+    };
+    if (place(options.raw) == place(options.output)) {
+      Refuse("--raw and --output name the same file", "give one of them another name");
+    }
+    raw.emplace(options.raw, options.force);
+  }
+  if (options.members.empty()) {
+    const Firmware firmware =
+        options.family.empty() ? BuildFromBinary(options) : BuildDemonstration(options);
+    output.Write(UpdateFileOf(options, firmware));
+    if (raw)
+      raw->Write({reinterpret_cast<const char*>(firmware.data.data()), firmware.data.size()});
+  } else {
+    output.Write(Collect(options));
+  }
+  const PackageReport report = ReportOn(output.Partial());
+  for (const MemberReport& member : report.members) {
+    if (member.verdict != Verdict::Used) {
+      Refuse(report.problem.empty() ? "'" + member.name + "': " + member.reason : report.problem,
+             report.hint.empty() ? "leave it out" : report.hint);
+    }
+  }
+  output.Name();
+  if (raw) raw->Name();
+  machine.out << options.output << ": " << report.images.size()
+              << (report.images.size() == 1 ? " image\n" : " images\n");
+}
+
+ExitCode RunPack(const Machine& machine, const Options& options) try {
+  Pack(machine, options);
+  return ExitCode::Done;
+} catch (const Refusal& refusal) {
+  Complain(machine, refusal.text, refusal.hint);
+  return refusal.exit;
+} catch (const std::invalid_argument& error) {
+  Complain(machine, error.what(), "change --size, --address or what the image describes");
+  return ExitCode::Usage;
+} catch (const std::runtime_error& error) {
+  Complain(machine, error.what(), "check that the folder of the output is there and writable");
+  return ExitCode::Usage;
+}
+
+// What is told of a raw binary means nothing without one.
+void AddImageOptions(CLI::App& command, Options& options) {
+  CLI::Option* const image =
+      command.add_option("--image", options.binary, "Raw binary to make an image of")
+          ->type_name("FILE");
+  CLI::Option* const address =
+      command.add_option("--address", options.address, "Device address of its first byte");
+  image->needs(address);
+  CLI::Option* const described[] = {
+      address,
+      command.add_option("--size", options.size,
+                         "Bytes of the image, filled up with 0xFF [next whole KiB]"),
+      command
+          .add_option("--adb-type", options.adbType,
+                      "Descriptor block to add, 1 to 7; without it the binary has its own")
+          ->check(CLI::Range(1, 7)),
+      command.add_option("--hardware-id", options.hardwareId, "As 0x8410 or as 8.4.1.0"),
+      command.add_option("--mcu-id", options.mcuId, "Kind of processor, 0x100 for example"),
+      command
+          .add_option(
+              "--entry", options.entries,
+              "DEVICE=HARDWARE[,HARDWARE...], for ADB types 5 and 7; repeat it for each device")
+          ->allow_extra_args(false)};
+  for (CLI::Option* const option : described) option->needs(image);
+}
+
+constexpr const char* kExamples =
+    "Examples:\n"
+    "  firmware-updater pack --image app.bin --address 0x4000 --size 16384 \\\n"
+    "      --adb-type 6 --hardware-id 8.4.1.0 --mcu-id 0x100 -o fw.hex\n"
+    "  firmware-updater pack --image app.bin --address 0x4000 --adb-type 5 \\\n"
+    "      --entry 0x0501=8.4.3.1 --entry 0x0502=8.4.3.2,8.4.3.3 -o fw.hex\n"
+    "  firmware-updater pack --add left.hex --add right.hex -o fw.zip\n"
+    "  firmware-updater pack --family plain --raw flash.bin -o demo.zip";
+
+}  // namespace
+
+void AddPackCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
+  auto* command = app.add_subcommand("pack", "Build an update file from raw binaries");
+  const auto options = std::make_shared<Options>();
+  AddImageOptions(*command, *options);
+  CLI::Option* const family =
+      tavosim::AddFamilyOption(*command, options->family,
+                               "Make demonstration firmware of this family, by name or by numbers");
+  command->add_option("--seed", options->seed, "Demonstration firmware of other content")
+      ->capture_default_str()
+      ->needs(family);
+  command->add_option("--add", options->members, "HEX file to put into an archive; repeatable")
+      ->type_name("FILE")
+      ->allow_extra_args(false);
+  command->add_option("-o,--output", options->output, "Update file to write, .hex or .zip")
+      ->type_name("FILE")
+      ->required();
+  command->add_option("--raw", options->raw, "Also write the bytes that the flash holds afterwards")
+      ->type_name("FILE");
+  command->add_flag("--force", options->force, "Replace files that exist");
+  command->footer(kExamples);
+  command->callback([options, &machine, &exit] { exit = RunPack(machine, *options); });
+}
+
+}  // namespace tavo::tool

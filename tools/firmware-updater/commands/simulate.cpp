@@ -1,0 +1,231 @@
+// The command "simulate": the simulated device, for another terminal or for one command. The command
+// is a child process; Ctrl-C is the child's, and the device lives until the child has ended.
+#include <spawn.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <system_error>
+#include <thread>
+#include <vector>
+
+#include "commands/commands.h"
+#include "device/target.h"
+#include "simulator/simulator_program.h"
+
+namespace tavo::tool {
+namespace {
+
+using Words = std::vector<std::string>;
+
+constexpr const char* kAddresses = "TAVO_SIMULATORS";
+constexpr const char* kLibraryPath = "LD_LIBRARY_PATH";
+constexpr const char* kExamples =
+    "\nExamples:\n"
+    "  firmware-updater simulate --family 8.2.14\n"
+    "  firmware-updater simulate --family drive --port-path 1-4.2 --state drive\n"
+    "  firmware-updater simulate --fault lose:5 -- firmware-updater update firmware.hex\n"
+    "The first two print what makes another terminal see the device and serve it until Ctrl-C. "
+    "With\n"
+    "a COMMAND, that is run seeing the device, and its exit code is handed on.";
+
+struct Arguments {
+  tavosim::SimulatorArguments simulator{};
+  std::string command{};
+};
+
+// The folder with the libusb that finds simulated devices: in a build tree, or installed. Empty
+// when there is none.
+std::string SubstituteFolder(Platform& platform) {
+  constexpr std::array kPlaces{"../substitute", "../lib/firmware-updater/substitute"};
+  const auto here = std::filesystem::path(platform.ExecutablePath()).parent_path();
+  for (const char* const place : kPlaces) {
+    const std::filesystem::path folder = (here / place).lexically_normal();
+    std::error_code ignored;
+    if (std::filesystem::exists(folder / "libusb-1.0.so.0", ignored)) return folder.string();
+  }
+  return {};
+}
+
+// COMMAND and what follows it. The parser takes unknown options of this command too, for they may be
+// the other's; those in front of the "--" are nobody's.
+Words CommandWords(const CLI::App& simulate, const std::string& command) {
+  Words words = simulate.remaining();
+  if (words.empty()) words.emplace_back("--");
+  if (words.front() != "--") throw CLI::ExtrasError(simulate.get_name(), words);
+  if (command.empty()) return {};
+  words.front() = command;
+  return words;
+}
+
+std::string Environment(const char* name) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? std::string() : value;
+}
+
+// Devices that the environment shows already stay visible, so that simulators can be nested.
+void ShowToChildren(const std::string& address, const std::string& substitute) {
+  const std::string addresses = Environment(kAddresses);
+  const std::string path = Environment(kLibraryPath);
+  setenv(kAddresses, (addresses.empty() ? address : addresses + "," + address).c_str(), 1);
+  setenv(kLibraryPath, (path.empty() ? substitute : substitute + ":" + path).c_str(), 1);
+}
+
+// Keeps signals waiting while it lives.
+class SignalPause {
+ public:
+  SignalPause() {
+    sigset_t all;
+    sigfillset(&all);
+    sigprocmask(SIG_SETMASK, &all, &m_before);
+  }
+  ~SignalPause() { sigprocmask(SIG_SETMASK, &m_before, nullptr); }
+  SignalPause(const SignalPause&) = delete;
+  SignalPause& operator=(const SignalPause&) = delete;
+
+  const sigset_t& Before() const { return m_before; }
+
+ private:
+  sigset_t m_before{};
+};
+
+// Its process id, or 0 with `failure` set. Under its own name the tool is this very one, wherever it
+// lies.
+pid_t Spawn(Words words, const sigset_t& signals, Platform& platform, int& failure) {
+  const std::string program =
+      words.front() == "firmware-updater" ? platform.ExecutablePath() : words.front();
+  std::vector<char*> pointers;
+  for (std::string& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setsigmask(&attributes, &signals);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
+  pid_t pid = 0;
+  failure = posix_spawnp(&pid, program.c_str(), nullptr, &attributes, pointers.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  return failure == 0 ? pid : 0;
+}
+
+// For the signal handler, which is told of no object.
+volatile std::sig_atomic_t g_command = 0;
+
+// The terminal sends its signals to the command as well; the others come here alone.
+void LeaveSignalsTo(pid_t command) {
+  g_command = command;
+  for (const int signal : {SIGINT, SIGQUIT}) std::signal(signal, SIG_IGN);
+  for (const int signal : {SIGTERM, SIGHUP})
+    std::signal(signal, [](int number) { kill(g_command, number); });
+}
+
+// Its process id; from here on signals are the command's. Throws std::system_error when it cannot be
+// started.
+pid_t Start(const Words& words, Platform& platform) {
+  const SignalPause pause;  // none is lost on the way to the command
+  int failure = 0;
+  const pid_t command = Spawn(words, pause.Before(), platform, failure);
+  if (failure != 0) throw std::system_error(failure, std::generic_category(), words.front());
+  LeaveSignalsTo(command);
+  return command;
+}
+
+// Serves while the command runs, and returns its exit code; 128 + the signal that has ended it.
+int ServeUntilEnd(tavosim::SimulatorProgram& device, pid_t command) {
+  const tavosim::usbip::Socket ended(eventfd(0, EFD_CLOEXEC));
+  int status = 0;
+  {
+    const std::jthread waiter([&] {
+      waitpid(command, &status, 0);
+      eventfd_write(ended.Fd(), 1);
+    });
+    device.Run(ended.Fd());
+  }
+  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+ExitCode ServeOthers(tavosim::SimulatorProgram& device, const std::string& exports, int endFd,
+                     const Machine& machine) {
+  machine.out << "listening on 127.0.0.1:" << device.Port()
+              << "\nAnother terminal sees the device after\n"
+              << exports << std::endl;
+  device.Run(endFd);
+  return ExitCode::Done;
+}
+
+ExitCode RunBeside(tavosim::SimulatorProgram& device, const Words& words, const Machine& machine) {
+  pid_t command = 0;
+  try {
+    command = Start(words, machine.platform);
+  } catch (const std::system_error& error) {
+    Complain(machine, error.what(), "behind -- goes a command and its arguments, for example: env");
+    return ExitCode::Usage;
+  }
+  return static_cast<ExitCode>(ServeUntilEnd(device, command));
+}
+
+ExitCode Serve(tavosim::SimulatorProgram& device, const Words& words, int endFd,
+               const Machine& machine, const std::string& substitute) {
+  const std::string address = "127.0.0.1:" + std::to_string(device.Port());
+  if (!words.empty()) {
+    ShowToChildren(address, substitute);
+    return RunBeside(device, words, machine);
+  }
+  const std::string exports = std::string("export ") + kAddresses + "=" + address + " " +
+                              kLibraryPath + "=" + ShellWord(substitute);
+  return ServeOthers(device, exports, endFd, machine);
+}
+
+ExitCode Simulate(const Arguments& arguments, const Words& words, const Machine& machine) {
+  const std::string substitute = SubstituteFolder(machine.platform);
+  if (substitute.empty()) {
+    Complain(machine, "the libusb that finds simulated devices is missing",
+             "build or install all of this tool, not its program alone");
+    return ExitCode::NoDevice;
+  }
+  // A command is to receive the signals; only without one are they taken here.
+  const tavosim::usbip::Socket end =
+      words.empty() ? tavosim::EndSignal() : tavosim::usbip::Socket();
+  std::optional<tavosim::SimulatorProgram> device;
+  try {
+    device.emplace(arguments.simulator, machine.err);
+  } catch (const std::exception& error) {
+    Complain(machine, error.what(), "nothing was started; firmware-updater simulate --help");
+    return ExitCode::Usage;
+  }
+  try {
+    return Serve(*device, words, end.Fd(), machine, substitute);
+  } catch (const std::exception& error) {
+    Complain(machine, error.what(), "the simulated device was lost while it was in use");
+    return ExitCode::FailedUnknown;
+  }
+}
+
+}  // namespace
+
+void AddSimulateCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
+  CLI::App* const command =
+      app.add_subcommand("simulate", "Try everything without hardware, on a simulated device");
+  const auto arguments = std::make_shared<Arguments>();
+  tavosim::AddSimulatorOptions(*command, arguments->simulator);
+  command
+      ->add_option("COMMAND", arguments->command,
+                   "Behind --, with its arguments: runs while the device lives, and sees it")
+      ->type_name("")
+      ->default_str("");
+  command->allow_extras();  // the arguments of COMMAND
+  command->footer(kExamples);
+  command->callback([command, arguments, &machine, &exit] {
+    exit = Simulate(*arguments, CommandWords(*command, arguments->command), machine);
+  });
+}
+
+}  // namespace tavo::tool

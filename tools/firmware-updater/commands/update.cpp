@@ -1,0 +1,36 @@
+// firmware-updater update: the whole update of one device.
+#include <memory>
+
+#include "commands/commands.h"
+#include "update/update_run.h"
+
+namespace tavo::tool {
+namespace {
+
+constexpr const char* kExamples =
+    "Examples:\n"
+    "  firmware-updater update firmware.zip\n"
+    "  firmware-updater update firmware.hex --usb 4-2 --dry-run\n"
+    "  firmware-updater update firmware.hex --ftdi TAVO0001 --baud 115200 --echo\n"
+    "  firmware-updater update firmware.zip --usb 4-2 --json >>record.ndjson";
+
+}  // namespace
+
+void AddUpdateCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
+  CLI::App* const command = app.add_subcommand("update", "Update the firmware of one device");
+  command->footer(kExamples);
+  const auto options = std::make_shared<UpdateOptions>();
+  AddUpdateOptions(*command, *options);
+  command->add_flag("--bootloader-only", options->flags.bootloaderOnly,
+                    "Ask nothing that needs a running application, and open no tunnel");
+  command->add_flag("--dry-run", options->flags.dryRun,
+                    "All up to the erase, then back to the application: nothing is written");
+  command->callback([&machine, &exit, options] {
+    exit = RunUpdate(machine, "update", *options,
+                     [&options = *options](const PackageReport&, Inquiry&, const RunPlan& run) {
+                       return run(options.flags);
+                     });
+  });
+}
+
+}  // namespace tavo::tool

@@ -1,0 +1,261 @@
+#include "device/device_survey.h"
+
+#include <algorithm>
+#include <array>
+#include <optional>
+#include <ostream>
+#include <span>
+
+#include "log/logger.h"
+#include "text/text_format.h"
+#include "transport/comm_ftdi.h"
+#include "transport/comm_win_usb.h"
+
+namespace tavo::tool {
+namespace {
+
+constexpr int kDropReferences = 1;
+
+// A kind of USB device that matters here. Without its data interface nobody can use it.
+struct UsbKind {
+  TransportKind kind;
+  std::uint16_t vendor;
+  std::uint16_t product;
+  int dataInterface;
+};
+constexpr std::array kUsbKinds{
+    UsbKind{TransportKind::Usb, kUsbVendorId, kUsbProductId, kUsbDataInterface},
+    // What the adapter's maker gives its own products.
+    UsbKind{TransportKind::Ftdi, 0x0403, 0x6001, 0},
+    UsbKind{TransportKind::Ftdi, 0x0403, 0x6010, 0},
+    UsbKind{TransportKind::Ftdi, 0x0403, 0x6011, 0},
+    UsbKind{TransportKind::Ftdi, 0x0403, 0x6014, 0},
+    UsbKind{TransportKind::Ftdi, 0x0403, 0x6015, 0},
+};
+
+struct UsbFinding {
+  const UsbKind* kind = nullptr;
+  std::string port{};
+  unsigned bus = 0;
+  int result = 0;  // of trying it out: a libusb error, 0 = it can be used
+};
+
+// The devices of the moment. Has a libusb context of its own, which ends with it.
+class UsbList {
+ public:
+  explicit UsbList(LibUsb& usb) : m_usb(usb), m_result(usb.Init(&m_context)) {
+    if (m_result < 0) return;
+    m_inContext = true;
+    m_result = m_usb.GetDeviceList(m_context, &m_list);
+  }
+  UsbList(const UsbList&) = delete;
+  UsbList& operator=(const UsbList&) = delete;
+  ~UsbList() {
+    if (m_list != nullptr) m_usb.FreeDeviceList(m_list, kDropReferences);
+    if (m_inContext) m_usb.Exit(m_context);
+  }
+
+  // Negative: a libusb error, and nothing is listed.
+  std::ptrdiff_t Result() const { return m_result; }
+  std::span<libusb_device* const> Devices() const {
+    return {m_list, static_cast<std::size_t>(std::max<std::ptrdiff_t>(m_result, 0))};
+  }
+
+ private:
+  LibUsb& m_usb;
+  libusb_context* m_context = nullptr;
+  libusb_device** m_list = nullptr;
+  bool m_inContext = false;
+  std::ptrdiff_t m_result;
+};
+
+const UsbKind* KindOf(LibUsb& usb, libusb_device* device) {
+  libusb_device_descriptor descriptor{};
+  if (usb.GetDeviceDescriptor(device, &descriptor) < 0) return nullptr;
+  const auto kind = std::ranges::find_if(kUsbKinds, [&](const UsbKind& row) {
+    return row.vendor == descriptor.idVendor && row.product == descriptor.idProduct;
+  });
+  return kind == kUsbKinds.end() ? nullptr : &*kind;
+}
+
+// A driver of the kernel is no obstacle, an update detaches it; until then the interface is its own.
+// Without one, an interface that cannot be had belongs to another program. Closing gives it back.
+int TryOut(LibUsb& usb, libusb_device* device, int dataInterface) {
+  libusb_device_handle* handle = nullptr;
+  if (const int result = usb.Open(device, &handle); result < 0) return result;
+  const bool driverBound = usb.KernelDriverActive(handle, dataInterface) > 0;
+  const int result = driverBound ? LIBUSB_SUCCESS : usb.ClaimInterface(handle, dataInterface);
+  usb.Close(handle);
+  return std::min<int>(result, LIBUSB_SUCCESS);
+}
+
+std::vector<UsbFinding> LookAtUsb(LibUsb& usb, std::string* trouble) {
+  const UsbList list(usb);
+  if (list.Result() < 0 && trouble != nullptr) {
+    *trouble =
+        std::string("USB cannot be searched: ") + usb.ErrorName(static_cast<int>(list.Result()));
+  }
+  std::vector<UsbFinding> findings;
+  for (libusb_device* const device : list.Devices()) {
+    const UsbKind* const kind = KindOf(usb, device);
+    if (kind == nullptr) continue;
+    const int result = TryOut(usb, device, kind->dataInterface);
+    if (result == LIBUSB_ERROR_NO_DEVICE) continue;  // it has just gone
+    findings.push_back({kind, UsbPortPath(usb, device), usb.GetBusNumber(device), result});
+  }
+  return findings;
+}
+
+// --- what stands in the way ---
+
+std::string UdevRule(const UsbKind& kind) {
+  return Format(
+      "SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", TAG+=\"uaccess\"",
+      unsigned{kind.vendor}, unsigned{kind.product});
+}
+
+Obstacle InUse() {
+  return {"in-use", "another program holds it", "end the program that uses it, then try again"};
+}
+
+Obstacle NoPermission(const UsbKind& kind) {
+  return {"no-permission", "you have no permission to open it",
+          "put the line " + UdevRule(kind) +
+              " into /etc/udev/rules.d/71-firmware-updater-local.rules, then plug it in again"};
+}
+
+std::optional<Obstacle> ObstacleOf(LibUsb& usb, const UsbFinding& finding) {
+  switch (finding.result) {
+    case LIBUSB_SUCCESS: return std::nullopt;
+    case LIBUSB_ERROR_ACCESS: return NoPermission(*finding.kind);
+    case LIBUSB_ERROR_BUSY: return InUse();
+    case LIBUSB_ERROR_NOT_SUPPORTED:
+      return Obstacle{"no-driver", "it has no driver through which it can be used",
+                      "install the WinUSB driver for it, then plug it in again"};
+    default:
+      return Obstacle{"cannot-open",
+                      std::string("it cannot be opened: ") + usb.ErrorName(finding.result),
+                      "plug it in again"};
+  }
+}
+
+Obstacle NoPortPath() {
+  return {"no-port-path", "the system does not tell which USB port it is at",
+          "plug it into another port or hub"};
+}
+
+Obstacle AmbiguousPort(unsigned otherBus) {
+  return {"ambiguous-port",
+          "bus " + std::to_string(otherBus) + " has a device at the same port path",
+          "unplug one of them, or plug it into a port with another number"};
+}
+
+Obstacle NoSerialNumber() {
+  return {"no-serial-number", "it tells no serial number by which it could be named",
+          "use another adapter, or write a serial number into its memory"};
+}
+
+Obstacle AmbiguousSerialNumber() {
+  return {"ambiguous-serial-number", "another adapter has the same serial number",
+          "unplug one of them"};
+}
+
+// --- devices ---
+
+// Devices and libraries may tell anything; a terminal must not obey it.
+std::string Printable(std::string text) {
+  std::ranges::replace_if(
+      text, [](char c) { return c < ' ' || c > '~'; }, '?');
+  return text;
+}
+
+void AddUsbDevice(LibUsb& usb, std::span<const UsbFinding> all, const UsbFinding& finding,
+                  std::vector<FoundDevice>& devices) {
+  FoundDevice device{TransportKind::Usb, finding.port,
+                     "USB device 03eb:2404, bus " + std::to_string(finding.bus)};
+  if (finding.port.empty()) device.obstacles.push_back(NoPortPath());
+  for (const UsbFinding& other : all) {
+    const bool samePath = other.kind == finding.kind && other.port == finding.port;
+    if (samePath && &other != &finding && !finding.port.empty()) {
+      device.obstacles.push_back(AmbiguousPort(other.bus));
+    }
+  }
+  if (auto obstacle = ObstacleOf(usb, finding)) device.obstacles.push_back(*obstacle);
+  devices.push_back(std::move(device));
+}
+
+// What USB tells of adapter number `index`. The adapters' library lists them in the order of USB; when
+// one has come or gone in between nothing is certain.
+const UsbFinding* FindingOf(std::size_t index, std::size_t adapters,
+                            std::span<const UsbFinding> all) {
+  std::vector<const UsbFinding*> findings;
+  for (const UsbFinding& finding : all) {
+    if (finding.kind->kind == TransportKind::Ftdi) findings.push_back(&finding);
+  }
+  return findings.size() != adapters ? nullptr : findings[index];
+}
+
+std::optional<Obstacle> ObstacleOf(const CCommDevDesc& adapter, const UsbFinding* finding) {
+  const int result = finding == nullptr ? int{LIBUSB_SUCCESS} : finding->result;
+  if (result == LIBUSB_ERROR_ACCESS) return NoPermission(*finding->kind);
+  if (result == LIBUSB_ERROR_BUSY) return InUse();
+  return adapter.port.empty() ? std::optional(NoSerialNumber()) : std::nullopt;
+}
+
+void AddAdapter(const CCommDevDesc& adapter, bool shared, const UsbFinding* finding,
+                std::vector<FoundDevice>& devices) {
+  FoundDevice device{TransportKind::Ftdi, adapter.port,
+                     adapter.description.empty() ? "FTDI adapter" : Printable(adapter.description)};
+  if (auto obstacle = ObstacleOf(adapter, finding)) device.obstacles.push_back(*obstacle);
+  if (shared) device.obstacles.push_back(AmbiguousSerialNumber());
+  devices.push_back(std::move(device));
+}
+
+void AddAdapters(const Machine& machine, std::span<const UsbFinding> findings,
+                 std::vector<FoundDevice>& devices) {
+  TavoLink link;
+  Logger log(machine.platform);
+  CCommFTDI transport(link, machine.platform, log, machine.adapters);
+  const std::vector<CCommDevDesc>& adapters = *transport.EnumerateDevices();
+  for (std::size_t index = 0; index < adapters.size(); ++index) {
+    const std::string& serial = adapters[index].port;
+    const bool shared =
+        !serial.empty() && std::ranges::count(adapters, serial, &CCommDevDesc::port) > 1;
+    AddAdapter(adapters[index], shared, FindingOf(index, adapters.size(), findings), devices);
+  }
+}
+
+std::string AddressColumn(const FoundDevice& device) {
+  return device.address.empty() ? "-" : TargetOptions({device.kind, device.address});
+}
+
+}  // namespace
+
+std::vector<FoundDevice> SurveyDevices(const Machine& machine, std::string* trouble) {
+  if (trouble != nullptr) trouble->clear();
+  const std::vector<UsbFinding> findings = LookAtUsb(machine.usb, trouble);
+  std::vector<FoundDevice> devices;
+  for (const UsbFinding& finding : findings) {
+    if (finding.kind->kind == TransportKind::Usb) {
+      AddUsbDevice(machine.usb, findings, finding, devices);
+    }
+  }
+  AddAdapters(machine, findings, devices);
+  return devices;
+}
+
+void PrintDevices(std::ostream& to, const std::vector<FoundDevice>& devices) {
+  std::size_t width = 0;
+  for (const FoundDevice& device : devices) width = std::max(width, AddressColumn(device).size());
+  const std::string indent(width + 2, ' ');
+  for (const FoundDevice& device : devices) {
+    const std::string address = AddressColumn(device);
+    to << address << indent.substr(address.size()) << device.description << '\n';
+    for (const Obstacle& obstacle : device.obstacles) {
+      to << indent << "cannot be used: " << obstacle.text << " (" << obstacle.name << ")\n"
+         << indent << "hint: " << obstacle.hint << '\n';
+    }
+  }
+}
+
+}  // namespace tavo::tool

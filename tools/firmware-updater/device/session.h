@@ -1,0 +1,47 @@
+// An open device, and everything that the library needs around it: the log, the link and the holder
+// of the transport. Made for one command on one device.
+//
+//   Session session(machine, platform);
+//   if (const std::string problem = session.Open(target); !problem.empty()) Complain(...)
+//   FirmwareUpdater engine(platform, session.Log(), session.Holder());
+#pragma once
+
+#include <string>
+
+#include "commands/commands.h"
+#include "device/target.h"
+#include "engine/transport_holder.h"
+#include "log/logger.h"
+#include "transport/tavo_link.h"
+#include "update/wire_record.h"
+
+namespace tavo::tool {
+
+class Session {
+ public:
+  // `platform` is the one that log and transport write through. With a recorder, what the transport
+  // sends and receives is recorded. All of them must outlive the session.
+  Session(const Machine& machine, Platform& platform, WireRecorder* recorder = nullptr);
+  ~Session();
+  Session(const Session&) = delete;
+  Session& operator=(const Session&) = delete;
+
+  // Empty when the device is open; else what is wrong, in one sentence. Asks the device nothing.
+  std::string Open(const Target& target);
+  // Closes the device; Open may follow.
+  void Close();
+
+  ICommInterface& Transport() { return *m_holder.Transport(); }
+  Logger& Log() { return m_log; }
+  TransportHolder& Holder() { return m_holder; }
+
+ private:
+  std::string OpenUsb(const Target& target);
+  std::string OpenAdapter(const Target& target);
+
+  Logger m_log;
+  TavoLink m_link;
+  TransportHolder m_holder;
+};
+
+}  // namespace tavo::tool

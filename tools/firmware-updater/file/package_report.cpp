@@ -1,0 +1,392 @@
+#include "file/package_report.h"
+
+#include <algorithm>
+#include <array>
+#include <iterator>
+#include <limits>
+#include <map>
+#include <new>
+#include <set>
+#include <span>
+
+#include "file/file_check.h"
+#include "file/hex_survey.h"
+#include "package/adb_view.h"
+#include "package/file_reading.h"
+#include "protocol/commands.h"
+#include "text/text_format.h"
+
+namespace tavo::tool {
+namespace {
+
+constexpr std::array<std::string_view, 10> kVerdictNames{
+    "used",    "spoils",      "never-chosen", "folder",   "wrong-extension",
+    "damaged", "unsupported", "too-large",    "replaced", "not-converted"};
+
+// A device reports the size of its application section as a 16-bit count of these.
+constexpr std::size_t kSizeUnit = 1024;
+constexpr std::size_t kMaxSizeUnits = 0xFFFF;
+
+constexpr std::int64_t kAdbAddressFromEnd = 9;
+constexpr std::size_t kCrcBytes = 4;
+
+// The lists of a damaged table may overlap and each be as long as the image.
+constexpr std::size_t kMaxHardwareIdsTold = 256;
+
+struct FateRow {
+  MemberFate fate;
+  Verdict verdict;
+  std::string_view reason;
+};
+
+constexpr std::array kFates{
+    FateRow{MemberFate::Unpacked, Verdict::Used, ""},
+    FateRow{MemberFate::Folder, Verdict::Folder, "it is a folder"},
+    FateRow{MemberFate::NotWanted, Verdict::WrongExtension, "its name does not end in .hex"},
+    FateRow{MemberFate::Encrypted, Verdict::Unsupported, "it is encrypted"},
+    FateRow{MemberFate::UnknownMethod, Verdict::Unsupported, "it is packed in an unknown way"},
+    FateRow{MemberFate::TooLarge, Verdict::TooLarge, "it is too large"},
+    FateRow{MemberFate::BadChecksum, Verdict::Damaged, "it is damaged: its CRC-32 does not fit"},
+    FateRow{MemberFate::Damaged, Verdict::Damaged, "it is damaged"},
+};
+
+std::string Reason(const FateRow& row, const std::string& name, std::string_view detail) {
+  std::string reason(row.reason);
+  if (row.fate == MemberFate::NotWanted && KindByName(name) == UpdateFileKind::Zip) {
+    reason = "it is an archive in the archive, which is not opened";
+  }
+  return detail.empty() ? reason : reason + ": " + std::string(detail);
+}
+
+class Collector : public UpdateFileObserver {
+ public:
+  explicit Collector(PackageReport& report) : m_report(report) {}
+
+  bool IsNoArchive() const { return m_isNoArchive; }
+
+  // When all has been read: numbers the images. Returns how many there are.
+  std::size_t NumberImages() {
+    std::size_t images = 0;
+    for (const auto& [name, index] : m_texts) {
+      MemberReport& member = m_report.members[index];
+      if (member.image) member.image = images++;
+    }
+    return images;
+  }
+
+  void OnNoArchive() override { m_isNoArchive = true; }
+
+  void OnText(std::span<const std::uint8_t> piece) override {
+    m_text.insert(m_text.end(), piece.begin(), piece.end());
+  }
+
+  void OnMember(const std::string& name, MemberFate fate, std::string_view detail) override {
+    const auto& row = *std::find_if(kFates.begin(), kFates.end(),
+                                    [fate](const FateRow& r) { return r.fate == fate; });
+    const std::size_t index = AddMember(name);
+    m_report.members[index].verdict = row.verdict;
+    m_report.members[index].reason = Reason(row, name, detail);
+    if (fate != MemberFate::Unpacked) return m_text.clear();
+    const auto [place, isFirst] = m_texts.try_emplace(name, index);
+    if (isFirst) return;
+    m_report.members[place->second] = {
+        .name = name, .verdict = Verdict::Replaced, .reason = "a later member has the same name"};
+    m_report.members[index].warnings.push_back("it replaces an earlier member of the same name");
+    place->second = index;
+  }
+
+  void OnConverted(const std::string& name, HexResult result) override {
+    const auto [place, isSingleFile] = m_texts.try_emplace(name, m_report.members.size());
+    MemberReport& member = m_report.members[isSingleFile ? AddMember(name) : place->second];
+    const std::vector<std::uint8_t> text = std::exchange(m_text, {});
+    if (result == HexResult::OutOfMemory) {
+      member.verdict = Verdict::TooLarge;
+      member.reason = "it does not fit into memory";
+      return;
+    }
+    HexSurvey survey = SurveyHex(text);
+    std::ranges::move(survey.warnings, std::back_inserter(member.warnings));
+    if (result == HexResult::Ok) {
+      member.image = 0;  // which one is known at the end
+    } else {
+      Leave(member, survey.fault.value_or(HexFault{}));
+    }
+  }
+
+ private:
+  std::size_t AddMember(const std::string& name) {
+    m_report.members.push_back({.name = name});
+    return m_report.members.size() - 1;
+  }
+
+  static void Leave(MemberReport& member, const HexFault& fault) {
+    member.verdict = Verdict::NotConverted;
+    member.line = fault.line;
+    member.column = fault.column;
+    member.reason = Format("line %zu, column %zu: ", fault.line, fault.column) + fault.text;
+  }
+
+  PackageReport& m_report;
+  std::vector<std::uint8_t> m_text{};            // of the HEX file that is being read
+  std::map<std::string, std::size_t> m_texts{};  // index of the last member of a name
+  bool m_isNoArchive = false;
+};
+
+bool EndsInCrc(std::span<const std::uint8_t> data) {
+  if (data.size() < kCrcBytes) return false;
+  std::uint32_t crc = ~std::uint32_t{0};
+  for (const std::uint8_t byte : data.first(data.size() - kCrcBytes)) {
+    crc ^= byte;
+    for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
+  }
+  crc = ~crc;
+  for (const std::uint8_t byte : data.last(kCrcBytes)) {
+    if (byte != (crc & 0xFF)) return false;
+    crc >>= 8;
+  }
+  return true;
+}
+
+std::vector<EntryReport> ReadEntries(const AdbView& view) {
+  std::vector<EntryReport> entries;
+  for (std::int32_t index = 0; index < view.EntryCount(); ++index) {
+    EntryReport& entry = entries.emplace_back();
+    const std::int32_t key = view.EntryKey(index);
+    if (key != -1) entry.deviceId = static_cast<std::uint16_t>(key);
+    entry.readable = view.HardwareIdList(index, entry.hardwareIds) != -1;
+    entry.listLength = entry.hardwareIds.size();
+    entry.hardwareIds.resize(std::min(entry.listLength, kMaxHardwareIdsTold));
+    entry.hardwareIds.shrink_to_fit();
+  }
+  return entries;
+}
+
+void WarnOfEntries(ImageReport& report) {
+  if (report.entries.empty()) report.warnings.push_back("the entry table has no entries");
+  std::set<std::uint16_t> deviceIds;
+  for (std::size_t i = 0; i < report.entries.size(); ++i) {
+    const EntryReport& entry = report.entries[i];
+    const auto warn = [&](const char* text) {
+      report.warnings.push_back("entry " + std::to_string(i) + ": " + text);
+    };
+    if (!entry.deviceId) warn("the device id lies outside the image");
+    if (!entry.readable) warn("the list of hardware ids has no end in the image");
+    if (entry.readable && entry.hardwareIds.empty()) warn("the list of hardware ids is empty");
+    if (entry.listLength > entry.hardwareIds.size()) warn("only the first hardware ids are shown");
+    if (entry.deviceId && !deviceIds.insert(*entry.deviceId).second) {
+      warn("an earlier entry is for the same device");
+    }
+  }
+}
+
+bool NamesHardware(const ImageReport& report) {
+  if (!report.hasEntryTable) return !report.hardwareIds.empty();
+  return std::ranges::any_of(report.entries, [](const EntryReport& entry) {
+    return entry.deviceId && entry.readable && !entry.hardwareIds.empty();
+  });
+}
+
+ImageReport Describe(FirmwareImage&& image) {
+  ImageReport report{.image = std::move(image)};
+  const AdbView view(report.image);
+  report.endAddress = view.EndAddress();
+  report.adbType = view.AdbType();
+  if (report.adbType == 0) return report;
+  report.adbAddress = view.ReadAddress(view.EndAddress() - kAdbAddressFromEnd);
+  report.addressWidth = view.AddressWidth();
+  report.hasEntryTable = view.HasEntryTable();
+  if (report.hasEntryTable) {
+    report.entries = ReadEntries(view);
+    WarnOfEntries(report);
+  } else {
+    view.HardwareIdList(0, report.hardwareIds);
+  }
+  if (!NamesHardware(report)) {
+    report.warnings.push_back("no device passes the hardware check: it names no hardware id");
+  }
+  report.mcuId = view.McuId();
+  if (report.mcuId) report.processorId = FindProcessorId(*report.mcuId);
+  report.route = FindTunnelRoute(report.image);
+  report.requestId = FindBootloaderMessageKind(report.image) != 0 ? kAlternativeApplicationRequest
+                                                                  : kApplicationRequest;
+  report.endsInCrc = EndsInCrc(report.image.data);
+  return report;
+}
+
+constexpr const char* kMendWarnings =
+    "mend what firmware-updater inspect warns of first: bytes out of their place hide the "
+    "descriptor "
+    "block";
+
+std::string Quoted(const std::string& name) { return "'" + Displayable(name) + "'"; }
+
+// Judges images as the engine chooses among them for whatever device reports itself.
+class Judge {
+ public:
+  explicit Judge(const std::vector<ImageReport>& images) : m_images(images) {
+    for (std::size_t i = 0; i < images.size(); ++i) {
+      if (!images[i].mcuId) m_candidates.push_back(i);
+      if (images[i].processorId) m_firstFor.try_emplace(*images[i].processorId, i);
+    }
+  }
+
+  FileProblem ObstacleOf(std::size_t index) const {
+    const ImageReport& image = m_images[index];
+    if (image.adbType == 0) return NoDescriptor(image);
+    if (image.mcuId && !image.processorId) return UnknownMcu(*image.mcuId);
+    if (image.processorId && m_firstFor.at(*image.processorId) != index) {
+      return {"an image before it, of " +
+                  Quoted(m_images[m_firstFor.at(*image.processorId)].member) +
+                  ", is for the same processor and always comes first",
+              "take one of the two out of the archive"};
+    }
+    if (!image.mcuId && m_candidates.size() > 1) return Ambiguous(index);
+    return BadSize(image.image.data.size());
+  }
+
+ private:
+  static FileProblem NoDescriptor(const ImageReport& image) {
+    if (image.image.data.empty()) {
+      return {"there are no data records in it", "ask for the file again"};
+    }
+    return {"the image has no valid descriptor block",
+            "use firmware that describes itself, or build it with firmware-updater pack"};
+  }
+
+  static FileProblem UnknownMcu(std::int32_t mcuId) {
+    const std::string what =
+        mcuId == -1 ? "the image's MCU-ID lies outside the image"
+                    : Format("the image's MCU-ID 0x%03X is unknown", static_cast<unsigned>(mcuId));
+    return {what + ", no device takes it", "check the MCU-ID with which the image was built"};
+  }
+
+  FileProblem Ambiguous(std::size_t index) const {
+    const std::size_t other = m_candidates.front() == index ? m_candidates[1] : m_candidates[0];
+    return {"the image names no MCU-ID and neither does that of " + Quoted(m_images[other].member) +
+                ": there is no choosing between them",
+            "build all but one of them with an MCU-ID"};
+  }
+
+  static FileProblem BadSize(std::size_t size) {
+    if (size % kSizeUnit == 0 && size / kSizeUnit <= kMaxSizeUnits) return {};
+    return {Format("the image is %zu bytes long, and no device's application section is: they are "
+                   "whole KiB, at most %zu",
+                   size, kMaxSizeUnits),
+            "fill the image up with 0xFF to exactly the size of the application section"};
+  }
+
+  const std::vector<ImageReport>& m_images;
+  std::vector<std::size_t> m_candidates{};
+  std::map<std::uint32_t, std::size_t> m_firstFor{};
+};
+
+// The update talks to the device by what the first image says, whichever is chosen later.
+void WarnOfOtherWays(std::vector<ImageReport>& images) {
+  for (ImageReport& image : images) {
+    const ImageReport& first = images.front();
+    if (image.route == first.route && image.requestId == first.requestId) continue;
+    image.warnings.push_back(
+        "route and message kind differ from those of the first image, by which "
+        "the update goes");
+  }
+}
+
+void JudgeImages(PackageReport& report) {
+  const Judge judge(report.images);
+  for (std::size_t i = 0; i < report.images.size(); ++i) {
+    const FileProblem obstacle = judge.ObstacleOf(i);
+    report.images[i].obstacle = obstacle.text;
+    report.images[i].remedy = obstacle.hint;
+  }
+  for (MemberReport& member : report.members) {
+    if (!member.image) continue;
+    ImageReport& image = report.images[*member.image];
+    member.reason = image.obstacle;
+    if (image.adbType == 0) {
+      member.verdict = Verdict::Spoils;
+      if (!member.warnings.empty()) image.remedy = kMendWarnings;
+    } else if (!image.obstacle.empty()) {
+      member.verdict = Verdict::NeverChosen;
+    }
+  }
+}
+
+FileProblem NoImage(const PackageReport& report) {
+  if (report.kind == UpdateFileKind::Hex && !report.members.empty()) {
+    return {report.members.front().reason, "ask for the file again"};
+  }
+  if (report.members.empty()) {
+    return {"the archive is empty", "ask for an archive with HEX files in it"};
+  }
+  for (const MemberReport& member : report.members) {
+    if (KindByName(member.name) != UpdateFileKind::Hex) continue;
+    return {"no member gives an image: " + Quoted(member.name) + ": " + member.reason,
+            "see firmware-updater inspect for every member, and ask for the file again"};
+  }
+  for (const MemberReport& member : report.members) {
+    if (KindByName(member.name) != UpdateFileKind::Zip) continue;
+    return {"no member ends in .hex, but there is another archive in it: " + Quoted(member.name),
+            "unpack it and give the archive that was in it"};
+  }
+  return {"no member ends in .hex", "ask for an archive with HEX files in it"};
+}
+
+FileProblem JudgePackage(const PackageReport& report) {
+  if (report.images.empty()) return NoImage(report);
+  const bool isArchive = report.kind == UpdateFileKind::Zip;
+  const auto told = [&](const ImageReport& image) {
+    return isArchive ? Quoted(image.member) + ": " + image.obstacle : image.obstacle;
+  };
+  for (const ImageReport& image : report.images) {
+    if (image.adbType != 0) continue;
+    if (report.images.size() == 1) return {told(image), image.remedy};
+    return {told(image) + "; for this one member the whole file is refused",
+            "take " + Quoted(image.member) + " out of the archive"};
+  }
+  for (const ImageReport& image : report.images) {
+    if (image.obstacle.empty()) return {};
+  }
+  return {told(report.images.front()), report.images.front().remedy};
+}
+
+void Refuse(PackageReport& report, const FileProblem& problem) {
+  report.problem = problem.text;
+  report.hint = problem.hint;
+}
+
+void ReadImages(PackageReport& report) {
+  Collector collector(report);
+  std::vector<FirmwareImage> images = LoadUpdateFile(report.path, &collector);
+  if (collector.IsNoArchive()) return Refuse(report, ExplainNoArchive(report.path));
+  if (images.size() != collector.NumberImages()) throw std::bad_alloc();
+  for (FirmwareImage& image : images) report.images.push_back(Describe(std::move(image)));
+  for (const MemberReport& member : report.members) {
+    if (member.image) report.images[*member.image].member = member.name;
+  }
+  JudgeImages(report);
+  WarnOfOtherWays(report.images);
+  Refuse(report, JudgePackage(report));
+}
+
+}  // namespace
+
+std::string_view VerdictName(Verdict verdict) {
+  return kVerdictNames[static_cast<std::size_t>(verdict)];
+}
+
+PackageReport ReportOn(const std::string& path) {
+  PackageReport report{.path = path, .kind = KindByName(path)};
+  // An archive may be longer than what is taken out of it.
+  const bool isArchive = report.kind == UpdateFileKind::Zip;
+  FileProblem problem = CheckReadable(
+      path, isArchive ? std::numeric_limits<std::uintmax_t>::max() : kMaxUpdateTextBytes);
+  if (!problem.Exists()) problem = CheckUpdateFile(path);
+  if (problem.Exists()) {
+    Refuse(report, problem);
+  } else {
+    ReadImages(report);
+  }
+  return report;
+}
+
+}  // namespace tavo::tool

@@ -1,0 +1,35 @@
+#include "text/text_format.h"
+
+#include <array>
+#include <cstdarg>
+#include <cstdio>
+
+#include "package/hardware_identity.h"
+
+namespace tavo::tool {
+
+std::string Format(const char* format, ...) {
+  std::array<char, 256> text{};
+  std::va_list arguments;
+  va_start(arguments, format);
+  std::vsnprintf(text.data(), text.size(), format, arguments);
+  va_end(arguments);
+  return text.data();
+}
+
+std::string Hex(std::uint32_t value, int digits) { return Format("0x%0*X", digits, value); }
+
+std::string Displayable(std::string_view text, std::size_t maxLength) {
+  std::string shown(text.substr(0, maxLength));
+  for (char& c : shown) {
+    if (static_cast<unsigned char>(c) < ' ' || c == 0x7F) c = '?';
+  }
+  return text.size() > maxLength ? shown + "..." : shown;
+}
+
+std::string HardwareIdText(std::uint16_t hardwareId) {
+  const HardwareIdRecord id = SplitHardwareId(hardwareId);
+  return Format("%u.%u.%u.%u", id.serie, id.type, id.module, id.variant);
+}
+
+}  // namespace tavo::tool

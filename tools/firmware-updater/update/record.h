@@ -1,0 +1,42 @@
+// What is known when a command that updates has ended, on whatever way: the record that a production
+// line keeps, and from which every view takes its last lines.
+#pragma once
+
+#include <chrono>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "engine/firmware_updater.h"
+#include "update/closing_state.h"
+#include "update/course.h"
+
+namespace tavo::tool {
+
+struct Failure {
+  std::string name;   // stable, for scripts
+  int code = 0;       // the library's; 0 for what was found out without it
+  std::string text;   // one sentence or two
+  std::string hint;   // what to do next
+  bool told = false;  // on standard error, with more than fits here
+};
+
+struct Record {
+  std::string command;  // "update" or "recover"
+  std::string file;
+  std::string sha256;  // of the file, in hexadecimal; empty when it cannot be read
+  bool dryRun = false;
+  std::optional<Target> target{};  // none: the command ended before one was chosen
+  Ending ending = Ending::Failed;
+  std::optional<Failure> failure{};
+  ClosingState state{};
+  DeviceFacts before{};                // what the device told before it was written
+  std::optional<DeviceFacts> after{};  // asked again once it ran
+  Transfer transfer{};
+  int retries = 0;
+  std::vector<std::pair<Phase, std::chrono::milliseconds>> durations{};  // of the phases passed
+  std::chrono::milliseconds elapsed{0};
+  std::vector<std::string> resetModules{};
+};
+
+}  // namespace tavo::tool

@@ -1,0 +1,318 @@
+#include "update/views.h"
+
+#include <algorithm>
+#include <mutex>
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <thread>
+
+#include "text/text_format.h"
+
+namespace tavo::tool {
+namespace {
+
+using std::chrono::milliseconds;
+using Json = nlohmann::ordered_json;
+
+constexpr int kJsonVersion = 1;
+constexpr int kBarWidth = 20;
+constexpr milliseconds kRedrawPace{100};
+constexpr milliseconds kRateNeeds{200};  // a rate over less time is noise
+
+constexpr const char* kGreen = "\x1B[32m";
+constexpr const char* kRed = "\x1B[31m";
+constexpr const char* kPlain = "\x1B[0m";
+constexpr const char* kEraseLine = "\r\x1B[K";
+
+// A note may come from a thread that must not wait for long for one that writes to a blocked screen.
+// Nothing when the lock is not to be had.
+std::unique_lock<std::mutex> LockForNote(std::mutex& mutex) {
+  constexpr int kTries = 20;
+  constexpr milliseconds kPause{10};
+  for (int tries = 0; tries < kTries; ++tries) {
+    std::unique_lock lock(mutex, std::try_to_lock);
+    if (lock) return lock;
+    std::this_thread::sleep_for(kPause);
+  }
+  return {};
+}
+
+double Seconds(milliseconds time) { return static_cast<double>(time.count()) / 1000; }
+double KiB(std::int64_t bytes) { return static_cast<double>(bytes) / 1024; }
+
+int Percent(const Transfer& transfer) {
+  if (transfer.total <= 0) return 100;
+  return static_cast<int>(std::clamp<std::int64_t>(transfer.done * 100 / transfer.total, 0, 100));
+}
+
+std::string Rate(const Transfer& transfer) {
+  if (transfer.elapsed < kRateNeeds) return {};
+  return Format("%.1f KiB/s", KiB(transfer.done) / Seconds(transfer.elapsed));
+}
+
+std::string TimeLeft(const Transfer& transfer) {
+  if (transfer.elapsed < kRateNeeds || transfer.done <= 0) return {};
+  const auto rest = std::max<std::int64_t>(transfer.total - transfer.done, 0);
+  const auto seconds = transfer.elapsed.count() * rest / transfer.done / 1000;
+  return Format("%lld:%02lld left", static_cast<long long>(seconds / 60),
+                static_cast<long long>(seconds % 60));
+}
+
+const char* NameOf(PhaseEnd end) {
+  switch (end) {
+    case PhaseEnd::Ok: return "ok";
+    case PhaseEnd::Failed: return "failed";
+    case PhaseEnd::Stopped: break;
+  }
+  return "stopped";
+}
+
+std::string PhaseResult(Phase phase, PhaseEnd end, milliseconds elapsed, const Transfer& transfer) {
+  std::string line = Format("%-8s%7.1f s", NameOf(end), Seconds(elapsed));
+  if (phase == Phase::Write) line += Format("   %.1f KiB", KiB(transfer.done));
+  if (const std::string rate = Rate(transfer); phase == Phase::Write && !rate.empty()) {
+    line += ", " + rate;
+  }
+  return line;
+}
+
+// What the terminal and the plain view have in common: the last lines.
+class TextView : public UpdateView {
+ public:
+  explicit TextView(const Machine& machine) : m_machine(machine) {}
+
+  void Show(const Record& record) override {
+    if (record.failure && !record.failure->told) {
+      Complain(m_machine, record.failure->name + ": " + record.failure->text, record.failure->hint);
+    }
+    for (const std::string& name : record.resetModules) {
+      m_machine.out << "module " << name << " was reset\n";
+    }
+    const bool well = record.ending == Ending::Succeeded;
+    if (well) m_machine.out << Coloured(kGreen, Summary(record)) << '\n';
+    m_machine.out << record.state.Line() << std::endl;
+  }
+
+ protected:
+  std::mutex m_lock;
+
+  std::string Coloured(const char* colour, const std::string& text) const {
+    return m_machine.colour ? colour + text + kPlain : text;
+  }
+
+  const Machine& m_machine;
+
+ private:
+  static std::string Summary(const Record& record) {
+    const char* const what = record.dryRun                 ? "Dry run: nothing was written"
+                             : record.command == "recover" ? "Recovered"
+                                                           : "Updated";
+    return Format("%s in %.1f s.", what, Seconds(record.elapsed));
+  }
+};
+
+class PlainView final : public TextView {
+ public:
+  using TextView::TextView;
+
+  void PhaseBegins(Phase) override {}
+  void Wrote(const Transfer&) override {}
+  void PhaseEnds(Phase phase, PhaseEnd end, milliseconds elapsed,
+                 const Transfer& transfer) override {
+    const std::lock_guard lock(m_lock);
+    m_machine.out << Format("%-22s", DescriptionOf(phase).title)
+                  << PhaseResult(phase, end, elapsed, transfer) << std::endl;
+  }
+  void Retried(const char* request) override {
+    const std::lock_guard lock(m_lock);
+    m_machine.out << "no answer to: " << request << std::endl;
+  }
+  void Note(const std::string& text) override {
+    const std::unique_lock lock = LockForNote(m_lock);
+    if (!lock) return;
+    m_machine.out << text << std::endl;
+  }
+};
+
+class TerminalView final : public TextView {
+ public:
+  using TextView::TextView;
+
+  void PhaseBegins(Phase phase) override {
+    const std::lock_guard lock(m_lock);
+    m_title = Format("%-22s", DescriptionOf(phase).title);
+    m_state.clear();
+    Redraw();
+  }
+  void Wrote(const Transfer& transfer) override {
+    const std::lock_guard lock(m_lock);
+    if (transfer.elapsed < m_nextRedraw && transfer.done < transfer.total) return;
+    m_nextRedraw = transfer.elapsed + kRedrawPace;
+    const int percent = Percent(transfer);
+    const auto filled = static_cast<std::size_t>(percent * kBarWidth / 100);
+    std::string bar(filled, '#');
+    bar.resize(kBarWidth, '-');
+    m_state = Format("%3d %%", percent);
+    bar = "[" + bar + "] ";
+    if (Fits(bar)) m_state = bar + m_state;
+    const std::string bytes =
+        Format("%.1f/%.1f KiB", KiB(std::min(transfer.done, transfer.total)), KiB(transfer.total));
+    for (const std::string& part : {bytes, Rate(transfer), TimeLeft(transfer)}) {
+      if (!part.empty() && Fits(part)) m_state += "  " + part;
+    }
+    Redraw();
+  }
+  void PhaseEnds(Phase phase, PhaseEnd end, milliseconds elapsed,
+                 const Transfer& transfer) override {
+    const std::lock_guard lock(m_lock);
+    m_nextRedraw = milliseconds{0};
+    m_machine.out << kEraseLine << m_title
+                  << Coloured(end == PhaseEnd::Ok ? kGreen : kRed,
+                              PhaseResult(phase, end, elapsed, transfer))
+                  << std::endl;
+    m_title.clear();
+  }
+  void Retried(const char* request) override {
+    const std::lock_guard lock(m_lock);
+    m_state = "no answer to: " + std::string(request);
+    Redraw();
+  }
+  void Note(const std::string& text) override {
+    const std::unique_lock lock = LockForNote(m_lock);
+    if (!lock) return;
+    m_machine.out << kEraseLine << text << '\n';
+    Redraw();
+  }
+
+ private:
+  // What a line that is redrawn may hold: one that reaches the edge goes on below, where it stays.
+  std::size_t Room() const { return static_cast<std::size_t>(std::max(m_machine.width(), 2) - 1); }
+
+  bool Fits(const std::string& part) const {
+    return m_title.size() + m_state.size() + part.size() + 2 <= Room();
+  }
+
+  void Redraw() {
+    if (m_title.empty()) return;
+    m_machine.out << kEraseLine << (m_title + m_state).substr(0, Room()) << std::flush;
+  }
+
+  std::string m_title;
+  std::string m_state;
+  milliseconds m_nextRedraw{0};
+};
+
+Json IdOrNull(std::int32_t value) { return value < 0 ? Json() : Json(value); }
+
+Json AsJson(const DeviceFacts& facts) {
+  return {{"deviceId", IdOrNull(facts.deviceId)},
+          {"softwareId", IdOrNull(facts.softwareId)},
+          {"processorId", IdOrNull(facts.processorId)},
+          {"hardwareId", IdOrNull(facts.hardwareId)},
+          {"bootloaderVersion", IdOrNull(facts.bootloaderVersion)},
+          {"blockSize", IdOrNull(facts.blockSize)}};
+}
+
+Json AsJson(const std::optional<Target>& target) {
+  if (!target) return {};
+  const bool usb = target->kind == TransportKind::Usb;
+  Json json{{"kind", usb ? "usb" : "ftdi"}, {"address", target->address}};
+  if (!usb) json.update({{"baud", target->baudRate}, {"echo", target->echo}});
+  return json;
+}
+
+Json AsJson(const std::optional<Failure>& failure) {
+  if (!failure) return {};
+  return {{"name", failure->name},
+          {"code", failure->code},
+          {"text", failure->text},
+          {"hint", failure->hint}};
+}
+
+const char* NameOf(Ending ending) {
+  switch (ending) {
+    case Ending::Succeeded: return "succeeded";
+    case Ending::Failed: return "failed";
+    case Ending::Stopped: break;
+  }
+  return "stopped";
+}
+
+Json AsJson(const Record& record) {
+  Json durations = Json::object();
+  for (const auto& [phase, time] : record.durations) {
+    durations[DescriptionOf(phase).name] = Seconds(time);
+  }
+  return {{"command", record.command},
+          {"file", record.file},
+          {"sha256", record.sha256.empty() ? Json() : Json(record.sha256)},
+          {"dryRun", record.dryRun},
+          {"target", AsJson(record.target)},
+          {"ending", NameOf(record.ending)},
+          {"exit", static_cast<int>(record.state.exit)},
+          {"failure", AsJson(record.failure)},
+          {"state",
+           {{"device", record.state.device},
+            {"tunnel", record.state.tunnel},
+            {"text", record.state.sentence},
+            {"next", record.state.command.empty() ? Json() : Json(record.state.command)}}},
+          {"before", AsJson(record.before)},
+          {"after", record.after ? AsJson(*record.after) : Json()},
+          {"bytes", {{"written", record.transfer.done}, {"due", record.transfer.total}}},
+          {"retries", record.retries},
+          {"resetModules", record.resetModules},
+          {"durations", durations},
+          {"seconds", Seconds(record.elapsed)}};
+}
+
+class JsonView final : public UpdateView {
+ public:
+  explicit JsonView(const Machine& machine) : m_machine(machine) {}
+
+  void PhaseBegins(Phase phase) override {
+    Line("phase", {{"phase", DescriptionOf(phase).name}, {"state", "begins"}});
+  }
+  void Wrote(const Transfer& transfer) override {
+    const int percent = Percent(transfer);
+    if (percent == m_lastPercent) return;
+    m_lastPercent = percent;
+    Line("bytes", {{"written", transfer.done}, {"due", transfer.total}});
+  }
+  void PhaseEnds(Phase phase, PhaseEnd end, milliseconds elapsed, const Transfer&) override {
+    Line("phase", {{"phase", DescriptionOf(phase).name},
+                   {"state", NameOf(end)},
+                   {"seconds", Seconds(elapsed)}});
+  }
+  void Retried(const char* request) override { Line("retry", {{"request", request}}); }
+  void Note(const std::string& text) override {
+    const std::unique_lock lock = LockForNote(m_lock);
+    if (lock) Write("note", {{"text", text}});
+  }
+  void Show(const Record& record) override { Line("result", AsJson(record)); }
+
+ private:
+  // Texts of a device or a path need not be UTF-8; what is not is replaced.
+  void Line(const char* event, const Json& content) {
+    const std::lock_guard lock(m_lock);
+    Write(event, content);
+  }
+  void Write(const char* event, const Json& content) {
+    Json line{{"version", kJsonVersion}, {"event", event}};
+    line.update(content);
+    m_machine.out << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+  }
+
+  const Machine& m_machine;
+  std::mutex m_lock;
+  int m_lastPercent = -1;
+};
+
+}  // namespace
+
+std::unique_ptr<UpdateView> MakeView(const Machine& machine, bool json, bool others) {
+  if (json) return std::make_unique<JsonView>(machine);
+  if (machine.terminal && !others) return std::make_unique<TerminalView>(machine);
+  return std::make_unique<PlainView>(machine);
+}
+
+}  // namespace tavo::tool
