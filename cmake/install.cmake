@@ -37,7 +37,7 @@ install(FILES ${CMAKE_CURRENT_BINARY_DIR}/firmware-updater.pc
 install(FILES packaging/70-firmware-updater.rules DESTINATION lib/udev/rules.d COMPONENT common)
 install(FILES packaging/70-firmware-updater-ftdi.rules TYPE DOC COMPONENT common)
 
-install(TARGETS firmware-updater tavo-simulator COMPONENT tool)
+install(TARGETS firmware-updater COMPONENT tool)
 # Where the tool looks for it, and no linker does.
 install(TARGETS tavo_substitute_libusb LIBRARY
   DESTINATION lib/firmware-updater/substitute COMPONENT tool NAMELINK_SKIP)
@@ -46,19 +46,16 @@ install(TARGETS tavo_substitute_libusb LIBRARY
 set(TAVO_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING
   "Where the zsh completion is installed to")
 set(generated ${CMAKE_CURRENT_BINARY_DIR}/generated)
-set(simulator_page ${PROJECT_SOURCE_DIR}/simulator/tavo-simulator.1)
 add_custom_command(
-  OUTPUT ${generated}/firmware-updater.1.gz ${generated}/tavo-simulator.1.gz
-         ${generated}/firmware-updater ${generated}/_firmware-updater
+  OUTPUT ${generated}/firmware-updater.1.gz ${generated}/firmware-updater ${generated}/_firmware-updater
   COMMAND ${CMAKE_COMMAND} -E make_directory ${generated}
   COMMAND firmware-updater generate man | gzip -9n > ${generated}/firmware-updater.1.gz
-  COMMAND gzip -9nc ${simulator_page} > ${generated}/tavo-simulator.1.gz
   COMMAND firmware-updater generate bash > ${generated}/firmware-updater
   COMMAND firmware-updater generate zsh > ${generated}/_firmware-updater
-  DEPENDS firmware-updater ${simulator_page}
+  DEPENDS firmware-updater
   VERBATIM)
 add_custom_target(tavo_generated ALL DEPENDS ${generated}/firmware-updater.1.gz)
-install(FILES ${generated}/firmware-updater.1.gz ${generated}/tavo-simulator.1.gz
+install(FILES ${generated}/firmware-updater.1.gz
   DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
 install(FILES ${generated}/firmware-updater
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)

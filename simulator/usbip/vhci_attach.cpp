@@ -1,4 +1,4 @@
-// tavo-vhci-attach: plugs the device of a running tavo-simulator into this machine's own kernel. It
+// tavo-vhci-attach: plugs the device of a running simulator into this machine's own kernel. It
 // asks the server for the device and hands the connection to the vhci driver, which from then on is
 // the peer; this program is done with it. Where `usbip attach` is installed, that does the same.
 // Unplugging takes no program: write the number of the vhci port to the driver's file "detach".

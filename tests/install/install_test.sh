@@ -19,9 +19,8 @@ cmake --install "$build" --prefix "$scratch/first" >"$scratch/log" || fail "$(ca
 prefix=$scratch/moved
 mv "$scratch/first" "$prefix"
 # Those are found by their names alone, by programs that report nothing when they find nothing.
-for file in share/man/man1/firmware-updater.1.gz share/man/man1/tavo-simulator.1.gz \
-  share/bash-completion/completions/firmware-updater share/zsh/site-functions/_firmware-updater \
-  lib/udev/rules.d/70-firmware-updater.rules; do
+for file in share/man/man1/firmware-updater.1.gz share/bash-completion/completions/firmware-updater \
+  share/zsh/site-functions/_firmware-updater lib/udev/rules.d/70-firmware-updater.rules; do
   [ -s "$prefix/$file" ] || fail "$file is missing or empty"
 done
 library_folder=$(dirname "$(find "$prefix" -name libFirmwareUpdater.so)")

@@ -96,7 +96,7 @@ class Device:
         self.switch_off()
         port_file = self.folder / "port"
         port_file.unlink(missing_ok=True)
-        words = [str(self.build / "bin/tavo-simulator"), "--family", self.kind.family,
+        words = [str(self.build / "bin/firmware-updater"), "simulate", "--family", self.kind.family,
                  "--state", "device", "--port-file", "port", *options]
         if self.kind.ftdi:
             words.append("--ftdi")

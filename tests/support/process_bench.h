@@ -32,9 +32,8 @@ class Bench {
   // Writes firmware.hex, and the flash content that it makes into image.bin.
   bool MakeFirmware(const std::string& family) const {
     ChildProcess tool(
-        folder,
-        {Program("tavo-make-firmware"), "--family", family, "--image", "image.bin", "firmware.hex"},
-        Environment(), "make-firmware.txt");
+        folder, {kTool, "pack", "--family", family, "--raw", "image.bin", "-o", "firmware.hex"},
+        Environment(), "pack.txt");
     return tool.Wait(kPrompt) == 0;
   }
 
@@ -43,8 +42,8 @@ class Bench {
   bool PlugIn(Words arguments) {
     const std::string number = std::to_string(m_simulators.size());
     const std::filesystem::path portFile = folder / ("port" + number);
-    arguments.insert(arguments.begin(), {Program("tavo-simulator"), "--listen", "0", "--port-file",
-                                         portFile, "--state", "device" + number});
+    arguments.insert(arguments.begin(),
+                     {kTool, "simulate", "--port-file", portFile, "--state", "device" + number});
     m_simulators.emplace_back(folder, arguments, Environment(), "simulator" + number + ".txt");
     if (!WaitUntil([&] { return std::filesystem::exists(portFile); }, kPrompt)) return false;
     m_addresses += (m_addresses.empty() ? "" : ",") +
@@ -121,6 +120,7 @@ class Bench {
   const std::filesystem::path folder = m_temporary.Path();
 
  private:
+  static constexpr const char* kTool = TAVO_BUILD_DIR "/bin/firmware-updater";
   static std::string Program(const std::string& name) { return TAVO_BUILD_DIR "/bin/" + name; }
   static std::string FromHost(const char* variable) {
     const char* const value = std::getenv(variable);

@@ -61,6 +61,20 @@ TEST_F(SimulateTest, WithoutACommandItPrintsTheEnvironmentAndServesUntilItIsEnde
   EXPECT_EQ(tool.AskToEnd(kPrompt), 0);
 }
 
+// As in a virtual machine, whose kernel takes the substitute's place.
+TEST_F(SimulateTest, WithoutTheSubstituteItServesButRunsNoCommand) {
+  std::filesystem::copy(TAVO_BUILD_DIR "/bin/firmware-updater", folder.Path());
+  const Words environment{"PATH=/usr/bin:/bin"};
+  ChildProcess bare(folder.Path(), {"./firmware-updater", "simulate", "--port-file", "port"},
+                    environment, "output.txt");
+  ASSERT_TRUE(WaitUntil([&] { return std::filesystem::exists(folder.Path() / "port"); }, kPrompt));
+  EXPECT_EQ(bare.AskToEnd(kPrompt), 0);
+  EXPECT_EQ(bare.Output(), "listening on 127.0.0.1:" + FileText(folder.Path() / "port"));
+  ChildProcess mistaken(folder.Path(), {"./firmware-updater", "simulate", "--", "true"},
+                        environment, "output.txt");
+  EXPECT_EQ(mistaken.Wait(kPrompt), 3) << mistaken.Output();
+}
+
 TEST_F(SimulateTest, MistakesAreExplained) {
   EXPECT_EQ(Run({"--family", "8.9.9", "--", "true"}), 2);
   EXPECT_TRUE(Says("there is no family \"8.9.9\"")) << output;

@@ -34,9 +34,11 @@ constexpr const char* kExamples =
     "  firmware-updater simulate --family 8.2.14\n"
     "  firmware-updater simulate --family drive --port-path 1-4.2 --state drive\n"
     "  firmware-updater simulate --fault lose:5 -- firmware-updater update firmware.hex\n"
-    "The first two print what makes another terminal see the device and serve it until Ctrl-C. "
-    "With\n"
-    "a COMMAND, that is run seeing the device, and its exit code is handed on.";
+    "The first two serve the device until Ctrl-C and print the command that makes another "
+    "terminal\n"
+    "see it. With a COMMAND, the device lives until that ends, and its exit code is passed on.\n"
+    "On a kernel with the vhci driver, root can plug the device into the kernel as well:\n"
+    "  usbip --tcp-port PORT attach -r 127.0.0.1 -b 1-1";
 
 struct Arguments {
   tavosim::SimulatorArguments simulator{};
@@ -152,11 +154,14 @@ int ServeUntilEnd(tavosim::SimulatorProgram& device, pid_t command) {
   return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-ExitCode ServeOthers(tavosim::SimulatorProgram& device, const std::string& exports, int endFd,
-                     const Machine& machine) {
-  machine.out << "listening on 127.0.0.1:" << device.Port()
-              << "\nAnother terminal sees the device after\n"
-              << exports << std::endl;
+// A kernel can attach the device without the substitute.
+ExitCode ServeOthers(tavosim::SimulatorProgram& device, const std::string& address,
+                     const std::string& substitute, int endFd, const Machine& machine) {
+  machine.out << "listening on " << address << std::endl;
+  if (!substitute.empty()) {
+    machine.out << "Another terminal sees the device after\nexport " << kAddresses << "=" << address
+                << " " << kLibraryPath << "=" << ShellWord(substitute) << std::endl;
+  }
   device.Run(endFd);
   return ExitCode::Done;
 }
@@ -179,14 +184,12 @@ ExitCode Serve(tavosim::SimulatorProgram& device, const Words& words, int endFd,
     ShowToChildren(address, substitute);
     return RunBeside(device, words, machine);
   }
-  const std::string exports = std::string("export ") + kAddresses + "=" + address + " " +
-                              kLibraryPath + "=" + ShellWord(substitute);
-  return ServeOthers(device, exports, endFd, machine);
+  return ServeOthers(device, address, substitute, endFd, machine);
 }
 
 ExitCode Simulate(const Arguments& arguments, const Words& words, const Machine& machine) {
   const std::string substitute = SubstituteFolder(machine.platform);
-  if (substitute.empty()) {
+  if (substitute.empty() && !words.empty()) {
     Complain(machine, "the libusb that finds simulated devices is missing",
              "build or install all of this tool, not its program alone");
     return ExitCode::NoDevice;
