@@ -15,9 +15,11 @@
 #include "simulator/firmware_builder.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/transcript.h"
+#include "text/json.h"
 
 namespace tavo::tool {
 
+inline void PrintTo(const Json& json, std::ostream* out) { *out << json.Text(2); }
 inline void PrintTo(ExitCode code, std::ostream* out) { *out << "exit " << static_cast<int>(code); }
 
 class CommandRun {

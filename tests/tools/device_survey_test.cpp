@@ -3,8 +3,6 @@
 
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include "tests/tools/desk.h"
 
 namespace tavo::tool {
@@ -128,9 +126,9 @@ TEST_F(DeviceSurvey, JsonIsOneDocumentWhateverAnAdapterCallsItself) {
   usb.devices = {kDevice, kTwin};
   adapters.adapters = {{"\xFF\x01", "\xC3"}};
   EXPECT_EQ(run("list --json"), ExitCode::Done);
-  const auto document = nlohmann::json::parse(run.Out());
+  const Json document = Json::Parse(run.Out());
   EXPECT_EQ(document["version"], 1);
-  ASSERT_EQ(document["devices"].size(), 3u);
+  ASSERT_EQ(document["devices"].Size(), 3u);
   EXPECT_EQ(document["devices"][1]["obstacles"][0]["name"], "ambiguous-port");
   EXPECT_EQ(document["devices"][2]["kind"], "ftdi");
   EXPECT_EQ(document["devices"][2]["usable"], true);
@@ -143,7 +141,7 @@ TEST_F(DeviceSurvey, NothingFoundTellsWhatWasLookedForAndWhy) {
   EXPECT_TRUE(run.Complains("LIBUSB_ERROR_OTHER")) << run.Err();
   EXPECT_TRUE(run.Complains("looked for USB devices 03eb:2404 and FTDI adapters"));
   EXPECT_EQ(run("list --json"), ExitCode::NoDevice);
-  EXPECT_EQ(nlohmann::json::parse(run.Out())["devices"].size(), 0u);
+  EXPECT_EQ(Json::Parse(run.Out())["devices"].Size(), 0u);
 }
 
 TEST_F(DeviceSurvey, WaitEndsWithAUsableDeviceOrWithItsTime) {

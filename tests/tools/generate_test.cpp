@@ -1,5 +1,6 @@
 // What is written from the parser: nothing of it is missing, and the programs that read it take it.
 #include <gtest/gtest.h>
+#include <CLI/CLI.hpp>
 
 #include "tests/support/child_process.h"
 #include "tests/tools/desk.h"

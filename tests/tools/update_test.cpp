@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <nlohmann/json.hpp>
 
 #include "package/adb_view.h"
 #include "tests/tools/desk.h"
@@ -15,7 +14,6 @@
 namespace tavo::tool {
 namespace {
 
-using Json = nlohmann::json;
 using enum DeviceCondition;
 using enum ExitCode;
 using tavosim::DeviceState;
@@ -344,24 +342,24 @@ TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
   Desk desk(Options("plain"), false, {"lose:id=0x134:3"});
   EXPECT_EQ(desk.Update(" --json"), Done) << desk.run.Out();
   EXPECT_EQ(desk.run.Err(), "");
-  const Json last = Json::parse(desk.run.LastLine());
-  EXPECT_EQ(last.at("event"), "result");
-  EXPECT_EQ(last.at("ending"), "succeeded");
-  EXPECT_EQ(last.at("state").at("device"), "updated-and-verified");
-  EXPECT_EQ(last.at("retries"), 1);
-  EXPECT_EQ(last.at("before").at("deviceId"), 0x0101);
-  EXPECT_EQ(last.at("before").at("hardwareId"), 0x8410);
-  EXPECT_EQ(last.at("before").at("bootloaderVersion"), 3);
-  EXPECT_EQ(last.at("after").at("softwareId"), 0x1234);
-  EXPECT_EQ(std::string(last.at("sha256")).size(), 64U);
+  const Json last = Json::Parse(desk.run.LastLine());
+  EXPECT_EQ(last["event"], "result");
+  EXPECT_EQ(last["ending"], "succeeded");
+  EXPECT_EQ(last["state"]["device"], "updated-and-verified");
+  EXPECT_EQ(last["retries"], 1);
+  EXPECT_EQ(last["before"]["deviceId"], 0x0101);
+  EXPECT_EQ(last["before"]["hardwareId"], 0x8410);
+  EXPECT_EQ(last["before"]["bootloaderVersion"], 3);
+  EXPECT_EQ(last["after"]["softwareId"], 0x1234);
+  EXPECT_EQ(last["sha256"].Text().size(), 66U);
 
   EXPECT_EQ(desk.run("update none.hex --json"), BadFile);
-  EXPECT_EQ(Json::parse(desk.run.Out()).at("failure").at("name"), "bad-file");
+  EXPECT_EQ(Json::Parse(desk.run.Out())["failure"]["name"], "bad-file");
 
   EXPECT_EQ(desk.run("update @firmware.hex --usb 3-9 --json --log @tool.log"), NoDevice);
-  const Json failure = Json::parse(desk.run.Out()).at("failure");
-  EXPECT_EQ(failure.at("text"), "--usb 3-9 is not there");
-  EXPECT_EQ(failure.at("hint"),
+  const Json failure = Json::Parse(desk.run.Out())["failure"];
+  EXPECT_EQ(failure["text"], "--usb 3-9 is not there");
+  EXPECT_EQ(failure["hint"],
             "name one of these, or check cable and power: --usb 1-4-2, --ftdi TAVO0001");
 }
 

@@ -11,6 +11,9 @@
 
 #include <algorithm>
 
+#include "platform/d2xx.h"
+#include "platform/libusb_api.h"
+#include "platform/platform.h"
 #include "simulator/cdc_function.h"
 #include "simulator/ftdi_adapter.h"
 #include "tests/tools/command_run.h"

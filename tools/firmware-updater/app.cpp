@@ -1,5 +1,6 @@
 #include "app.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
 #include <ostream>
@@ -105,12 +106,6 @@ ExitCode WithOutput(ExitCode exit, const Machine& machine) {
 }
 
 }  // namespace
-
-void Complain(const Machine& machine, std::string_view text, std::string_view hint) {
-  machine.err << kName << ": " << text << '\n';
-  if (!hint.empty()) machine.err << "hint: " << hint << '\n';
-  machine.err << std::flush;
-}
 
 void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
   app.set_version_flag("--version", kVersion, "Print the version and exit");

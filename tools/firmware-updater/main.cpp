@@ -8,6 +8,9 @@
 #include <string_view>
 
 #include "app.h"
+#include "platform/d2xx.h"
+#include "platform/libusb_api.h"
+#include "platform/platform.h"
 
 namespace {
 

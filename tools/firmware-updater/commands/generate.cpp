@@ -1,4 +1,5 @@
 // The hidden command "generate": what is packed beside the program but written from its parser.
+#include <CLI/CLI.hpp>
 #include <array>
 #include <memory>
 #include <ostream>

@@ -2,7 +2,6 @@
 #include <algorithm>
 #include <array>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <utility>
 #include <vector>
@@ -12,13 +11,14 @@
 #include "device/session.h"
 #include "device/target_choice.h"
 #include "package/hardware_identity.h"
+#include "text/json.h"
 #include "text/log_platform.h"
+#include "text/options.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {
 namespace {
 
-using Json = nlohmann::ordered_json;
 using Facts = std::vector<std::pair<std::string, std::string>>;
 
 constexpr int kDocumentVersion = 1;
@@ -125,15 +125,6 @@ void WriteText(std::ostream& to, const Target& target, const DeviceReport& repor
 
 // --- for scripts: ids by the names and in the form that the record of an update has ---
 
-template <typename Value>
-Json OrNull(const std::optional<Value>& value) {
-  return value ? Json(*value) : Json();
-}
-template <typename Value, typename Convert>
-Json OrNull(const std::optional<Value>& value, Convert convert) {
-  return value ? Json(convert(*value)) : Json();
-}
-
 Json TunnelJson(std::uint16_t tunnel) {
   if (tunnel == 0) return {{"open", false}};
   return {{"open", true}, {"master", MasterOf(tunnel)}, {"slave", SlaveOf(tunnel)}};
@@ -157,22 +148,22 @@ void WriteJson(std::ostream& to, const Target& target, const DeviceReport& repor
   const std::string next = NextCommand(description, target);
   const Json document{
       {"version", kDocumentVersion},
-      {"kind", target.kind == TransportKind::Usb ? "usb" : "ftdi"},
+      {"kind", KindName(target.kind)},
       {"address", target.address},
       {"state", description.name},
-      {"deviceId", OrNull(report.deviceId)},
-      {"softwareId", OrNull(report.softwareId)},
-      {"processorId", OrNull(report.processorId)},
-      {"mcuId", OrNull(report.processorId, McuIdJson)},
-      {"hardwareId", OrNull(report.hardwareId)},
-      {"hardware", OrNull(report.hardwareId, HardwareJson)},
-      {"bootloaderVersion", OrNull(report.bootloaderVersion)},
-      {"blockSize", OrNull(report.blockSize)},
-      {"applicationKiB", OrNull(report.applicationKiB)},
-      {"tunnel", OrNull(report.tunnel, TunnelJson)},
+      {"deviceId", report.deviceId},
+      {"softwareId", report.softwareId},
+      {"processorId", report.processorId},
+      {"mcuId", report.processorId ? McuIdJson(*report.processorId) : Json()},
+      {"hardwareId", report.hardwareId},
+      {"hardware", report.hardwareId ? HardwareJson(*report.hardwareId) : Json()},
+      {"bootloaderVersion", report.bootloaderVersion},
+      {"blockSize", report.blockSize},
+      {"applicationKiB", report.applicationKiB},
+      {"tunnel", report.tunnel ? TunnelJson(*report.tunnel) : Json()},
       {"next", next.empty() ? Json() : Json(next)},
   };
-  to << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+  to << document.Text(2) << '\n';
 }
 
 // --- the command ---
@@ -213,17 +204,17 @@ ExitCode Info(const Machine& machine, const Options& options) {
 }  // namespace
 
 void AddInfoCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  CLI::App& command =
-      *app.add_subcommand("info", "Ask a device who it is and what it is doing, changing nothing");
+  CommandOptions command(app, "info",
+                         "Ask a device who it is and what it is doing, changing nothing");
   const auto options = std::make_shared<Options>();
   AddTargetOptions(command, options->target);
-  command.add_flag("--json", options->json, "Write one JSON document");
-  command.footer(
+  command.Flag("--json", options->json, "Write one JSON document");
+  command.Footer(
       "Without --usb and --ftdi the only connected USB device is asked.\n\n"
       "Examples:\n"
       "  firmware-updater info\n"
       "  firmware-updater info --ftdi TAVO0001 --baud 115200 --json");
-  command.callback([&machine, &exit, options] { exit = Info(machine, *options); });
+  command.OnRun(exit, [&machine, options] { return Info(machine, *options); });
 }
 
 }  // namespace tavo::tool

@@ -8,6 +8,8 @@
 #include "file/block_map.h"
 #include "file/package_json.h"
 #include "file/package_report.h"
+#include "text/json.h"
+#include "text/options.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {
@@ -219,11 +221,7 @@ void PutScreen(std::ostream& out, const PackageReport& report, std::uint32_t blo
 ExitCode Inspect(const Machine& machine, const Options& options) {
   const PackageReport report = ReportOn(options.file);
   if (options.json) {
-    using Json = nlohmann::ordered_json;
-    // Names in an archive are any bytes.
-    machine.out << PackageJson(report, options.blockSize)
-                       .dump(2, ' ', false, Json::error_handler_t::replace)
-                << '\n';
+    machine.out << PackageJson(report, options.blockSize).Text(2) << '\n';
   } else if (report.CouldBeWritten() || !report.members.empty()) {
     PutScreen(machine.out, report, options.blockSize);
   }
@@ -235,21 +233,21 @@ ExitCode Inspect(const Machine& machine, const Options& options) {
 }  // namespace
 
 void AddInspectCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  auto* command = app.add_subcommand("inspect", "Tell everything about an update file");
+  CommandOptions command(app, "inspect", "Tell everything about an update file");
   const auto options = std::make_shared<Options>();
-  command->add_option("FILE", options->file, "Update file, .hex or .zip")->required();
-  command->add_flag("--json", options->json, "One JSON document instead of the screen");
+  command.Value("FILE", options->file, "Update file, .hex or .zip").Required();
+  command.Flag("--json", options->json, "One JSON document instead of the screen");
   command
-      ->add_option("--block-size", options->blockSize,
-                   "Bytes that the device writes at once, for block map and times")
-      ->check(CLI::Range(kMinBlockSize, kMaxWritableBlockSize))
-      ->capture_default_str();
-  command->footer(
+      .Value("--block-size", options->blockSize,
+             "Bytes that the device writes at once, for block map and times")
+      .Between(kMinBlockSize, kMaxWritableBlockSize)
+      .WithDefault();
+  command.Footer(
       "Ends with exit code 4 when no device could ever take the file.\n\n"
       "Examples:\n"
       "  firmware-updater inspect firmware.zip\n"
       "  firmware-updater inspect --block-size 64 --json firmware.hex");
-  command->callback([options, &machine, &exit] { exit = Inspect(machine, *options); });
+  command.OnRun(exit, [options, &machine] { return Inspect(machine, *options); });
 }
 
 }  // namespace tavo::tool

@@ -1,18 +1,20 @@
 // list: what is connected, and what stands in the way of using it.
 #include <algorithm>
+#include <charconv>
 #include <chrono>
 #include <memory>
-#include <nlohmann/json.hpp>
 #include <ostream>
 
 #include "commands/commands.h"
 #include "device/device_survey.h"
+#include "platform/platform.h"
+#include "text/json.h"
+#include "text/options.h"
 
 namespace tavo::tool {
 namespace {
 
 using std::chrono::milliseconds;
-using Json = nlohmann::ordered_json;
 
 constexpr int kDocumentVersion = 1;
 constexpr double kLongestWaitSeconds = 24 * 60 * 60;
@@ -44,12 +46,11 @@ Outcome Look(const Machine& machine, milliseconds wait) {
 }
 
 Json AsJson(const FoundDevice& device) {
-  Json obstacles = Json::array();
+  Json obstacles = Json::Array();
   for (const Obstacle& obstacle : device.obstacles) {
-    obstacles.push_back(
-        {{"name", obstacle.name}, {"text", obstacle.text}, {"hint", obstacle.hint}});
+    obstacles.Add({{"name", obstacle.name}, {"text", obstacle.text}, {"hint", obstacle.hint}});
   }
-  return {{"kind", device.kind == TransportKind::Usb ? "usb" : "ftdi"},
+  return {{"kind", KindName(device.kind)},
           {"address", device.address},
           {"description", device.description},
           {"usable", device.IsUsable()},
@@ -57,11 +58,9 @@ Json AsJson(const FoundDevice& device) {
 }
 
 void WriteJson(std::ostream& to, const Outcome& outcome) {
-  Json devices = Json::array();
-  for (const FoundDevice& device : outcome.devices) devices.push_back(AsJson(device));
-  const Json document{{"version", kDocumentVersion}, {"devices", devices}};
-  // A serial number is whatever bytes an adapter tells.
-  to << document.dump(2, ' ', false, Json::error_handler_t::replace) << '\n';
+  Json devices = Json::Array();
+  for (const FoundDevice& device : outcome.devices) devices.Add(AsJson(device));
+  to << Json{{"version", kDocumentVersion}, {"devices", devices}}.Text(2) << '\n';
 }
 
 ExitCode List(const Machine& machine, const Options& options) {
@@ -84,30 +83,30 @@ ExitCode List(const Machine& machine, const Options& options) {
   return ExitCode::NoDevice;
 }
 
-std::string CheckWait(std::string& text) {
-  double seconds = 0;
+std::string CheckWait(const std::string& text) {
+  double seconds = -1;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  const bool isNumber = error == std::errc() && end == text.data() + text.size();
   // Not a number is in no range.
-  const bool fits =
-      CLI::detail::lexical_cast(text, seconds) && seconds >= 0 && seconds <= kLongestWaitSeconds;
-  return fits ? std::string() : "takes 0 to 86400 seconds, not " + text;
+  const bool fits = isNumber && seconds >= 0 && seconds <= kLongestWaitSeconds;
+  return fits ? "" : "takes 0 to 86400 seconds, not " + text;
 }
 
 }  // namespace
 
 void AddListCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  CLI::App& command =
-      *app.add_subcommand("list", "Show the connected devices and how to name them");
+  CommandOptions command(app, "list", "Show the connected devices and how to name them");
   const auto options = std::make_shared<Options>();
-  command.add_flag("--json", options->json, "Write one JSON document");
-  command.add_option("--wait", options->waitSeconds, "Wait this long for a usable device")
-      ->type_name("SECONDS")
-      ->check(CLI::Validator(CheckWait, ""));
-  command.footer(
+  command.Flag("--json", options->json, "Write one JSON document");
+  command.Value("--wait", options->waitSeconds, "Wait this long for a usable device")
+      .Shown("SECONDS")
+      .Checked(CheckWait);
+  command.Footer(
       "Nothing is sent to a device, and no driver is taken from it.\n\n"
       "Examples:\n"
       "  firmware-updater list\n"
       "  firmware-updater list --wait 10 --json");
-  command.callback([&machine, &exit, options] { exit = List(machine, *options); });
+  command.OnRun(exit, [&machine, options] { return List(machine, *options); });
 }
 
 }  // namespace tavo::tool

@@ -43,13 +43,12 @@ bool RecoverBehindTunnel(const UpdateFlags& flags, const PackageReport& report, 
 }  // namespace
 
 void AddRecoverCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  CLI::App* const command =
-      app.add_subcommand("recover", "Get a device going that was left in its bootloader");
-  command->footer(kExamples);
+  CommandOptions command(app, "recover", "Recover a device left in its bootloader");
+  command.Footer(kExamples);
   const auto options = std::make_shared<UpdateOptions>();
-  AddUpdateOptions(*command, *options);
-  command->callback([&machine, &exit, options] {
-    exit = RunUpdate(machine, "recover", *options,
+  AddUpdateOptions(command, *options);
+  command.OnRun(exit, [&machine, options] {
+    return RunUpdate(machine, "recover", *options,
                      [&flags = options->flags](const PackageReport& report, Inquiry& inquiry,
                                                const RunPlan& run) {
                        const auto recover =

@@ -13,6 +13,7 @@
 #include "engine/update_observer.h"
 #include "file/file_check.h"
 #include "simulator/firmware_builder.h"
+#include "text/options.h"
 #include "text/text_format.h"
 #include "transport/i_comm_interface.h"
 #include "update/closing_state.h"
@@ -254,12 +255,12 @@ ExitCode RunReplay(const Machine& machine, const std::string& path) try {
 }  // namespace
 
 void AddReplayCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  CLI::App* const command =
-      app.add_subcommand("replay", "Run the engine against a recorded update, without a device");
-  command->footer(kExamples);
+  CommandOptions command(app, "replay",
+                         "Run the engine against a recorded update, without a device");
+  command.Footer(kExamples);
   const auto path = std::make_shared<std::string>();
-  command->add_option("FILE", *path, "Record of an update, from update --record")->required();
-  command->callback([&machine, &exit, path] { exit = RunReplay(machine, *path); });
+  command.Value("FILE", *path, "Record of an update, from update --record").Required();
+  command.OnRun(exit, [&machine, path] { return RunReplay(machine, *path); });
 }
 
 }  // namespace tavo::tool

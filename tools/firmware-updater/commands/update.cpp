@@ -17,16 +17,16 @@ constexpr const char* kExamples =
 }  // namespace
 
 void AddUpdateCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  CLI::App* const command = app.add_subcommand("update", "Update the firmware of one device");
-  command->footer(kExamples);
+  CommandOptions command(app, "update", "Update the firmware of one device");
+  command.Footer(kExamples);
   const auto options = std::make_shared<UpdateOptions>();
-  AddUpdateOptions(*command, *options);
-  command->add_flag("--bootloader-only", options->flags.bootloaderOnly,
-                    "Ask nothing that needs a running application, and open no tunnel");
-  command->add_flag("--dry-run", options->flags.dryRun,
-                    "All up to the erase, then back to the application: nothing is written");
-  command->callback([&machine, &exit, options] {
-    exit = RunUpdate(machine, "update", *options,
+  AddUpdateOptions(command, *options);
+  command.Flag("--bootloader-only", options->flags.bootloaderOnly,
+               "Ask nothing that needs a running application, and open no tunnel");
+  command.Flag("--dry-run", options->flags.dryRun,
+               "Run every check, then return to the application; nothing is written");
+  command.OnRun(exit, [&machine, options] {
+    return RunUpdate(machine, "update", *options,
                      [&options = *options](const PackageReport&, Inquiry&, const RunPlan& run) {
                        return run(options.flags);
                      });

@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
-#include "commands/commands.h"
 #include "device/target.h"
+#include "text/machine.h"
 
 namespace tavo::tool {
 

@@ -8,10 +8,10 @@
 
 #include <string>
 
-#include "commands/commands.h"
 #include "device/target.h"
 #include "engine/transport_holder.h"
 #include "log/logger.h"
+#include "text/machine.h"
 #include "transport/tavo_link.h"
 #include "update/wire_record.h"
 

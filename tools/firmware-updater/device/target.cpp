@@ -47,6 +47,8 @@ std::string Escaped(std::string_view text) {
 
 }  // namespace
 
+const char* KindName(TransportKind kind) { return kind == TransportKind::Usb ? "usb" : "ftdi"; }
+
 std::string ShellWord(const std::string& text) {
   if (!text.empty() && std::all_of(text.begin(), text.end(), IsSafe)) return text;
   if (!IsShowable(text)) return Escaped(text);

@@ -15,6 +15,9 @@ struct Target {
   bool echo = false;               // adapters only
 };
 
+// Stable, for scripts: "usb", "ftdi".
+const char* KindName(TransportKind kind);
+
 // The options that name this device on a command line, ready to be copied into a shell:
 // "--usb 4-2", "--ftdi TAVO0001 --baud 115200 --echo".
 std::string TargetOptions(const Target& target);

@@ -15,9 +15,8 @@ constexpr std::uint32_t kFastestBaudRate = 12'000'000;
 
 using Devices = std::vector<FoundDevice>;
 
-std::string CheckName(std::string& text) {
-  return text.empty() ? std::string("is empty; `firmware-updater list` shows what to name")
-                      : std::string();
+std::string CheckName(const std::string& text) {
+  return text.empty() ? "is empty; `firmware-updater list` shows what to name" : "";
 }
 
 TargetChoice Refuse(const Machine& machine, ExitCode exit, const std::string& text,
@@ -93,25 +92,19 @@ TargetChoice Choose(const Machine& machine, const TargetOptionsValues& named,
 
 }  // namespace
 
-void AddTargetOptions(CLI::App& command, TargetOptionsValues& to) {
-  const CLI::Validator notEmpty(CheckName, "");
-  CLI::Option* const usb =
-      command.add_option("--usb", to.usbPort, "The USB device at this port path, as list shows it")
-          ->type_name("PORT")
-          ->check(notEmpty);
-  CLI::Option* const ftdi =
-      command
-          .add_option("--ftdi", to.ftdiSerial,
-                      "The device at the FTDI adapter with this serial number")
-          ->type_name("SERIAL")
-          ->check(notEmpty)
-          ->excludes(usb);
-  command.add_option("--baud", to.baudRate, "Baud rate of the adapter")
-      ->type_name("N")
-      ->check(CLI::Range(kSlowestBaudRate, kFastestBaudRate).description(""))
-      ->capture_default_str()
-      ->needs(ftdi);
-  command.add_flag("--echo", to.echo, "The adapter's line gives back every byte sent")->needs(ftdi);
+void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to) {
+  Option usb =
+      command.Value("--usb", to.usbPort, "The USB device at this port path, as list shows it");
+  usb.Shown("PORT").Checked(CheckName);
+  Option ftdi = command.Value("--ftdi", to.ftdiSerial,
+                              "The device at the FTDI adapter with this serial number");
+  ftdi.Shown("SERIAL").Checked(CheckName).Excludes(usb);
+  command.Value("--baud", to.baudRate, "Baud rate of the adapter")
+      .Shown("N")
+      .Between(kSlowestBaudRate, kFastestBaudRate)
+      .WithDefault()
+      .Needs(ftdi);
+  command.Flag("--echo", to.echo, "The adapter's line gives back every byte sent").Needs(ftdi);
 }
 
 TargetChoice ChooseTarget(const Machine& machine, const TargetOptionsValues& named) {

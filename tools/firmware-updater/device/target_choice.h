@@ -8,12 +8,13 @@
 //   if (!choice.target) return choice.exit;  // the user has been told why
 #pragma once
 
-#include <CLI/CLI.hpp>
+#include <cstdint>
 #include <optional>
 #include <string>
 
-#include "commands/commands.h"
 #include "device/target.h"
+#include "text/machine.h"
+#include "text/options.h"
 
 namespace tavo::tool {
 
@@ -26,7 +27,7 @@ struct TargetOptionsValues {
 };
 
 // --usb, or --ftdi with --baud and --echo. `to` must outlive the parsing.
-void AddTargetOptions(CLI::App& command, TargetOptionsValues& to);
+void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to);
 
 struct TargetChoice {
   std::optional<Target> target;

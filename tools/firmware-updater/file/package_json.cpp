@@ -5,8 +5,6 @@
 namespace tavo::tool {
 namespace {
 
-using Json = nlohmann::ordered_json;
-
 constexpr int kVersion = 1;
 
 std::string_view KindName(UpdateFileKind kind) {
@@ -18,53 +16,48 @@ std::string_view KindName(UpdateFileKind kind) {
   return "unknown";
 }
 
-template <typename Value>
-Json OrNull(const std::optional<Value>& id) {
-  return id ? Json(*id) : Json();
-}
-
 Json McuIdJson(const ImageReport& image) {
   // One that lies outside the image is none that could be told.
-  return image.mcuId == -1 ? Json() : OrNull(image.mcuId);
+  return image.mcuId == -1 ? Json() : Json(image.mcuId);
 }
 
 Json MemberJson(const MemberReport& member) {
   Json json{
       {"name", member.name}, {"verdict", VerdictName(member.verdict)}, {"reason", member.reason}};
   if (member.line != 0) {
-    json["line"] = member.line;
-    json["column"] = member.column;
+    json.Set("line", member.line);
+    json.Set("column", member.column);
   }
-  json["warnings"] = member.warnings;
-  json["image"] = member.image ? Json(*member.image) : Json();
+  json.Set("warnings", member.warnings);
+  json.Set("image", member.image);
   return json;
 }
 
 Json HardwareIdsJson(const std::vector<std::uint16_t>& ids) {
-  Json list = Json::array();
+  Json list = Json::Array();
   for (const std::uint16_t id : ids) {
     const HardwareIdRecord parts = SplitHardwareId(id);
-    list.push_back({{"id", id},
-                    {"serie", parts.serie},
-                    {"type", parts.type},
-                    {"module", parts.module},
-                    {"variant", parts.variant}});
+    list.Add({{"id", id},
+              {"serie", parts.serie},
+              {"type", parts.type},
+              {"module", parts.module},
+              {"variant", parts.variant}});
   }
   return list;
 }
 
 Json EntriesJson(const std::vector<EntryReport>& entries) {
-  Json list = Json::array();
+  Json list = Json::Array();
   for (const EntryReport& entry : entries) {
-    list.push_back({{"deviceId", OrNull(entry.deviceId)},
-                    {"readable", entry.readable},
-                    {"hardwareIds", HardwareIdsJson(entry.hardwareIds)}});
+    list.Add({{"deviceId", entry.deviceId},
+              {"readable", entry.readable},
+              {"hardwareIds", HardwareIdsJson(entry.hardwareIds)}});
   }
   return list;
 }
 
 Json RouteJson(const TunnelRoute& route) {
-  if (route.master == -1) return nullptr;
+  if (route.master == -1) return {};
   return {{"master", route.master}, {"slave", route.slave}};
 }
 
@@ -75,9 +68,9 @@ Json MapJson(const BlockMap& map) {
 }
 
 Json WritingJson(const BlockMap& map, std::size_t imageSize) {
-  Json times = Json::array();
+  Json times = Json::Array();
   for (const std::uint32_t baud : kLineRates) {
-    times.push_back({{"baud", baud}, {"secondsAtLeast", map.Seconds(baud)}});
+    times.Add({{"baud", baud}, {"secondsAtLeast", map.Seconds(baud)}});
   }
   return {{"blockSize", map.blockSize},
           {"wholeBlocks", imageSize % map.blockSize == 0},
@@ -104,7 +97,7 @@ Json ImageJson(const ImageReport& image, std::uint32_t blockSize) {
           {"hasEntryTable", image.hasEntryTable},
           {"entries", EntriesJson(image.entries)},
           {"mcuId", McuIdJson(image)},
-          {"processorId", OrNull(image.processorId)},
+          {"processorId", image.processorId},
           {"route", RouteJson(image.route)},
           {"requestId", image.requestId},
           {"endsInCrc", image.endsInCrc},
@@ -117,10 +110,10 @@ Json ImageJson(const ImageReport& image, std::uint32_t blockSize) {
 }  // namespace
 
 Json PackageJson(const PackageReport& report, std::uint32_t blockSize) {
-  Json members = Json::array();
-  for (const MemberReport& member : report.members) members.push_back(MemberJson(member));
-  Json images = Json::array();
-  for (const ImageReport& image : report.images) images.push_back(ImageJson(image, blockSize));
+  Json members = Json::Array();
+  for (const MemberReport& member : report.members) members.Add(MemberJson(member));
+  Json images = Json::Array();
+  for (const ImageReport& image : report.images) images.Add(ImageJson(image, blockSize));
   return {{"version", kVersion},
           {"file", report.path},
           {"kind", KindName(report.kind)},

@@ -5,8 +5,8 @@
 
 #include <string>
 
-#include "commands/commands.h"
 #include "file/package_report.h"
+#include "text/machine.h"
 #include "update/record.h"
 #include "update/update_run.h"
 #include "update/views.h"

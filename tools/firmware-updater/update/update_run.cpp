@@ -248,32 +248,25 @@ bool NeedsTunnel(const PackageReport& report) {
   return !report.images.empty() && report.images.front().route.master != -1;
 }
 
-void AddUpdateOptions(CLI::App& command, UpdateOptions& to) {
-  const CLI::Validator notEmpty(
-      [](std::string& text) { return text.empty() ? std::string("is empty") : std::string(); }, "");
-  command.add_option("FILE", to.file, "Update file: .hex, or .zip with .hex files inside")
-      ->required();
+void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
+  command.Value("FILE", to.file, "Update file: .hex, or .zip with .hex files inside").Required();
   AddTargetOptions(command, to.target);
-  command.add_flag_callback(
-      "--skip-identity-check", [&to] { to.flags.checkIdentity = false; },
-      "Do not ask for device ids, do not check the hardware id, set no label");
-  command.add_flag("--extended-erase", to.flags.extendedErase, "Erase mode 3 instead of 1");
-  command.add_flag("--json", to.json, "Report as JSON, one object a line, and nothing else");
+  command.Flag("--skip-identity-check", to.flags.checkIdentity,
+               "Do not ask for device ids, do not check the hardware id, set no label", false);
+  command.Flag("--extended-erase", to.flags.extendedErase, "Erase mode 3 instead of 1");
+  command.Flag("--json", to.json, "Report as JSON, one object a line, and nothing else");
   command
-      .add_option("--log", to.log,
-                  "File to append the library's log to, instead of firmware-updater.log in the "
-                  "user's state folder")
-      ->type_name("FILE")
-      ->check(notEmpty);
-  command
-      .add_option("--record", to.record,
-                  "File to record the traffic with the device in, for the command replay; the "
-                  "firmware is left out")
-      ->type_name("FILE")
-      ->check(notEmpty);
-  command.add_flag("--record-firmware", to.recordFirmware, "Record the firmware too")
-      ->needs("--record");
-  command.add_flag("--verbose", to.verbose, "Show the library's log as well");
+      .Value("--log", to.log,
+             "File to append the library's log to, instead of firmware-updater.log in the user's "
+             "state folder")
+      .Shown("FILE")
+      .NotEmpty();
+  Option record = command.Value("--record", to.record,
+                                "File to record the traffic with the device in, for the command "
+                                "replay; the firmware is left out");
+  record.Shown("FILE").NotEmpty();
+  command.Flag("--record-firmware", to.recordFirmware, "Record the firmware too").Needs(record);
+  command.Flag("--verbose", to.verbose, "Show the library's log as well");
 }
 
 ExitCode RunUpdate(const Machine& machine, const char* command, const UpdateOptions& options,

@@ -5,11 +5,12 @@
 #include <functional>
 #include <string>
 
-#include "commands/commands.h"
 #include "device/inquiry.h"
 #include "device/target_choice.h"
 #include "engine/firmware_updater.h"
 #include "file/package_report.h"
+#include "text/machine.h"
+#include "text/options.h"
 
 namespace tavo::tool {
 
@@ -25,7 +26,7 @@ struct UpdateOptions {
   bool recordFirmware = false;
 };
 
-void AddUpdateOptions(CLI::App& command, UpdateOptions& to);
+void AddUpdateOptions(CommandOptions& command, UpdateOptions& to);
 
 // One run of the engine with these flags; true when it succeeded.
 using RunPlan = std::function<bool(const UpdateFlags& flags)>;

@@ -2,17 +2,16 @@
 
 #include <algorithm>
 #include <mutex>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <thread>
 
+#include "text/json.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {
 namespace {
 
 using std::chrono::milliseconds;
-using Json = nlohmann::ordered_json;
 
 constexpr int kJsonVersion = 1;
 constexpr int kBarWidth = 20;
@@ -215,9 +214,11 @@ Json AsJson(const DeviceFacts& facts) {
 
 Json AsJson(const std::optional<Target>& target) {
   if (!target) return {};
-  const bool usb = target->kind == TransportKind::Usb;
-  Json json{{"kind", usb ? "usb" : "ftdi"}, {"address", target->address}};
-  if (!usb) json.update({{"baud", target->baudRate}, {"echo", target->echo}});
+  Json json{{"kind", KindName(target->kind)}, {"address", target->address}};
+  if (target->kind == TransportKind::Ftdi) {
+    json.Set("baud", target->baudRate);
+    json.Set("echo", target->echo);
+  }
   return json;
 }
 
@@ -239,9 +240,9 @@ const char* NameOf(Ending ending) {
 }
 
 Json AsJson(const Record& record) {
-  Json durations = Json::object();
+  Json durations = Json::Object();
   for (const auto& [phase, time] : record.durations) {
-    durations[DescriptionOf(phase).name] = Seconds(time);
+    durations.Set(DescriptionOf(phase).name, Seconds(time));
   }
   return {{"command", record.command},
           {"file", record.file},
@@ -291,15 +292,14 @@ class JsonView final : public UpdateView {
   void Show(const Record& record) override { Line("result", AsJson(record)); }
 
  private:
-  // Texts of a device or a path need not be UTF-8; what is not is replaced.
   void Line(const char* event, const Json& content) {
     const std::lock_guard lock(m_lock);
     Write(event, content);
   }
   void Write(const char* event, const Json& content) {
     Json line{{"version", kJsonVersion}, {"event", event}};
-    line.update(content);
-    m_machine.out << line.dump(-1, ' ', false, Json::error_handler_t::replace) << std::endl;
+    line.Append(content);
+    m_machine.out << line.Text() << std::endl;
   }
 
   const Machine& m_machine;

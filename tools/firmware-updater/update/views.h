@@ -4,7 +4,7 @@
 
 #include <memory>
 
-#include "commands/commands.h"
+#include "text/machine.h"
 #include "update/course.h"
 #include "update/record.h"
 

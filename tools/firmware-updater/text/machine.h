@@ -1,0 +1,32 @@
+// What the commands work with, and the way they complain.
+#pragma once
+
+#include <iosfwd>
+#include <string_view>
+
+#include "text/exit_code.h"
+
+namespace tavo {
+class D2xx;
+class LibUsb;
+class Platform;
+}  // namespace tavo
+
+namespace tavo::tool {
+
+// A test puts doubles in place of the first three.
+struct Machine {
+  Platform& platform;
+  LibUsb& usb;
+  D2xx& adapters;
+  std::ostream& out;                   // results; JSON alone where that is asked for
+  std::ostream& err;                   // errors and hints
+  bool terminal = false;               // `out` is a terminal: lines may be redrawn in place
+  bool colour = false;                 // and the user wants colours
+  int (*width)() = [] { return 80; };  // of the terminal at this moment, in characters
+};
+
+// Writes one line "firmware-updater: TEXT" and, unless empty, one line "hint: HINT" to `err`.
+void Complain(const Machine& machine, std::string_view text, std::string_view hint);
+
+}  // namespace tavo::tool

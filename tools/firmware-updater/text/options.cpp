@@ -1,0 +1,61 @@
+#include "text/options.h"
+
+#include <CLI/CLI.hpp>
+#include <utility>
+
+namespace tavo::tool {
+
+Option& Option::Required() { return m_option->required(), *this; }
+
+Option& Option::Shown(const char* placeholder) { return m_option->type_name(placeholder), *this; }
+
+Option& Option::WithDefault() { return m_option->capture_default_str(), *this; }
+
+Option& Option::NotEmpty() {
+  return Checked([](const std::string& text) { return text.empty() ? "is empty" : ""; });
+}
+
+Option& Option::Between(std::uint32_t least, std::uint32_t most) {
+  return m_option->check(CLI::Range(least, most)), *this;
+}
+
+Option& Option::Checked(Check check) {
+  const auto validate = [check = std::move(check)](std::string& text) { return check(text); };
+  return m_option->check(CLI::Validator(validate, "")), *this;
+}
+
+Option& Option::Needs(const Option& other) { return m_option->needs(other.m_option), *this; }
+
+Option& Option::Excludes(const Option& other) { return m_option->excludes(other.m_option), *this; }
+
+CommandOptions::CommandOptions(CLI::App& parent, const char* name, const char* about)
+    : m_command(*parent.add_subcommand(name, about)) {}
+
+Option CommandOptions::Value(const char* name, std::string& to, const char* help) {
+  return Option(*m_command.add_option(name, to, help));
+}
+
+Option CommandOptions::Value(const char* name, std::uint32_t& to, const char* help) {
+  return Option(*m_command.add_option(name, to, help));
+}
+
+Option CommandOptions::Value(const char* name, double& to, const char* help) {
+  return Option(*m_command.add_option(name, to, help));
+}
+
+Option CommandOptions::Values(const char* name, std::vector<std::string>& to, const char* help) {
+  return Option(*m_command.add_option(name, to, help)->allow_extra_args(false));
+}
+
+Option CommandOptions::Flag(const char* name, bool& to, const char* help, bool value) {
+  return Option(*m_command.add_flag_callback(
+      name, [&to, value] { to = value; }, help));
+}
+
+void CommandOptions::Footer(const char* text) { m_command.footer(text); }
+
+void CommandOptions::OnRun(ExitCode& exit, std::function<ExitCode()> run) {
+  m_command.callback([&exit, run = std::move(run)] { exit = run(); });
+}
+
+}  // namespace tavo::tool

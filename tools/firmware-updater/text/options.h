@@ -1,0 +1,67 @@
+// How a command declares its options. Behind this the parser does the work; its headers take longer
+// to compile than a command does, so that only few files include them.
+//
+//   CommandOptions command(app, "list", "Show the connected devices");
+//   command.Flag("--json", options->json, "Write one JSON document");
+//   command.Value("--wait", options->seconds, "Wait this long").Shown("SECONDS").Between(0, 60);
+//   command.OnRun(exit, [&machine, options] { return List(machine, *options); });
+//
+// The parser writes to the variables when it has seen the whole command line; they must outlive it.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "text/exit_code.h"
+
+namespace CLI {
+class App;
+class Option;
+}  // namespace CLI
+
+namespace tavo::tool {
+
+// One option or argument. Every function returns the option itself.
+class Option {
+ public:
+  // Empty when the text is a value; else what is wrong with it, to follow the option's name.
+  using Check = std::function<std::string(const std::string& text)>;
+
+  explicit Option(CLI::Option& option) : m_option(&option) {}
+
+  Option& Required();
+  Option& Shown(const char* placeholder);  // "FILE", "SECONDS"
+  Option& WithDefault();                   // the help shows what holds without it
+  Option& NotEmpty();
+  Option& Between(std::uint32_t least, std::uint32_t most);
+  Option& Checked(Check check);
+  Option& Needs(const Option& other);
+  Option& Excludes(const Option& other);
+
+ private:
+  CLI::Option* m_option;
+};
+
+class CommandOptions {
+ public:
+  CommandOptions(CLI::App& parent, const char* name, const char* about);
+
+  // `name` begins with "--"; without, it is the next argument.
+  Option Value(const char* name, std::string& to, const char* help);
+  Option Value(const char* name, std::uint32_t& to, const char* help);
+  Option Value(const char* name, double& to, const char* help);
+  Option Values(const char* name, std::vector<std::string>& to, const char* help);  // repeatable
+  // Turns `to` into `value`.
+  Option Flag(const char* name, bool& to, const char* help, bool value = true);
+
+  void Footer(const char* text);
+  // `run` is called when the user has chosen the command; `exit` gets what it returns.
+  void OnRun(ExitCode& exit, std::function<ExitCode()> run);
+
+ private:
+  CLI::App& m_command;
+};
+
+}  // namespace tavo::tool
