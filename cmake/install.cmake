@@ -42,21 +42,20 @@ install(TARGETS firmware-updater COMPONENT tool)
 install(TARGETS tavo_substitute_libusb LIBRARY
   DESTINATION lib/firmware-updater/substitute COMPONENT tool NAMELINK_SKIP)
 
-# The tool writes its own manual page and completions, from its parser.
+# The manual pages are made from the help texts; the completions ask the tool as they are used.
+find_program(HELP2MAN_EXECUTABLE help2man REQUIRED)
+set(manual ${CMAKE_CURRENT_BINARY_DIR}/manual)
+add_custom_command(OUTPUT ${manual}/firmware-updater.1.gz
+  COMMAND ${PROJECT_SOURCE_DIR}/packaging/make-manual $<TARGET_FILE:firmware-updater>
+          ${PROJECT_VERSION} ${manual}
+  DEPENDS firmware-updater packaging/make-manual packaging/manual.h2m
+  VERBATIM)
+add_custom_target(tavo_manual ALL DEPENDS ${manual}/firmware-updater.1.gz)
+install(DIRECTORY ${manual}/ DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
+
 set(TAVO_ZSH_DIR ${CMAKE_INSTALL_DATADIR}/zsh/site-functions CACHE STRING
   "Where the zsh completion is installed to")
-set(generated ${CMAKE_CURRENT_BINARY_DIR}/generated)
-add_custom_command(
-  OUTPUT ${generated}/firmware-updater.1.gz ${generated}/firmware-updater ${generated}/_firmware-updater
-  COMMAND ${CMAKE_COMMAND} -E make_directory ${generated}
-  COMMAND firmware-updater generate man | gzip -9n > ${generated}/firmware-updater.1.gz
-  COMMAND firmware-updater generate bash > ${generated}/firmware-updater
-  COMMAND firmware-updater generate zsh > ${generated}/_firmware-updater
-  DEPENDS firmware-updater
-  VERBATIM)
-add_custom_target(tavo_generated ALL DEPENDS ${generated}/firmware-updater.1.gz)
-install(FILES ${generated}/firmware-updater.1.gz
-  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tool)
-install(FILES ${generated}/firmware-updater
+install(FILES packaging/completion.bash RENAME firmware-updater
   DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions COMPONENT tool)
-install(FILES ${generated}/_firmware-updater DESTINATION ${TAVO_ZSH_DIR} COMPONENT tool)
+install(FILES packaging/completion.zsh RENAME _firmware-updater
+  DESTINATION ${TAVO_ZSH_DIR} COMPONENT tool)

@@ -23,6 +23,12 @@ for file in share/man/man1/firmware-updater.1.gz share/bash-completion/completio
   share/zsh/site-functions/_firmware-updater lib/udev/rules.d/70-firmware-updater.rules; do
   [ -s "$prefix/$file" ] || fail "$file is missing or empty"
 done
+for page in "$prefix"/share/man/man1/*.gz; do
+  zcat "$page" | groff -man -Tascii -ww >/dev/null 2>"$scratch/log"
+  [ ! -s "$scratch/log" ] || fail "$page: $(cat "$scratch/log")"
+done
+zcat "$prefix/share/man/man1/firmware-updater.1.gz" | grep -q '^.SH EXIT STATUS' || fail 'no exit status'
+zcat "$prefix/share/man/man1/firmware-updater-update.1.gz" | grep -qF 'dry\-run' || fail 'no options'
 library_folder=$(dirname "$(find "$prefix" -name libFirmwareUpdater.so)")
 export LD_LIBRARY_PATH="$library_folder" PKG_CONFIG_PATH="$library_folder/pkgconfig"
 

@@ -5,13 +5,17 @@
 #include <exception>
 #include <ostream>
 #include <string>
+#include <string_view>
 #include <vector>
+
+#include "commands/completion.h"
 
 namespace tavo::tool {
 namespace {
 
 constexpr const char* kName = "firmware-updater";
 constexpr const char* kAbout = "Updates the firmware of control modules on the Tavo bus.";
+constexpr std::string_view kComplete = "complete";  // for the shells, not for people
 constexpr const char* kVersion = "firmware-updater " TAVO_VERSION;
 constexpr const char* kExamples =
     "\nExamples:\n"
@@ -88,6 +92,10 @@ ExitCode Run(int argc, const char* const* argv, const Machine& machine) {
     machine.err << app.help();
     return ExitCode::Usage;
   }
+  if (argv[1] == kComplete) {
+    Complete(app, std::vector<std::string>(argv + 2, argv + argc), machine.out);
+    return ExitCode::Done;
+  }
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
@@ -119,7 +127,6 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
   AddPackCommand(app, machine, exit);
   AddReplayCommand(app, machine, exit);
   AddSimulateCommand(app, machine, exit);
-  AddGenerateCommand(app, machine, exit);
 }
 
 int RunTool(int argc, const char* const* argv, const Machine& machine) {

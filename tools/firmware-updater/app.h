@@ -13,7 +13,4 @@ int RunTool(int argc, const char* const* argv, const Machine& machine);
 // handed in must outlive the parsing.
 void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit);
 
-// Hidden: writes the manual page or a shell completion for all that `app` has.
-void AddGenerateCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
-
 }  // namespace tavo::tool

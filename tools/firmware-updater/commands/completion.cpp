@@ -1,223 +1,133 @@
 #include "commands/completion.h"
 
+#include <CLI/CLI.hpp>
 #include <algorithm>
+#include <filesystem>
+#include <ostream>
+#include <string_view>
 
 namespace tavo::tool {
 namespace {
 
-using Words = std::vector<std::string>;
+using Words = std::span<const std::string>;
 
-std::string Joined(const Words& words, const char* between) {
-  std::string text;
-  for (const std::string& word : words) text += (&word == &words.front() ? "" : between) + word;
-  return text;
-}
+class Completion {
+ public:
+  Completion(const CLI::App& app, std::string prefix, std::ostream& out)
+      : m_command(&app), m_prefix(std::move(prefix)), m_out(out) {}
 
-std::string Replaced(std::string text, const std::string& what, const std::string& by) {
-  for (std::size_t at = text.find(what); at != std::string::npos;
-       at = text.find(what, at + by.size()))
-    text.replace(at, what.size(), by);
-  return text;
-}
-
-std::string Quoted(const std::string& text) { return "'" + Replaced(text, "'", "'\\''") + "'"; }
-
-Words CommandNames(const CommandOutline& tool) {
-  Words names;
-  for (const CommandOutline& command : tool.commands) names.push_back(command.name);
-  return names;
-}
-
-Words OptionNames(const CommandOutline& command) {
-  Words names;
-  for (const OptionOutline& option : command.options)
-    names.insert(names.end(), option.names.begin(), option.names.end());
-  return names;
-}
-
-constexpr const char* kBashHead =
-    R"(# Completion for bash, written by "firmware-updater generate bash".
-_firmware_updater() {
-  local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-  local command='' kind='' words='' options='' i
-  COMPREPLY=()
-  # To bash, --option=value is three words.
-  if [[ $current == '=' ]]; then
-    current=''
-  elif [[ $previous == '=' ]]; then
-    previous=${COMP_WORDS[COMP_CWORD - 2]}
-  fi
-  for ((i = 1; i < COMP_CWORD; i++)); do
-    case "$command ${COMP_WORDS[i]}" in
-)";
-
-constexpr const char* kBashTail = R"(    esac
-    if [[ $current == -* ]]; then kind=words words=$options; fi
-  fi
-  case $kind in
-    file) mapfile -t COMPREPLY < <(compgen -f -- "$current") ;;
-    folder) mapfile -t COMPREPLY < <(compgen -d -- "$current") ;;
-    command) mapfile -t COMPREPLY < <(compgen -c -- "$current") ;;
-    words) mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current") ;;
-  esac
-  if [[ $kind == file || $kind == folder ]]; then
-    compopt -o filenames 2>/dev/null  # outside of a completion there is nothing to set it for
-  fi
-}
-
-complete -F _firmware_updater firmware-updater
-)";
-
-std::string BashValue(const OptionOutline& option) {
-  switch (option.kind) {
-    case ValueKind::File: return "kind=file";
-    case ValueKind::Folder: return "kind=folder";
-    case ValueKind::Command: return "kind=command";
-    case ValueKind::Choice: return "kind=words words=" + Quoted(Joined(option.choices, " "));
-    case ValueKind::None:
-    case ValueKind::Text: break;  // nothing that a shell could know
+  void Pass(const std::string& word) {
+    if (m_due != nullptr) {
+      if (word != "=") m_due = nullptr;  // to bash, --option=value is three words
+    } else if (word.starts_with('-')) {
+      const CLI::Option* const option = m_command->get_option_no_throw(word);
+      if (option != nullptr && option->get_items_expected_max() > 0) m_due = option;
+    } else if (const CLI::App* const command = CommandCalled(word)) {
+      m_command = command;
+    } else {
+      ++m_arguments;
+    }
   }
-  return "kind=text";
-}
 
-// When the word in front is an option with a value, that value is due.
-std::string BashOptionValues(const CommandOutline& command) {
-  std::string script;
-  for (const OptionOutline& option : command.options) {
-    if (option.kind == ValueKind::None) continue;
-    Words patterns;
-    for (const std::string& name : option.names)
-      patterns.push_back(Quoted(command.name + " " + name));
-    script += "      " + Joined(patterns, " | ") + ") " + BashValue(option) + " ;;\n";
+  void OfferWhatFits() {
+    const std::size_t equals = m_prefix.find('=');
+    if (m_due != nullptr && m_prefix == "=") m_prefix.clear();
+    if (m_due == nullptr && m_prefix.starts_with("--") && equals != std::string::npos) {
+      m_due = m_command->get_option_no_throw(m_prefix.substr(0, equals));
+      m_prefix.erase(0, equals + 1);
+      if (m_due == nullptr) return;
+    }
+    if (m_due != nullptr) {
+      OfferValue(*m_due);
+    } else if (m_prefix.starts_with('-')) {
+      OfferOptions();
+    } else {
+      OfferCommands();
+      OfferArgument();
+    }
   }
-  return script;
-}
 
-bool RunsCommand(const CommandOutline& command) {
-  return !command.arguments.empty() && command.arguments.front().kind == ValueKind::Command;
-}
+ private:
+  static bool IsVisible(const CLI::App* command) { return !command->get_group().empty(); }
 
-// What is due otherwise: the argument, or an option where there is none.
-std::string BashWords(const CommandOutline& command) {
-  std::string script =
-      "      " + command.name + ") options=" +
-      Quoted(Joined(OptionNames(command), " ") + (RunsCommand(command) ? " --" : ""));
-  if (command.arguments.empty() || RunsCommand(command))
-    return script + " kind=words words=$options ;;\n";
-  return script + " " + BashValue(command.arguments.front()) + " ;;\n";
-}
-
-std::string BashCommandSearch(const CommandOutline& tool) {
-  Words patterns;
-  std::string script;
-  for (const CommandOutline& command : tool.commands) {
-    patterns.push_back("' " + command.name + "'");
-    if (!RunsCommand(command)) continue;
-    script +=
-        "      '" + command.name + " --')\n        kind=file\n" +
-        "        if ((i == COMP_CWORD - 1)); then kind=command; fi\n        break\n        ;;\n";
+  const CLI::App* CommandCalled(const std::string& name) const {
+    const auto commands = m_command->get_subcommands(IsVisible);
+    const auto found = std::ranges::find(commands, name, &CLI::App::get_name);
+    return found == commands.end() ? nullptr : *found;
   }
-  return "      " + Joined(patterns, " | ") + ") command=${COMP_WORDS[i]} ;;\n" + script;
-}
 
-// The first line of `text`, as it has to stand in what _arguments is told.
-std::string ZshText(std::string text) {
-  text = text.substr(0, text.find('\n'));
-  for (const char* const special : {"\\", "[", "]", ":"})
-    text = Replaced(text, special, std::string("\\") + special);
-  return text;
-}
-
-std::string ZshAction(const OptionOutline& option) {
-  switch (option.kind) {
-    case ValueKind::File: return "_files";
-    case ValueKind::Folder: return "_files -/";
-    case ValueKind::Command: return "_command_names -e";
-    case ValueKind::Choice: return "(" + Joined(option.choices, " ") + ")";
-    case ValueKind::None:
-    case ValueKind::Text: break;
+  void Offer(const std::string& word, const std::string& description = {}) const {
+    if (!word.starts_with(m_prefix)) return;
+    m_out << word;
+    if (!description.empty()) m_out << '\t' << description.substr(0, description.find('\n'));
+    m_out << '\n';
   }
-  return " ";  // a value that nothing is known of
-}
 
-std::string ZshOption(const OptionOutline& option, const std::string& name) {
-  const std::string others = "(" + Joined(option.names, " ") + ")";
-  const bool isLong = name.starts_with("--");
-  std::string rule = (option.repeatable ? "*" : others) + name;
-  if (option.kind == ValueKind::None) return rule + "[" + ZshText(option.description) + "]";
-  rule += std::string(isLong ? "=" : "") + "[" + ZshText(option.description) + "]";
-  return rule + ":" + ZshText(option.choices.empty() ? option.value : "value") + ":" +
-         ZshAction(option);
-}
+  void OfferCommands() const {
+    for (const CLI::App* command : m_command->get_subcommands(IsVisible))
+      Offer(command->get_name(), command->get_description());
+  }
 
-std::string ZshArgument(const OptionOutline& argument) {
-  return (argument.repeatable ? "*:" : ":") + ZshText(argument.names.front()) + ":" +
-         ZshAction(argument);
-}
+  void OfferOptions() const {
+    for (const CLI::Option* option : m_command->get_options()) {
+      if (option->get_group().empty()) continue;
+      for (const std::string& name : option->get_lnames())
+        Offer("--" + name, option->get_description());
+    }
+    if (m_command->get_option_no_throw("COMMAND") != nullptr) Offer("--", "run a command");
+  }
 
-Words ZshRules(const CommandOutline& command) {
-  Words rules;
-  for (const OptionOutline& option : command.options)
-    for (const std::string& name : option.names) rules.push_back(Quoted(ZshOption(option, name)));
-  for (const OptionOutline& argument : command.arguments)
-    rules.push_back(Quoted(ZshArgument(argument)));
-  return rules;
-}
+  void OfferArgument() const {
+    const auto arguments =
+        m_command->get_options([](const CLI::Option* option) { return option->get_positional(); });
+    if (m_arguments < arguments.size()) OfferValue(*arguments[m_arguments]);
+  }
 
-// Behind "--" a command of the user's is completed as if it stood alone.
-constexpr const char* kZshUserCommand = R"(        local -i dashes=${words[(i)--]}
-        if (( dashes < CURRENT )); then
-          shift $dashes words
-          (( CURRENT -= dashes ))
-          _normal
-          return
-        fi
-)";
+  // The parser describes a value as "FILE", or as "TEXT:{a,b}" where it knows them all.
+  void OfferValue(const CLI::Option& option) const {
+    const std::string type = option.get_name() + " " + option.get_type_name();
+    const auto mentions = [&](const char* word) { return type.find(word) != std::string::npos; };
+    const std::size_t choices = type.find('{');
+    if (choices != std::string::npos) {
+      const std::string list = type.substr(choices + 1, type.find('}') - choices - 1);
+      for (const std::string& choice : CLI::detail::split(list, ',')) Offer(choice);
+    } else if (mentions("FILE")) {
+      m_out << ":files\n";
+    } else if (mentions("DIR")) {
+      m_out << ":folders\n";
+    }
+  }
 
-std::string ZshArguments(const Words& rules, const std::string& indent) {
-  const std::string between = " \\\n" + indent + "  ";
-  return indent + "_arguments" + between + Joined(rules, between.c_str()) + "\n";
-}
+  const CLI::App* m_command;
+  const CLI::Option* m_due = nullptr;  // the option whose value comes next
+  std::size_t m_arguments = 0;         // of the command, passed so far
+  std::string m_prefix;
+  std::ostream& m_out;
+};
 
-std::string ZshCommand(const CommandOutline& command) {
-  return "      " + command.name + ")\n" + (RunsCommand(command) ? kZshUserCommand : "") +
-         ZshArguments(ZshRules(command), "        ") + "        ;;\n";
-}
-
-std::string ZshCommandList(const CommandOutline& tool) {
-  std::string script = "local -a commands=(\n";
-  for (const CommandOutline& command : tool.commands)
-    script += "  " + Quoted(command.name + ":" + command.description) + "\n";
-  return script + ")\n";
+// Behind "--" stands a command of the user's; the tool itself is completed there as well.
+void CompleteUserCommand(const CLI::App& app, Words words, std::ostream& out) {
+  if (words.size() == 1) {
+    out << ":commands\n";
+  } else if (std::filesystem::path(words.front()).filename() == app.get_name()) {
+    Complete(app, words.subspan(1), out);
+  } else {
+    out << ":files\n";
+  }
 }
 
 }  // namespace
 
-std::string BashCompletion(const CommandOutline& tool) {
-  std::string script = kBashHead + BashCommandSearch(tool);
-  script += "    esac\n  done\n  if [[ -z $kind ]]; then\n    case \"$command $previous\" in\n";
-  for (const CommandOutline& command : tool.commands) script += BashOptionValues(command);
-  script += "    esac\n  fi\n  if [[ -z $kind ]]; then\n    case $command in\n";
-  script += "      '') options=" + Quoted(Joined(OptionNames(tool), " ")) +
-            " kind=words words=" + Quoted(Joined(CommandNames(tool), " ")) + " ;;\n";
-  for (const CommandOutline& command : tool.commands) script += BashWords(command);
-  return script + kBashTail;
-}
-
-std::string ZshCompletion(const CommandOutline& tool) {
-  Words rules = ZshRules(tool);
-  rules.insert(rules.begin(), "-C");
-  rules.insert(rules.end(), {"'1:command:->command'", "'*::argument:->argument'"});
-  std::string script =
-      "#compdef firmware-updater\n"
-      "# Completion for zsh, written by \"firmware-updater generate zsh\".\n"
-      "local context state state_descr line\ntypeset -A opt_args\n";
-  script += ZshCommandList(tool) + ZshArguments(rules, "");
-  script +=
-      "case $state in\n  command) _describe -t commands command commands ;;\n"
-      "  argument)\n    case $words[1] in\n";
-  for (const CommandOutline& command : tool.commands) script += ZshCommand(command);
-  return script + "    esac\n    ;;\nesac\n";
+void Complete(const CLI::App& app, Words words, std::ostream& out) {
+  if (words.empty()) return;
+  const Words passed = words.first(words.size() - 1);
+  const auto dashes = std::ranges::find(passed, "--");
+  if (dashes != passed.end())
+    return CompleteUserCommand(
+        app, words.subspan(static_cast<std::size_t>(dashes - passed.begin()) + 1), out);
+  Completion completion(app, words.back(), out);
+  for (const std::string& word : passed) completion.Pass(word);
+  completion.OfferWhatFits();
 }
 
 }  // namespace tavo::tool

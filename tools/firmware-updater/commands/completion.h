@@ -1,16 +1,20 @@
-// Completion of the tool's commands, options and values in shells, as the text of a script.
+// Shell completion: the hidden command "complete", which the shells' completion scripts ask for the
+// words that fit at the cursor. It walks the parser, so a new option is offered without further work.
 #pragma once
 
+#include <iosfwd>
+#include <span>
 #include <string>
 
-#include "commands/outline.h"
+namespace CLI {
+class App;
+}
 
 namespace tavo::tool {
 
-// To be sourced; needs bash 4 and nothing else.
-std::string BashCompletion(const CommandOutline& tool);
-
-// To be put into a folder of zsh's `fpath`, under the name "_firmware-updater".
-std::string ZshCompletion(const CommandOutline& tool);
+// Writes the candidates for the last of `words` (those behind the program's name, up to the cursor),
+// one a line, each followed by a tab and its description when it has one. Three lines stand for words
+// that the shell knows better: ":files", ":folders" and ":commands".
+void Complete(const CLI::App& app, std::span<const std::string> words, std::ostream& out);
 
 }  // namespace tavo::tool

@@ -1,0 +1,14 @@
+# Completion of firmware-updater for bash. The tool itself knows what fits.
+_firmware_updater() {
+  local current=${COMP_WORDS[COMP_CWORD]} found
+  [[ $current != = ]] || current=
+  mapfile -t found < <("$1" complete "${COMP_WORDS[@]:1:COMP_CWORD}" 2>/dev/null | cut -f 1)
+  case ${found[0]} in
+    :files) mapfile -t found < <(compgen -f -- "$current") ;;&
+    :folders) mapfile -t found < <(compgen -d -- "$current") ;;&
+    :files | :folders) compopt -o filenames 2>/dev/null ;;
+    :commands) mapfile -t found < <(compgen -c -- "$current") ;;
+  esac
+  COMPREPLY=("${found[@]}")
+}
+complete -F _firmware_updater firmware-updater

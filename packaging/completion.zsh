@@ -1,0 +1,11 @@
+#compdef firmware-updater
+# Completion of firmware-updater for zsh. The tool itself knows what fits.
+local -a found=("${(@f)$($words[1] complete "${(@)words[2,CURRENT]}" 2>/dev/null)}")
+compset -P '--*='
+case $found[1] in
+  '') ;;
+  :files) _files ;;
+  :folders) _files -/ ;;
+  :commands) _command_names -e ;;
+  *) found=("${(@)${(@)found//:/\\:}/$'\t'/:}") && _describe firmware-updater found ;;
+esac

@@ -1,0 +1,131 @@
+// The command line as people and shells meet it: completion, and what is said about mistakes.
+#include <gtest/gtest.h>
+
+#include "tests/support/child_process.h"
+#include "tests/tools/desk.h"
+
+namespace tavo::tool {
+namespace {
+
+using test::ChildProcess;
+
+class CommandLineTest : public testing::Test {
+ protected:
+  CommandLineTest() {
+    run.Write("fw one.hex", "");
+    std::filesystem::create_directory(run.Path("fw"));
+  }
+
+  // The exit code; the output goes to `output`.
+  int Run(const std::string& shell, const std::string& script) {
+    ChildProcess child(run.Path(""), {shell, "-c", script},
+                       {"PATH=" TAVO_BUILD_DIR "/bin:/usr/bin:/bin"}, "output.txt");
+    const int code = child.Wait(std::chrono::seconds(20)).value_or(-1);
+    output = child.Output();
+    return code;
+  }
+
+  // The candidates of bash for the last of the words, one a line.
+  std::string Complete(const std::string& words) {
+    EXPECT_EQ(Run("bash", "source " TAVO_SOURCE_DIR
+                          "/packaging/completion.bash; COMP_WORDS=(firmware-updater " +
+                              words +
+                              "); COMP_CWORD=$((${#COMP_WORDS[@]} - 1));"
+                              "_firmware_updater firmware-updater;"
+                              "printf '%s\\n' \"${COMPREPLY[@]}\" | LC_ALL=C sort"),
+              0);
+    return output;
+  }
+
+  BareDesk desk;
+  CommandRun& run = desk.run;
+  std::string output;
+};
+
+TEST_F(CommandLineTest, BashCompletes) {
+  const struct {
+    const char* words;
+    const char* offered;
+  } kCases[] = {
+      {"si", "simulate\n"},
+      {"--v", "--version\n"},
+      {"com", "\n"},
+      {"simulate --family l", "labelled\nlegacy\n"},
+      {"simulate --family = d", "drive\n"},
+      {"simulate --family =", "drive\ngateway\nlabelled\nlegacy\nplain\ntunnel\nvariant\n"},
+      {"simulate --port-p", "--port-path\n"},
+      {"simulate --seed ''", "\n"},
+      {"simulate --state f", "fw\n"},
+      {"simulate --ftdi --start b", "bootloader\n"},
+      {"simulate -- firmware-updater update f", "fw\nfw one.hex\n"},
+      {"update f", "fw\nfw one.hex\n"},
+      {"simulate -- true f", "fw\nfw one.hex\n"},
+      {"update --dry", "--dry-run\n"},
+      {"update --log f", "fw\nfw one.hex\n"},
+      {"pack --image f", "fw\nfw one.hex\n"},
+  };
+  for (const auto& row : kCases) EXPECT_EQ(Complete(row.words), row.offered) << row.words;
+  EXPECT_NE(Complete("simulate -- tru").find("true\n"), std::string::npos);
+}
+
+// With stand-ins for the parts of zsh's completion, which exist only while it completes.
+TEST_F(CommandLineTest, ZshCompletes) {
+  const std::string standIns =
+      "compset() { }; _files() { echo files $*; }; _command_names() { echo commands $*; };"
+      "_describe() { print -l -- ${(P)2}; };"
+      "complete() { words=(firmware-updater $@) CURRENT=$(($# + 1));"
+      " source " TAVO_SOURCE_DIR "/packaging/completion.zsh; };";
+  const std::pair<std::string, std::string> cases[] = {
+      {"list --w", "--wait:Wait this long for a usable device\n"},
+      {"simulate --family=d", "drive\n"},
+      {"simulate --state f", "files -/\n"},
+      {"simulate -- tr", "commands -e\n"},
+      {"update f", "files\n"},
+      {"list x", ""},
+  };
+  for (const auto& [words, offered] : cases) {
+    const int code = Run("zsh", standIns + "complete " + words);
+    if (code == 127) GTEST_SKIP() << "needs zsh";
+    EXPECT_EQ(output, offered) << words;
+  }
+}
+
+TEST_F(CommandLineTest, ACommandWhoseOutputNobodyGetsIsNotDone) {
+  for (const char* line : {"--version", "pack --family plain -o @fw.hex", "inspect @fw.hex --json",
+                           "inspect @fw.hex"}) {
+    run.machine.out.setstate(std::ios::badbit);
+    EXPECT_EQ(run(line), ExitCode::FailedUnknown) << line;
+    EXPECT_TRUE(run.Complains("standard output cannot be written")) << line;
+  }
+  // A stream that is closed from the start must not become a device or a file that is opened.
+  EXPECT_EQ(Run("bash", TAVO_BUILD_DIR "/bin/firmware-updater --version >&-"), 7) << output;
+}
+
+TEST_F(CommandLineTest, AWrongCommandLineGetsOneLineAndAHint) {
+  const struct {
+    const char* line;
+    std::string complaint;
+    const char* helpOf;
+  } kCases[] = {
+      {"nothing", "there is no command \"nothing\"", ""},
+      {"--nothing", "there is no option \"--nothing\"", ""},
+      {"list --nothing", "there is no option \"--nothing\"", "list "},
+      {"list x", "\"x\" is one argument too many", "list "},
+      {"list --wait", "--wait needs a value", "list "},
+      {"--json list", "there is no option \"--json\" in front of a command", "list "},
+      {"info --usb 1 --usb 2", "--usb can be given only once", "info "},
+      {"update", "FILE is required", "update "},
+      {"simulate --nothing -- true", "there is no option \"--nothing\"", "simulate "},
+  };
+  for (const auto& row : kCases) {
+    EXPECT_EQ(run(row.line), ExitCode::Usage);
+    EXPECT_EQ(run.Err(), "firmware-updater: " + row.complaint + "\nhint: firmware-updater " +
+                             row.helpOf + "--help\n");
+    EXPECT_EQ(run.Out(), "");
+  }
+  EXPECT_EQ(run(""), ExitCode::Usage);
+  EXPECT_TRUE(run.Complains("Exit codes:")) << "without a command the help is shown";
+}
+
+}  // namespace
+}  // namespace tavo::tool
