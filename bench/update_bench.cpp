@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-#include "api/transport_factory.h"
+#include "transport/transport_factory.h"
 #include "api/update_commands.h"
 #include "bench/null_line.h"
 #include "engine/update_observer.h"

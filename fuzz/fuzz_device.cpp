@@ -5,7 +5,7 @@
 #include <optional>
 #include <span>
 
-#include "api/transport_factory.h"
+#include "transport/transport_factory.h"
 #include "api/update_commands.h"
 #include "fuzz/device_script.h"
 #include "fuzz/expect.h"

@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "api/transport_factory.h"
+#include "transport/transport_factory.h"
 
 namespace tavo {
 namespace {

@@ -7,7 +7,7 @@
 #include <span>
 #include <utility>
 
-#include "api/transport_factory.h"
+#include "transport/transport_factory.h"
 #include "transport/comm_ftdi.h"
 #include "transport/comm_win_usb.h"
 

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <memory>
 
-#include "api/transport_factory.h"
+#include "transport/transport_factory.h"
 #include "transport/comm_ftdi.h"
 #include "transport/comm_win_usb.h"
 

@@ -1,4 +1,4 @@
-#include "api/transport_factory.h"
+#include "transport/transport_factory.h"
 
 #include "transport/comm_ftdi.h"
 #include "transport/comm_win_usb.h"
