@@ -13,7 +13,6 @@
 #include <string>
 #include <string_view>
 
-#include "transport/transport_factory.h"
 #include "api/update_commands.h"
 #include "bench/null_line.h"
 #include "engine/update_observer.h"
@@ -21,6 +20,7 @@
 #include "simulator/firmware_builder.h"
 #include "transport/comm_ftdi.h"
 #include "transport/comm_win_usb.h"
+#include "transport/transport_factory.h"
 
 namespace tavo::bench {
 namespace {
@@ -179,7 +179,7 @@ int MeasureWriting(const std::string& port, std::uint32_t baud, const std::strin
   WritePhase phase([&] { line->traffic = {}; }, [&] { written = line->traffic; });
   engine.SetObserver(&phase);
   const bool succeeded =
-      UpdateFtdiDevice({engine, holder, SystemPlatform()}, {port, baud, false}, file, {});
+      UpdateDevice({engine, holder, SystemPlatform()}, {TransportKind::Ftdi, port, baud}, file, {});
   if (!succeeded) return 1;
   std::fprintf(stderr, "{\"seconds\": %.6f, \"cpu\": %.6f, \"requests\": %llu, \"bytes\": %llu}\n",
                phase.Time().count(), phase.Processor().count(),

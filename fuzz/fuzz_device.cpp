@@ -5,7 +5,6 @@
 #include <optional>
 #include <span>
 
-#include "transport/transport_factory.h"
 #include "api/update_commands.h"
 #include "fuzz/device_script.h"
 #include "fuzz/expect.h"
@@ -14,6 +13,7 @@
 #include "tests/support/plain_usb.h"
 #include "tests/support/virtual_platform.h"
 #include "transport/comm_win_usb.h"
+#include "transport/transport_factory.h"
 
 namespace tavo::fuzz {
 namespace {
@@ -163,7 +163,8 @@ void Update(std::span<const std::uint8_t> input) {
       return std::make_unique<CCommWinUSB>(link, platform, log, usb);
     });
     FirmwareUpdater engine(platform, log, holder);
-    UpdateUsbDevice({engine, holder, platform}, kPort, UpdateFile(input[0]), FlagsOf(input[1]));
+    UpdateDevice({engine, holder, platform}, {TransportKind::Usb, kPort}, UpdateFile(input[0]),
+                 FlagsOf(input[1]));
     Expect(usb.SilentFor() <= kSilenceBound,
            "an update ends soon after the device has become silent");
   }

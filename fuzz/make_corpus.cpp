@@ -121,12 +121,12 @@ void MakeBatches(const std::filesystem::path& folder) {
 
 // --- The device's side of an update that goes well ---
 
-class Recording : public test::TransportObserver {
+class Recording : public TransportObserver {
  public:
   std::string script;
 
   // A frame is written as its message, so that the fuzzer can change it and it stays a frame.
-  void BytesRead(std::span<const std::uint8_t> said, std::chrono::milliseconds took) override {
+  void BytesReceived(bool /*ok*/, Bytes said, std::chrono::milliseconds took) override {
     m_waited += took;
     if (said.empty()) return;
     std::string bytes(said.begin(), said.end());

@@ -21,6 +21,7 @@ static_assert(sizeof(bool) == 1, "hosts in other languages pass one byte");
 namespace {
 
 using tavo::FirmwareUpdater;
+using tavo::TransportKind;
 
 constexpr std::size_t kModuleNameLength = 3;
 
@@ -101,8 +102,9 @@ FIRMWARE_UPDATER_EXPORT bool update_ftdi_device(const char* serialNumber, uint32
                                                 bool skipIdentityCheck, bool extendedErase,
                                                 bool bootloaderOnly) {
   return GuardedUpdate([&] {
-    return tavo::UpdateFtdiDevice(Context(), {Text(serialNumber), baudRate, echo}, Text(updateFile),
-                                  Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
+    return tavo::UpdateDevice(Context(), {TransportKind::Ftdi, Text(serialNumber), baudRate, echo},
+                              Text(updateFile),
+                              Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
   });
 }
 
@@ -110,7 +112,7 @@ FIRMWARE_UPDATER_EXPORT bool update_usb_device(const char* port, const char* upd
                                                bool skipIdentityCheck, bool extendedErase,
                                                bool bootloaderOnly) {
   return GuardedUpdate([&] {
-    return tavo::UpdateUsbDevice(Context(), Text(port), Text(updateFile),
-                                 Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
+    return tavo::UpdateDevice(Context(), {TransportKind::Usb, Text(port)}, Text(updateFile),
+                              Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
   });
 }

@@ -1,8 +1,7 @@
 // The two update exports without their C shell: the dialogue, the choice of transport and device,
-// and the update itself. Everything they work on is handed in.
+// and the update itself.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
 #include "engine/firmware_updater.h"
@@ -17,20 +16,9 @@ struct UpdateContext {
   Platform& platform;
 };
 
-struct FtdiTarget {
-  std::string serialNumber;  // empty: the first adapter found
-  std::uint32_t baudRate;    // bits per second
-  bool echo;                 // the adapter hears what it sends
-};
-
-// Both block until the update has ended and return its result. The transport is closed again on
-// every way out and stays in the holder.
-
-// An empty `port` takes the first device found.
-bool UpdateUsbDevice(UpdateContext context, std::string port, const std::string& updateFile,
-                     const UpdateFlags& flags);
-
-bool UpdateFtdiDevice(UpdateContext context, FtdiTarget target, const std::string& updateFile,
-                      const UpdateFlags& flags);
+// Blocks until the update has ended and returns its result. An empty address takes the first device
+// found. The transport is closed again on every way out and stays in the holder.
+bool UpdateDevice(const UpdateContext& context, DeviceTarget target, const std::string& updateFile,
+                  const UpdateFlags& flags);
 
 }  // namespace tavo

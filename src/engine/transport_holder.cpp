@@ -6,6 +6,7 @@ namespace tavo {
 namespace {
 
 constexpr std::chrono::milliseconds kSettleTime{100};
+constexpr std::uint8_t kFrameFormat = 0;
 
 }  // namespace
 
@@ -22,6 +23,14 @@ bool TransportHolder::SelectTransport(TransportKind kind) {
   m_transport = m_factory(kind);
   if (m_transport) m_kind = kind;
   return m_transport != nullptr;
+}
+
+ICommInterface* TransportHolder::SelectFor(const DeviceTarget& target) {
+  if (!SelectTransport(target.kind)) return nullptr;
+  m_transport->SetFrameFormat(kFrameFormat);
+  m_transport->SetEcho(target.echo);
+  m_transport->SetLineSettings({.baudRate = target.baudRate});
+  return m_transport.get();
 }
 
 }  // namespace tavo

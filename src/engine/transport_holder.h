@@ -2,15 +2,13 @@
 // kind reuses it, one of the other kind replaces it.
 #pragma once
 
-#include <cstdint>
 #include <functional>
 #include <memory>
 
+#include "transport/device_target.h"
 #include "transport/i_comm_interface.h"
 
 namespace tavo {
-
-enum class TransportKind : std::uint32_t { None = 0, Usb = 1, Ftdi = 3 };
 
 // Makes a transport of the given kind; null for a kind that does not exist.
 using TransportFactory = std::function<std::unique_ptr<ICommInterface>(TransportKind)>;
@@ -29,6 +27,10 @@ class TransportHolder {
   // Holds a transport of `kind`, the one already held when it is of that kind. False, holding
   // nothing, for a kind that does not exist.
   bool SelectTransport(TransportKind kind);
+
+  // The same, with the transport set up for the line to `target`; then OpenPort opens the device.
+  // Null for a kind that does not exist.
+  ICommInterface* SelectFor(const DeviceTarget& target);
 
   ICommInterface* Transport() const { return m_transport.get(); }
   TransportKind Kind() const { return m_kind; }

@@ -45,6 +45,18 @@ bool CCommFTDI::Open(std::uint32_t deviceRef) {
   return false;
 }
 
+bool CCommFTDI::OpenPort(const std::string& serialNumber) {
+  EnumerateDevices();
+  const auto found = std::ranges::find(m_devices, serialNumber, &CCommDevDesc::port);
+  if (serialNumber.empty() || found == m_devices.end()) {
+    m_platform.Print("Serial " + serialNumber + " isnt found\n");
+    return false;
+  }
+  if (!Open(found->deviceRef)) return false;
+  m_serialNumber = serialNumber;
+  return true;
+}
+
 D2xxStatus CCommFTDI::OpenAdapter(std::uint32_t index) {
   D2xxHandle handle = nullptr;
   D2xxStatus status = m_d2xx.Open(index, &handle);

@@ -4,7 +4,7 @@
 //   CCommFTDI ftdi(link, SystemPlatform(), log, adapters);
 //   ftdi.SetLineSettings({.baudRate = 57600});
 //   ftdi.SetEcho(true);
-//   if (ftdi.Open(ftdi.EnumerateDevices()->front().deviceRef)) ftdi.SendRawData(bytes, length);
+//   if (ftdi.OpenPort("TAVO0001")) ftdi.SendRawData(bytes, length);
 //
 // It sets baud rate and character format; latency, flow control and buffers keep the adapter's
 // defaults. How bytes are sent does not depend on the send mode: the adapter has a buffer of its
@@ -12,7 +12,6 @@
 #pragma once
 
 #include <string>
-#include <utility>
 #include <vector>
 
 #include "platform/d2xx.h"
@@ -20,32 +19,24 @@
 
 namespace tavo {
 
-// Codes as D2xx::SetDataCharacteristics takes them.
-struct LineSettings {
-  std::uint32_t baudRate = 19200;
-  std::uint8_t wordLength = 8;  // data bits
-  std::uint8_t parity = 0;      // none
-  std::uint8_t stopBits = 0;    // one
-};
-
 class CCommFTDI : public ICommInterface {
  public:
   // `d2xx` must outlive the transport.
   CCommFTDI(TavoLink& link, Platform& platform, Logger& log, D2xx& d2xx);
   ~CCommFTDI() override { Close(); }
 
-  // Take effect at the next Open.
-  void SetLineSettings(const LineSettings& settings) { m_lineSettings = settings; }
-
-  // For the record only: which adapter the caller has opened.
-  void SetSerialNumber(std::string serialNumber) { m_serialNumber = std::move(serialNumber); }
-  const std::string& SerialNumber() const { return m_serialNumber; }
+  void SetLineSettings(const LineSettings& settings) override { m_lineSettings = settings; }
 
   std::vector<CCommDevDesc>* EnumerateDevices() override;
 
   // `deviceRef` is the adapter's index. Closes an adapter that is open. After a failure, whose
   // status is printed, none is open.
   bool Open(std::uint32_t deviceRef) override;
+  // `serialNumber` is compared byte for byte.
+  bool OpenPort(const std::string& serialNumber) override;
+  // Of the adapter that was last opened by it.
+  const std::string& SerialNumber() const { return m_serialNumber; }
+
   bool IsOpen() override { return m_isOpen; }
   void Close() override;
 

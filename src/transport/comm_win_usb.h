@@ -42,7 +42,7 @@ class CCommWinUSB : public ICommInterface {
 
   // Opens the device at this port path. Does nothing when this port is open already; any other
   // device is closed first. After a success Reconnect goes for the same port.
-  bool OpenPort(const std::string& name);
+  bool OpenPort(const std::string& name) override;
 
   bool IsOpen() override { return m_isOpen; }
   void Close() override;

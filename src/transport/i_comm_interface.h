@@ -17,6 +17,7 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <vector>
 
 #include "log/logger.h"
@@ -29,6 +30,14 @@ namespace tavo {
 // How bytes are handed to a USB device: one transfer per byte for old bootloaders, whose receive
 // buffer holds no more, or one transfer per frame.
 enum class SendMode : std::uint32_t { Byte = 0, Buffer = 1 };
+
+// The settings of a serial line, in the codes of D2xx::SetDataCharacteristics.
+struct LineSettings {
+  std::uint32_t baudRate = 19200;  // bits per second
+  std::uint8_t wordLength = 8;     // data bits
+  std::uint8_t parity = 0;         // none
+  std::uint8_t stopBits = 0;       // one
+};
 
 class ICommInterface {
  public:
@@ -76,6 +85,13 @@ class ICommInterface {
   // Closes the device and ends what the transport has set up to reach devices at all. It is set up
   // again by the next enumeration or opening.
   virtual void EndSession() { Close(); }
+
+  // Opens the first listed device with this `port`; a device without one cannot be opened by it. A
+  // port that is not listed is reported on the console.
+  virtual bool OpenPort(const std::string& /*port*/) { return false; }
+
+  // Takes effect at the next opening. A device without a serial line ignores it.
+  virtual void SetLineSettings(const LineSettings& /*settings*/) {}
 
   SendMode GetSendMode() const { return m_sendMode; }
   void SetSendMode(SendMode mode) { m_sendMode = mode; }

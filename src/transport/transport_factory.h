@@ -1,18 +1,20 @@
-// Makes the transports that the process knows, on the seams they are given.
+// Makes the library's transports on the seams they are given.
 #pragma once
 
 #include <memory>
 
-#include "engine/transport_holder.h"
 #include "log/logger.h"
 #include "platform/d2xx.h"
 #include "platform/libusb_api.h"
 #include "platform/platform.h"
+#include "transport/device_target.h"
+#include "transport/i_comm_interface.h"
+#include "transport/observed_transport.h"
 #include "transport/tavo_link.h"
 
 namespace tavo {
 
-// What a transport stands on; all of it must outlive the transport.
+// The objects that a transport uses; all must outlive it.
 struct TransportSeams {
   TavoLink& link;
   Platform& platform;
@@ -21,7 +23,9 @@ struct TransportSeams {
   D2xx& d2xx;
 };
 
-// Null for a kind that does not exist.
-std::unique_ptr<ICommInterface> MakeTransport(TransportKind kind, const TransportSeams& seams);
+// Null for a kind that does not exist. An observer, which must outlive the transport, learns of its
+// traffic.
+std::unique_ptr<ICommInterface> MakeTransport(TransportKind kind, const TransportSeams& seams,
+                                              TransportObserver* observer = nullptr);
 
 }  // namespace tavo

@@ -11,41 +11,41 @@ class UpdateCommands : public testing::Test {
  protected:
   UpdateContext Context() { return {station.engine, station.holder, station.platform}; }
   std::string File() const { return station.platform.Folder() + "firmware.hex"; }
-  FtdiTarget Adapter(const char* serial) const { return {serial, 19200, false}; }
+  static DeviceTarget Adapter(const char* serial) { return {TransportKind::Ftdi, serial}; }
   const std::string& Console() const { return station.platform.Console(); }
 
   Station station{tavosim::OptionsFor(*tavosim::FindFamily("plain"))};
 };
 
 TEST_F(UpdateCommands, WithoutAFileNothingIsTouched) {
-  EXPECT_FALSE(UpdateUsbDevice(Context(), "1-4-2", "", {}));
+  EXPECT_FALSE(UpdateDevice(Context(), {TransportKind::Usb, "1-4-2"}, "", {}));
   EXPECT_EQ(Console(), "Firmware-Updater\nNo update file specified");
   station.platform.ClearConsole();
-  EXPECT_FALSE(UpdateFtdiDevice(Context(), Adapter(""), "", {}));
+  EXPECT_FALSE(UpdateDevice(Context(), Adapter(""), "", {}));
   EXPECT_EQ(Console(), "Firmware-Updater\nNo update file specified");
   EXPECT_EQ(station.holder.Kind(), TransportKind::None);
 }
 
 TEST_F(UpdateCommands, WithoutANameTheFirstDeviceIsTaken) {
-  EXPECT_TRUE(UpdateUsbDevice(Context(), "", File(), {}));
+  EXPECT_TRUE(UpdateDevice(Context(), {TransportKind::Usb, ""}, File(), {}));
   EXPECT_TRUE(station.platform.ConsoleHas("\nUSB-Port: 1-4-2\n\nStart Update\n"));
-  EXPECT_TRUE(UpdateFtdiDevice(Context(), Adapter(""), File(), {}));
+  EXPECT_TRUE(UpdateDevice(Context(), Adapter(""), File(), {}));
   EXPECT_TRUE(station.platform.ConsoleHas("\nFtDI-Port: TAVO0001\n\nStart Update\n"));
 }
 
 TEST_F(UpdateCommands, WithoutAnyDeviceThatIsSaid) {
   station.device.Unplug(SimNow(station.platform), std::nullopt);
-  EXPECT_FALSE(UpdateUsbDevice(Context(), "", File(), {}));
+  EXPECT_FALSE(UpdateDevice(Context(), {TransportKind::Usb, ""}, File(), {}));
   EXPECT_TRUE(Console().ends_with("\nNo device connected!"));
   station.platform.ClearConsole();
-  EXPECT_FALSE(UpdateFtdiDevice(Context(), Adapter(""), File(), {}));
+  EXPECT_FALSE(UpdateDevice(Context(), Adapter(""), File(), {}));
   EXPECT_EQ(Console(), "Firmware-Updater\nFirmware: " + File() + "\nNo device connected!");
 }
 
 TEST_F(UpdateCommands, AnUnknownNameIsSaidAndTheUpdateDoesNotBegin) {
-  EXPECT_FALSE(UpdateUsbDevice(Context(), "3-9", File(), {}));
+  EXPECT_FALSE(UpdateDevice(Context(), {TransportKind::Usb, "3-9"}, File(), {}));
   EXPECT_TRUE(station.platform.ConsoleHas("USB-Port: 3-9\nPort 3-9 isnt found\n"));
-  EXPECT_FALSE(UpdateFtdiDevice(Context(), Adapter("tavo0001"), File(), {}));
+  EXPECT_FALSE(UpdateDevice(Context(), Adapter("tavo0001"), File(), {}));
   EXPECT_TRUE(station.platform.ConsoleHas("FtDI-Port: tavo0001\nSerial tavo0001 isnt found\n"));
   EXPECT_FALSE(station.platform.ConsoleHas("Start Update"));
   EXPECT_TRUE(station.Requests().empty());
@@ -54,18 +54,18 @@ TEST_F(UpdateCommands, AnUnknownNameIsSaidAndTheUpdateDoesNotBegin) {
 
 TEST_F(UpdateCommands, ASecondUpdateIsRefusedWhileOneRuns) {
   const FirmwareUpdater::Run running(station.engine);
-  EXPECT_FALSE(UpdateFtdiDevice(Context(), Adapter(""), File(), {}));
+  EXPECT_FALSE(UpdateDevice(Context(), Adapter(""), File(), {}));
   EXPECT_TRUE(station.platform.ConsoleHas("Another update is running."));
   EXPECT_EQ(station.holder.Kind(), TransportKind::None);
 }
 
 TEST_F(UpdateCommands, TheTransportIsKeptForItsKindAndReplacedForTheOther) {
-  EXPECT_TRUE(UpdateUsbDevice(Context(), "1-4-2", File(), {}));
+  EXPECT_TRUE(UpdateDevice(Context(), {TransportKind::Usb, "1-4-2"}, File(), {}));
   const ICommInterface* usb = station.holder.Transport();
   EXPECT_FALSE(station.holder.Transport()->IsOpen());
-  EXPECT_TRUE(UpdateUsbDevice(Context(), "1-4-2", File(), {}));
+  EXPECT_TRUE(UpdateDevice(Context(), {TransportKind::Usb, "1-4-2"}, File(), {}));
   EXPECT_EQ(station.holder.Transport(), usb);
-  EXPECT_TRUE(UpdateFtdiDevice(Context(), Adapter("TAVO0001"), File(), {}));
+  EXPECT_TRUE(UpdateDevice(Context(), Adapter("TAVO0001"), File(), {}));
   EXPECT_EQ(station.holder.Kind(), TransportKind::Ftdi);
   EXPECT_EQ(static_cast<CCommFTDI&>(*station.holder.Transport()).SerialNumber(), "TAVO0001");
   EXPECT_FALSE(station.holder.SelectTransport(TransportKind{2}));
@@ -76,7 +76,8 @@ TEST_F(UpdateCommands, TheTransportIsKeptForItsKindAndReplacedForTheOther) {
 TEST_F(UpdateCommands, AFileThatIsNoneFailsBeforeTheDeviceIsAskedForItsBootloader) {
   for (const char* file : {"none.hex", "none.zip", "firmware.bin"}) {
     station.ForgetRequests();
-    EXPECT_FALSE(UpdateUsbDevice(Context(), "", station.platform.Folder() + file, {}));
+    EXPECT_FALSE(
+        UpdateDevice(Context(), {TransportKind::Usb, ""}, station.platform.Folder() + file, {}));
     EXPECT_EQ(station.engine.LastError(), ErrorCode::Firmware) << file;
     const Lines closingPlan{"1B 1B 1B", "0x100 EB 00", "0x12F 01", "0x100 00"};
     EXPECT_EQ(station.Requests(), closingPlan);

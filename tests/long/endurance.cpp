@@ -320,8 +320,9 @@ class ManyUpdates {
 
   bool Run(bool usb, const std::string& file, const UpdateFlags& flags) {
     const UpdateContext context{m_engine, m_holder, m_platform};
-    if (usb) return UpdateUsbDevice(context, Station::kPort, file, flags);
-    return UpdateFtdiDevice(context, {Station::kSerialNumber, 19200, false}, file, flags);
+    const DeviceTarget target = usb ? DeviceTarget{TransportKind::Usb, Station::kPort}
+                                    : DeviceTarget{TransportKind::Ftdi, Station::kSerialNumber};
+    return UpdateDevice(context, target, file, flags);
   }
 
   Station m_station{SmallDevice()};

@@ -12,10 +12,10 @@
 
 #include "api/update_commands.h"
 #include "simulator/firmware_builder.h"
-#include "tests/support/observed_transport.h"
 #include "tests/support/simulated_d2xx.h"
 #include "tests/support/simulated_usb.h"
 #include "tests/support/transcript.h"
+#include "transport/transport_factory.h"
 
 namespace tavo::test {
 
@@ -35,7 +35,7 @@ class Station {
         log(platform),
         holder(platform,
                [this, observer](TransportKind kind) {
-                 return MakeObserved(kind, {link, platform, log, usb, d2xx}, observer);
+                 return MakeTransport(kind, {link, platform, log, usb, d2xx}, observer);
                }),
         engine(platform, log, holder),
         m_echo(echo),
@@ -45,11 +45,13 @@ class Station {
   }
 
   bool UpdateOverUsb(const UpdateFlags& flags = {}) {
-    return UpdateUsbDevice({engine, holder, platform}, kPort, m_updateFile, flags);
+    return Update({TransportKind::Usb, kPort}, flags);
   }
   bool UpdateOverFtdi(const UpdateFlags& flags = {}) {
-    return UpdateFtdiDevice({engine, holder, platform}, {kSerialNumber, 19200, m_echo},
-                            m_updateFile, flags);
+    return Update({TransportKind::Ftdi, kSerialNumber, 19200, m_echo}, flags);
+  }
+  bool Update(const DeviceTarget& target, const UpdateFlags& flags = {}) {
+    return UpdateDevice({engine, holder, platform}, target, m_updateFile, flags);
   }
 
   const std::vector<std::uint8_t>& Firmware() const { return m_firmware.data; }

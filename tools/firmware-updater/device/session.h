@@ -12,21 +12,21 @@
 #include "engine/transport_holder.h"
 #include "log/logger.h"
 #include "text/machine.h"
+#include "transport/observed_transport.h"
 #include "transport/tavo_link.h"
-#include "update/wire_record.h"
 
 namespace tavo::tool {
 
 class Session {
  public:
-  // `platform` is the one that log and transport write through. With a recorder, what the transport
-  // sends and receives is recorded. All of them must outlive the session.
-  Session(const Machine& machine, Platform& platform, WireRecorder* recorder = nullptr);
+  // `platform` is the one that log and transport write through. An observer learns of the
+  // transport's traffic. All of them must outlive the session.
+  Session(const Machine& machine, Platform& platform, TransportObserver* observer = nullptr);
   ~Session();
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // Empty when the device is open; else what is wrong, in one sentence. Asks the device nothing.
+  // Empty when the device is open, else the reason in one sentence. Asks the device nothing.
   std::string Open(const Target& target);
   // Closes the device; Open may follow.
   void Close();
@@ -36,9 +36,6 @@ class Session {
   TransportHolder& Holder() { return m_holder; }
 
  private:
-  std::string OpenUsb(const Target& target);
-  std::string OpenAdapter(const Target& target);
-
   Logger m_log;
   TavoLink m_link;
   TransportHolder m_holder;

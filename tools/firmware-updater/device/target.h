@@ -1,19 +1,13 @@
 // Which device a command is for, as the user names it.
 #pragma once
 
-#include <cstdint>
 #include <string>
 
-#include "engine/transport_holder.h"
+#include "transport/device_target.h"
 
 namespace tavo::tool {
 
-struct Target {
-  TransportKind kind = TransportKind::Usb;
-  std::string address{};           // port path of a USB device, serial number of an adapter
-  std::uint32_t baudRate = 19200;  // adapters only, in bits per second
-  bool echo = false;               // adapters only
-};
+using Target = DeviceTarget;
 
 // Stable, for scripts: "usb", "ftdi".
 const char* KindName(TransportKind kind);

@@ -16,6 +16,7 @@
 #include "update/interrupts.h"
 #include "update/update_checks.h"
 #include "update/views.h"
+#include "update/wire_record.h"
 
 namespace tavo::tool {
 namespace {

@@ -254,7 +254,7 @@ void WireRecorder::RunEnds(const RunOutcome& outcome) {
          << std::endl;
 }
 
-void WireRecorder::Add(WireEvent::Kind kind, bool ok, std::span<const std::uint8_t> bytes) {
+void WireRecorder::Add(WireEvent::Kind kind, bool ok, Bytes bytes) {
   const std::lock_guard lock(m_lock);
   if (!m_running) return;
   Json line{

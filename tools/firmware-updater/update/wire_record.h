@@ -27,6 +27,7 @@
 
 #include "engine/firmware_updater.h"
 #include "platform/platform.h"
+#include "transport/observed_transport.h"
 
 namespace tavo::tool {
 
@@ -75,7 +76,7 @@ FirmwareImage WithoutProgram(const FirmwareImage& image);
 // Whether a frame carries a block of firmware.
 bool CarriesFirmware(std::span<const std::uint8_t> frame);
 
-class WireRecorder {
+class WireRecorder final : public TransportObserver {
  public:
   // Takes the file over, empty; without a path nothing is recorded. `platform` gives the times.
   WireRecorder(Platform& platform, const std::string& path, bool withFirmware);
@@ -84,10 +85,16 @@ class WireRecorder {
   // What is between two runs is not recorded.
   void RunBegins(const UpdateFlags& flags);
   void RunEnds(const RunOutcome& outcome);
-  void Add(WireEvent::Kind kind, bool ok, std::span<const std::uint8_t> bytes = {});
   void Stop();  // from any thread
 
+  void BytesSent(bool ok, Bytes bytes) override { Add(WireEvent::Kind::Out, ok, bytes); }
+  void BytesReceived(bool ok, Bytes bytes, std::chrono::milliseconds) override {
+    if (!ok || !bytes.empty()) Add(WireEvent::Kind::In, ok, bytes);
+  }
+  void Reconnected(bool ok) override { Add(WireEvent::Kind::Reconnect, ok, {}); }
+
  private:
+  void Add(WireEvent::Kind kind, bool ok, Bytes bytes);
   double Now() const;
 
   Platform& m_platform;
@@ -96,38 +103,6 @@ class WireRecorder {
   std::mutex m_lock;  // a stop comes from another thread
   bool m_running = false;
   std::chrono::milliseconds m_begin{0};
-};
-
-// A transport whose traffic is recorded.
-template <typename Transport>
-class Recorded final : public Transport {
- public:
-  template <typename... Arguments>
-  explicit Recorded(WireRecorder& recorder, Arguments&&... arguments)
-      : Transport(std::forward<Arguments>(arguments)...), m_recorder(recorder) {}
-
-  bool SendRawData(const std::uint8_t* data, std::int32_t length) override {
-    const bool ok = Transport::SendRawData(data, length);
-    if (length > 0) Add(WireEvent::Kind::Out, ok, data, length);
-    return ok;
-  }
-  bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) override {
-    const bool ok = Transport::ReceiveRawData(buffer, length);
-    if (!ok || *length > 0) Add(WireEvent::Kind::In, ok, buffer, ok ? *length : 0);
-    return ok;
-  }
-  bool Reconnect() override {
-    const bool ok = Transport::Reconnect();
-    m_recorder.Add(WireEvent::Kind::Reconnect, ok);
-    return ok;
-  }
-
- private:
-  void Add(WireEvent::Kind kind, bool ok, const std::uint8_t* data, std::int32_t length) {
-    m_recorder.Add(kind, ok, {data, static_cast<std::size_t>(length)});
-  }
-
-  WireRecorder& m_recorder;
 };
 
 }  // namespace tavo::tool
