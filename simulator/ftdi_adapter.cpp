@@ -26,7 +26,9 @@ enum FtdiRequest : std::uint8_t {
 constexpr std::uint16_t kPurgeTowardsDevice = 1;
 constexpr std::uint16_t kPurgeTowardsHost = 2;
 
-constexpr std::array<std::uint8_t, 2> kStatus{0x01, 0x60};  // line idle, transmitter empty
+// Data set ready and carrier; transmitter empty. The first byte could open a frame: a host that left
+// it in the data would not get far.
+constexpr std::array<std::uint8_t, 2> kStatus{0xA1, 0x60};
 constexpr std::uint16_t kFormat8N1 = 0x0008;
 constexpr std::uint32_t kPowerOnBaud = 9600;
 constexpr SimTime kPowerOnLatency = std::chrono::milliseconds(16);

@@ -1,47 +1,37 @@
 // D2XX on top of libftdi1.
 //
-// libftdi1 finds the adapters, opens and sets them up and writes. It is not used to read: its read
-// blocks for a latency period of the adapter (16 ms) when nothing waits, while the caller relies on
-// being told at once. Instead one bulk-in transfer is always under way for an open adapter, and
-// what it brings is queued; to look whether bytes wait is then to let libusb deliver what has
-// arrived.
+// libftdi1 finds the adapters, opens them, sets them up and writes. It does not read: its read
+// blocks for one of the adapter's latency periods (16 ms) when nothing waits, while our caller must
+// learn that at once. FtdiInputStream reads instead.
 #include <ftdi.h>
 #include <libusb.h>
 #include <sys/time.h>
 
 #include <algorithm>
-#include <deque>
 #include <limits>
 #include <memory>
-#include <new>
+#include <span>
 #include <tuple>
 #include <vector>
 
 #include "platform/d2xx.h"
+#include "platform/ftdi_input_stream.h"
 
 namespace tavo {
 namespace {
 
 using std::chrono::milliseconds;
 
-// Further numbers of the vendor, of which nobody above needs to know more than that they are
-// errors.
+// More of the vendor's error numbers, which nothing above distinguishes.
 constexpr D2xxStatus kInsufficientResources = 5;
 constexpr D2xxStatus kInvalidParameter = 6;
 constexpr D2xxStatus kInvalidBaudRate = 7;
 
-// The adapter opens every packet with its modem and line status.
-constexpr std::size_t kPacketStatusBytes = 2;
-
-// Several packets a transfer, so that a long answer does not need one round through us per packet.
+// Several packets per transfer, so that a long answer does not take one round through us per packet.
 constexpr std::size_t kPacketsPerTransfer = 4;
 
-// Bytes kept for a caller who does not read; then the adapter has to keep the rest. One transfer
-// may exceed it.
-constexpr std::size_t kQueueBound = 4096;
-
-// How long Close waits for the transfer under way. A cancelled transfer comes back at once; only a
-// driver that hangs takes longer.
+// How long Close waits for the transfer in flight. A cancelled transfer ends at once; only a driver
+// that hangs takes longer.
 constexpr milliseconds kCancelWait{10};
 constexpr int kMaxCancelWaits = 100;
 
@@ -63,7 +53,7 @@ class AdapterList {
   bool Search() {
     m_ftdi.reset(ftdi_new());
     ftdi_device_list* list = nullptr;
-    // No vendor and product: the ids that the adapter's maker gives its own products.
+    // Vendor and product 0: every id that the adapter's maker gives its own products.
     if (!m_ftdi || ftdi_usb_find_all(m_ftdi.get(), &list, 0, 0) < 0) return false;
     m_list.reset(list);
     for (; list != nullptr; list = list->next) m_devices.push_back(list->dev);
@@ -74,7 +64,7 @@ class AdapterList {
   libusb_device* Device(std::size_t index) const { return m_devices[index]; }
   libusb_context* UsbContext() const { return m_ftdi->usb_ctx; }
 
-  // An adapter that does not tell its texts keeps its place in the list, with empty ones.
+  // An adapter whose texts cannot be read keeps its place in the list, with empty ones.
   D2xxDeviceInfo Describe(std::size_t index) const {
     D2xxDeviceInfo info{};
     std::array<char, std::tuple_size_v<decltype(info.serialNumber)> + 1> serial{};
@@ -102,93 +92,36 @@ void HandleEvents(libusb_context* context, milliseconds bound) {
   libusb_handle_events_timeout_completed(context, &time, nullptr);
 }
 
-// The transfer that is always under way, and the bytes it has brought.
-//
-//   [in flight] --- completes ---> bytes queued --- room in the queue ---> [in flight]
-//        |                              |  queue full                          ^
-//        | fails, cancelled             +---> [held back] --- Read makes room -+
-//        v
-//   [failed], for good
-class InputStream {
+// A libusb transfer of an adapter's input.
+class InputTransfer final : public BulkInTransfer {
  public:
-  InputStream(libusb_device_handle* device, std::uint8_t endpoint, std::size_t packetSize)
-      : m_packetSize(packetSize),
-        m_buffer(packetSize * kPacketsPerTransfer),
-        m_transfer(libusb_alloc_transfer(0)) {
+  InputTransfer(libusb_device_handle* device, std::uint8_t endpoint, std::size_t packetSize)
+      : m_buffer(packetSize * kPacketsPerTransfer),
+        m_transfer(libusb_alloc_transfer(0)),
+        m_stream(*this, packetSize) {
     if (!m_transfer) return;
     libusb_fill_bulk_transfer(m_transfer.get(), device, endpoint, m_buffer.data(),
-                              static_cast<int>(m_buffer.size()), &InputStream::OnDone, this, 0);
-  }
-  InputStream(const InputStream&) = delete;
-  InputStream& operator=(const InputStream&) = delete;
-
-  bool Start() {
-    if (m_transfer && m_packetSize > kPacketStatusBytes) Submit();
-    return m_inFlight;
+                              static_cast<int>(m_buffer.size()), &InputTransfer::OnEnded, this, 0);
   }
 
-  // Afterwards nothing is submitted again, even if the transfer was done before it was cancelled.
-  void Cancel() {
-    m_failed = true;
-    if (m_inFlight) libusb_cancel_transfer(m_transfer.get());
+  bool Submit() override {
+    return m_transfer && libusb_submit_transfer(m_transfer.get()) == LIBUSB_SUCCESS;
   }
+  void Cancel() override { libusb_cancel_transfer(m_transfer.get()); }
 
-  bool InFlight() const { return m_inFlight; }
-  bool Failed() const { return m_failed; }
-  std::uint32_t Waiting() const { return static_cast<std::uint32_t>(m_queue.size()); }
-
-  std::uint32_t Read(std::span<std::uint8_t> buffer) {
-    const std::size_t count = std::min(buffer.size(), m_queue.size());
-    const auto end = m_queue.begin() + static_cast<std::ptrdiff_t>(count);
-    std::copy(m_queue.begin(), end, buffer.begin());
-    m_queue.erase(m_queue.begin(), end);
-    if (!m_inFlight) SubmitIfRoom();
-    return static_cast<std::uint32_t>(count);
-  }
+  FtdiInputStream& Stream() { return m_stream; }
 
  private:
-  static void LIBUSB_CALL OnDone(libusb_transfer* transfer) {
-    static_cast<InputStream*>(transfer->user_data)->Done();
+  static void LIBUSB_CALL OnEnded(libusb_transfer* transfer) {
+    auto& input = *static_cast<InputTransfer*>(transfer->user_data);
+    const auto arrived = static_cast<std::size_t>(std::max(transfer->actual_length, 0));
+    input.m_stream.Ended(transfer->status == LIBUSB_TRANSFER_COMPLETED,
+                         std::span(input.m_buffer).first(std::min(arrived, input.m_buffer.size())));
   }
 
-  // Called through libusb's C code, which no exception may cross.
-  void Done() noexcept {
-    m_inFlight = false;
-    if (m_transfer->status != LIBUSB_TRANSFER_COMPLETED) m_failed = true;
-    if (m_failed) return;
-    const auto arrived = static_cast<std::size_t>(std::max(m_transfer->actual_length, 0));
-    try {
-      Append({m_buffer.data(), std::min(arrived, m_buffer.size())});
-    } catch (const std::bad_alloc&) {
-      m_failed = true;  // bytes are missing now; the adapter must be opened anew
-    }
-    SubmitIfRoom();
-  }
-
-  void Append(std::span<const std::uint8_t> bytes) {
-    while (bytes.size() > kPacketStatusBytes) {
-      const auto packet = bytes.first(std::min(m_packetSize, bytes.size()));
-      const auto data = packet.subspan(kPacketStatusBytes);
-      m_queue.insert(m_queue.end(), data.begin(), data.end());
-      bytes = bytes.subspan(packet.size());
-    }
-  }
-
-  void SubmitIfRoom() {
-    if (!m_failed && m_queue.size() < kQueueBound) Submit();
-  }
-
-  void Submit() {
-    m_inFlight = libusb_submit_transfer(m_transfer.get()) == LIBUSB_SUCCESS;
-    m_failed = !m_inFlight;
-  }
-
-  std::size_t m_packetSize;
   std::vector<std::uint8_t> m_buffer;
   std::unique_ptr<libusb_transfer, FreeTransfer> m_transfer;
-  std::deque<std::uint8_t> m_queue;
-  bool m_inFlight = false;
-  bool m_failed = false;
+  FtdiInputStream m_stream;
 };
 
 // An open adapter.
@@ -207,33 +140,32 @@ class Adapter {
   D2xxStatus Open(std::size_t index) {
     if (!m_ftdi) return kInsufficientResources;
     if (ftdi_usb_open_dev(m_ftdi.get(), m_list->Device(index)) < 0) return kD2xxDeviceNotOpened;
-    // The library names its endpoints as the adapter sees them: what goes out of the adapter is
-    // what we read.
-    m_input = std::make_unique<InputStream>(
+    // The library names endpoints from the adapter's side: we read from its output.
+    m_input = std::make_unique<InputTransfer>(
         m_ftdi->usb_dev, static_cast<std::uint8_t>(m_ftdi->out_ep), m_ftdi->max_packet_size);
-    return m_input->Start() ? kD2xxOk : kD2xxIoError;
+    return Input().Start() ? kD2xxOk : kD2xxIoError;
   }
 
   ftdi_context* Ftdi() { return m_ftdi.get(); }
-  InputStream& Input() { return *m_input; }
+  FtdiInputStream& Input() { return m_input->Stream(); }
 
   // Lets libusb deliver what has arrived; waits for it at most for `bound`.
   void Service(milliseconds bound) { HandleEvents(m_list->UsbContext(), bound); }
 
  private:
   void StopInput() {
-    m_input->Cancel();
-    for (int wait = 0; m_input->InFlight() && wait < kMaxCancelWaits; ++wait) Service(kCancelWait);
-    // A transfer that does not come back still belongs to libusb: better lost than written to
+    Input().Stop();
+    for (int wait = 0; Input().InFlight() && wait < kMaxCancelWaits; ++wait) Service(kCancelWait);
+    // A transfer that has not ended belongs to libusb: rather leak it than have libusb write to it
     // after it was freed.
-    if (m_input->InFlight()) static_cast<void>(m_input.release());
+    if (Input().InFlight()) static_cast<void>(m_input.release());
     m_input.reset();
   }
 
   // Order matters: the device goes before its list.
   std::shared_ptr<const AdapterList> m_list;
   FtdiPointer m_ftdi;
-  std::unique_ptr<InputStream> m_input;
+  std::unique_ptr<InputTransfer> m_input;
 };
 
 Adapter& Opened(D2xxHandle handle) { return *static_cast<Adapter*>(handle); }
@@ -244,7 +176,7 @@ class LibftdiD2xx final : public D2xx {
  public:
   D2xxStatus CreateDeviceInfoList(std::uint32_t* count) override {
     *count = 0;
-    m_list.reset();  // adapters that are open keep what they need of it
+    m_list.reset();  // open adapters keep their share of it
     auto list = std::make_shared<AdapterList>();
     if (!list->Search()) return kD2xxIoError;
     m_list = std::move(list);
@@ -279,7 +211,7 @@ class LibftdiD2xx final : public D2xx {
 
   D2xxStatus SetDataCharacteristics(D2xxHandle handle, std::uint8_t wordLength,
                                     std::uint8_t stopBits, std::uint8_t parity) override {
-    // The vendor's codes are the library's own, but one and a half stop bits is only the library's.
+    // The vendor's codes are libftdi1's, except that only libftdi1 has one and a half stop bits.
     if ((wordLength != BITS_7 && wordLength != BITS_8) ||
         (stopBits != STOP_BIT_1 && stopBits != STOP_BIT_2) || parity > SPACE) {
       return kInvalidParameter;
@@ -295,7 +227,7 @@ class LibftdiD2xx final : public D2xx {
     return kD2xxOk;
   }
 
-  // Bounded by the library's own write timeout, five seconds.
+  // Bounded by libftdi1's write timeout, five seconds.
   D2xxStatus Write(D2xxHandle handle, std::span<const std::uint8_t> data,
                    std::uint32_t* written) override {
     const int result =
@@ -317,7 +249,7 @@ class LibftdiD2xx final : public D2xx {
 
   D2xxStatus Read(D2xxHandle handle, std::span<std::uint8_t> buffer,
                   std::uint32_t* received) override {
-    InputStream& input = Opened(handle).Input();
+    FtdiInputStream& input = Opened(handle).Input();
     *received = input.Read(buffer);
     return IoStatus(input.Failed());
   }

@@ -155,7 +155,7 @@ TEST(CdcTest, PacesBytesAndStaysSilentWithoutDtr) {
 TEST(FtdiTest, PacketsCarryStatusAndKeepTheLatency) {
   Device device(OptionsFor(kFamilies[0]));
   FtdiAdapter adapter(device, {.baud = 0, .echo = true});
-  EXPECT_EQ(adapter.In(kBulkIn, 64, 1s).data, (Bytes{0x01, 0x60}));
+  EXPECT_EQ(adapter.In(kBulkIn, 64, 1s).data, (Bytes{0xA1, 0x60}));
   EXPECT_EQ(adapter.In(kBulkIn, 64, 1015999us).status, UsbStatus::NotReady);
   adapter.Out(kBulkOut, kSignOfLife, 1s);  // at 9600 baud the device hears nothing, the echo comes
   EXPECT_EQ(adapter.In(kBulkIn, 64, 1016ms).data.size(), 2U + 5U);

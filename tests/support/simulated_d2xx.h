@@ -1,13 +1,13 @@
 // The adapter vendor's library in front of one simulated adapter, in the same process and on a
-// virtual clock.
+// virtual clock. Input goes through the stream that the library uses on Linux.
 #pragma once
 
-#include <algorithm>
-#include <deque>
 #include <functional>
+#include <optional>
 #include <string>
 
 #include "platform/d2xx.h"
+#include "platform/ftdi_input_stream.h"
 #include "simulator/ftdi_adapter.h"
 #include "tests/support/simulated_usb.h"
 
@@ -44,7 +44,8 @@ class SimulatedD2xx : public D2xx {
 
   D2xxStatus Open(std::uint32_t /*index*/, D2xxHandle* handle) override {
     if (!m_adapter.Connected(Now())) return kD2xxDeviceNotFound;
-    m_received.clear();
+    m_input.emplace(m_transfer, kPacket);
+    m_input->Start();
     m_unplugsAtOpen = m_device.Unplugs();
     *handle = this;
     return kD2xxOk;
@@ -79,17 +80,14 @@ class SimulatedD2xx : public D2xx {
     *receiveQueue = 1;
     if (Gone()) return kD2xxIoError;
     Fetch();
-    *receiveQueue = static_cast<std::uint32_t>(m_received.size());
+    *receiveQueue = m_input->Waiting();
     return kD2xxOk;
   }
   D2xxStatus Read(D2xxHandle /*handle*/, std::span<std::uint8_t> buffer,
                   std::uint32_t* received) override {
     *received = 0;
     if (Gone() || failReceive()) return kD2xxIoError;
-    const auto count = static_cast<std::ptrdiff_t>(std::min(buffer.size(), m_received.size()));
-    std::copy_n(m_received.begin(), count, buffer.begin());
-    m_received.erase(m_received.begin(), m_received.begin() + count);
-    *received = static_cast<std::uint32_t>(count);
+    *received = m_input->Read(buffer);
     return kD2xxOk;
   }
   void WaitForInput(D2xxHandle /*handle*/, std::chrono::milliseconds bound) override {
@@ -98,7 +96,13 @@ class SimulatedD2xx : public D2xx {
 
  private:
   static constexpr std::size_t kPacket = 64;
-  static constexpr std::size_t kStatusBytes = 2;
+  static constexpr std::size_t kTransfer = 4 * kPacket;
+
+  // Takes as long as the adapter takes; Fetch ends it.
+  struct Transfer final : BulkInTransfer {
+    bool Submit() override { return true; }
+    void Cancel() override {}
+  };
 
   tavosim::SimTime Now() { return SimNow(m_platform); }
   bool Gone() const { return m_device.Unplugs() != m_unplugsAtOpen; }
@@ -109,10 +113,10 @@ class SimulatedD2xx : public D2xx {
   }
 
   void Fetch() {
-    for (;;) {
-      const tavosim::UsbResult packet = m_adapter.In(0x81, kPacket, Now());
-      if (packet.status != tavosim::UsbStatus::Done || packet.data.size() < kStatusBytes) return;
-      m_received.insert(m_received.end(), packet.data.begin() + kStatusBytes, packet.data.end());
+    while (m_input->InFlight()) {
+      const tavosim::UsbResult result = m_adapter.In(0x81, kTransfer, Now());
+      if (result.status != tavosim::UsbStatus::Done) return;
+      m_input->Ended(true, result.data);
     }
   }
 
@@ -121,7 +125,8 @@ class SimulatedD2xx : public D2xx {
   tavosim::FtdiAdapter& m_adapter;
   std::string m_serialNumber;
   unsigned m_unplugsAtOpen = 0;
-  std::deque<std::uint8_t> m_received;
+  Transfer m_transfer;
+  std::optional<FtdiInputStream> m_input;
 };
 
 }  // namespace tavo::test

@@ -1,0 +1,117 @@
+#include "platform/ftdi_input_stream.h"
+
+#include <gtest/gtest.h>
+
+#include <vector>
+
+namespace tavo::test {
+namespace {
+
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr std::size_t kPacket = 64;
+constexpr std::uint8_t kModemStatus = 0xA1;  // also a frame's header byte
+constexpr std::uint8_t kLineStatus = 0x60;
+
+struct FakeTransfer : BulkInTransfer {
+  bool submits = true;
+  int submitted = 0;
+  int cancelled = 0;
+
+  bool Submit() override { return ++submitted > 0 && submits; }
+  void Cancel() override { ++cancelled; }
+};
+
+class FtdiInputStreamTest : public testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(m_stream.Start()); }
+
+  // The transfer ends with these data bytes in as many packets as they take.
+  void Arrives(const Bytes& data) {
+    Bytes packets;
+    std::size_t taken = 0;
+    do {
+      const std::size_t count = std::min(data.size() - taken, kPacket - 2);
+      packets.insert(packets.end(), {kModemStatus, kLineStatus});
+      const auto begin = data.begin() + static_cast<std::ptrdiff_t>(taken);
+      packets.insert(packets.end(), begin, begin + static_cast<std::ptrdiff_t>(count));
+      taken += count;
+    } while (taken < data.size());
+    m_stream.Ended(true, packets);
+  }
+  Bytes Read(std::size_t capacity) {
+    Bytes buffer(capacity);
+    buffer.resize(m_stream.Read(buffer));
+    return buffer;
+  }
+  static Bytes Counting(std::size_t count) {
+    Bytes bytes(count);
+    for (std::size_t i = 0; i < count; ++i) bytes[i] = static_cast<std::uint8_t>(i);
+    return bytes;
+  }
+
+  FakeTransfer m_transfer;
+  FtdiInputStream m_stream{m_transfer, kPacket};
+};
+
+TEST_F(FtdiInputStreamTest, DeliversTheDataOfEveryPacketWithoutItsStatus) {
+  Bytes expected;
+  for (const std::size_t count : {0U, 1U, 61U, 62U, 63U, 124U, 200U}) {
+    const Bytes data = Counting(count);
+    Arrives(data);
+    expected.insert(expected.end(), data.begin(), data.end());
+    EXPECT_EQ(m_stream.Waiting(), expected.size());
+  }
+  m_stream.Ended(true, Bytes{kModemStatus});  // half a status
+  EXPECT_EQ(Read(100), Bytes(expected.begin(), expected.begin() + 100));
+  EXPECT_EQ(Read(1000), Bytes(expected.begin() + 100, expected.end()));
+  EXPECT_EQ(Read(1000), Bytes{});
+  EXPECT_EQ(m_transfer.submitted, 9) << "one after the other, always one in flight";
+}
+
+TEST_F(FtdiInputStreamTest, HoldsTheNextTransferBackWhileTheQueueIsFull) {
+  int transfers = 1;
+  for (; m_stream.InFlight(); ++transfers) Arrives(Counting(248));
+  EXPECT_EQ(transfers - 1, 17) << "17 x 248 bytes pass 4096";
+  EXPECT_EQ(m_transfer.submitted, transfers - 1);
+  EXPECT_FALSE(m_stream.Failed());
+  Read(17 * 248 - FtdiInputStream::kQueueBound);
+  EXPECT_FALSE(m_stream.InFlight());
+  Read(1);
+  EXPECT_TRUE(m_stream.InFlight());
+  EXPECT_EQ(m_transfer.submitted, transfers);
+}
+
+TEST_F(FtdiInputStreamTest, StopsOnceAndForAll) {
+  Arrives({1, 2, 3});
+  m_stream.Stop();
+  m_stream.Stop();
+  EXPECT_EQ(m_transfer.cancelled, 1);
+  EXPECT_TRUE(m_stream.InFlight()) << "until the USB library gives the transfer back";
+  Arrives({4});  // it had completed already
+  EXPECT_FALSE(m_stream.InFlight());
+  EXPECT_EQ(Read(10), (Bytes{1, 2, 3}));
+  EXPECT_EQ(m_transfer.submitted, 2);
+}
+
+TEST(FtdiInputStream, FailsWithoutATransferOrWithoutRoomForData) {
+  FakeTransfer transfer;
+  FtdiInputStream statusOnly(transfer, 2);
+  EXPECT_FALSE(statusOnly.Start());
+  EXPECT_EQ(transfer.submitted, 0);
+  transfer.submits = false;
+  FtdiInputStream stream(transfer, kPacket);
+  EXPECT_FALSE(stream.Start());
+  EXPECT_TRUE(stream.Failed());
+}
+
+TEST_F(FtdiInputStreamTest, AFailedTransferEndsIt) {
+  Arrives({1});
+  m_stream.Ended(false, Bytes{});
+  EXPECT_TRUE(m_stream.Failed());
+  EXPECT_EQ(Read(10), Bytes{1}) << "what came before is still delivered";
+  EXPECT_EQ(m_transfer.submitted, 2);
+}
+
+}  // namespace
+}  // namespace tavo::test
