@@ -20,6 +20,7 @@
 
 #include "commands/commands.h"
 #include "device/target.h"
+#include "platform/platform.h"
 #include "simulator/simulator_program.h"
 
 namespace tavo::tool {
