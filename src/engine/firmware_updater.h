@@ -88,6 +88,8 @@ class FirmwareUpdater {
     Run(const Run&) = delete;
     Run& operator=(const Run&) = delete;
     bool Granted() const { return m_granted; }
+    // Whether this is the right to run `engine`.
+    bool Permits(const FirmwareUpdater& engine) const { return m_granted && &m_engine == &engine; }
 
    private:
     FirmwareUpdater& m_engine;
@@ -164,7 +166,19 @@ class FirmwareUpdater {
  private:
   friend class EngineAccess;  // tests set up and read single fields
 
-  enum class WriteState : std::uint32_t { Positioning = 1, Writing = 2 };
+  //                    answer                   answer; the offset moves on
+  //   [Positioning] -----------> [Writing] ---------------------------------> [Positioning]
+  //         |
+  //         | answer, offset = size
+  //         v
+  //       Done
+  //
+  // After a timeout the same request goes out again; one too many fails the update. The numbers
+  // appear in the log.
+  enum class WriteState : std::uint32_t {
+    Positioning = 1,  // the address has been sent; its answer ends the state
+    Writing = 2,      // the block has been sent; its answer ends the state
+  };
 
   // Start and runner
   void ResetForUpdate();

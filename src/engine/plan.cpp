@@ -1,5 +1,6 @@
 // The plan of an update: which steps run, in which order, under which flags.
 #include <array>
+#include <cassert>
 
 #include "engine/firmware_updater.h"
 
@@ -74,6 +75,7 @@ void FirmwareUpdater::BuildPlan() {
   const auto fill = [this](std::deque<Step>& plan, const auto& table) {
     plan.clear();
     for (const PlannedStep& row : table) {
+      assert(row.step.run != nullptr);
       if (Included(row.when, m_flags)) plan.push_back(row.step);
     }
   };
@@ -81,6 +83,9 @@ void FirmwareUpdater::BuildPlan() {
   fill(m_closingPlan, kClosingPlan);
 }
 
-void FirmwareUpdater::InsertNext(const Step& step) { m_plan.insert(m_plan.begin() + 1, step); }
+void FirmwareUpdater::InsertNext(const Step& step) {
+  assert(!m_plan.empty());
+  m_plan.insert(m_plan.begin() + 1, step);
+}
 
 }  // namespace tavo

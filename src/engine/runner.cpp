@@ -1,5 +1,6 @@
 // The runner: walks the plan, hands answers and timeouts to the step at its front, and decides how
 // an update ends.
+#include <cassert>
 #include <utility>
 
 #include "engine/firmware_updater.h"
@@ -9,7 +10,8 @@
 
 namespace tavo {
 
-void FirmwareUpdater::Start(const Run& /*run*/, const std::string& updateFile) {
+void FirmwareUpdater::Start([[maybe_unused]] const Run& run, const std::string& updateFile) {
+  assert(run.Permits(*this));
   ResetForUpdate();
   Report({StatusKind::UpdateBegins});
   m_selectedFirmware = nullptr;
@@ -63,6 +65,7 @@ void FirmwareUpdater::PollUntilDone() {
 }
 
 void FirmwareUpdater::OnTransportEvent(const TavoMessage* message) {
+  assert(!m_plan.empty());
   m_rxMessage = message ? *message : TavoMessage{};
   if (message) {
     m_evidence.Answered(m_lastBearing);
@@ -87,6 +90,7 @@ void FirmwareUpdater::RunSteps(StepPhase phase) {
     } else if (result == StepResult::Failed) {
       FailPlan();
     } else {
+      assert(result == StepResult::Wait);
       return;
     }
     phase = StepPhase::Start;
@@ -94,6 +98,7 @@ void FirmwareUpdater::RunSteps(StepPhase phase) {
 }
 
 void FirmwareUpdater::EndPlan() {
+  assert(m_plan.empty());
   m_succeeded = !m_failed;
   if (!m_succeeded || m_flags.dryRun) return;
   m_evidence.Succeeded();
@@ -106,6 +111,7 @@ void FirmwareUpdater::Report(const StatusMessage& message) {
 }
 
 void FirmwareUpdater::FailPlan() {
+  assert(m_errorCode != ErrorCode::None);
   m_plan.clear();
   const std::string text = std::exchange(m_errorText, {});
   Report({StatusKind::UpdateFailed, static_cast<std::int32_t>(m_errorCode.load()), text});
@@ -116,6 +122,7 @@ void FirmwareUpdater::FailPlan() {
 }
 
 void FirmwareUpdater::AbortPlan() {
+  assert(m_stopRequested);
   m_plan.clear();
   m_closingPlan.clear();
   // Shown, not stored: the code of the last failure stays for the host to read.
@@ -125,6 +132,7 @@ void FirmwareUpdater::AbortPlan() {
 }
 
 void FirmwareUpdater::Pause(std::chrono::milliseconds duration) {
+  assert(duration >= duration.zero());
   m_platform.Sleep(duration);
   if (Transport()) Transport()->LeaveOutPause();
 }

@@ -1,5 +1,6 @@
 #include "engine/transport_holder.h"
 
+#include <cassert>
 #include <utility>
 
 namespace tavo {
@@ -11,7 +12,9 @@ constexpr std::uint8_t kFrameFormat = 0;
 }  // namespace
 
 TransportHolder::TransportHolder(Platform& platform, TransportFactory factory)
-    : m_platform(platform), m_factory(std::move(factory)) {}
+    : m_platform(platform), m_factory(std::move(factory)) {
+  assert(m_factory != nullptr);
+}
 
 TransportHolder::~TransportHolder() { m_platform.Sleep(kSettleTime); }
 

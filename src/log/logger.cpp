@@ -1,6 +1,7 @@
 #include "log/logger.h"
 
 #include <array>
+#include <cassert>
 #include <cstdio>
 
 namespace tavo {
@@ -40,6 +41,7 @@ void Logger::LogCrit(const char* format, ...) { TAVO_FORWARD_LOG(LogLevel::Crit)
 #undef TAVO_FORWARD_LOG
 
 void Logger::Write(LogLevel level, const char* format, std::va_list arguments) noexcept {
+  assert(format != nullptr);
   std::array<char, kMaxMessageLength + 1> message{};
   std::vsnprintf(message.data(), message.size(), format, arguments);
   try {

@@ -63,6 +63,7 @@ bool FirmwareUpdater::CommSendTavo(std::uint16_t id, const std::uint8_t* payload
 }
 
 void FirmwareUpdater::CommSendRaw(const std::uint8_t* bytes, std::int32_t length) {
+  assert(bytes != nullptr && length > 0);
   if (!Transport()) return m_log.LogInfo("CommSendRaw: No ICOMM Sender specified.");
   Transport()->SendRawData(bytes, length);
 }
@@ -100,6 +101,7 @@ StepResult FirmwareUpdater::Send(const Command& command, std::span<const std::ui
 }
 
 StepResult FirmwareUpdater::FailSend(const Command& command) {
+  assert(command.sendErrorText != nullptr);
   return Fail(command.sendError, "%s", command.sendErrorText);
 }
 
@@ -119,6 +121,7 @@ StepResult FirmwareUpdater::Tolerate(const Command& command) {
 }
 
 StepResult FirmwareUpdater::Fail(ErrorCode code, const char* format, ...) {
+  assert(code != ErrorCode::None);
   std::array<char, kMaxErrorText + 1> text{};
   std::va_list arguments;
   va_start(arguments, format);
@@ -131,6 +134,7 @@ StepResult FirmwareUpdater::Fail(ErrorCode code, const char* format, ...) {
 
 // The pause and the next try run inside this call, which therefore must be the step's last.
 StepResult FirmwareUpdater::RetryAfterPause() {
+  assert(m_retryCount < m_maxRetries);
   ++m_retryCount;
   Report({StatusKind::WaitAndResume, kRetryStep, {}, kRetryPause});
   return StepResult::Wait;

@@ -1,6 +1,7 @@
 // Who the device is, before and in its bootloader, and what it is told and asked afterwards: its
 // label and the bus modules that were reset.
 #include <array>
+#include <cassert>
 
 #include "engine/firmware_updater.h"
 #include "package/adb_view.h"
@@ -116,6 +117,7 @@ StepResult FirmwareUpdater::RequestResettedModules(StepPhase phase) {
 }
 
 StepResult FirmwareUpdater::RequestModule(std::size_t index) {
+  assert(index < kMaxModules);
   const std::array payload{static_cast<std::uint8_t>(index)};
   return Send(kRequestModule, payload);
 }
@@ -126,6 +128,7 @@ void FirmwareUpdater::ForgetModules() {
 }
 
 StepResult FirmwareUpdater::KeepModule(std::uint16_t code) {
+  assert(code != 0);
   if (m_resettedModules.empty()) Report({StatusKind::UpdateFailed});
   {
     const std::lock_guard lock(m_modulesLock);

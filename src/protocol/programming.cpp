@@ -1,15 +1,9 @@
 // Erases the application section and writes the image, block by block: for each block its address
 // (positioning), then its bytes (writing), each answered before the next goes out. The answer to a
-// last positioning request, just past the image, ends the step.
-//
-//                    answer                     answer, offset moves on
-//   [Positioning] -----------> [Writing] ----------------------------------> [Positioning]
-//                                  |
-//                                  | offset = size: nothing left to write
-//                                  v
-//                                Done
+// last positioning request, just past the image, ends the step. WriteState draws the states.
 #include <algorithm>
 #include <array>
+#include <cassert>
 
 #include "engine/firmware_updater.h"
 #include "protocol/commands.h"
@@ -74,6 +68,7 @@ StepResult FirmwareUpdater::BlockAnswered() {
     m_writeState = WriteState::Writing;
     return SendWriteRequest();
   }
+  assert(m_writeOffset < ImageSize());
   m_bytesDone += m_blockSize;
   m_writeOffset = NextWriteOffset();
   Report({StatusKind::TransferProgress, static_cast<std::int32_t>(m_bytesDone)});
@@ -100,6 +95,7 @@ StepResult FirmwareUpdater::SendWriteRequest() {
 }
 
 StepResult FirmwareUpdater::SendBlock() {
+  assert(m_writeState == WriteState::Writing && m_blockSize <= kMaxBlockSize);
   // Pads a block that reaches past the end of the image with what the erase left there.
   std::array<std::uint8_t, kMaxBlockSize> block;
   block.fill(kErased);
@@ -109,6 +105,7 @@ StepResult FirmwareUpdater::SendBlock() {
 }
 
 StepResult FirmwareUpdater::FinishWriting() {
+  assert(m_writeState == WriteState::Writing);
   const unsigned size = ImageSize();
   if (m_writeOffset > size) {
     m_log.LogInfo(

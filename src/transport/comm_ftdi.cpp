@@ -1,6 +1,7 @@
 #include "transport/comm_ftdi.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace tavo {
 namespace {
@@ -58,6 +59,7 @@ bool CCommFTDI::OpenPort(const std::string& serialNumber) {
 }
 
 D2xxStatus CCommFTDI::OpenAdapter(std::uint32_t index) {
+  assert(m_handle == nullptr);
   D2xxHandle handle = nullptr;
   D2xxStatus status = m_d2xx.Open(index, &handle);
   if (status != kD2xxOk) return status;
@@ -117,6 +119,7 @@ std::uint32_t CCommFTDI::BytesWaiting() {
 }
 
 bool CCommFTDI::Fetch(std::uint8_t* buffer, std::uint32_t count, std::int32_t* length) {
+  assert(m_isOpen);
   std::uint32_t received = 0;
   const D2xxStatus status = m_d2xx.Read(m_handle, {buffer, count}, &received);
   *length = static_cast<std::int32_t>(std::min(received, count));

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstdio>
 
 namespace tavo {
@@ -105,6 +106,7 @@ std::vector<CCommDevDesc>* CCommWinUSB::EnumerateDevices() {
 }
 
 void CCommWinUSB::ListIfSupported(std::size_t position) {
+  assert(position < m_deviceCount);
   libusb_device* const device = m_deviceList[position];
   libusb_device_descriptor descriptor{};
   if (m_usb.GetDeviceDescriptor(device, &descriptor) < 0) return;
@@ -130,6 +132,7 @@ bool CCommWinUSB::Open(std::uint32_t deviceRef) {
 }
 
 bool CCommWinUSB::OpenDevice(std::uint32_t deviceRef) {
+  assert(m_context != nullptr && m_handle == nullptr);
   m_usb.SetDebug(m_context, kNoLibUsbMessages);
   m_handle = deviceRef == kAnyDevice
                  ? m_usb.OpenDeviceWithVidPid(m_context, kUsbVendorId, kUsbProductId)

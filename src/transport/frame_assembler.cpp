@@ -1,6 +1,7 @@
 #include "transport/frame_assembler.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace tavo {
 
@@ -17,6 +18,7 @@ void FrameAssembler::PutByte(std::uint8_t byte, const FrameCodec& codec) {
 
 std::optional<TavoMessage> FrameAssembler::TakeFrame(const FrameCodec& codec) {
   if (IsIdle() || m_stored <= m_frameEnd) return std::nullopt;
+  assert(m_frameEnd < m_buffer.size());
   if (!codec.CheckFrame(m_buffer)) {
     Resynchronise(codec);
     return std::nullopt;

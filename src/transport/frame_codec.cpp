@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <bit>
+#include <cassert>
 
 namespace tavo {
 namespace {
@@ -56,11 +57,13 @@ static_assert(SizeClassesAreComplete(),
 
 // The smallest class that holds `length` bytes.
 const SizeClass& ClassFor(std::uint8_t length) {
+  assert(length <= kMaxPayload);
   return *std::find_if(kSizeClassTable.begin(), kSizeClassTable.end(),
                        [length](const SizeClass& row) { return row.payload >= length; });
 }
 
 std::uint8_t PayloadSize(std::uint8_t code) {
+  assert(code >= kExactCodeBase && code <= kSizeCodeMask);
   return kSizeClassTable[static_cast<std::size_t>(code - kExactCodeBase)].payload;
 }
 
@@ -109,6 +112,7 @@ bool CheckFrame(const FrameBuffer& frame) {
 }
 
 void Decode(const FrameBuffer& frame, TavoMessage* message) {
+  assert(CheckFrame(frame));
   *message = TavoMessage{};
   message->id = static_cast<std::uint16_t>(IdentifierWord(frame) >> 2);
   message->length = PayloadSize(SizeCode(frame[0]));

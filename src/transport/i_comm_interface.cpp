@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <cstring>
 #include <limits>
 
@@ -91,6 +92,7 @@ bool ICommInterface::SendTavoMessage(std::uint32_t sender, std::uint32_t channel
 }
 
 bool ICommInterface::ReceiveTavoMessage(TavoMessage* out, bool* timedOut) {
+  assert(out != nullptr && timedOut != nullptr);
   AdvanceTimers();
   ReadLine();
   return m_link.HasResponse() && HandOut(out, timedOut);
@@ -100,6 +102,7 @@ void ICommInterface::AdvanceTimers() {
   const milliseconds now = m_platform.MonotonicNow();
   if (!m_lastTickMs) m_lastTickMs = now;
   const milliseconds elapsed = now - *m_lastTickMs;
+  assert(elapsed >= elapsed.zero());
   if (elapsed < kTickStep) return;
   m_lastTickMs = now;
   m_link.LinkTick(SaturatedMs(elapsed));
@@ -114,6 +117,7 @@ void ICommInterface::ReadLine() {
     if (wasOpen || !IsOpen()) Reconnect();
     m_platform.Sleep(kReconnectPace);
   } else if (length > 0) {
+    assert(static_cast<std::size_t>(length) <= buffer.size());
     m_link.Feed({buffer.data(), static_cast<std::size_t>(length)});
   }
 }

@@ -1,6 +1,7 @@
 #include "transport/tavo_link.h"
 
 #include <algorithm>
+#include <cassert>
 #include <utility>
 
 namespace tavo {
@@ -16,20 +17,25 @@ void TavoLink::SetFrameFormat(std::uint8_t format) {
 }
 
 bool TavoLink::Enqueue(const TavoMessage& message) {
+  assert(message.length <= kMaxPayload);
   if (m_queued == kQueueSlots) return false;
   m_transmitQueue[m_queued++] = {message, kQueueTimeoutMs};
   return true;
 }
 
+void TavoLink::Become(Line next) {
+  assert(next == Line::Free ? m_line != Line::Free
+                            : m_line == (next == Line::Framed ? Line::Free : Line::Framed));
+  m_line = next;
+}
+
 void TavoLink::LinkService() {
   const std::optional<TavoMessage> message = m_assembler.TakeFrame(Codec());
-  if (message && m_answerAwaited && message->id == m_expectedId) {
+  if (message && AnswerIsAwaited() && message->id == m_expectedId) {
     PushResponse(message);
-    m_answerAwaited = false;
+    Become(m_line == Line::Framed ? Line::Answered : Line::Free);
   }
-  if (m_transmitLength == 0 && m_assembler.IsIdle() && !m_answerAwaited && m_queued > 0) {
-    StartNextRequest();
-  }
+  if (m_line == Line::Free && m_assembler.IsIdle() && m_queued > 0) StartNextRequest();
 }
 
 void TavoLink::StartNextRequest() {
@@ -39,15 +45,17 @@ void TavoLink::StartNextRequest() {
   bool acceptable = false;
   Codec().Encode(message, m_transmitBuffer);
   Codec().ParseHeader(m_transmitBuffer[0], &frameEnd, &acceptable);
+  assert(acceptable);
   m_transmitLength = std::size_t{frameEnd} + 1;
-  m_transmitTimerMs = kTransmitTimeoutMs;
-  m_answerAwaited = true;
   m_expectedId = message.id;
-  m_answerTimerMs = kAnswerTimeoutMs;
+  m_lineTimerMs = kAnswerTimeoutMs;
+  Become(Line::Framed);
 }
 
 std::span<const std::uint8_t> TavoLink::TakeTransmitBytes() {
-  return {m_transmitBuffer.data(), std::exchange(m_transmitLength, 0)};
+  if (m_line != Line::Framed && m_line != Line::Answered) return {};
+  Become(m_line == Line::Framed ? Line::Awaited : Line::Free);
+  return {m_transmitBuffer.data(), m_transmitLength};
 }
 
 void TavoLink::Feed(std::span<const std::uint8_t> bytes) {
@@ -56,19 +64,9 @@ void TavoLink::Feed(std::span<const std::uint8_t> bytes) {
 }
 
 void TavoLink::LinkTick(std::uint16_t elapsedMs) {
-  TickTransmit(elapsedMs);
   m_assembler.Tick(elapsedMs);
   TickQueue(elapsedMs);
-  TickAnswer(elapsedMs);
-}
-
-void TavoLink::TickTransmit(std::uint16_t elapsedMs) {
-  if (m_transmitLength == 0) return;
-  if (m_transmitTimerMs > elapsedMs) {
-    m_transmitTimerMs = static_cast<std::uint16_t>(m_transmitTimerMs - elapsedMs);
-  } else {
-    m_transmitLength = 0;  // its answer timer speaks for it
-  }
+  TickLine(elapsedMs);
 }
 
 void TavoLink::TickQueue(std::uint16_t elapsedMs) {
@@ -84,17 +82,19 @@ void TavoLink::TickQueue(std::uint16_t elapsedMs) {
   }
 }
 
-void TavoLink::TickAnswer(std::uint16_t elapsedMs) {
-  if (!m_answerAwaited) return;
-  if (m_answerTimerMs > elapsedMs) {
-    m_answerTimerMs = static_cast<std::uint16_t>(m_answerTimerMs - elapsedMs);
-  } else {
-    PushResponse(std::nullopt);
-    m_answerAwaited = false;
+// A frame that nobody has taken by the end of its time is abandoned.
+void TavoLink::TickLine(std::uint16_t elapsedMs) {
+  if (m_line == Line::Free) return;
+  if (m_lineTimerMs > elapsedMs) {
+    m_lineTimerMs = static_cast<std::uint16_t>(m_lineTimerMs - elapsedMs);
+    return;
   }
+  if (AnswerIsAwaited()) PushResponse(std::nullopt);
+  Become(Line::Free);
 }
 
 void TavoLink::RemoveQueued(std::size_t slot) {
+  assert(slot < m_queued);
   const auto first = m_transmitQueue.begin() + static_cast<std::ptrdiff_t>(slot);
   std::copy(first + 1, m_transmitQueue.begin() + static_cast<std::ptrdiff_t>(m_queued), first);
   --m_queued;
@@ -103,13 +103,14 @@ void TavoLink::RemoveQueued(std::size_t slot) {
 void TavoLink::PushResponse(const Response& response) { m_responseList.push_back(response); }
 
 Response TavoLink::TakeResponse() {
+  assert(HasResponse());
   const Response response = m_responseList.front();
   m_responseList.pop_front();
   return response;
 }
 
 bool TavoLink::IsQuiet() const {
-  return !m_answerAwaited && m_queued == 0 && m_transmitLength == 0 && m_assembler.IsIdle();
+  return m_line == Line::Free && m_queued == 0 && m_assembler.IsIdle();
 }
 
 }  // namespace tavo

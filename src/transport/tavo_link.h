@@ -1,6 +1,6 @@
-// The link: queues requests, turns them into frames, matches answers to requests and says when one
-// does not come in time. It takes and gives bytes and is told how much time has passed; it never
-// touches a device or a clock.
+// The link: queues requests, turns them into frames, matches answers to requests and reports when
+// one does not come in time. It takes and returns bytes and is told how much time has passed; it
+// never touches a device or a clock.
 //
 // The road of one request:
 //
@@ -36,17 +36,16 @@ class TavoLink {
   static constexpr std::size_t kQueueSlots = 8;
   static constexpr std::uint16_t kAnswerTimeoutMs = 4000;
   static constexpr std::uint16_t kQueueTimeoutMs = 5000;
-  static constexpr std::uint16_t kTransmitTimeoutMs = 4000;
 
-  // Everything but the ResponseList: nothing queued, sent, awaited or half received; frame format
-  // 0.
+  // Clears everything but the ResponseList: nothing queued, sent, awaited or half received; frame
+  // format 0.
   void Reset();
 
   // Formats other than 0 do not exist; asking for one changes nothing.
   void SetFrameFormat(std::uint8_t format);
   std::uint8_t GetFrameFormat() const { return m_frameFormat; }
 
-  // False when all slots are taken.
+  // False when all slots are taken. The payload must not be longer than a message holds.
   bool Enqueue(const TavoMessage& message);
 
   // Finishes a received frame, then starts the next queued one when the line is free.
@@ -63,7 +62,7 @@ class TavoLink {
   void LinkTick(std::uint16_t elapsedMs);
 
   bool HasResponse() const { return !m_responseList.empty(); }
-  // The oldest one; only when there is one.
+  // The oldest response; call it only when HasResponse.
   Response TakeResponse();
   void DropResponses() { m_responseList.clear(); }
 
@@ -71,30 +70,46 @@ class TavoLink {
   bool IsQuiet() const;
 
  private:
+  //         StartNextRequest        TakeTransmitBytes
+  //   Free ------------------> Framed --------------> Awaited
+  //    ^                       |    |                  |
+  //    |            4 s        |    | answer           | answer, 4 s
+  //    +-----------------------+    v                  |
+  //    |                         Answered              |
+  //    |   TakeTransmitBytes, 4 s   |                  |
+  //    +----------------------------+------------------+
+  //
+  // The end of an awaited answer, whether it comes or not, reaches the ResponseList.
+  enum class Line {
+    Free,      // no request is under way; the next one starts when no frame is half received
+    Framed,    // its frame is in the transmit buffer and the answer awaited
+    Awaited,   // its frame has been handed out and the answer is awaited
+    Answered,  // a late answer with its id came before its frame was handed out
+  };
+
   struct QueuedRequest {
     TavoMessage message;
     std::uint16_t queueTimerMs;
   };
 
   const FrameCodec& Codec() const { return kFrameCodecs[m_frameFormat]; }
+  bool AnswerIsAwaited() const { return m_line == Line::Framed || m_line == Line::Awaited; }
+  void Become(Line next);
   void StartNextRequest();
   void RemoveQueued(std::size_t slot);
-  void TickTransmit(std::uint16_t elapsedMs);
   void TickQueue(std::uint16_t elapsedMs);
-  void TickAnswer(std::uint16_t elapsedMs);
+  void TickLine(std::uint16_t elapsedMs);
   void PushResponse(const Response& response);
 
   std::uint8_t m_frameFormat = 0;
 
-  FrameBuffer m_transmitBuffer{};
-  std::size_t m_transmitLength = 0;  // 0 = no frame in transmission
-  std::uint16_t m_transmitTimerMs = kTransmitTimeoutMs;
+  Line m_line = Line::Free;
+  std::uint16_t m_lineTimerMs = 0;   // until 4 s after the request was framed
+  std::uint16_t m_expectedId = 0;    // of the answer
+  FrameBuffer m_transmitBuffer{};    // while Framed or Answered
+  std::size_t m_transmitLength = 0;  // bytes of it
 
   FrameAssembler m_assembler;
-
-  bool m_answerAwaited = false;
-  std::uint16_t m_expectedId = 0;
-  std::uint16_t m_answerTimerMs = 0;
 
   std::array<QueuedRequest, kQueueSlots> m_transmitQueue{};
   std::size_t m_queued = 0;
