@@ -16,6 +16,7 @@
 
 #include "platform/d2xx.h"
 #include "platform/ftdi_input_stream.h"
+#include "platform/platform.h"
 
 namespace tavo {
 namespace {
@@ -92,6 +93,16 @@ void HandleEvents(libusb_context* context, milliseconds bound) {
   libusb_handle_events_timeout_completed(context, &time, nullptr);
 }
 
+TransferEnd EndOf(libusb_transfer_status status) {
+  switch (status) {
+    case LIBUSB_TRANSFER_COMPLETED: return TransferEnd::Completed;
+    case LIBUSB_TRANSFER_STALL: return TransferEnd::Stalled;
+    case LIBUSB_TRANSFER_CANCELLED:
+    case LIBUSB_TRANSFER_NO_DEVICE: return TransferEnd::Final;
+    default: return TransferEnd::Failed;
+  }
+}
+
 // A libusb transfer of an adapter's input.
 class InputTransfer final : public BulkInTransfer {
  public:
@@ -108,6 +119,7 @@ class InputTransfer final : public BulkInTransfer {
     return m_transfer && libusb_submit_transfer(m_transfer.get()) == LIBUSB_SUCCESS;
   }
   void Cancel() override { libusb_cancel_transfer(m_transfer.get()); }
+  void ClearHalt() override { libusb_clear_halt(m_transfer->dev_handle, m_transfer->endpoint); }
 
   FtdiInputStream& Stream() { return m_stream; }
 
@@ -115,7 +127,7 @@ class InputTransfer final : public BulkInTransfer {
   static void LIBUSB_CALL OnEnded(libusb_transfer* transfer) {
     auto& input = *static_cast<InputTransfer*>(transfer->user_data);
     const auto arrived = static_cast<std::size_t>(std::max(transfer->actual_length, 0));
-    input.m_stream.Ended(transfer->status == LIBUSB_TRANSFER_COMPLETED,
+    input.m_stream.Ended(EndOf(transfer->status),
                          std::span(input.m_buffer).first(std::min(arrived, input.m_buffer.size())));
   }
 
@@ -150,7 +162,10 @@ class Adapter {
   FtdiInputStream& Input() { return m_input->Stream(); }
 
   // Lets libusb deliver what has arrived; waits for it at most for `bound`.
-  void Service(milliseconds bound) { HandleEvents(m_list->UsbContext(), bound); }
+  void Service(milliseconds bound) {
+    Input().Resume(SystemPlatform().MonotonicNow());
+    HandleEvents(m_list->UsbContext(), bound);
+  }
 
  private:
   void StopInput() {

@@ -13,6 +13,7 @@ bool FtdiInputStream::Start() {
   assert(m_state == State::Idle);
   // A packet that holds only its status would never bring a byte.
   if (m_packetSize > kPacketStatusBytes) Submit();
+  if (!InFlight()) m_state = State::Failed;
   return InFlight();
 }
 
@@ -25,18 +26,35 @@ void FtdiInputStream::Stop() {
   }
 }
 
-void FtdiInputStream::Ended(bool completed, std::span<const std::uint8_t> bytes) noexcept {
+void FtdiInputStream::Ended(TransferEnd end, std::span<const std::uint8_t> bytes) noexcept {
   assert(InFlight());
-  if (m_state == State::Stopping || !completed) {
+  if (m_state == State::Stopping || end == TransferEnd::Final) {
     m_state = State::Failed;
     return;
   }
   try {
     Append(bytes);
-    SubmitIfRoom();
   } catch (const std::bad_alloc&) {
     m_state = State::Failed;  // bytes are missing now; the adapter must be opened anew
+    return;
   }
+  m_stalled = end == TransferEnd::Stalled;
+  if (end != TransferEnd::Completed) return PauseAfterFailure();
+  m_failures = 0;
+  SubmitIfRoom();
+}
+
+void FtdiInputStream::PauseAfterFailure() {
+  m_state = ++m_failures > kMaxFailures ? State::Failed : State::Pausing;
+  m_resumeAt.reset();
+}
+
+void FtdiInputStream::Resume(std::chrono::milliseconds now) {
+  if (m_state != State::Pausing) return;
+  if (!m_resumeAt) m_resumeAt = now + kPause;
+  if (now < *m_resumeAt) return;
+  if (m_stalled) m_transfer.ClearHalt();
+  Submit();
 }
 
 void FtdiInputStream::Append(std::span<const std::uint8_t> bytes) {
@@ -62,6 +80,9 @@ void FtdiInputStream::SubmitIfRoom() {
   m_state = State::HeldBack;
 }
 
-void FtdiInputStream::Submit() { m_state = m_transfer.Submit() ? State::InFlight : State::Failed; }
+void FtdiInputStream::Submit() {
+  if (!m_transfer.Submit()) return PauseAfterFailure();
+  m_state = State::InFlight;
+}
 
 }  // namespace tavo

@@ -46,7 +46,7 @@ constexpr std::array kPlans{
     Plan{"found erased", "plain", 0, {.bootloaderOnly = true}, 1, DeviceState::Bootloader, false},
 };
 
-enum class Interference { None, SendFails, ReceiveFails, Stop };
+enum class Interference { None, SendFails, ReceiveFails, TransferFails, EndpointStalls, Stop };
 
 struct FaultCase {
   const char* name;
@@ -76,6 +76,8 @@ constexpr std::array kFaults{
     FaultCase{"held until the next request", "withhold:#"},
     FaultCase{"send fails", nullptr, Interference::SendFails},
     FaultCase{"receive fails", nullptr, Interference::ReceiveFails},
+    FaultCase{"input transfer fails", nullptr, Interference::TransferFails},
+    FaultCase{"input endpoint stalls", nullptr, Interference::EndpointStalls},
     FaultCase{"unplugged for 2 s", "unplug:#:2s"},
     FaultCase{"unplugged for good", "unplug:#"},
     FaultCase{"power cut", "powercut:#"},
@@ -153,6 +155,8 @@ class Bench : private TransportObserver {
     m_outcome.limit = FindLimit();
     CheckResult();
     if (m_run.fault) CheckStep();
+    if (m_run.fault && IsGlitch(*m_run.fault))
+      Promise(m_outcome.succeeded, "a glitch costs no update");
     CheckCode();
     CheckEvidence();
     UpdateAgain();
@@ -200,6 +204,15 @@ class Bench : private TransportObserver {
         m_station.usb.failReceive =
             m_station.d2xx.failReceive = [=]() mutable { return once(reached(request)); };
         break;
+      case Interference::TransferFails:
+      case Interference::EndpointStalls: {
+        const bool stalls = m_run.fault->interference == Interference::EndpointStalls;
+        const TransferEnd end = stalls ? TransferEnd::Stalled : TransferEnd::Failed;
+        m_station.d2xx.endTransfer = [=]() mutable {
+          return once(reached(request)) ? std::optional(end) : std::nullopt;
+        };
+        break;
+      }
       case Interference::Stop:
         m_station.d2xx.onPoll = [=, this]() mutable {
           if (once(reached(request))) m_station.engine.RequestStop();
@@ -209,10 +222,17 @@ class Bench : private TransportObserver {
     }
   }
 
+  // Nothing is lost: the adapter keeps what arrives until it is read.
+  static bool IsGlitch(const FaultCase& fault) {
+    return fault.interference == Interference::TransferFails ||
+           fault.interference == Interference::EndpointStalls;
+  }
+
   void RemoveInterference() {
     m_station.device.ClearFaults();
     m_station.usb.failSend = m_station.d2xx.failSend = [] { return false; };
     m_station.usb.failReceive = m_station.d2xx.failReceive = [] { return false; };
+    m_station.d2xx.endTransfer = [] { return std::nullopt; };
     m_station.d2xx.onPoll = [] {};
     if (!m_station.device.Connected(SimNow(m_station.platform))) {
       m_station.device.Unplug(SimNow(m_station.platform), 0s);

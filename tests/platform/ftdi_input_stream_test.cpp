@@ -7,6 +7,7 @@
 namespace tavo::test {
 namespace {
 
+using namespace std::chrono_literals;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr std::size_t kPacket = 64;
@@ -18,8 +19,11 @@ struct FakeTransfer : BulkInTransfer {
   int submitted = 0;
   int cancelled = 0;
 
+  int halts = 0;  // cleared
+
   bool Submit() override { return ++submitted > 0 && submits; }
   void Cancel() override { ++cancelled; }
+  void ClearHalt() override { ++halts; }
 };
 
 class FtdiInputStreamTest : public testing::Test {
@@ -37,7 +41,7 @@ class FtdiInputStreamTest : public testing::Test {
       packets.insert(packets.end(), begin, begin + static_cast<std::ptrdiff_t>(count));
       taken += count;
     } while (taken < data.size());
-    m_stream.Ended(true, packets);
+    m_stream.Ended(TransferEnd::Completed, packets);
   }
   Bytes Read(std::size_t capacity) {
     Bytes buffer(capacity);
@@ -62,7 +66,7 @@ TEST_F(FtdiInputStreamTest, DeliversTheDataOfEveryPacketWithoutItsStatus) {
     expected.insert(expected.end(), data.begin(), data.end());
     EXPECT_EQ(m_stream.Waiting(), expected.size());
   }
-  m_stream.Ended(true, Bytes{kModemStatus});  // half a status
+  m_stream.Ended(TransferEnd::Completed, Bytes{kModemStatus});  // half a status
   EXPECT_EQ(Read(100), Bytes(expected.begin(), expected.begin() + 100));
   EXPECT_EQ(Read(1000), Bytes(expected.begin() + 100, expected.end()));
   EXPECT_EQ(Read(1000), Bytes{});
@@ -105,12 +109,50 @@ TEST(FtdiInputStream, FailsWithoutATransferOrWithoutRoomForData) {
   EXPECT_TRUE(stream.Failed());
 }
 
-TEST_F(FtdiInputStreamTest, AFailedTransferEndsIt) {
+TEST_F(FtdiInputStreamTest, SubmitsAgainAfterAPauseWhenATransferHasFailed) {
+  std::chrono::milliseconds now = 5s;
+  int submitted = m_transfer.submitted;
+  for (const TransferEnd end : {TransferEnd::Failed, TransferEnd::Stalled, TransferEnd::Failed}) {
+    m_stream.Ended(end, Bytes{kModemStatus, kLineStatus, 7});
+    EXPECT_EQ(Read(10), Bytes{7}) << "the bytes that came all the same";
+    m_stream.Resume(now);
+    m_stream.Resume(now += FtdiInputStream::kPause - 1ms);
+    EXPECT_FALSE(m_stream.InFlight());
+    m_stream.Resume(now += 1ms);
+    EXPECT_TRUE(m_stream.InFlight());
+    EXPECT_EQ(m_transfer.submitted, ++submitted);
+  }
+  EXPECT_EQ(m_transfer.halts, 1) << "of the stalled endpoint";
+  EXPECT_FALSE(m_stream.Failed());
+}
+
+TEST_F(FtdiInputStreamTest, GivesUpOnALineThatOnlyFails) {
+  std::chrono::milliseconds now = 0s;
+  // Every second time the transfer cannot even be submitted.
+  const auto fails = [&](int times) {
+    for (int failure = 0; failure < times; ++failure) {
+      if (m_stream.InFlight()) m_stream.Ended(TransferEnd::Failed, {});
+      m_transfer.submits = failure % 2 == 0;
+      m_stream.Resume(now);
+      m_stream.Resume(now += FtdiInputStream::kPause);
+    }
+  };
+  fails(FtdiInputStream::kMaxFailures - 1);
+  ASSERT_TRUE(m_stream.InFlight());
   Arrives({1});
-  m_stream.Ended(false, Bytes{});
+  fails(FtdiInputStream::kMaxFailures - 1);
+  EXPECT_TRUE(m_stream.InFlight()) << "a success starts the count anew";
+  fails(2);
   EXPECT_TRUE(m_stream.Failed());
-  EXPECT_EQ(Read(10), Bytes{1}) << "what came before is still delivered";
-  EXPECT_EQ(m_transfer.submitted, 2);
+  EXPECT_EQ(Read(10), Bytes{1}) << "the bytes that came before are still delivered";
+}
+
+TEST_F(FtdiInputStreamTest, ACancelledTransferAndAVanishedDeviceAreFinal) {
+  m_stream.Ended(TransferEnd::Final, {});
+  EXPECT_TRUE(m_stream.Failed());
+  m_stream.Resume(0s);
+  m_stream.Resume(1h);
+  EXPECT_EQ(m_transfer.submitted, 1);
 }
 
 }  // namespace

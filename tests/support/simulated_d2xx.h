@@ -26,6 +26,8 @@ class SimulatedD2xx : public D2xx {
   // What a test may put in the way: true makes the call fail.
   std::function<bool()> failSend = [] { return false; };
   std::function<bool()> failReceive = [] { return false; };
+  // Ends the input transfer in flight in this way, without data.
+  std::function<std::optional<TransferEnd>()> endTransfer = [] { return std::nullopt; };
   // Called at every look for input.
   std::function<void()> onPoll = [] {};
 
@@ -102,6 +104,7 @@ class SimulatedD2xx : public D2xx {
   struct Transfer final : BulkInTransfer {
     bool Submit() override { return true; }
     void Cancel() override {}
+    void ClearHalt() override {}
   };
 
   tavosim::SimTime Now() { return SimNow(m_platform); }
@@ -113,10 +116,15 @@ class SimulatedD2xx : public D2xx {
   }
 
   void Fetch() {
+    m_input->Resume(m_platform.MonotonicNow());
     while (m_input->InFlight()) {
+      if (const auto end = endTransfer()) {
+        m_input->Ended(*end, {});
+        continue;
+      }
       const tavosim::UsbResult result = m_adapter.In(0x81, kTransfer, Now());
       if (result.status != tavosim::UsbStatus::Done) return;
-      m_input->Ended(true, result.data);
+      m_input->Ended(TransferEnd::Completed, result.data);
     }
   }
 
