@@ -12,6 +12,7 @@
 #include "bench/bench_files.h"
 #include "bench/literal_conversion.h"
 #include "miniz.h"
+#include "package/intel_hex_converter.h"
 #include "package/update_file.h"
 #include "simulator/firmware_builder.h"
 

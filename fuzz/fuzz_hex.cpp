@@ -1,7 +1,6 @@
-// Any text: the converter agrees with a literal reading of the format, whether it gets the text whole
-// or in pieces. And once more with checksums that fit, which the fuzzer could hardly guess.
+// Any text: the converter agrees with a literal reading of the format. And once more with checksums
+// that fit, which the fuzzer could hardly guess.
 #include <algorithm>
-#include <span>
 
 #include "fuzz/expect.h"
 #include "fuzz/literal_hex.h"
@@ -42,23 +41,11 @@ std::string WithFittingChecksums(const std::string& text) {
   return fitting;
 }
 
-HexResult ConvertInPieces(CIntelHexConverter& converter, std::span<const std::uint8_t> text,
-                          std::size_t size) {
-  converter.Begin(text.size());
-  for (; text.size() > size; text = text.subspan(size)) converter.Add(text.first(size));
-  converter.Add(text);
-  return converter.Finish();
-}
-
 void Compare(const std::string& text) {
   const std::vector<std::uint8_t> bytes(text.begin(), text.end());
   CIntelHexConverter converter;
   const HexResult result = converter.Convert(bytes);
   const LiteralHex literal = ReadRecords(text);
-  CIntelHexConverter inPieces;
-  const std::size_t pieceSize = text.empty() ? 1 : 1 + bytes.back() * bytes.front() % 800U;
-  Expect(ConvertInPieces(inPieces, bytes, pieceSize) == result, "the result needs no whole text");
-  Expect(inPieces.Data() == converter.Data(), "the data need no whole text");
   Expect(Agree(result, literal.result), "the results agree");
   Expect(converter.StartAddress() == literal.startAddress, "the start addresses agree");
   Expect(converter.Data() == literal.data, "the data agree");

@@ -1,20 +1,20 @@
 #include "package/file_reading.h"
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
-#include <new>
 
 #include "platform/file.h"
+#include "platform/memory.h"
 
 namespace tavo {
 namespace {
 
-// Large enough that a call of the system costs nothing beside the copying, small enough to stay in
-// the processor's cache until the text has been converted.
-constexpr std::size_t kPieceBytes = 64 * 1024;
+// Large enough that the system calls cost nothing beside the copying.
+constexpr std::size_t kPieceBytes = 16 * 1024;
 
-// The number of bytes in the file, which is then at its start again; 0 also for one too
-// long to be read whole.
+// The number of bytes in the file, which is at its start again afterwards; 0 also for a file that is
+// too long.
 std::size_t RewoundSize(std::FILE* file) {
   if (std::fseek(file, 0, SEEK_END) != 0) return 0;
   const long size = std::ftell(file);
@@ -24,38 +24,23 @@ std::size_t RewoundSize(std::FILE* file) {
   return bytes <= kMaxUpdateTextBytes ? bytes : 0;
 }
 
-class Collector : public TextSink {
- public:
-  std::vector<std::uint8_t> bytes;
-
-  void OnBegin(std::size_t size) override { bytes.reserve(size); }
-  void OnBytes(std::span<const std::uint8_t> piece) override {
-    bytes.insert(bytes.end(), piece.begin(), piece.end());
-  }
-};
-
 }  // namespace
 
-void ReadFile(const std::string& path, TextSink& sink) {
+std::vector<std::uint8_t> ReadWholeFile(const std::string& path) {
+  std::vector<std::uint8_t> bytes;
   const FileHandle file = OpenForReading(path);
-  std::size_t left = file == nullptr ? 0 : RewoundSize(file.get());
-  sink.OnBegin(left);
-  std::vector<std::uint8_t> buffer(std::min(left, kPieceBytes));
-  while (left > 0) {
-    const std::size_t wanted = std::min(left, buffer.size());
-    const std::size_t read = std::fread(buffer.data(), 1, wanted, file.get());
-    sink.OnBytes(std::span(buffer).first(read));
-    if (read < wanted) return;
-    left -= read;
+  if (file == nullptr) return bytes;
+  const std::size_t size = RewoundSize(file.get());
+  bytes.reserve(size);
+  WillBeFilled(bytes.data(), size);
+  std::array<std::uint8_t, kPieceBytes> piece;
+  while (bytes.size() < size) {
+    const std::size_t wanted = std::min(size - bytes.size(), piece.size());
+    const std::size_t read = std::fread(piece.data(), 1, wanted, file.get());
+    if (read == 0) break;
+    bytes.insert(bytes.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(read));
   }
-}
-
-std::vector<std::uint8_t> ReadWholeFile(const std::string& path) try {
-  Collector collector;
-  ReadFile(path, collector);
-  return std::move(collector.bytes);
-} catch (const std::bad_alloc&) {
-  return {};
+  return bytes;
 }
 
 }  // namespace tavo

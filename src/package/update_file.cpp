@@ -2,29 +2,40 @@
 
 #include <exception>
 #include <map>
-#include <string_view>
 #include <utility>
+
+#include "package/intel_hex_converter.h"
 
 namespace tavo {
 namespace {
 
 char LowerCase(char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; }
 
-// What stands behind the last '.' of the whole name, folders included; all of a name without one.
+// The part behind the last '.' of the whole name, folders included; all of a name without one.
 std::string LowerCaseExtension(std::string_view name) {
   std::string extension(name.substr(name.rfind('.') + 1));
   for (char& c : extension) c = LowerCase(c);
   return extension;
 }
 
-// Makes an image of every text that it is given.
-class Loader final : public ZipVisitor {
- public:
-  explicit Loader(UpdateFileObserver* observer) : m_observer(observer) {}
+bool IsHexName(std::string_view name) { return KindByName(name) == UpdateFileKind::Hex; }
 
-  void LoadHexFile(const std::string& path) {
-    ReadFile(path, *this);
-    EndText(path);
+// Makes an image of every text.
+class ImageMaker {
+ public:
+  explicit ImageMaker(const MemberVisitor& visit) : m_visit(visit) {}
+
+  void Add(UpdateMember member) {
+    if (member.fate == MemberFate::Unpacked) member.fate = Convert(member);
+    if (m_visit) m_visit(member);
+  }
+
+  // `archive` is its path or its bytes.
+  void AddArchive(const std::string& name, const auto& archive) {
+    const auto add = [this](const UpdateMember& member) { Add(member); };
+    if (!VisitZipMembers(archive, {.wants = IsHexName}, add)) {
+      Add({.name = name, .fate = MemberFate::NoArchive});
+    }
   }
 
   // Afterwards there are none.
@@ -32,41 +43,27 @@ class Loader final : public ZipVisitor {
     std::vector<FirmwareImage> images;
     images.reserve(m_images.size());
     for (auto& [name, image] : m_images) images.push_back(std::move(image));
-    m_images.clear();
     return images;
   }
 
-  void OnNoArchive() override {
-    if (m_observer != nullptr) m_observer->OnNoArchive();
-  }
-
-  bool Wants(const std::string& name) override { return KindByName(name) == UpdateFileKind::Hex; }
-
-  void OnBegin(std::size_t size) override { m_converter.Begin(size); }
-
-  void OnBytes(std::span<const std::uint8_t> piece) override {
-    if (m_observer != nullptr) m_observer->OnText(piece);
-    m_converter.Add(piece);
-  }
-
-  void OnMember(const std::string& name, MemberFate fate, std::string_view detail) override {
-    if (m_observer != nullptr) m_observer->OnMember(name, fate, detail);
-    if (fate == MemberFate::Unpacked) EndText(name);
-  }
-
  private:
-  // Of two texts of one name the later one counts, even if it gives no image.
-  void EndText(const std::string& name) {
-    const HexResult result = m_converter.Finish();
-    if (m_observer != nullptr) m_observer->OnConverted(name, result);
-    m_images.erase(name);
-    if (result != HexResult::Ok) return;
-    const std::uint32_t startAddress = m_converter.StartAddress();
-    m_images[name] = {std::move(m_converter).Data(), startAddress};
+  MemberFate Convert(const UpdateMember& member) {
+    CIntelHexConverter converter;
+    switch (converter.Convert(member.text)) {
+      case HexResult::Ok: {
+        const std::uint32_t startAddress = converter.StartAddress();
+        m_images[member.name] = {std::move(converter).Data(), startAddress};
+        return MemberFate::Unpacked;
+      }
+      case HexResult::OutOfMemory: return MemberFate::TooLarge;
+      case HexResult::ChecksumError:
+      case HexResult::FormatError: break;
+    }
+    m_images.erase(member.name);
+    return MemberFate::NotConverted;
   }
 
-  UpdateFileObserver* m_observer;
-  CIntelHexConverter m_converter;
+  const MemberVisitor& m_visit;
   std::map<std::string, FirmwareImage> m_images;  // in the order of the bytes of the names
 };
 
@@ -78,14 +75,26 @@ UpdateFileKind KindByName(std::string_view name) {
   return extension == "zip" ? UpdateFileKind::Zip : UpdateFileKind::Neither;
 }
 
-std::vector<FirmwareImage> LoadUpdateFile(std::string path, UpdateFileObserver* observer) try {
-  Loader loader(observer);
-  switch (KindByName(path)) {
-    case UpdateFileKind::Hex: loader.LoadHexFile(path); break;
-    case UpdateFileKind::Zip: VisitZipMembers(path, loader); break;
+std::vector<FirmwareImage> MakeImages(const std::string& name, std::span<const std::uint8_t> bytes,
+                                      const MemberVisitor& visit) {
+  ImageMaker maker(visit);
+  switch (KindByName(name)) {
+    case UpdateFileKind::Hex: maker.Add({.name = name, .text = bytes}); break;
+    case UpdateFileKind::Zip: maker.AddArchive(name, bytes); break;
     case UpdateFileKind::Neither: break;
   }
-  return loader.TakeImages();
+  return maker.TakeImages();
+}
+
+// Reads an archive as it unpacks it: its packed bytes need no memory beside text and images.
+std::vector<FirmwareImage> LoadUpdateFile(std::string path) try {
+  if (KindByName(path) != UpdateFileKind::Zip) {
+    return MakeImages(path, IsHexName(path) ? ReadWholeFile(path) : std::vector<std::uint8_t>());
+  }
+  const MemberVisitor nobody;
+  ImageMaker maker(nobody);
+  maker.AddArchive(path, path);
+  return maker.TakeImages();
 } catch (const std::exception&) {
   return {};
 }

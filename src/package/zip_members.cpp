@@ -1,14 +1,13 @@
 #include "package/zip_members.h"
 
 #include <algorithm>
-#include <cstddef>
+#include <cassert>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <new>
-#include <string>
 
 #include "miniz.h"
-#include "package/file_reading.h"
 #include "platform/file.h"
 
 namespace tavo {
@@ -18,8 +17,10 @@ namespace {
 // name of up to 64 KiB, before it has checked that name and field, up to 64 KiB too, lie within the
 // directory. Every block is therefore longer than asked for, and zero there: a field of zeros means
 // nothing, and the check that follows turns the archive down. Once the directory has been read, blocks
-// are what they are asked for: thousands of small members would take their time for the zeros.
+// get no tail: zeroing it would cost thousands of small members their time.
 constexpr std::size_t kZeroTail = 2 * 0x10000;
+
+constexpr mz_uint kFlags = MZ_ZIP_FLAG_DO_NOT_SORT_CENTRAL_DIRECTORY;
 
 // The size of a block of `items` times `itemSize` bytes and its tail; 0 when it is beyond all
 // reason.
@@ -47,40 +48,23 @@ void* AllocatePlainBlock(void*, std::size_t items, std::size_t itemSize) {
   return BlockSize(items, itemSize) == 0 ? nullptr : std::malloc(items * itemSize);
 }
 
-// Hands on what miniz unpacks, up to a bound.
-struct Unpacking {
-  TextSink& sink;
-  std::size_t maxSize;
-  std::size_t size = 0;  // so far
+// Uninitialised, so that memory which a damaged member only claims is never touched.
+struct Unpacked {
+  std::unique_ptr<std::uint8_t[]> bytes;
+  std::size_t size = 0;
 };
-
-// Returns fewer than `size` to stop the unpacking. miniz is C: nothing may be thrown through it.
-std::size_t TakeBytes(void* opaque, mz_uint64 /*offset*/, const void* data, std::size_t size) try {
-  auto& unpacking = *static_cast<Unpacking*>(opaque);
-  if (size > unpacking.maxSize - unpacking.size) return 0;
-  unpacking.sink.OnBytes({static_cast<const std::uint8_t*>(data), size});
-  unpacking.size += size;
-  return size;
-} catch (...) {
-  return 0;
-}
 
 class ZipReader {
  public:
-  explicit ZipReader(const std::string& path) : m_file(OpenForReading(path)) {
-    m_archive.m_pAlloc = AllocateBlock;
-    m_archive.m_pRealloc = ResizeBlock;
-    m_archive.m_pFree = FreeBlock;
-    m_isOpen = m_file != nullptr &&
-               mz_zip_reader_init_cfile(&m_archive, m_file.get(), 0,
-                                        MZ_ZIP_FLAG_DO_NOT_SORT_CENTRAL_DIRECTORY) != 0;
-    m_archive.m_pAlloc = AllocatePlainBlock;
+  explicit ZipReader(std::FILE* file) : ZipReader() {
+    if (file != nullptr) Opened(mz_zip_reader_init_cfile(&m_archive, file, 0, kFlags));
   }
-
+  explicit ZipReader(std::span<const std::uint8_t> archive) : ZipReader() {
+    Opened(mz_zip_reader_init_mem(&m_archive, archive.data(), archive.size(), kFlags));
+  }
   ~ZipReader() {
     if (m_isOpen) mz_zip_reader_end(&m_archive);
   }
-
   ZipReader(const ZipReader&) = delete;
   ZipReader& operator=(const ZipReader&) = delete;
 
@@ -100,27 +84,31 @@ class ZipReader {
     return name;
   }
 
-  // The sink has got the whole member when its fate is Unpacked. If not, it has got what came before
-  // the failure.
-  MemberFate Unpack(mz_uint index, Unpacking& unpacking) {
+  // The size that a member claims to have unpacked; nothing without packed bytes.
+  std::size_t ClaimedSize(mz_uint index) {
     mz_zip_archive_file_stat status;
-    if (mz_zip_reader_file_stat(&m_archive, index, &status) == 0) return MemberFate::Damaged;
-    if (status.m_uncomp_size > unpacking.maxSize) return MemberFate::TooLarge;
-    unpacking.sink.OnBegin(static_cast<std::size_t>(status.m_uncomp_size));
-    if (mz_zip_reader_extract_to_callback(&m_archive, index, TakeBytes, &unpacking, 0) != 0) {
+    if (mz_zip_reader_file_stat(&m_archive, index, &status) == 0 || status.m_comp_size == 0)
+      return 0;
+    return static_cast<std::size_t>(status.m_uncomp_size);
+  }
+
+  MemberFate Unpack(mz_uint index, Unpacked& text) try {
+    text.size = ClaimedSize(index);
+    text.bytes = std::make_unique_for_overwrite<std::uint8_t[]>(text.size);
+    // The unpacker itself leaves unsaid that the packed bytes make no sense.
+    mz_zip_set_last_error(&m_archive, MZ_ZIP_DECOMPRESSION_FAILED);
+    if (mz_zip_reader_extract_to_mem(&m_archive, index, text.bytes.get(), text.size, 0) != 0) {
       return MemberFate::Unpacked;
     }
     switch (mz_zip_peek_last_error(&m_archive)) {
       case MZ_ZIP_UNSUPPORTED_ENCRYPTION: return MemberFate::Encrypted;
       case MZ_ZIP_UNSUPPORTED_METHOD: return MemberFate::UnknownMethod;
-      case MZ_ZIP_ALLOC_FAILED:
-      case MZ_ZIP_WRITE_CALLBACK_FAILED: return MemberFate::TooLarge;
-      case MZ_ZIP_DECOMPRESSION_FAILED:
-      case MZ_ZIP_CRC_CHECK_FAILED:
-        return unpacking.size == status.m_uncomp_size ? MemberFate::BadChecksum
-                                                      : MemberFate::Damaged;
+      case MZ_ZIP_ALLOC_FAILED: return MemberFate::TooLarge;
+      case MZ_ZIP_CRC_CHECK_FAILED: return MemberFate::BadChecksum;
       default: return MemberFate::Damaged;
     }
+  } catch (const std::bad_alloc&) {
+    return MemberFate::TooLarge;  // a smaller member may still fit
   }
 
   std::string_view LastError() {
@@ -128,50 +116,70 @@ class ZipReader {
   }
 
  private:
-  FileHandle m_file;
+  ZipReader() {
+    m_archive.m_pAlloc = AllocateBlock;
+    m_archive.m_pRealloc = ResizeBlock;
+    m_archive.m_pFree = FreeBlock;
+  }
+
+  void Opened(mz_bool isOpen) {
+    m_isOpen = isOpen != 0;
+    m_archive.m_pAlloc = AllocatePlainBlock;
+  }
+
   mz_zip_archive m_archive{};
   bool m_isOpen = false;
 };
 
-// What unpacking an archive may still cost, in bytes. Damaged members are of no use, but take their
-// time: without a bound on it, thousands of members that share the same packed bytes and fail at the
-// end would take hours.
+// Bytes that unpacking an archive may still cost. Damaged members are of no use, but take their time:
+// without a bound on it, thousands of members that share the same packed bytes and fail at the end
+// would take hours.
 struct Budget {
-  std::size_t kept = kMaxUpdateTextBytes;
-  std::size_t unpacked = 2 * kMaxUpdateTextBytes;
+  explicit Budget(std::size_t maxText) : kept(maxText), unpacked(2 * maxText) {}
+  std::size_t kept;
+  std::size_t unpacked;
 };
 
-MemberFate VisitMember(ZipReader& reader, mz_uint index, const std::string& name, Budget& budget,
-                       ZipVisitor& visitor) {
-  if (reader.IsFolder(index)) return MemberFate::Folder;
-  if (!visitor.Wants(name)) return MemberFate::NotWanted;
-  Unpacking unpacking{visitor, std::min(budget.kept, budget.unpacked)};
-  const MemberFate fate = reader.Unpack(index, unpacking);
-  budget.unpacked -= unpacking.size;
-  if (fate == MemberFate::Unpacked) budget.kept -= unpacking.size;
+MemberFate UnpackWithin(Budget& budget, ZipReader& reader, mz_uint index, Unpacked& text) {
+  const std::size_t size = reader.ClaimedSize(index);
+  if (size > std::min(budget.kept, budget.unpacked)) return MemberFate::TooLarge;
+  budget.unpacked -= size;
+  const MemberFate fate = reader.Unpack(index, text);
+  if (fate == MemberFate::Unpacked) budget.kept -= size;
   return fate;
 }
 
-void VisitMember(ZipReader& reader, mz_uint index, Budget& budget, ZipVisitor& visitor) {
-  std::string name;
-  MemberFate fate = MemberFate::TooLarge;
-  try {
-    name = reader.Name(index);
-    fate = VisitMember(reader, index, name, budget, visitor);
-  } catch (const std::bad_alloc&) {
-    // A smaller member may still fit.
+bool VisitMembers(ZipReader& reader, const ZipRules& rules, const MemberVisitor& visit) {
+  Budget budget(rules.maxText);
+  for (mz_uint index = 0; reader.IsOpen() && index < reader.MemberCount(); ++index) {
+    UpdateMember member{.name = reader.Name(index)};
+    Unpacked text;
+    if (reader.IsFolder(index)) {
+      member.fate = MemberFate::Folder;
+    } else if (!rules.wants(member.name)) {
+      member.fate = MemberFate::NotWanted;
+    } else {
+      member.fate = UnpackWithin(budget, reader, index, text);
+    }
+    if (member.fate == MemberFate::Unpacked) member.text = {text.bytes.get(), text.size};
+    if (member.fate == MemberFate::Damaged) member.detail = reader.LastError();
+    visit(member);
   }
-  visitor.OnMember(name, fate, fate == MemberFate::Damaged ? reader.LastError() : "");
+  return reader.IsOpen();
 }
 
 }  // namespace
 
-void VisitZipMembers(const std::string& path, ZipVisitor& visitor) {
-  ZipReader reader(path);
-  if (!reader.IsOpen()) return visitor.OnNoArchive();
-  Budget budget;
-  const mz_uint count = reader.MemberCount();
-  for (mz_uint index = 0; index < count; ++index) VisitMember(reader, index, budget, visitor);
+bool VisitZipMembers(const std::string& path, const ZipRules& rules, const MemberVisitor& visit) {
+  const FileHandle file = OpenForReading(path);
+  ZipReader reader(file.get());
+  return VisitMembers(reader, rules, visit);
+}
+
+bool VisitZipMembers(std::span<const std::uint8_t> archive, const ZipRules& rules,
+                     const MemberVisitor& visit) {
+  ZipReader reader(archive);
+  return VisitMembers(reader, rules, visit);
 }
 
 }  // namespace tavo

@@ -1,7 +1,10 @@
-// Unpacks the members of a ZIP archive, for the update file reader. Nothing is ever written, and no
-// member is in memory as a whole: who visits the archive gets the bytes as they are unpacked.
+// Unpacks the members of a ZIP archive, one at a time, for the update file reader. It never writes.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -15,30 +18,35 @@ enum class MemberFate {
   NotWanted,
   Encrypted,
   UnknownMethod,  // packed in a way that cannot be unpacked
-  TooLarge,       // for the memory, or for what is left of the whole archive's share
-  BadChecksum,    // all bytes are there, but not those that were packed
+  TooLarge,       // for the memory, or for what is left of the archive's share
+  BadChecksum,    // all bytes were unpacked, but they are not the ones that were packed
   Damaged,
+  NotConverted,  // unpacked, but not Intel HEX
+  NoArchive,     // the whole file, which should be an archive
 };
 
-// Whom the archive is read for. Names are as stored but with every backslash turned into '/'.
-class ZipVisitor : public TextSink {
- public:
-  // The archive cannot be opened, and no member follows.
-  virtual void OnNoArchive() = 0;
-
-  // Whether a member is to be unpacked; one that is not costs nothing. Not asked for folders.
-  virtual bool Wants(const std::string& name) = 0;
-
-  // For every member, in the order of the archive's directory, behind the bytes of those that are
-  // unpacked. Only with Unpacked they are all there and undamaged. `detail` is the unpacker's own
-  // word on a damaged member and empty for the others.
-  virtual void OnMember(const std::string& name, MemberFate fate, std::string_view detail) = 0;
+struct UpdateMember {
+  std::string name;  // as stored, but with '/' for every backslash
+  MemberFate fate = MemberFate::Unpacked;
+  std::string_view detail{};             // the unpacker's own word on a damaged member
+  std::span<const std::uint8_t> text{};  // of an unpacked member
 };
 
-// Left out are folders, members that are encrypted, packed by an unknown method or damaged, and
-// those that do not fit into what is left of kMaxUpdateTextBytes for the whole archive; unpacking
-// stops there, whatever size the archive claims. A member is too large, too, when the visitor has no
-// memory for its bytes. Throws nothing but what the visitor throws, except in OnBytes.
-void VisitZipMembers(const std::string& path, ZipVisitor& visitor);
+// Sees each member in turn; the text is gone when the call returns.
+using MemberVisitor = std::function<void(const UpdateMember&)>;
+
+struct ZipRules {
+  // Whether a member is unpacked; one that is not costs nothing. Not asked for folders.
+  bool (*wants)(std::string_view name);
+  // Of all unpacked members together. A member that does not fit into the rest is left out, whatever
+  // size it claims, and so are all once damaged ones have cost as much again.
+  std::size_t maxText = kMaxUpdateTextBytes;
+};
+
+// Visits all members in the order of the archive's directory. False when the archive cannot be opened;
+// then there are none. Throws std::bad_alloc and what the visitor throws.
+bool VisitZipMembers(const std::string& path, const ZipRules& rules, const MemberVisitor& visit);
+bool VisitZipMembers(std::span<const std::uint8_t> archive, const ZipRules& rules,
+                     const MemberVisitor& visit);
 
 }  // namespace tavo

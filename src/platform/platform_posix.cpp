@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -7,6 +8,7 @@
 #include <thread>
 #include <utility>
 
+#include "platform/memory.h"
 #include "platform/platform.h"
 #include "platform/undying.h"
 
@@ -111,6 +113,15 @@ class PosixPlatform final : public Platform {
 Platform& SystemPlatform() {
   static Undying<PosixPlatform> platform;
   return platform.object;
+}
+
+void WillBeFilled(void* block, std::size_t bytes) {
+  const auto page = static_cast<std::uintptr_t>(sysconf(_SC_PAGESIZE));
+  const std::uintptr_t begin = reinterpret_cast<std::uintptr_t>(block);
+  const std::uintptr_t firstPage = (begin + page - 1) / page * page;
+  if (firstPage - begin >= bytes) return;
+  // Only advice: a system without large pages refuses it.
+  madvise(reinterpret_cast<void*>(firstPage), bytes - (firstPage - begin), MADV_HUGEPAGE);
 }
 
 FileHandle OpenForReading(const std::string& path) {

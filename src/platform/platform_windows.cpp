@@ -6,6 +6,7 @@
 #include <optional>
 
 #include "platform/dynamic_library.h"
+#include "platform/memory.h"
 #include "platform/platform.h"
 #include "platform/undying.h"
 
@@ -125,6 +126,9 @@ Platform& SystemPlatform() {
   static Undying<WindowsPlatform> platform;
   return platform.object;
 }
+
+// Large pages are a privilege that has to be granted here.
+void WillBeFilled(void* /*block*/, std::size_t /*bytes*/) {}
 
 FileHandle OpenForReading(const std::string& path) {
   const HANDLE handle = CreateFileW(SystemPath(path).c_str(), GENERIC_READ,

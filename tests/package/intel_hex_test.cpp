@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -18,15 +17,6 @@ using Bytes = std::vector<std::uint8_t>;
 Bytes TextBytes(std::string_view text) { return Bytes(text.begin(), text.end()); }
 
 const std::string kEnd = ":00000001FF\n";
-
-// Hands the text over in pieces of `size` bytes, each in a block of its own.
-HexResult ConvertInPieces(CIntelHexConverter& converter, std::string_view text, std::size_t size) {
-  converter.Begin(text.size());
-  for (; !text.empty(); text.remove_prefix(std::min(size, text.size()))) {
-    converter.Add(TextBytes(text.substr(0, size)));
-  }
-  return converter.Finish();
-}
 
 struct GoodText {
   const char* what;
@@ -109,28 +99,6 @@ TEST(IntelHex, RejectsWholeTextForOneBadRecord) {
     EXPECT_EQ(converter.Convert(TextBytes(":0100000042BD\n" + bad.text)), bad.result);
     EXPECT_EQ(converter.StartAddress(), CIntelHexConverter::kNoAddress);
     EXPECT_TRUE(converter.Data().empty());
-  }
-}
-
-// With the records of longest and shortest text, and with comments longer than any record.
-TEST(IntelHex, ResultDoesNotDependOnHowTheTextIsCut) {
-  const tavosim::Firmware firmware = tavosim::BuildFirmware(
-      {.startAddress = 0xFF80, .size = 0x300, .fill = tavosim::FirmwareFill::NoBlank});
-  const std::string good = tavosim::HexText(firmware, 255, "\r\n");
-  const std::string shortRecords = tavosim::HexText(firmware, 1, "\n");
-  const std::string commented = tavosim::HexText(firmware, 16, "\r" + std::string(600, ':') + "\n");
-  for (const std::string& text : {good, shortRecords, commented}) {
-    for (const std::size_t size : {1u, 2u, 7u, 45u, 535u, 536u, 537u, 700u}) {
-      SCOPED_TRACE(size);
-      CIntelHexConverter converter;
-      EXPECT_EQ(ConvertInPieces(converter, text, size), HexResult::Ok);
-      EXPECT_EQ(converter.StartAddress(), firmware.startAddress);
-      EXPECT_EQ(converter.Data(), firmware.data);
-      EXPECT_EQ(ConvertInPieces(converter, text.substr(0, text.find('\n') + 3), size),
-                HexResult::FormatError);
-      EXPECT_EQ(ConvertInPieces(converter, ":" + std::string(536, '0') + text, size),
-                HexResult::FormatError);
-    }
   }
 }
 

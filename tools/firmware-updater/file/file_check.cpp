@@ -6,7 +6,6 @@
 #include <string_view>
 #include <system_error>
 
-#include "package/file_reading.h"
 #include "package/update_file.h"
 #include "platform/file.h"
 #include "text/text_format.h"
@@ -63,11 +62,9 @@ constexpr std::array kLookalikes{
 
 constexpr std::string_view kRightFile = "give a .hex file, or a .zip archive of .hex files";
 
-std::string Head(const std::string& path) {
-  std::string head(kHeadBytes, '\0');
-  const FileHandle file = OpenForReading(path);
-  head.resize(file == nullptr ? 0 : std::fread(head.data(), 1, head.size(), file.get()));
-  return head;
+std::string Head(std::span<const std::uint8_t> bytes) {
+  const auto head = bytes.first(std::min(bytes.size(), kHeadBytes));
+  return {head.begin(), head.end()};
 }
 
 const Lookalike* Recognise(std::string head) {
@@ -125,18 +122,18 @@ FileProblem CheckReadable(const std::string& path, std::uintmax_t maxBytes) {
           "check that it is the right file"};
 }
 
-FileProblem CheckUpdateFile(const std::string& path) {
+FileProblem CheckUpdateFile(const std::string& path, std::span<const std::uint8_t> bytes) {
+  const std::string head = Head(bytes);
   switch (KindByName(path)) {
     case UpdateFileKind::Zip: return {};
-    case UpdateFileKind::Neither: return WrongExtension(Head(path));
+    case UpdateFileKind::Neither: return WrongExtension(head);
     case UpdateFileKind::Hex: break;
   }
-  const std::string head = Head(path);
   return head.starts_with(':') ? FileProblem{} : NotA("Intel HEX", head);
 }
 
-FileProblem ExplainNoArchive(const std::string& path) {
-  const std::string head = Head(path);
+FileProblem ExplainNoArchive(std::span<const std::uint8_t> bytes) {
+  const std::string head = Head(bytes);
   if (head.starts_with("PK")) {
     return {"the archive is damaged or cut off", "ask for the file again"};
   }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <span>
 #include <string>
 
 namespace tavo::tool {
@@ -19,11 +20,11 @@ struct FileProblem {
 // Whether there is an ordinary file at `path` that may be read, of at most `maxBytes` bytes.
 FileProblem CheckReadable(const std::string& path, std::uintmax_t maxBytes);
 
-// Whether a readable file could be Intel HEX text or an archive, as its extension says. An archive
-// that begins with something else is not judged: ExplainNoArchive tells more when it cannot be opened.
-FileProblem CheckUpdateFile(const std::string& path);
+// Whether a file could be Intel HEX text or an archive, as the extension of its path says. A file named
+// like an archive always could: ExplainNoArchive judges one that cannot be opened.
+FileProblem CheckUpdateFile(const std::string& path, std::span<const std::uint8_t> bytes);
 
-// What a file that is no archive, although it should be one, looks like.
-FileProblem ExplainNoArchive(const std::string& path);
+// What a file that should be an archive and is none looks like instead.
+FileProblem ExplainNoArchive(std::span<const std::uint8_t> bytes);
 
 }  // namespace tavo::tool

@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 #include <iterator>
-#include <limits>
 #include <map>
-#include <new>
 #include <set>
 #include <span>
 
@@ -46,88 +45,72 @@ constexpr std::array kFates{
     FateRow{MemberFate::Encrypted, Verdict::Unsupported, "it is encrypted"},
     FateRow{MemberFate::UnknownMethod, Verdict::Unsupported, "it is packed in an unknown way"},
     FateRow{MemberFate::TooLarge, Verdict::TooLarge, "it is too large"},
-    FateRow{MemberFate::BadChecksum, Verdict::Damaged, "it is damaged: its CRC-32 does not fit"},
+    FateRow{MemberFate::BadChecksum, Verdict::Damaged, "it is damaged: its CRC-32 does not match"},
     FateRow{MemberFate::Damaged, Verdict::Damaged, "it is damaged"},
+    FateRow{MemberFate::NotConverted, Verdict::NotConverted, ""},  // the survey has the reason
 };
 
-std::string Reason(const FateRow& row, const std::string& name, std::string_view detail) {
-  std::string reason(row.reason);
-  if (row.fate == MemberFate::NotWanted && KindByName(name) == UpdateFileKind::Zip) {
-    reason = "it is an archive in the archive, which is not opened";
-  }
-  return detail.empty() ? reason : reason + ": " + std::string(detail);
-}
-
-class Collector : public UpdateFileObserver {
+// Reports the members as they are read.
+class Collector {
  public:
   explicit Collector(PackageReport& report) : m_report(report) {}
 
   bool IsNoArchive() const { return m_isNoArchive; }
+
+  void Add(const UpdateMember& member) {
+    m_isNoArchive = member.fate == MemberFate::NoArchive;
+    if (m_isNoArchive) return;
+    MemberReport report = Judge(member);
+    if (member.fate == MemberFate::Unpacked || member.fate == MemberFate::NotConverted) {
+      Survey(member, report);
+    }
+    m_report.members.push_back(std::move(report));
+  }
 
   // When all has been read: numbers the images. Returns how many there are.
   std::size_t NumberImages() {
     std::size_t images = 0;
     for (const auto& [name, index] : m_texts) {
       MemberReport& member = m_report.members[index];
-      if (member.image) member.image = images++;
+      if (member.verdict == Verdict::Used) member.image = images++;
     }
     return images;
   }
 
-  void OnNoArchive() override { m_isNoArchive = true; }
-
-  void OnText(std::span<const std::uint8_t> piece) override {
-    m_text.insert(m_text.end(), piece.begin(), piece.end());
+ private:
+  static MemberReport Judge(const UpdateMember& member) {
+    const auto& row = *std::ranges::find(kFates, member.fate, &FateRow::fate);
+    MemberReport report{
+        .name = member.name, .verdict = row.verdict, .reason = std::string(row.reason)};
+    if (row.fate == MemberFate::NotWanted && KindByName(member.name) == UpdateFileKind::Zip) {
+      report.reason = "it is an archive in the archive, which is not opened";
+    }
+    if (!member.detail.empty()) report.reason += ": " + std::string(member.detail);
+    return report;
   }
 
-  void OnMember(const std::string& name, MemberFate fate, std::string_view detail) override {
-    const auto& row = *std::find_if(kFates.begin(), kFates.end(),
-                                    [fate](const FateRow& r) { return r.fate == fate; });
-    const std::size_t index = AddMember(name);
-    m_report.members[index].verdict = row.verdict;
-    m_report.members[index].reason = Reason(row, name, detail);
-    if (fate != MemberFate::Unpacked) return m_text.clear();
-    const auto [place, isFirst] = m_texts.try_emplace(name, index);
+  void Survey(const UpdateMember& member, MemberReport& report) {
+    Replace(member.name, report);
+    HexSurvey survey = SurveyHex(member.text);
+    std::ranges::move(survey.warnings, std::back_inserter(report.warnings));
+    if (!survey.fault) return;
+    report.line = survey.fault->line;
+    report.column = survey.fault->column;
+    report.reason =
+        Format("line %zu, column %zu: ", report.line, report.column) + survey.fault->text;
+  }
+
+  // The member about to be added takes the place of an earlier text of that name.
+  void Replace(const std::string& name, MemberReport& report) {
+    const auto [place, isFirst] = m_texts.try_emplace(name, m_report.members.size());
     if (isFirst) return;
     m_report.members[place->second] = {
         .name = name, .verdict = Verdict::Replaced, .reason = "a later member has the same name"};
-    m_report.members[index].warnings.push_back("it replaces an earlier member of the same name");
-    place->second = index;
-  }
-
-  void OnConverted(const std::string& name, HexResult result) override {
-    const auto [place, isSingleFile] = m_texts.try_emplace(name, m_report.members.size());
-    MemberReport& member = m_report.members[isSingleFile ? AddMember(name) : place->second];
-    const std::vector<std::uint8_t> text = std::exchange(m_text, {});
-    if (result == HexResult::OutOfMemory) {
-      member.verdict = Verdict::TooLarge;
-      member.reason = "it does not fit into memory";
-      return;
-    }
-    HexSurvey survey = SurveyHex(text);
-    std::ranges::move(survey.warnings, std::back_inserter(member.warnings));
-    if (result == HexResult::Ok) {
-      member.image = 0;  // which one is known at the end
-    } else {
-      Leave(member, survey.fault.value_or(HexFault{}));
-    }
-  }
-
- private:
-  std::size_t AddMember(const std::string& name) {
-    m_report.members.push_back({.name = name});
-    return m_report.members.size() - 1;
-  }
-
-  static void Leave(MemberReport& member, const HexFault& fault) {
-    member.verdict = Verdict::NotConverted;
-    member.line = fault.line;
-    member.column = fault.column;
-    member.reason = Format("line %zu, column %zu: ", fault.line, fault.column) + fault.text;
+    report.warnings.push_back("it replaces an earlier member of the same name");
+    place->second = m_report.members.size();
   }
 
   PackageReport& m_report;
-  std::vector<std::uint8_t> m_text{};            // of the HEX file that is being read
   std::map<std::string, std::size_t> m_texts{};  // index of the last member of a name
   bool m_isNoArchive = false;
 };
@@ -354,11 +337,13 @@ void Refuse(PackageReport& report, const FileProblem& problem) {
   report.hint = problem.hint;
 }
 
-void ReadImages(PackageReport& report) {
+void ReadImages(PackageReport& report, std::span<const std::uint8_t> bytes) {
   Collector collector(report);
-  std::vector<FirmwareImage> images = LoadUpdateFile(report.path, &collector);
-  if (collector.IsNoArchive()) return Refuse(report, ExplainNoArchive(report.path));
-  if (images.size() != collector.NumberImages()) throw std::bad_alloc();
+  std::vector<FirmwareImage> images =
+      MakeImages(report.path, bytes, [&](const UpdateMember& member) { collector.Add(member); });
+  if (collector.IsNoArchive()) return Refuse(report, ExplainNoArchive(bytes));
+  [[maybe_unused]] const std::size_t numbered = collector.NumberImages();
+  assert(images.size() == numbered);
   for (FirmwareImage& image : images) report.images.push_back(Describe(std::move(image)));
   for (const MemberReport& member : report.members) {
     if (member.image) report.images[*member.image].member = member.name;
@@ -375,16 +360,19 @@ std::string_view VerdictName(Verdict verdict) {
 }
 
 PackageReport ReportOn(const std::string& path) {
+  const FileProblem problem = CheckReadable(path, kMaxUpdateTextBytes);
+  if (!problem.Exists()) return ReportOn(path, ReadWholeFile(path));
   PackageReport report{.path = path, .kind = KindByName(path)};
-  // An archive may be longer than what is taken out of it.
-  const bool isArchive = report.kind == UpdateFileKind::Zip;
-  FileProblem problem = CheckReadable(
-      path, isArchive ? std::numeric_limits<std::uintmax_t>::max() : kMaxUpdateTextBytes);
-  if (!problem.Exists()) problem = CheckUpdateFile(path);
-  if (problem.Exists()) {
+  Refuse(report, problem);
+  return report;
+}
+
+PackageReport ReportOn(const std::string& path, std::span<const std::uint8_t> bytes) {
+  PackageReport report{.path = path, .kind = KindByName(path)};
+  if (const FileProblem problem = CheckUpdateFile(path, bytes); problem.Exists()) {
     Refuse(report, problem);
   } else {
-    ReadImages(report);
+    ReadImages(report, bytes);
   }
   return report;
 }

@@ -12,6 +12,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -88,7 +89,9 @@ struct PackageReport {
   bool CouldBeWritten() const { return problem.empty(); }
 };
 
-// Throws std::bad_alloc when the report does not fit into memory, nothing else.
+// Both throw std::bad_alloc when file and report do not fit into memory, nothing else.
 PackageReport ReportOn(const std::string& path);
+// The same for a file whose bytes have been read already.
+PackageReport ReportOn(const std::string& path, std::span<const std::uint8_t> bytes);
 
 }  // namespace tavo::tool
