@@ -15,7 +15,7 @@
 #include "package/file_reading.h"
 #include "simulator/device.h"
 #include "simulator/firmware_builder.h"
-#include "simulator/simulator_program.h"
+#include "simulator/served_device.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {

@@ -21,7 +21,7 @@
 #include "commands/commands.h"
 #include "device/target.h"
 #include "platform/platform.h"
-#include "simulator/simulator_program.h"
+#include "simulator/served_device.h"
 
 namespace tavo::tool {
 namespace {

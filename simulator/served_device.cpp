@@ -1,4 +1,4 @@
-#include "simulator/simulator_program.h"
+#include "simulator/served_device.h"
 
 #include <sys/signalfd.h>
 
