@@ -8,9 +8,9 @@
 namespace tavosim {
 
 const std::string_view kFaultSyntax =
-    "WHAT:[id=ID:]WHICH[:HOW]\n"
-    "  WHICH  5 = the 5th request, 5+ = the 5th and all later ones, * = every one;\n"
-    "         with id=0x134: only requests with that id are counted\n"
+    "Faults, each KIND:[id=ID:]WHICH[:HOW]:\n"
+    "  WHICH                  5 = the 5th request, 5+ = the 5th and all later ones, * = every one\n"
+    "  id=ID                  count only the requests with this id: lose:id=0x134:5\n"
     "  lose:5                 the answer is lost\n"
     "  delay:5:1500ms         the answer comes later (us, ms or s)\n"
     "  damage:5:2.7           bit 7 of byte 2 of the answer is flipped; damage:5 flips any bit\n"
@@ -21,8 +21,8 @@ const std::string_view kFaultSyntax =
     "  before:5:A3FF00        these bytes come before the answer\n"
     "  after:5:A3FF00         these bytes come after the answer\n"
     "  withhold:5             the answer comes when the next request arrives\n"
-    "  powercut:5             the device restarts instead of acting on the request;\n"
-    "  powercut:5:bootloader  it comes up in its bootloader\n"
+    "  powercut:5             the device restarts instead of acting on the request\n"
+    "  powercut:5:bootloader  the same, and it comes up in its bootloader\n"
     "  unplug:5[:2s]          the cable is pulled, and plugged in again after a time\n";
 
 namespace {

@@ -50,7 +50,7 @@ struct Fault {
   bool intoBootloader = false;        // PowerCut: even with an intact application
 };
 
-// The syntax of ParseFault, for a help text.
+// The syntax of ParseFault, as a paragraph of a help text.
 extern const std::string_view kFaultSyntax;
 
 // Either a fault, or a text that says what to write instead.

@@ -1,17 +1,14 @@
-// The simulator as a program: its command line, and a device with everything that this asks for
-// behind a USB/IP server. Two programs are made from it, the simulator itself and the host tool's
-// command of that name. Linux only, as the server is.
+// A simulated device with everything that a user asked for, behind a USB/IP server. Linux only, as
+// the server is.
 //
 //   SimulatorArguments arguments;
-//   AddSimulatorOptions(app, arguments);
-//   app.parse(argc, argv);
+//   arguments.family = "drive";
 //   const usbip::Socket end = EndSignal();
-//   SimulatorProgram program(arguments, std::cerr);
-//   std::cout << program.Port();
-//   program.Run(end.Fd());
+//   ServedDevice device(arguments, std::cerr);
+//   std::cout << device.Port();
+//   device.Run(end.Fd());
 #pragma once
 
-#include <CLI/CLI.hpp>
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
@@ -27,61 +24,61 @@
 
 namespace tavosim {
 
-// As the help text describes them.
+// The texts have passed the functions below.
 struct SimulatorArguments {
-  std::string family = "plain";
-  bool usb = true;
-  bool ftdi = false;
-  std::string busId = "1-1";
+  std::string family = "plain";  // FamilyCalled
+  bool ftdi = false;             // behind an FTDI adapter instead of its own USB function
+  std::string busId = "1-1";     // usbip::ParseBusId
   std::optional<std::string> serial{};
   std::optional<std::string> description{};
-  std::uint16_t listen = 0;
+  std::uint32_t listen = 0;  // TCP port, 0 = any free one
   std::string portFile{};
   bool kernelDriver = false;
   std::optional<std::uint32_t> baud{};
-  std::optional<std::uint16_t> latencyMs{};
+  std::optional<std::uint32_t> latencyMs{};
   bool echo = false;
   std::optional<std::uint32_t> processor{};
-  std::optional<std::uint16_t> hardwareId{};
-  std::optional<std::uint16_t> deviceId{};
-  std::optional<std::uint16_t> softwareId{};
-  std::optional<std::uint16_t> bootloaderVersion{};
-  std::optional<std::uint16_t> blockSize{};
-  std::string start = "application";
-  std::vector<std::uint16_t> openTunnel{};
-  std::string writeAddress = "stays";
-  std::vector<std::string> modules{};
+  std::optional<std::uint32_t> hardwareId{};
+  std::optional<std::uint32_t> deviceId{};
+  std::optional<std::uint32_t> softwareId{};
+  std::optional<std::uint32_t> bootloaderVersion{};
+  std::optional<std::uint32_t> blockSize{};
+  std::string start = "application";   // or "bootloader" or "erased"
+  std::string openTunnel{};            // ParseTunnel
+  std::string writeAddress = "stays";  // or "advances"
+  std::string modules{};               // ParseModules
   bool noCloseAnswer = false;
   bool leaveAnswer = false;
-  std::string deviceIdAnswers = "both";
+  std::string deviceIdAnswers = "both";  // or "admin" or "neither"
   double answerDelayMs = 1;
   double eraseTimeMs = 100;
   double blockTimeMs = 1;
   double applicationTimeMs = 0;
   double bootloaderTimeMs = 0;
   std::uint32_t seed = 1;
-  std::vector<std::string> faults{};
+  std::vector<std::string> faults{};  // ParseFault
   std::string state{};
 };
 
-// The option that names a device family.
-CLI::Option* AddFamilyOption(CLI::App& app, std::string& to, const std::string& description);
-
-// By name or by numbers, "8.2.14"; null when there is no such family.
+// By name or by numbers, "8.2.14"; null when no family goes by it.
 const Family* FamilyCalled(const std::string& text);
+// "8.2.14": the first three of the four numbers in the hardware id.
+std::string NumbersOf(const Family& family);
 
-// `arguments` must outlive the parsing.
-void AddSimulatorOptions(CLI::App& app, SimulatorArguments& arguments);
+// "4,1" is master 4, slave 1; none for anything else.
+std::optional<std::uint16_t> ParseTunnel(const std::string& text);
+// The codes of "ABC,XYZ", three capital letters each; none for anything else.
+std::optional<std::vector<std::uint16_t>> ParseModules(const std::string& text);
 
-class SimulatorProgram {
+class ServedDevice {
  public:
-  // Takes up the device's state, listens and writes the port file. Throws std::exception with a
-  // text for the user when one of these fails. `messages`, which must outlive the program, gets a
+  // Restores the device's state, listens and writes the port file. Throws std::exception with a
+  // text for the user when one of these fails. `messages`, which must outlive the object, gets a
   // line for each peer that broke the protocol.
-  SimulatorProgram(const SimulatorArguments& arguments, std::ostream& messages);
+  ServedDevice(const SimulatorArguments& arguments, std::ostream& messages);
 
-  SimulatorProgram(const SimulatorProgram&) = delete;
-  SimulatorProgram& operator=(const SimulatorProgram&) = delete;
+  ServedDevice(const ServedDevice&) = delete;
+  ServedDevice& operator=(const ServedDevice&) = delete;
 
   std::uint16_t Port() const { return m_server.Port(); }
 
@@ -98,8 +95,8 @@ class SimulatorProgram {
   usbip::Server m_server;
 };
 
-// Becomes readable when the program is asked to end (SIGINT, SIGTERM), which then no longer ends it
-// by itself.
+// Becomes readable when the process is asked to end (SIGINT, SIGTERM); these signals then no longer
+// end it by themselves.
 usbip::Socket EndSignal();
 
 }  // namespace tavosim

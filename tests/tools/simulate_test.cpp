@@ -77,8 +77,12 @@ TEST_F(SimulateTest, WithoutTheSubstituteItServesButRunsNoCommand) {
 
 TEST_F(SimulateTest, MistakesAreExplained) {
   EXPECT_EQ(Run({"--family", "8.9.9", "--", "true"}), 2);
-  EXPECT_TRUE(Says("there is no family \"8.9.9\"")) << output;
+  EXPECT_TRUE(Says("unknown family \"8.9.9\"")) << output;
   EXPECT_TRUE(Says("gateway   8.2.14  behind a tunnel")) << output;
+  EXPECT_EQ(Run({"--open-tunnel", "4,256", "--", "true"}), 2);
+  EXPECT_TRUE(Says("\"4,256\" is not a tunnel")) << output;
+  EXPECT_EQ(Run({"--modules", "ABC,XY", "--", "true"}), 2);
+  EXPECT_TRUE(Says("\"ABC,XY\" names no modules")) << output;
   EXPECT_EQ(Run({"--", "no-such-program"}), 2);
   EXPECT_TRUE(Says("no-such-program: No such file or directory\nhint: ")) << output;
   EXPECT_EQ(Run({"--state", "/proc/nowhere", "--", "true"}), 2);

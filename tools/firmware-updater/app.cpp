@@ -3,6 +3,7 @@
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <exception>
+#include <memory>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -32,8 +33,35 @@ std::string Footer() {
     footer += "  " + std::to_string(static_cast<int>(row.code)) + "  ";
     footer += std::string(row.meaning) + "\n";
   }
-  return footer + "\nEach command tells more: firmware-updater COMMAND --help";
+  return footer + "\nOptions of a command: firmware-updater COMMAND --help";
 }
+
+// The word that stands for a value: "FILE"; "{a,b}" where there is a choice.
+std::string ValueName(const std::string& type) {
+  const std::size_t choices = type.find('{');
+  if (choices != std::string::npos) return type.substr(choices);
+  const std::string name = type.substr(0, type.find(':'));
+  return name == "INT" || name == "UINT" || name == "FLOAT" ? "N" : name;
+}
+
+// The parser's own puts types, checks and other options between an option and its description.
+class HelpFormat : public CLI::Formatter {
+ public:
+  std::string make_option_opts(const CLI::Option* option) const override {
+    const bool hasValue = option->get_items_expected_max() > 0 && !option->get_positional();
+    const std::string value = hasValue ? ValueName(option->get_type_name()) : "";
+    return (value.empty() ? "" : " " + value) +
+           (option->get_items_expected_max() > 1 ? " ..." : "");
+  }
+  std::string make_option_desc(const CLI::Option* option) const override {
+    std::string text = option->get_description();
+    if (option->get_required() && !option->get_positional()) text += " (required)";
+    for (const CLI::Option* other : option->get_needs())
+      text += " (with " + other->get_name() + ")";
+    if (!option->get_default_str().empty()) text += " [" + option->get_default_str() + "]";
+    return text;
+  }
+};
 
 // The innermost command that the arguments have named; the app itself when they named none.
 const CLI::App& Chosen(const CLI::App& app) {
@@ -116,6 +144,10 @@ ExitCode WithOutput(ExitCode exit, const Machine& machine) {
 }  // namespace
 
 void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
+  const auto format = std::make_shared<HelpFormat>();
+  format->label("Positionals", "Arguments");
+  format->label("SUBCOMMAND", "COMMAND");
+  app.formatter(format);
   app.set_version_flag("--version", kVersion, "Print the version and exit");
   app.require_subcommand(1);
   app.footer(Footer());

@@ -10,6 +10,7 @@
 #include <stdexcept>
 
 #include "commands/commands.h"
+#include "commands/simulator_options.h"
 #include "file/file_check.h"
 #include "file/package_report.h"
 #include "package/file_reading.h"
@@ -31,13 +32,13 @@ constexpr std::uintmax_t kMaxBinaryBytes = 0xFF0000;  // as far as stored addres
 struct Options {
   std::string binary{};
   std::uint32_t address = 0;
-  std::optional<std::size_t> size{};
-  std::optional<unsigned> adbType{};
+  std::optional<std::uint32_t> size{};
+  std::optional<std::uint32_t> adbType{};
   std::string hardwareId{};
-  std::uint16_t mcuId = 0;
+  std::uint32_t mcuId = 0;
   std::vector<std::string> entries{};
   std::string family{};
-  std::uint64_t seed = 1;
+  std::uint32_t seed = 1;
   std::vector<std::string> members{};
   std::string output{};
   std::string raw{};
@@ -141,7 +142,7 @@ FirmwareRecipe RecipeFromOptions(const Options& options, std::vector<std::uint8_
   FirmwareRecipe recipe;
   recipe.startAddress = options.address;
   recipe.adbType = static_cast<std::uint8_t>(*options.adbType);
-  recipe.mcuId = options.mcuId;
+  recipe.mcuId = static_cast<std::uint16_t>(options.mcuId);
   if (!options.hardwareId.empty()) recipe.hardwareId = ParseHardwareId(options.hardwareId);
   for (const std::string& entry : options.entries) recipe.entries.push_back(ParseEntry(entry));
   recipe.size = content.size();  // for the width of the addresses, on which the rest depends
@@ -305,64 +306,66 @@ ExitCode RunPack(const Machine& machine, const Options& options) try {
   return ExitCode::Usage;
 }
 
-// What is told of a raw binary means nothing without one.
-void AddImageOptions(CLI::App& command, Options& options) {
-  CLI::Option* const image =
-      command.add_option("--image", options.binary, "Raw binary to make an image of")
-          ->type_name("FILE");
-  CLI::Option* const address =
-      command.add_option("--address", options.address, "Device address of its first byte");
-  image->needs(address);
-  CLI::Option* const described[] = {
-      address,
-      command.add_option("--size", options.size,
-                         "Bytes of the image, filled up with 0xFF [next whole KiB]"),
-      command
-          .add_option("--adb-type", options.adbType,
-                      "Descriptor block to add, 1 to 7; without it the binary has its own")
-          ->check(CLI::Range(1, 7)),
-      command.add_option("--hardware-id", options.hardwareId, "As 0x8410 or as 8.4.1.0"),
-      command.add_option("--mcu-id", options.mcuId, "Kind of processor, 0x100 for example"),
-      command
-          .add_option(
-              "--entry", options.entries,
-              "DEVICE=HARDWARE[,HARDWARE...], for ADB types 5 and 7; repeat it for each device")
-          ->allow_extra_args(false)};
-  for (CLI::Option* const option : described) option->needs(image);
+// All the others describe the raw binary.
+void AddImageOptions(CommandOptions& command, Options& options) {
+  Option image =
+      command.Value("--image", options.binary, "Raw binary to make an image of").Shown("FILE");
+  const Option address =
+      command.Value("--address", options.address, "Device address of its first byte").Needs(image);
+  image.Needs(address);
+  command
+      .Value("--size", options.size,
+             "Size of the image in bytes, padded with 0xFF (default: the next whole KiB)")
+      .Needs(image);
+  command
+      .Value("--adb-type", options.adbType,
+             "Type of the descriptor block to add; without it, the binary brings its own")
+      .Between(1U, 7U)
+      .Needs(image);
+  command.Value("--hardware-id", options.hardwareId, "Hardware id, as 0x8410 or as 8.4.1.0")
+      .Shown("ID")
+      .Needs(image);
+  command.Value("--mcu-id", options.mcuId, "Kind of processor, for example 0x100")
+      .Between(0U, 0xFFFFU)
+      .Needs(image);
+  command
+      .Values("--entry", options.entries,
+              "DEVICE=HARDWARE[,HARDWARE...], one for each device; ADB types 5 and 7")
+      .Shown("ENTRY")
+      .Needs(image);
 }
 
 constexpr const char* kExamples =
     "Examples:\n"
     "  firmware-updater pack --image app.bin --address 0x4000 --size 16384 \\\n"
-    "      --adb-type 6 --hardware-id 8.4.1.0 --mcu-id 0x100 -o fw.hex\n"
+    "            --adb-type 6 --hardware-id 8.4.1.0 --mcu-id 0x100 -o fw.hex\n"
     "  firmware-updater pack --image app.bin --address 0x4000 --adb-type 5 \\\n"
-    "      --entry 0x0501=8.4.3.1 --entry 0x0502=8.4.3.2,8.4.3.3 -o fw.hex\n"
+    "            --entry 0x0501=8.4.3.1 --entry 0x0502=8.4.3.2,8.4.3.3 -o fw.hex\n"
     "  firmware-updater pack --add left.hex --add right.hex -o fw.zip\n"
     "  firmware-updater pack --family plain --raw flash.bin -o demo.zip";
 
 }  // namespace
 
 void AddPackCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  auto* command = app.add_subcommand("pack", "Build an update file from raw binaries");
+  CommandOptions command(app, "pack", "Build an update file from raw binaries");
   const auto options = std::make_shared<Options>();
-  AddImageOptions(*command, *options);
-  CLI::Option* const family =
-      tavosim::AddFamilyOption(*command, options->family,
-                               "Make demonstration firmware of this family, by name or by numbers");
-  command->add_option("--seed", options->seed, "Demonstration firmware of other content")
-      ->capture_default_str()
-      ->needs(family);
-  command->add_option("--add", options->members, "HEX file to put into an archive; repeatable")
-      ->type_name("FILE")
-      ->allow_extra_args(false);
-  command->add_option("-o,--output", options->output, "Update file to write, .hex or .zip")
-      ->type_name("FILE")
-      ->required();
-  command->add_option("--raw", options->raw, "Also write the bytes that the flash holds afterwards")
-      ->type_name("FILE");
-  command->add_flag("--force", options->force, "Replace files that exist");
-  command->footer(kExamples);
-  command->callback([options, &machine, &exit] { exit = RunPack(machine, *options); });
+  AddImageOptions(command, *options);
+  const Option family =
+      AddFamilyOption(command, options->family,
+                      "Make demonstration firmware for this family, by name or by numbers");
+  command.Value("--seed", options->seed, "Demonstration firmware with other content")
+      .WithDefault()
+      .Needs(family);
+  command.Values("--add", options->members, "HEX file to put into an archive; repeatable")
+      .Shown("FILE");
+  command.Value("-o,--output", options->output, "Update file to write, .hex or .zip")
+      .Shown("FILE")
+      .Required();
+  command.Value("--raw", options->raw, "Also write the bytes that the flash holds afterwards")
+      .Shown("FILE");
+  command.Flag("--force", options->force, "Replace existing files");
+  command.Footer(kExamples);
+  command.OnRun(exit, [options, &machine] { return RunPack(machine, *options); });
 }
 
 }  // namespace tavo::tool

@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "commands/commands.h"
+#include "commands/simulator_options.h"
 #include "device/target.h"
 #include "platform/platform.h"
 #include "simulator/served_device.h"
@@ -43,7 +44,7 @@ constexpr const char* kExamples =
 
 struct Arguments {
   tavosim::SimulatorArguments simulator{};
-  std::string command{};
+  Words command{};  // of the user's, to run while the device lives
 };
 
 // The folder with the libusb that finds simulated devices: in a build tree, or installed. Empty
@@ -57,17 +58,6 @@ std::string SubstituteFolder(Platform& platform) {
     if (std::filesystem::exists(folder / "libusb-1.0.so.0", ignored)) return folder.string();
   }
   return {};
-}
-
-// COMMAND and what follows it. The parser takes unknown options of this command too, for they may be
-// the other's; those in front of the "--" are nobody's.
-Words CommandWords(const CLI::App& simulate, const std::string& command) {
-  Words words = simulate.remaining();
-  if (words.empty()) words.emplace_back("--");
-  if (words.front() != "--") throw CLI::ExtrasError(simulate.get_name(), words);
-  if (command.empty()) return {};
-  words.front() = command;
-  return words;
 }
 
 std::string Environment(const char* name) {
@@ -142,7 +132,7 @@ pid_t Start(const Words& words, Platform& platform) {
 }
 
 // Serves while the command runs, and returns its exit code; 128 + the signal that has ended it.
-int ServeUntilEnd(tavosim::SimulatorProgram& device, pid_t command) {
+int ServeUntilEnd(tavosim::ServedDevice& device, pid_t command) {
   const tavosim::usbip::Socket ended(eventfd(0, EFD_CLOEXEC));
   int status = 0;
   {
@@ -156,7 +146,7 @@ int ServeUntilEnd(tavosim::SimulatorProgram& device, pid_t command) {
 }
 
 // A kernel can attach the device without the substitute.
-ExitCode ServeOthers(tavosim::SimulatorProgram& device, const std::string& address,
+ExitCode ServeOthers(tavosim::ServedDevice& device, const std::string& address,
                      const std::string& substitute, int endFd, const Machine& machine) {
   machine.out << "listening on " << address << std::endl;
   if (!substitute.empty()) {
@@ -167,7 +157,7 @@ ExitCode ServeOthers(tavosim::SimulatorProgram& device, const std::string& addre
   return ExitCode::Done;
 }
 
-ExitCode RunBeside(tavosim::SimulatorProgram& device, const Words& words, const Machine& machine) {
+ExitCode RunBeside(tavosim::ServedDevice& device, const Words& words, const Machine& machine) {
   pid_t command = 0;
   try {
     command = Start(words, machine.platform);
@@ -178,8 +168,8 @@ ExitCode RunBeside(tavosim::SimulatorProgram& device, const Words& words, const 
   return static_cast<ExitCode>(ServeUntilEnd(device, command));
 }
 
-ExitCode Serve(tavosim::SimulatorProgram& device, const Words& words, int endFd,
-               const Machine& machine, const std::string& substitute) {
+ExitCode Serve(tavosim::ServedDevice& device, const Words& words, int endFd, const Machine& machine,
+               const std::string& substitute) {
   const std::string address = "127.0.0.1:" + std::to_string(device.Port());
   if (!words.empty()) {
     ShowToChildren(address, substitute);
@@ -188,7 +178,8 @@ ExitCode Serve(tavosim::SimulatorProgram& device, const Words& words, int endFd,
   return ServeOthers(device, address, substitute, endFd, machine);
 }
 
-ExitCode Simulate(const Arguments& arguments, const Words& words, const Machine& machine) {
+ExitCode Simulate(const Arguments& arguments, const Machine& machine) {
+  const Words& words = arguments.command;
   const std::string substitute = SubstituteFolder(machine.platform);
   if (substitute.empty() && !words.empty()) {
     Complain(machine, "the libusb that finds simulated devices is missing",
@@ -198,7 +189,7 @@ ExitCode Simulate(const Arguments& arguments, const Words& words, const Machine&
   // A command is to receive the signals; only without one are they taken here.
   const tavosim::usbip::Socket end =
       words.empty() ? tavosim::EndSignal() : tavosim::usbip::Socket();
-  std::optional<tavosim::SimulatorProgram> device;
+  std::optional<tavosim::ServedDevice> device;
   try {
     device.emplace(arguments.simulator, machine.err);
   } catch (const std::exception& error) {
@@ -216,20 +207,15 @@ ExitCode Simulate(const Arguments& arguments, const Words& words, const Machine&
 }  // namespace
 
 void AddSimulateCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  CLI::App* const command =
-      app.add_subcommand("simulate", "Try everything without hardware, on a simulated device");
+  CommandOptions command(app, "simulate", "Try everything without hardware, on a simulated device");
   const auto arguments = std::make_shared<Arguments>();
-  tavosim::AddSimulatorOptions(*command, arguments->simulator);
-  command
-      ->add_option("COMMAND", arguments->command,
-                   "Behind --, with its arguments: runs while the device lives, and sees it")
-      ->type_name("")
-      ->default_str("");
-  command->allow_extras();  // the arguments of COMMAND
-  command->footer(kExamples);
-  command->callback([command, arguments, &machine, &exit] {
-    exit = Simulate(*arguments, CommandWords(*command, arguments->command), machine);
-  });
+  AddSimulatorOptions(command, arguments->simulator);
+  command.UserCommand(
+      arguments->command,
+      "After --: run this command, with its arguments, while the device exists; it sees the "
+      "device");
+  command.Footer(std::string(tavosim::kFaultSyntax) + kExamples);
+  command.OnRun(exit, [arguments, &machine] { return Simulate(*arguments, machine); });
 }
 
 }  // namespace tavo::tool

@@ -1,6 +1,7 @@
 #include "text/options.h"
 
 #include <CLI/CLI.hpp>
+#include <memory>
 #include <utility>
 
 namespace tavo::tool {
@@ -19,12 +20,23 @@ Option& Option::Between(std::uint32_t least, std::uint32_t most) {
   return m_option->check(CLI::Range(least, most)), *this;
 }
 
+Option& Option::Between(double least, double most) {
+  return m_option->check(CLI::Range(least, most)), *this;
+}
+
+Option& Option::OneOf(std::initializer_list<const char*> words) {
+  return m_option->check(CLI::IsMember(std::vector<std::string>(words.begin(), words.end()))),
+         *this;
+}
+
 Option& Option::Checked(Check check) {
   const auto validate = [check = std::move(check)](std::string& text) { return check(text); };
   return m_option->check(CLI::Validator(validate, "")), *this;
 }
 
 Option& Option::Needs(const Option& other) { return m_option->needs(other.m_option), *this; }
+
+Option& Option::Needs(const char* other) { return m_option->needs(other), *this; }
 
 Option& Option::Excludes(const Option& other) { return m_option->excludes(other.m_option), *this; }
 
@@ -43,6 +55,14 @@ Option CommandOptions::Value(const char* name, double& to, const char* help) {
   return Option(*m_command.add_option(name, to, help));
 }
 
+Option CommandOptions::Value(const char* name, std::optional<std::string>& to, const char* help) {
+  return Option(*m_command.add_option(name, to, help));
+}
+
+Option CommandOptions::Value(const char* name, std::optional<std::uint32_t>& to, const char* help) {
+  return Option(*m_command.add_option(name, to, help));
+}
+
 Option CommandOptions::Values(const char* name, std::vector<std::string>& to, const char* help) {
   return Option(*m_command.add_option(name, to, help)->allow_extra_args(false));
 }
@@ -52,10 +72,29 @@ Option CommandOptions::Flag(const char* name, bool& to, const char* help, bool v
       name, [&to, value] { to = value; }, help));
 }
 
-void CommandOptions::Footer(const char* text) { m_command.footer(text); }
+void CommandOptions::UserCommand(std::vector<std::string>& to, const char* help) {
+  const auto program = std::make_shared<std::string>();
+  m_command.add_option("COMMAND", *program, help)->type_name("")->default_str("");
+  // The parser lets unknown options pass, as they may be the user command's; those in front of the
+  // "--" are nobody's.
+  m_command.allow_extras();
+  m_takeUserCommand = [&command = m_command, &to, program] {
+    std::vector<std::string> words = command.remaining();
+    if (!words.empty() && words.front() != "--") throw CLI::ExtrasError(command.get_name(), words);
+    if (program->empty()) return;
+    if (!words.empty()) words.erase(words.begin());
+    to = std::move(words);
+    to.insert(to.begin(), *program);
+  };
+}
+
+void CommandOptions::Footer(const std::string& text) { m_command.footer(text); }
 
 void CommandOptions::OnRun(ExitCode& exit, std::function<ExitCode()> run) {
-  m_command.callback([&exit, run = std::move(run)] { exit = run(); });
+  m_command.callback([&exit, take = m_takeUserCommand, run = std::move(run)] {
+    take();
+    exit = run();
+  });
 }
 
 }  // namespace tavo::tool

@@ -11,6 +11,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,8 +38,11 @@ class Option {
   Option& WithDefault();                   // the help shows what holds without it
   Option& NotEmpty();
   Option& Between(std::uint32_t least, std::uint32_t most);
+  Option& Between(double least, double most);
+  Option& OneOf(std::initializer_list<const char*> words);
   Option& Checked(Check check);
   Option& Needs(const Option& other);
+  Option& Needs(const char* other);
   Option& Excludes(const Option& other);
 
  private:
@@ -52,16 +57,22 @@ class CommandOptions {
   Option Value(const char* name, std::string& to, const char* help);
   Option Value(const char* name, std::uint32_t& to, const char* help);
   Option Value(const char* name, double& to, const char* help);
+  Option Value(const char* name, std::optional<std::string>& to, const char* help);
+  Option Value(const char* name, std::optional<std::uint32_t>& to, const char* help);
   Option Values(const char* name, std::vector<std::string>& to, const char* help);  // repeatable
   // Turns `to` into `value`.
   Option Flag(const char* name, bool& to, const char* help, bool value = true);
 
-  void Footer(const char* text);
+  // A command line of the user's behind "--". The options in it are its own.
+  void UserCommand(std::vector<std::string>& to, const char* help);
+
+  void Footer(const std::string& text);
   // `run` is called when the user has chosen the command; `exit` gets what it returns.
   void OnRun(ExitCode& exit, std::function<ExitCode()> run);
 
  private:
   CLI::App& m_command;
+  std::function<void()> m_takeUserCommand = [] {};
 };
 
 }  // namespace tavo::tool
