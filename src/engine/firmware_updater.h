@@ -40,6 +40,7 @@
 #include "engine/transport_holder.h"
 #include "log/logger.h"
 #include "package/firmware_image.h"
+#include "package/image_blocks.h"
 #include "platform/platform.h"
 #include "transport/tavo_message.h"
 
@@ -224,11 +225,7 @@ class FirmwareUpdater {
   std::int32_t AcceptedHardwareIds(std::vector<std::uint16_t>& accepted) const;
   bool MatchesHardwareId(std::uint16_t hardwareId, const std::vector<std::uint16_t>& accepted);
   std::uint32_t ImageSize() const;
-  // What the image has of the block at `offset`, which lies within it; less at its end.
-  std::span<const std::uint8_t> BlockAt(std::uint32_t offset) const;
-  bool IsBlank(std::uint32_t offset) const;
-  std::uint32_t NextWriteOffset() const;
-  std::uint32_t CountBytesToTransfer() const;
+  ImageBlocks Blocks() const;
   StepResult BeginWriting();
   StepResult BlockAnswered();
   StepResult RetryWriting();

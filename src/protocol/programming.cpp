@@ -14,9 +14,6 @@ namespace {
 constexpr std::uint8_t kNormalErase = 0x01;
 constexpr std::uint8_t kExtendedErase = 0x03;
 
-// What an erase leaves in the flash.
-constexpr std::uint8_t kErased = 0xFF;
-
 std::array<std::uint8_t, 4> LittleEndian(std::uint32_t value) {
   return {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
           static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
@@ -56,7 +53,7 @@ StepResult FirmwareUpdater::BeginWriting() {
   m_writeState = WriteState::Positioning;
   m_writeOffset = 0;
   m_bytesDone = 0;
-  m_bytesTotal = CountBytesToTransfer();
+  m_bytesTotal = Blocks().BytesWithData();
   Report({StatusKind::TransferBegins, static_cast<std::int32_t>(m_bytesTotal)});
   m_log.LogInfo("FirmwareUpdater: Write Block: Start. Bytes to Transfer: %u", m_bytesTotal.load());
   return SendWriteRequest();
@@ -70,7 +67,7 @@ StepResult FirmwareUpdater::BlockAnswered() {
   }
   assert(m_writeOffset < ImageSize());
   m_bytesDone += m_blockSize;
-  m_writeOffset = NextWriteOffset();
+  m_writeOffset = Blocks().NextToWrite(m_writeOffset);
   Report({StatusKind::TransferProgress, static_cast<std::int32_t>(m_bytesDone)});
   m_writeState = WriteState::Positioning;
   return SendWriteRequest();
@@ -98,9 +95,10 @@ StepResult FirmwareUpdater::SendBlock() {
   assert(m_writeState == WriteState::Writing && m_blockSize <= kMaxBlockSize);
   // Pads a block that reaches past the end of the image with what the erase left there.
   std::array<std::uint8_t, kMaxBlockSize> block;
-  block.fill(kErased);
-  std::ranges::copy(BlockAt(m_writeOffset), block.begin());
-  if (NextWriteOffset() >= ImageSize()) m_evidence.LastBlockSent();
+  block.fill(kErasedByte);
+  const ImageBlocks blocks = Blocks();
+  std::ranges::copy(blocks.At(m_writeOffset), block.begin());
+  if (blocks.NextToWrite(m_writeOffset) == ImageSize()) m_evidence.LastBlockSent();
   return Send(kWriteFlash, std::span(block).first(m_blockSize));
 }
 
@@ -124,31 +122,6 @@ std::uint32_t FirmwareUpdater::ImageSize() const {
   return static_cast<std::uint32_t>(SelectedFirmware().data.size());
 }
 
-std::span<const std::uint8_t> FirmwareUpdater::BlockAt(std::uint32_t offset) const {
-  const std::span<const std::uint8_t> rest = std::span(SelectedFirmware().data).subspan(offset);
-  return rest.first(std::min<std::size_t>(m_blockSize, rest.size()));
-}
-
-bool FirmwareUpdater::IsBlank(std::uint32_t offset) const {
-  return std::ranges::all_of(BlockAt(offset), [](std::uint8_t byte) { return byte == kErased; });
-}
-
-std::uint32_t FirmwareUpdater::CountBytesToTransfer() const {
-  std::uint32_t total = 0;
-  for (std::uint32_t block = 0; block < ImageSize() / m_blockSize; ++block) {
-    if (!IsBlank(block * m_blockSize)) total += m_blockSize;
-  }
-  return total;
-}
-
-// A block after a non-blank one is always written, so that a single blank block costs no look-ahead
-// on the device; from a blank block on, the following blank ones are skipped.
-std::uint32_t FirmwareUpdater::NextWriteOffset() const {
-  const std::uint64_t size = ImageSize();
-  std::uint64_t next = m_writeOffset;
-  while (next < size && IsBlank(static_cast<std::uint32_t>(next))) next += m_blockSize;
-  if (next == m_writeOffset) next += m_blockSize;
-  return static_cast<std::uint32_t>(std::min(next, size));
-}
+ImageBlocks FirmwareUpdater::Blocks() const { return {SelectedFirmware().data, m_blockSize}; }
 
 }  // namespace tavo

@@ -7,8 +7,6 @@
 #include "file/block_map.h"
 #include "file/hex_survey.h"
 #include "file/package_report.h"
-#include "simulator/device.h"
-#include "tests/support/engine_access.h"
 #include "tests/tools/desk.h"
 
 namespace tavo::tool {
@@ -285,27 +283,15 @@ TEST(HexSurvey, AlwaysAgreesWithTheConverter) {
   }
 }
 
-TEST(BlockMap, IsWhatTheEngineWrites) {
-  for (const std::uint32_t blockSize : {64u, 128u}) {
-    for (const auto fill : {tavosim::FirmwareFill::Mixed, tavosim::FirmwareFill::AllBlank}) {
-      FirmwareRecipe recipe = Recipe(0x100, 8192);
-      recipe.fill = fill;
-      tavosim::Firmware firmware = BuildFirmware(recipe);
-      // From the last blocks on everything is blank.
-      if (fill == tavosim::FirmwareFill::Mixed) {
-        std::fill(firmware.data.end() - 512, firmware.data.end(), std::uint8_t{0xFF});
-      }
-      const FirmwareImage image{firmware.data, firmware.startAddress};
-      const BlockMap map = MapBlocks(image, blockSize);
-      test::EngineBench bench;
-      bench.Load(image);
-      bench.access.blockSize = blockSize;
-      bench.Run({&FirmwareUpdater::WriteBlock});
-      EXPECT_EQ(bench.device->requests.size(), map.requests);
-      const std::size_t written = map.Count(BlockUse::Data) + map.Count(BlockUse::BlankWritten);
-      EXPECT_EQ(bench.access.bytesDone, written * blockSize);
-      EXPECT_EQ(bench.access.bytesTotal, map.Count(BlockUse::Data) * blockSize);
-    }
+TEST(BlockMap, ShowsWhichBlocksAreWritten) {
+  for (const std::string blocks : {"#", "#.#", ".-#", "#.--#", "#.--", "####.#."}) {
+    FirmwareImage image;
+    for (const char block : blocks)
+      image.data.insert(image.data.end(), 64, block == '#' ? 7 : 0xFF);
+    const BlockMap map = MapBlocks(image, 64);
+    EXPECT_EQ(ScaleMap(map).rows, std::vector<std::string>{blocks});
+    EXPECT_EQ(map.Count(BlockUse::Data), std::ranges::count(blocks, '#'));
+    EXPECT_EQ(map.Count(BlockUse::BlankSkipped), std::ranges::count(blocks, '-'));
   }
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <span>
 
+#include "package/image_blocks.h"
 #include "transport/frame_codec.h"
 
 namespace tavo::tool {
@@ -26,26 +27,12 @@ std::uint64_t FrameBytes(std::uint8_t payload) {
   return std::uint64_t{frameEnd} + 1;
 }
 
-bool IsBlank(std::span<const std::uint8_t> block) {
-  return std::ranges::all_of(block, [](std::uint8_t byte) { return byte == 0xFF; });
-}
-
-// The first block and each that follows a written one that holds data are written, blank or not;
-// from a written blank one on the blank ones are skipped.
 std::vector<BlockUse> UseOf(const FirmwareImage& image, std::uint32_t blockSize) {
-  std::vector<BlockUse> uses;
-  std::span<const std::uint8_t> rest = image.data;
-  bool skipsBlank = false;
-  while (!rest.empty()) {
-    const auto block = rest.first(std::min<std::size_t>(blockSize, rest.size()));
-    rest = rest.subspan(block.size());
-    if (!IsBlank(block)) {
-      uses.push_back(BlockUse::Data);
-      skipsBlank = false;
-    } else {
-      uses.push_back(skipsBlank ? BlockUse::BlankSkipped : BlockUse::BlankWritten);
-      skipsBlank = true;
-    }
+  const ImageBlocks blocks(image.data, blockSize);
+  std::vector<BlockUse> uses((blocks.ImageSize() + blockSize - 1) / blockSize,
+                             BlockUse::BlankSkipped);
+  for (std::uint32_t at = 0; at < blocks.ImageSize(); at = blocks.NextToWrite(at)) {
+    uses[at / blockSize] = blocks.IsBlank(at) ? BlockUse::BlankWritten : BlockUse::Data;
   }
   return uses;
 }

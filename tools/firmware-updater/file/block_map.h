@@ -1,6 +1,5 @@
-// What writing an image costs for a chosen block size: which of its blocks are written, and how many
-// requests and bytes that takes on the line. Follows the rule by which the engine writes, and changes
-// nothing.
+// The cost of writing an image for a chosen block size: which of its blocks are written, and how many
+// requests and bytes that takes on the line.
 //
 //   const BlockMap map = MapBlocks(image, 128);
 //   map.Seconds(19200)
@@ -39,12 +38,11 @@ struct BlockMap {
   std::size_t Count(BlockUse use) const { return counts[static_cast<std::size_t>(use)]; }
   std::uint64_t BytesOnLine() const { return bytesSent + bytesReceived; }
 
-  // The time that the bytes take alone, at ten bits each, with nobody ever waiting.
+  // The time that the bytes alone take, at ten bits each.
   double Seconds(std::uint32_t baud) const;
 };
 
-// `blockSize` is kMinBlockSize to kMaxWritableBlockSize. Of an image that is no whole number of
-// blocks, which is never written, the last block is a short one.
+// `blockSize` is kMinBlockSize to kMaxWritableBlockSize.
 BlockMap MapBlocks(const FirmwareImage& image, std::uint32_t blockSize);
 
 struct ScaledMap {
