@@ -15,13 +15,10 @@ const char* AddressLabel(TransportKind kind) {
 // False when none was named and none is found.
 bool TakeFirstIfUnnamed(Platform& platform, ICommInterface& transport, std::string& address) {
   if (!address.empty()) return true;
-  const std::vector<CCommDevDesc>& devices = *transport.EnumerateDevices();
-  if (devices.empty()) {
-    platform.Print("No device connected!");
-    return false;
-  }
-  address = devices.front().port;
-  return true;
+  const std::optional<std::string> first = transport.FirstPort();
+  if (!first) platform.Print("No device connected!");
+  address = first.value_or("");
+  return first.has_value();
 }
 
 }  // namespace

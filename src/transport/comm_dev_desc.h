@@ -1,4 +1,4 @@
-// One device that an enumeration found.
+// One device found by an enumeration.
 #pragma once
 
 #include <cstdint>
@@ -15,13 +15,16 @@ class CCommDevDesc {
   CCommDevDesc& operator=(const CCommDevDesc&) = default;
   virtual ~CCommDevDesc() = default;
 
-  // What Open of the transport that made the record takes; valid until its next enumeration. USB:
-  // position in the kept device list plus one (0 means any device). FTDI: the adapter's index.
+  // The argument for Open of the transport that made the record; valid until its next enumeration.
+  // USB: position in the kept device list plus one (0 means any device). FTDI: the adapter's index.
   std::uint32_t deviceRef;
 
   // USB: the port numbers from the root hub, joined by hyphens ("1-4-2"). FTDI: the adapter's
-  // serial number. Empty: the device cannot be named and so not be opened by name.
+  // serial number. Empty: the device has no name and cannot be opened by one.
   std::string port;
+
+  // USB: the number of the bus, which `port` does not contain. FTDI: 0.
+  unsigned bus = 0;
 
   // One printable line.
   std::string description;

@@ -47,13 +47,12 @@ bool CCommFTDI::Open(std::uint32_t deviceRef) {
 }
 
 bool CCommFTDI::OpenPort(const std::string& serialNumber) {
-  EnumerateDevices();
-  const auto found = std::ranges::find(m_devices, serialNumber, &CCommDevDesc::port);
-  if (serialNumber.empty() || found == m_devices.end()) {
+  const CCommDevDesc* const adapter = FindPort(*EnumerateDevices(), serialNumber);
+  if (adapter == nullptr) {
     m_platform.Print("Serial " + serialNumber + " isnt found\n");
     return false;
   }
-  if (!Open(found->deviceRef)) return false;
+  if (!Open(adapter->deviceRef)) return false;
   m_serialNumber = serialNumber;
   return true;
 }

@@ -114,13 +114,7 @@ void CCommWinUSB::ListIfSupported(std::size_t position) {
   const std::string port = UsbPortPath(m_usb, device);
   m_devices.emplace_back(static_cast<std::uint32_t>(position + 1), port,
                          Describe(descriptor, port));
-}
-
-// A device whose ports are unknown is found by no name, not even by the empty one.
-const CCommDevDesc* CCommWinUSB::FindPort(const std::string& name) const {
-  const auto found = std::find_if(m_devices.begin(), m_devices.end(),
-                                  [&](const CCommDevDesc& device) { return device.port == name; });
-  return found == m_devices.end() || name.empty() ? nullptr : &*found;
+  m_devices.back().bus = m_usb.GetBusNumber(device);
 }
 
 // --- opening and closing ---
@@ -181,26 +175,28 @@ bool CCommWinUSB::SwitchSerialOn() {
 }
 
 bool CCommWinUSB::OpenPort(const std::string& name) {
-  EnumerateDevices();
-  const CCommDevDesc* const device = FindPort(name);
-  if (device == nullptr) {
-    m_platform.Print("Port " + name + " isnt found\n");
-    return false;
-  }
-  if (m_openPort != name) Close();
-  if (!Open(device->deviceRef)) return false;
-  m_openPort = name;
-  m_portName = name;
+  const CCommDevDesc* const device = FindPort(*EnumerateDevices(), name);
+  if (device != nullptr) return OpenAt(*device);
+  m_platform.Print("Port " + name + " isnt found\n");
+  return false;
+}
+
+bool CCommWinUSB::OpenAt(const CCommDevDesc& device) {
+  const Place place{device.bus, device.port};
+  if (m_openPlace != place) Close();
+  if (!Open(device.deviceRef)) return false;
+  m_openPlace = m_namedPlace = place;
   return true;
 }
 
 bool CCommWinUSB::Reconnect() {
   Close();
-  if (m_portName.empty()) return Open(kAnyDevice);
+  if (!m_namedPlace) return Open(kAnyDevice);
   EnumerateDevices();
-  // A device that is away for a while is no news for the console: OpenPort would print it each
-  // time. A copy, because OpenPort assigns to the original.
-  return FindPort(m_portName) != nullptr && OpenPort(std::string(m_portName));
+  const auto device = std::ranges::find_if(m_devices, [this](const CCommDevDesc& listed) {
+    return Place{listed.bus, listed.port} == m_namedPlace;
+  });
+  return device != m_devices.end() && OpenAt(*device);
 }
 
 void CCommWinUSB::Close() {
@@ -209,7 +205,7 @@ void CCommWinUSB::Close() {
 }
 
 void CCommWinUSB::ReleaseHandle() {
-  m_openPort.clear();
+  m_openPlace.reset();
   if (m_handle != nullptr) m_usb.Close(m_handle);
   m_handle = nullptr;
 }
@@ -257,7 +253,7 @@ int CCommWinUSB::TransferOut(const std::uint8_t* data, std::int32_t length, int*
 
 bool CCommWinUSB::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {
   if (!IsUsable(buffer) || length == nullptr) {
-    if (!m_portName.empty()) Reconnect();
+    if (m_namedPlace) Reconnect();
     return false;
   }
   int transferred = 0;

@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -40,14 +41,15 @@ class CCommWinUSB : public ICommInterface {
   // anything when a device is open already, whichever it is. After a failure none is open.
   bool Open(std::uint32_t deviceRef) override;
 
-  // Opens the device at this port path. Does nothing when this port is open already; any other
-  // device is closed first. After a success Reconnect goes for the same port.
+  // Opens the device at this port path. Does nothing when this device is open already; any other
+  // device is closed first. After a success Reconnect looks for the same bus and port.
   bool OpenPort(const std::string& name) override;
 
   bool IsOpen() override { return m_isOpen; }
   void Close() override;
 
-  // Closes and opens again: the port that was last opened by name if there is one, else any device.
+  // Closes and opens again: the device at the bus and port that were last opened by name, whatever
+  // else is connected. Before any was opened by name, any device.
   bool Reconnect() override;
 
   // Ends the libusb context too, and with it the thread that libusb runs on some systems. That thread
@@ -57,17 +59,24 @@ class CCommWinUSB : public ICommInterface {
   // False when no device is open or a transfer failed; each has the send timeout.
   bool SendRawData(const std::uint8_t* data, std::int32_t length) override;
 
-  // Waits at most 50 ms for input. When no device is open, tries to reconnect to the named port and
+  // Waits at most 50 ms for input. When no device is open, tries to reconnect to the named one and
   // fails all the same: input comes with the next call.
   bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) override;
 
  private:
+  // Where a device is plugged in. Two buses may each have a device at the same port path.
+  struct Place {
+    unsigned bus;
+    std::string port;
+    bool operator==(const Place&) const = default;
+  };
+
   void StartSession();
   bool HasContext();
   bool IsUsable(const void* data) const;
   void FreeDeviceList();
   void ListIfSupported(std::size_t position);
-  const CCommDevDesc* FindPort(const std::string& name) const;
+  bool OpenAt(const CCommDevDesc& device);
 
   bool OpenDevice(std::uint32_t deviceRef);
   libusb_device_handle* OpenListed(std::uint32_t deviceRef);
@@ -88,8 +97,8 @@ class CCommWinUSB : public ICommInterface {
   std::size_t m_deviceCount = 0;
   std::vector<CCommDevDesc> m_devices;
   bool m_isOpen = false;
-  std::string m_portName;  // for Reconnect; empty = none opened by name yet
-  std::string m_openPort;  // of the open device; empty = none open, or not opened by name
+  std::optional<Place> m_namedPlace;  // for Reconnect; none = no device opened by name yet
+  std::optional<Place> m_openPlace;   // of the open device; none = none open, or not by name
 };
 
 }  // namespace tavo

@@ -34,6 +34,14 @@ std::uint16_t SaturatedMs(milliseconds elapsed) {
   return static_cast<std::uint16_t>(std::min(elapsed.count(), kMax));
 }
 
+unsigned Count(std::size_t devices) { return static_cast<unsigned>(devices); }
+
+std::string Place(const CCommDevDesc& device) {
+  if (device.bus == 0)
+    return "adapter " + std::to_string(device.deviceRef) + ", serial number " + device.port;
+  return "port " + device.port + " on bus " + std::to_string(device.bus);
+}
+
 }  // namespace
 
 ICommInterface::ICommInterface(TavoLink& link, Platform& platform, Logger& log)
@@ -49,6 +57,29 @@ bool ICommInterface::SendRawData(const std::uint8_t* /*data*/, std::int32_t leng
 bool ICommInterface::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {
   StripEcho(buffer, length);
   return true;
+}
+
+std::optional<std::string> ICommInterface::FirstPort() {
+  const std::vector<CCommDevDesc>& devices = *EnumerateDevices();
+  if (devices.empty()) return std::nullopt;
+  const CCommDevDesc& first = devices.front();
+  if (devices.size() > 1) {
+    m_log.LogWarn("CommInterface: No device named, %u found: Taking %s", Count(devices.size()),
+                  Place(first).c_str());
+  }
+  return first.port;
+}
+
+const CCommDevDesc* ICommInterface::FindPort(const std::vector<CCommDevDesc>& devices,
+                                             const std::string& port) {
+  const auto found = std::ranges::find(devices, port, &CCommDevDesc::port);
+  if (found == devices.end() || port.empty()) return nullptr;
+  const auto count = std::ranges::count(devices, port, &CCommDevDesc::port);
+  if (count > 1) {
+    m_log.LogWarn("CommInterface: %u devices of this name: Taking %s",
+                  Count(static_cast<std::size_t>(count)), Place(*found).c_str());
+  }
+  return &*found;
 }
 
 void ICommInterface::CountEcho(std::uint32_t bytesSent) {

@@ -100,6 +100,10 @@ class ICommInterface {
   // nothing was awaited.
   void LeaveOutPause() { m_lastTickMs.reset(); }
 
+  // The port of the first device listed; none when there is no device. When there are several, the
+  // log says which one this is.
+  std::optional<std::string> FirstPort();
+
   // Forgets whatever an earlier update left: requests, answers, echo, received bytes.
   void DiscardLeftovers();
 
@@ -111,6 +115,10 @@ class ICommInterface {
   bool WaitUntilQuiet();
 
  protected:
+  // The first of `devices` with this port; null without one, and for an empty port. When there are
+  // several, the log says which one this is.
+  const CCommDevDesc* FindPort(const std::vector<CCommDevDesc>& devices, const std::string& port);
+
   // Counts bytes that will come back, and removes from the front of received data those that did.
   void CountEcho(std::uint32_t bytesSent);
   void StripEcho(std::uint8_t* buffer, std::int32_t* length);

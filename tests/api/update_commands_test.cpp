@@ -33,6 +33,16 @@ TEST_F(UpdateCommands, WithoutANameTheFirstDeviceIsTaken) {
   EXPECT_TRUE(station.platform.ConsoleHas("\nFtDI-Port: TAVO0001\n\nStart Update\n"));
 }
 
+TEST_F(UpdateCommands, OfSeveralDevicesTheFirstIsTakenAndTheLogNamesIt) {
+  tavosim::Device other(tavosim::OptionsFor(*tavosim::FindFamily("plain")));
+  tavosim::CdcFunction function(other);
+  station.usb.Plug(other, function, {3}, 2);
+  EXPECT_TRUE(UpdateDevice(Context(), {}, File(), {}));
+  EXPECT_TRUE(station.platform.ConsoleHas(
+      "WARN CommInterface: No device named, 2 found: Taking port 1-4-2 on bus 1\n"));
+  EXPECT_TRUE(other.Journal().empty());
+}
+
 TEST_F(UpdateCommands, WithoutAnyDeviceThatIsSaid) {
   station.device.Unplug(SimNow(station.platform), std::nullopt);
   EXPECT_FALSE(UpdateDevice(Context(), {TransportKind::Usb, ""}, File(), {}));

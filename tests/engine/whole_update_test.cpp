@@ -115,6 +115,18 @@ TEST(WholeUpdate, ATunnelFoundOpenIsClosedFirstAndNothingIsOneOff) {
   }
 }
 
+TEST(WholeUpdate, ANeighbourAtTheSamePortOfAnotherBusIsNeverTouched) {
+  Station station(Options("plain"), false, {"unplug:id=0x134:5:1s"});
+  tavosim::Device neighbour(Options("plain"));
+  tavosim::CdcFunction function(neighbour);
+  station.usb.Plug(neighbour, function, {1, 4, 2}, 2);
+  EXPECT_TRUE(station.UpdateOverUsb());
+  EXPECT_TRUE(neighbour.Journal().empty());
+  EXPECT_TRUE(
+      station.platform.ConsoleHas("WARN CommInterface: 2 devices of this name: "
+                                  "Taking port 1-4-2 on bus 1\n"));
+}
+
 TEST(WholeUpdate, AStrayHeaderByteDelaysNothingForLong) {
   // 0xAF opens a frame of 132 bytes that never comes.
   Station station(Options("plain"), false, {"after:id=0x100:1:AF", "after:id=0x120:1:AF"});

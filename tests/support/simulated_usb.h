@@ -32,8 +32,8 @@ class SimulatedUsb : public PlainUsb {
 
   // Both must outlive this object.
   void Plug(tavosim::Device& device, tavosim::CdcFunction& function,
-            std::vector<std::uint8_t> ports) {
-    m_ports.push_back({device, function, std::move(ports)});
+            std::vector<std::uint8_t> ports, std::uint8_t bus = 1) {
+    m_ports.push_back({device, function, std::move(ports), bus});
   }
 
   std::ptrdiff_t GetDeviceList(libusb_context* /*context*/, libusb_device*** list) override {
@@ -53,6 +53,7 @@ class SimulatedUsb : public PlainUsb {
     std::memcpy(descriptor, bytes.data(), std::min(bytes.size(), sizeof *descriptor));
     return LIBUSB_SUCCESS;
   }
+  std::uint8_t GetBusNumber(libusb_device* device) override { return AsPort(device).bus; }
   int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) override {
     const std::vector<std::uint8_t>& path = AsPort(device).path;
     if (static_cast<int>(path.size()) > capacity) return LIBUSB_ERROR_OVERFLOW;
@@ -104,6 +105,7 @@ class SimulatedUsb : public PlainUsb {
     tavosim::Device& device;
     tavosim::CdcFunction& function;
     std::vector<std::uint8_t> path;
+    std::uint8_t bus;
   };
   struct Handle {
     Port& port;

@@ -223,6 +223,24 @@ TEST_F(UsbTransportTest, FindsItsPortAgain) {
   EXPECT_TRUE(Receive().ok);
 }
 
+TEST_F(UsbTransportTest, NeverReconnectsToADeviceOfAnotherBus) {
+  m_usb.devices = {{.ports = {2}, .bus = 2}, {.ports = {2}, .bus = 1}};
+  EXPECT_TRUE(Transport().OpenPort("2"));
+  EXPECT_TRUE(m_platform.ConsoleHas(
+      "WARN CommInterface: 2 devices of this name: Taking port 2 on bus 2\n"));
+  m_platform.ClearConsole();
+  m_usb.devices = {{.ports = {2}, .bus = 1}};
+  EXPECT_FALSE(Transport().Reconnect());
+  EXPECT_FALSE(Receive().ok);
+  EXPECT_FALSE(Transport().IsOpen());
+  m_usb.devices = {{.ports = {2}, .bus = 1}, {.ports = {2}, .bus = 2}};
+  m_usb.calls.clear();
+  EXPECT_TRUE(Transport().Reconnect());
+  EXPECT_EQ(std::count(m_usb.calls.begin(), m_usb.calls.end(), "Open 2"), 1);
+  EXPECT_EQ(m_usb.lastOpenedBus, 2);
+  EXPECT_EQ(m_platform.Console(), "");
+}
+
 TEST_F(UsbTransportTest, FindsNothingWithoutLibusb) {
   m_usb.results["Init"] = LIBUSB_ERROR_OTHER;
   Transport();
