@@ -19,8 +19,8 @@
  *
  * @par THREADS
  *   Updates run one at a time: an update asked for while another runs is refused with a line on the
- *   console. list_devices() must not be called while an update runs. The four functions of step 3
- *   may be called at any time from any thread. The library starts no thread and calls nothing back.
+ *   console. list_devices() and the four functions of step 3 may be called at any time from any
+ *   thread. The library starts no thread and calls nothing back.
  *   It may be unloaded when no call is under way. A process may end in the midst of a call; the
  *   device is then where the update had got to. A call that comes when the process is ending and the
  *   library has ended already does nothing; it returns 0, -1 or false.
@@ -113,7 +113,8 @@ bool FIRMWARE_UPDATER_CALL get_resetted_modules(char* buffer, uint32_t index);
 /**
  * Prints one line for each device that could be updated: USB devices with their port, then FTDI
  * adapters with their description. (The serial number that update_ftdi_device() takes is the one
- * of the adapter's USB descriptor, as operating systems show it.) Not while an update runs.
+ * of the adapter's USB descriptor, as operating systems show it.) An update that runs meanwhile is
+ * not disturbed.
  */
 void FIRMWARE_UPDATER_CALL list_devices(void);
 

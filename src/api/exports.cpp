@@ -1,6 +1,7 @@
 // The seven exports: a thin shell that turns C arguments into ours and keeps every exception
 // inside.
 #include <algorithm>
+#include <memory>
 #include <string>
 
 #include "api/process_objects.h"
@@ -83,9 +84,9 @@ FIRMWARE_UPDATER_EXPORT bool get_resetted_modules(char* buffer, uint32_t index) 
 
 FIRMWARE_UPDATER_EXPORT void list_devices(void) {
   Guarded(false, [] {
-    tavo::ProcessObjects& objects = tavo::ProcessObjects::Instance();
-    tavo::ListDevices(objects.link, tavo::SystemPlatform(), objects.log, tavo::SystemLibUsb(),
-                      *objects.d2xx);
+    const std::unique_ptr<tavo::D2xx> d2xx = tavo::MakeSystemD2xx();
+    tavo::ListDevices(tavo::SystemPlatform(), tavo::ProcessObjects::Instance().log,
+                      tavo::SystemLibUsb(), *d2xx);
     return true;
   });
 }

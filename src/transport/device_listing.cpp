@@ -14,7 +14,8 @@ void PrintDevices(Platform& platform, ICommInterface& transport) {
 
 }  // namespace
 
-void ListDevices(TavoLink& link, Platform& platform, Logger& log, LibUsb& usb, D2xx& d2xx) {
+void ListDevices(Platform& platform, Logger& log, LibUsb& usb, D2xx& d2xx) {
+  TavoLink link;
   CCommWinUSB usbTransport(link, platform, log, usb);
   PrintDevices(platform, usbTransport);
   CCommFTDI ftdiTransport(link, platform, log, d2xx);

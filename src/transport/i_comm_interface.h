@@ -41,7 +41,7 @@ struct LineSettings {
 
 class ICommInterface {
  public:
-  // Resets the link, which all transports of a process share. The references must outlive the
+  // Resets the link, which the transports of one holder share. The references must outlive the
   // transport.
   ICommInterface(TavoLink& link, Platform& platform, Logger& log);
   ICommInterface(const ICommInterface&) = delete;

@@ -136,17 +136,31 @@ TEST(EndToEndListing, NamesUsbDevicesThenAdaptersAndChangesNothing) {
   EXPECT_TRUE(bench.SwitchOff());
 }
 
+TEST(EndToEndListing, FromAnotherThreadDisturbsNoUpdate) {
+  for (const std::string kind : {"usb", "ftdi"}) {
+    SCOPED_TRACE(kind);
+    Bench bench;
+    ASSERT_TRUE(bench.MakeFirmware("plain"));
+    ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--block-time", "20", "--" + kind}));
+    const Result result = bench.Run("stopping_host", {kind, "firmware.hex", "list"});
+    EXPECT_EQ(result.exitCode, 0) << result.console;
+    EXPECT_TRUE(result.console.ends_with("returned true, last error 0, ended elsewhere\n"))
+        << result.console;
+    EXPECT_TRUE(bench.FlashHoldsFirmware());
+  }
+}
+
 TEST(EndToEndStop, AnotherThreadEndsTheUpdateWhileItWrites) {
   Bench bench;
   ASSERT_TRUE(bench.MakeFirmware("plain"));
   ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--block-time", "20"}));
-  const Result result = bench.Run("stopping_host", {"firmware.hex"});
+  const Result result = bench.Run("stopping_host", {"usb", "firmware.hex", "stop"});
   EXPECT_EQ(result.exitCode, 0) << result.console;
   const Lines dialogue = Dialogue(result);
   ASSERT_GE(dialogue.size(), 2U);
   // The bar may be drawn once more between the request to stop and the end.
   EXPECT_TRUE(dialogue.end()[-2].ends_with("Firmwareupdate Error: 15")) << result.console;
-  EXPECT_EQ(dialogue.back(), "returned false, last error 0, stopped midway");
+  EXPECT_EQ(dialogue.back(), "returned false, last error 0, ended midway");
   EXPECT_FALSE(bench.FlashHoldsFirmware());
   EXPECT_TRUE(bench.SwitchOff());
 }
@@ -158,7 +172,7 @@ TEST(EndToEndStop, AHostThatLeavesInTheMidstOfAnUpdateEnds) {
     ASSERT_TRUE(bench.PlugIn(Words{"--family", "plain", "--block-time", "20"} + front));
   }
   constexpr int kLeft = 7;
-  EXPECT_EQ(bench.Run("stopping_host", {"firmware.hex", "leave"}).exitCode, kLeft);
+  EXPECT_EQ(bench.Run("stopping_host", {"usb", "firmware.hex", "leave"}).exitCode, kLeft);
   EXPECT_FALSE(bench.FlashHoldsFirmware());
   EXPECT_TRUE(bench.SwitchOff());
 }
