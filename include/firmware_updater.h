@@ -121,8 +121,9 @@ void FIRMWARE_UPDATER_CALL list_devices(void);
 /**
  * Asks the running update to end before its next step; the call itself returns at once. The update
  * shows error 15 on the console and returns false. No step is undone: a device that was being
- * written stays in its bootloader, and a tunnel stays open until the next update closes it. Without
- * a running update only the memory that the last one kept is released.
+ * written stays in its bootloader, and a tunnel stays open until the next update closes it. An
+ * update that is still opening its device ends before its first step. Without a running update the
+ * call only releases the memory that the last one kept; the next update is not affected.
  */
 void FIRMWARE_UPDATER_CALL stop_update(void);
 

@@ -8,7 +8,9 @@ FirmwareUpdater::FirmwareUpdater(Platform& platform, Logger& log, TransportHolde
 FirmwareUpdater::Run::Run(FirmwareUpdater& engine) : m_engine(engine) {
   const std::lock_guard lock(engine.m_runLock);
   m_granted = !engine.m_updateRuns;
-  if (m_granted) engine.m_updateRuns = true;
+  if (!m_granted) return;
+  engine.m_updateRuns = true;
+  engine.m_stopRequested = false;  // a request made before is not for this update
 }
 
 FirmwareUpdater::Run::~Run() {

@@ -114,9 +114,10 @@ class FirmwareUpdater {
 
   // --- From any thread ---
 
-  // Asks the running update to end before its next step, at the latest after the pause or the wait
-  // for a quiet line that is in hand; without a running update, releases what the last one kept.
-  // The first request since the last Start counts, further ones do nothing.
+  // Asks the update that holds the right to run to end before its next step, at the latest after the
+  // pause or the wait for a quiet line that is in hand. One that has not started yet ends before its
+  // first step. When none holds the right, releases what the last one kept. The first request since
+  // the last right was granted counts; further ones do nothing.
   void RequestStop();
 
   // The code stored last; it outlives later updates.

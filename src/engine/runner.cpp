@@ -26,7 +26,6 @@ void FirmwareUpdater::Start([[maybe_unused]] const Run& run, const std::string& 
 
 void FirmwareUpdater::ResetForUpdate() {
   m_statusHandler = &m_status;
-  m_stopRequested = false;
   m_blockSize = 0;
   m_deviceId = -1;
   m_softwareId = -1;

@@ -127,6 +127,17 @@ TEST(WholeUpdate, ANeighbourAtTheSamePortOfAnotherBusIsNeverTouched) {
                                   "Taking port 1-4-2 on bus 1\n"));
 }
 
+TEST(WholeUpdate, AStopWhileTheDeviceIsBeingOpenedEndsThatUpdateAndNoOther) {
+  Station station(Options("plain"));
+  station.usb.onOpening = [&] { station.engine.RequestStop(); };
+  EXPECT_FALSE(station.UpdateOverUsb());
+  EXPECT_EQ(station.Requests(), Lines{});
+  EXPECT_TRUE(station.platform.ConsoleHas("\nFirmwareupdate Error: 15\n"));
+  station.usb.onOpening = [] {};
+  station.engine.RequestStop();
+  EXPECT_TRUE(station.UpdateOverUsb());
+}
+
 TEST(WholeUpdate, AStrayHeaderByteDelaysNothingForLong) {
   // 0xAF opens a frame of 132 bytes that never comes.
   Station station(Options("plain"), false, {"after:id=0x100:1:AF", "after:id=0x120:1:AF"});

@@ -78,6 +78,8 @@ class SimulatedUsb : public PlainUsb {
   // What a test may put in the way of a transfer: true makes it fail.
   std::function<bool()> failSend = [] { return false; };
   std::function<bool()> failReceive = [] { return false; };
+  // Called while a device is being opened.
+  std::function<void()> onOpening = [] {};
 
   int ClaimInterface(libusb_device_handle* handle, int /*interface*/) override {
     return Gone(handle) ? static_cast<int>(LIBUSB_ERROR_NO_DEVICE) : 0;
@@ -87,6 +89,7 @@ class SimulatedUsb : public PlainUsb {
                       std::uint16_t value, std::uint16_t index, unsigned char* data,
                       std::uint16_t length, unsigned /*timeoutMs*/) override {
     if (Gone(handle)) return LIBUSB_ERROR_NO_DEVICE;
+    onOpening();
     const tavosim::UsbResult result = AsHandle(handle).port.function.Control(
         {requestType, request, value, index, length}, {data, length}, SimNow(m_platform));
     return result.status == tavosim::UsbStatus::Done ? int{length} : int{LIBUSB_ERROR_PIPE};
