@@ -27,8 +27,8 @@
  *
  * @par TEXTS AND VALUES
  *   Text arguments are zero-terminated 8-bit strings owned by the caller and only read during the
- *   call; a null pointer counts as an empty text. A bool takes one byte, 0 or 1, in arguments and
- *   results. No exception leaves a function and none ends the process.
+ *   call; a null pointer counts as an empty text. A bool takes one byte. In arguments 0 is false and
+ *   every other value true; results are 0 or 1. No exception leaves a function and none ends the process.
  *
  * @par OUTPUT
  *   An update writes its dialogue, a progress bar and a copy of its log to the standard output of

@@ -1,12 +1,13 @@
 // The seven exports: a thin shell that turns C arguments into ours and keeps every exception
 // inside.
 #include <algorithm>
+#include <cstdint>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 #include "api/process_objects.h"
 #include "api/update_commands.h"
-#include "firmware_updater.h"
 #include "platform/d2xx.h"
 #include "platform/libusb_api.h"
 #include "transport/device_listing.h"
@@ -17,7 +18,14 @@
 #define FIRMWARE_UPDATER_EXPORT extern "C" __attribute__((visibility("default")))
 #endif
 
-static_assert(sizeof(bool) == 1, "hosts in other languages pass one byte");
+// The header declares flags as bool. Hosts in other languages pass any byte for true, and a bool with
+// a value other than 0 and 1 is undefined, so the flags arrive here as bytes. A C function has one
+// declaration only: the header's get other names and are compared further down.
+#define update_ftdi_device declared_update_ftdi_device
+#define update_usb_device declared_update_usb_device
+#include "firmware_updater.h"
+#undef update_ftdi_device
+#undef update_usb_device
 
 namespace {
 
@@ -26,10 +34,18 @@ using tavo::TransportKind;
 
 constexpr std::size_t kModuleNameLength = 3;
 
+using Flag = std::uint8_t;  // any value but 0 is true
+static_assert(sizeof(bool) == sizeof(Flag));
+
+template <typename Argument>
+using AsByte = std::conditional_t<std::is_same_v<Argument, bool>, Flag, Argument>;
+template <typename Result, typename... Arguments>
+auto WithBytes(Result (*)(Arguments...)) -> Result (*)(AsByte<Arguments>...);
+
 std::string Text(const char* text) { return text ? text : ""; }
 
-tavo::UpdateFlags Flags(bool skipIdentityCheck, bool extendedErase, bool bootloaderOnly) {
-  return {!skipIdentityCheck, extendedErase, bootloaderOnly};
+tavo::UpdateFlags Flags(Flag skipIdentityCheck, Flag extendedErase, Flag bootloaderOnly) {
+  return {skipIdentityCheck == 0, extendedErase != 0, bootloaderOnly != 0};
 }
 
 tavo::UpdateContext Context() {
@@ -99,21 +115,26 @@ FIRMWARE_UPDATER_EXPORT void stop_update(void) {
 }
 
 FIRMWARE_UPDATER_EXPORT bool update_ftdi_device(const char* serialNumber, uint32_t baudRate,
-                                                bool echo, const char* updateFile,
-                                                bool skipIdentityCheck, bool extendedErase,
-                                                bool bootloaderOnly) {
+                                                Flag echo, const char* updateFile,
+                                                Flag skipIdentityCheck, Flag extendedErase,
+                                                Flag bootloaderOnly) {
   return GuardedUpdate([&] {
-    return tavo::UpdateDevice(Context(), {TransportKind::Ftdi, Text(serialNumber), baudRate, echo},
-                              Text(updateFile),
-                              Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
+    return tavo::UpdateDevice(
+        Context(), {TransportKind::Ftdi, Text(serialNumber), baudRate, echo != 0}, Text(updateFile),
+        Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
   });
 }
 
 FIRMWARE_UPDATER_EXPORT bool update_usb_device(const char* port, const char* updateFile,
-                                               bool skipIdentityCheck, bool extendedErase,
-                                               bool bootloaderOnly) {
+                                               Flag skipIdentityCheck, Flag extendedErase,
+                                               Flag bootloaderOnly) {
   return GuardedUpdate([&] {
     return tavo::UpdateDevice(Context(), {TransportKind::Usb, Text(port)}, Text(updateFile),
                               Flags(skipIdentityCheck, extendedErase, bootloaderOnly));
   });
 }
+
+static_assert(std::is_same_v<decltype(WithBytes(&declared_update_ftdi_device)),
+                             decltype(&update_ftdi_device)>);
+static_assert(
+    std::is_same_v<decltype(WithBytes(&declared_update_usb_device)), decltype(&update_usb_device)>);

@@ -197,6 +197,26 @@ TEST(EndToEndLoading, AHostThatLoadsAndUnloadsTheLibraryUpdatesToo) {
   }
 }
 
+TEST(EndToEndLoading, AnyByteButZeroIsTrue) {
+  const Lines rest = kCallBootloader + Lines{"0x120", "0x121", "0x132", "0x130 03"} + kFlash16K +
+                     kVerifyAndStart + kSignOfLife;
+  const struct {
+    Words flags;
+    Lines requests;
+  } kRows[] = {
+      {{"255", "2", "0"}, kLeave + kStatus + kSoftwareId + rest + kSignOfLife + kModules},
+      {{"0", "128", "255"}, rest},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.flags[0]);
+    Bench bench;
+    ASSERT_TRUE(bench.MakeFirmware("plain"));
+    ASSERT_TRUE(bench.PlugIn({"--family", "plain"}));
+    EXPECT_EQ(bench.Run("loading_host", Words{"usb", "firmware.hex"} + row.flags).exitCode, 0);
+    EXPECT_EQ(bench.TakeRequests(), row.requests);
+  }
+}
+
 TEST(EndToEndReadme, ItsExampleUpdatesTheDevice) {
   ExpectUpdate("usb", "\nresult: updated\n",
                [](const Bench& bench) { return bench.Run("readme_example", {"firmware.hex"}); });
