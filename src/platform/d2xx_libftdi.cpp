@@ -151,6 +151,8 @@ class Adapter {
 
   D2xxStatus Open(std::size_t index) {
     if (!m_ftdi) return kInsufficientResources;
+    // The driver of the system gets the adapter back when it is closed.
+    m_ftdi->module_detach_mode = AUTO_DETACH_REATACH_SIO_MODULE;
     if (ftdi_usb_open_dev(m_ftdi.get(), m_list->Device(index)) < 0) return kD2xxDeviceNotOpened;
     // The library names endpoints from the adapter's side: we read from its output.
     m_input = std::make_unique<InputTransfer>(

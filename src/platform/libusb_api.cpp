@@ -63,8 +63,16 @@ class RealLibUsb final : public LibUsb {
     return libusb_detach_kernel_driver(handle, interface);
   }
 
+  int AttachKernelDriver(libusb_device_handle* handle, int interface) override {
+    return libusb_attach_kernel_driver(handle, interface);
+  }
+
   int ClaimInterface(libusb_device_handle* handle, int interface) override {
     return libusb_claim_interface(handle, interface);
+  }
+
+  int ReleaseInterface(libusb_device_handle* handle, int interface) override {
+    return libusb_release_interface(handle, interface);
   }
 
   int ControlTransfer(libusb_device_handle* handle, std::uint8_t requestType, std::uint8_t request,

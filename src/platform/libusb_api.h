@@ -32,7 +32,9 @@ class LibUsb {
 
   virtual int KernelDriverActive(libusb_device_handle* handle, int interface) = 0;
   virtual int DetachKernelDriver(libusb_device_handle* handle, int interface) = 0;
+  virtual int AttachKernelDriver(libusb_device_handle* handle, int interface) = 0;
   virtual int ClaimInterface(libusb_device_handle* handle, int interface) = 0;
+  virtual int ReleaseInterface(libusb_device_handle* handle, int interface) = 0;
 
   // Timeouts in milliseconds, 0 = none.
   virtual int ControlTransfer(libusb_device_handle* handle, std::uint8_t requestType,

@@ -74,6 +74,7 @@ void CCommWinUSB::StartSession() {
 
 void CCommWinUSB::EndSession() {
   CCommWinUSB::Close();
+  m_detached.clear();  // of a device that is gone: the system finds it a driver when it is back
   FreeDeviceList();
   if (m_context != nullptr) m_usb.Exit(m_context);
   m_context = nullptr;
@@ -134,6 +135,7 @@ bool CCommWinUSB::OpenDevice(std::uint32_t deviceRef) {
   if (m_handle == nullptr) return false;
   if (ClaimInterfaces() && SwitchSerialOn()) return true;
   // A handle left behind would make the next attempt succeed without a working device.
+  AttachDrivers();
   ReleaseHandle();
   return false;
 }
@@ -149,8 +151,11 @@ libusb_device_handle* CCommWinUSB::OpenListed(std::uint32_t deviceRef) {
 }
 
 bool CCommWinUSB::ClaimInterface(int number) {
-  // An error code is no reason to stop either: some systems cannot tell and need no detaching.
-  if (m_usb.KernelDriverActive(m_handle, number) != 0) m_usb.DetachKernelDriver(m_handle, number);
+  // An error code is no reason to stop: some systems cannot answer and need no detaching.
+  if (m_usb.KernelDriverActive(m_handle, number) != 0 &&
+      m_usb.DetachKernelDriver(m_handle, number) >= 0) {
+    m_detached.insert(number);
+  }
   const int result = m_usb.ClaimInterface(m_handle, number);
   if (result < 0) {
     m_log.LogWarn("CCommWinUSB: Error claiming interface: %s", m_usb.ErrorName(result));
@@ -189,8 +194,11 @@ bool CCommWinUSB::OpenAt(const CCommDevDesc& device) {
   return true;
 }
 
+// The drivers stay away meanwhile: with them would come programs that open any serial port and write
+// to it.
 bool CCommWinUSB::Reconnect() {
-  Close();
+  m_isOpen = false;
+  ReleaseHandle();
   if (!m_namedPlace) return Open(kAnyDevice);
   EnumerateDevices();
   const auto device = std::ranges::find_if(m_devices, [this](const CCommDevDesc& listed) {
@@ -201,7 +209,18 @@ bool CCommWinUSB::Reconnect() {
 
 void CCommWinUSB::Close() {
   m_isOpen = false;
+  AttachDrivers();
   ReleaseHandle();
+}
+
+// A serial driver takes either interface only when both are free.
+void CCommWinUSB::AttachDrivers() {
+  if (m_handle == nullptr || m_detached.empty()) return;
+  for (const int number : {kControlInterface, kUsbDataInterface}) {
+    m_usb.ReleaseInterface(m_handle, number);
+  }
+  for (const int number : m_detached) m_usb.AttachKernelDriver(m_handle, number);
+  m_detached.clear();
 }
 
 void CCommWinUSB::ReleaseHandle() {

@@ -1,7 +1,8 @@
 // The transport for devices attached directly by USB. Such a device presents a serial function (CDC
 // ACM) that is driven here with libusb, without the operating system's serial driver: found by
 // vendor and product id, named by the USB ports that lead to it, opened, switched to 19200 baud
-// 8N1, and then read and written over two bulk endpoints.
+// 8N1, and then read and written over two bulk endpoints. A driver of the system that held the
+// device gets it back when it is closed.
 //
 //   CCommWinUSB usb(link, SystemPlatform(), log, SystemLibUsb());
 //   for (const CCommDevDesc& device : *usb.EnumerateDevices()) ...
@@ -12,6 +13,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -83,6 +85,7 @@ class CCommWinUSB : public ICommInterface {
   bool ClaimInterface(int number);
   bool ClaimInterfaces();
   bool SwitchSerialOn();
+  void AttachDrivers();
   void ReleaseHandle();
 
   bool SendBytes(const std::uint8_t* data, std::int32_t length);
@@ -97,6 +100,7 @@ class CCommWinUSB : public ICommInterface {
   std::size_t m_deviceCount = 0;
   std::vector<CCommDevDesc> m_devices;
   bool m_isOpen = false;
+  std::set<int> m_detached;  // interfaces taken from a driver of the system and not yet given back
   std::optional<Place> m_namedPlace;  // for Reconnect; none = no device opened by name yet
   std::optional<Place> m_openPlace;   // of the open device; none = none open, or not by name
 };

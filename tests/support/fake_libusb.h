@@ -120,8 +120,14 @@ class FakeLibUsb : public LibUsb {
   int DetachKernelDriver(libusb_device_handle*, int interface) override {
     return Record("DetachKernelDriver " + std::to_string(interface));
   }
+  int AttachKernelDriver(libusb_device_handle*, int interface) override {
+    return Record("AttachKernelDriver " + std::to_string(interface));
+  }
   int ClaimInterface(libusb_device_handle*, int interface) override {
     return Record("ClaimInterface " + std::to_string(interface));
+  }
+  int ReleaseInterface(libusb_device_handle*, int interface) override {
+    return Record("ReleaseInterface " + std::to_string(interface));
   }
 
   int ControlTransfer(libusb_device_handle*, std::uint8_t requestType, std::uint8_t request,

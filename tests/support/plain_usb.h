@@ -29,7 +29,11 @@ class PlainUsb : public LibUsb {
   int DetachKernelDriver(libusb_device_handle* /*handle*/, int /*interface*/) override {
     return LIBUSB_ERROR_NOT_FOUND;
   }
+  int AttachKernelDriver(libusb_device_handle* /*handle*/, int /*interface*/) override {
+    return LIBUSB_ERROR_NOT_FOUND;
+  }
   int ClaimInterface(libusb_device_handle* /*handle*/, int /*interface*/) override { return 0; }
+  int ReleaseInterface(libusb_device_handle* /*handle*/, int /*interface*/) override { return 0; }
   const char* ErrorName(int code) override { return libusb_error_name(code); }
 };
 

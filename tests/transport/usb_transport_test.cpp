@@ -106,6 +106,40 @@ TEST_F(UsbTransportTest, TakesTheDataInterfaceFromADriverThatIsOrMayBeAttached) 
   EXPECT_TRUE(m_platform.ConsoleHas("Error claiming interface: LIBUSB_ERROR_BUSY"));
 }
 
+TEST_F(UsbTransportTest, GivesTheDeviceBackToItsDriverOnEveryRoadOut) {
+  m_usb.results["KernelDriverActive 0"] = 1;
+  const Calls kGivenBack{"ReleaseInterface 0", "ReleaseInterface 1", "AttachKernelDriver 0",
+                         "Close"};
+  const auto expectGivenBack = [&](const char* when) {
+    const Calls calls = m_usb.TakeCalls();
+    EXPECT_NE(std::search(calls.begin(), calls.end(), kGivenBack.begin(), kGivenBack.end()),
+              calls.end())
+        << when;
+  };
+  OpenFirst();
+  Transport().Close();
+  expectGivenBack("closed");
+  OpenFirst();
+  Transport().EndSession();
+  expectGivenBack("end of the session");
+  m_usb.results["Control 32 0"] = LIBUSB_ERROR_TIMEOUT;
+  EXPECT_FALSE(Transport().OpenPort("1-4"));
+  expectGivenBack("not opened after all");
+
+  m_usb.results.erase("Control 32 0");
+  OpenFirst();
+  m_usb.results.erase("KernelDriverActive 0");  // it has been detached and nobody else attaches it
+  EXPECT_TRUE(Transport().Reconnect());
+  const Calls calls = m_usb.TakeCalls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "AttachKernelDriver 0"), 0);
+  Transport().Close();
+  expectGivenBack("closed after a glitch");
+
+  OpenFirst();
+  Transport().Close();
+  EXPECT_EQ(m_usb.TakeCalls(), Calls{"Close"}) << "there was no driver";
+}
+
 TEST_F(UsbTransportTest, AFailedOpenLeavesNothingOpen) {
   const struct {
     const char* call;

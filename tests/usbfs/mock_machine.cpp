@@ -97,6 +97,11 @@ std::vector<unsigned> MockMachine::Detached(const std::string& name) const {
   return At(name).nodes.back().Detached();
 }
 
+std::vector<unsigned> MockMachine::HeldByDriver(const std::string& name) const {
+  const std::lock_guard guard(m_lock);
+  return At(name).nodes.back().HeldByDriver();
+}
+
 std::string MockMachine::Root() const {
   const std::unique_ptr<gchar, decltype(&g_free)> root(
       umockdev_testbed_get_root_dir(m_testbed.get()), &g_free);

@@ -49,6 +49,8 @@ class MockMachine {
   // it was last plugged in.
   std::string NodePath(const std::string& name) const;
   std::vector<unsigned> Detached(const std::string& name) const;
+  // Which of its interfaces its driver holds at this moment.
+  std::vector<unsigned> HeldByDriver(const std::string& name) const;
 
   // Where the files that stand for /dev and /sys lie.
   std::string Root() const;

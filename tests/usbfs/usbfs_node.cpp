@@ -85,9 +85,12 @@ std::span<std::uint8_t> UsbfsNode::Urb::Bytes() const {
 
 UsbfsNode::UsbfsNode(tavosim::UsbDevice& front, std::string driver,
                      const NodeEnvironment& environment)
-    : m_front(front), m_environment(environment), m_handler(umockdev_ioctl_base_new()) {
+    : m_front(front),
+      m_environment(environment),
+      m_handler(umockdev_ioctl_base_new()),
+      m_driver(std::move(driver)) {
   ForEachDescriptor(m_front.ConfigurationDescriptor(), [&](std::span<const std::uint8_t> one) {
-    if (one[1] == kInterfaceDescriptor) m_interfaces.push_back({driver, nullptr});
+    if (one[1] == kInterfaceDescriptor) m_interfaces.push_back({m_driver, nullptr});
   });
   g_signal_connect(m_handler.get(), "handle-ioctl", G_CALLBACK(&UsbfsNode::OnIoctl), this);
 }
@@ -175,7 +178,30 @@ int UsbfsNode::DriverIoctl(Call& call) {
     return EINVAL;
   }
   const auto number = static_cast<unsigned>(request.ifno);
-  return static_cast<unsigned>(request.ioctl_code) == USBDEVFS_DISCONNECT ? Detach(number) : ENOTTY;
+  switch (static_cast<unsigned>(request.ioctl_code)) {
+    case USBDEVFS_DISCONNECT: return Detach(number);
+    case USBDEVFS_CONNECT: return Attach(number);
+    default: return ENOTTY;
+  }
+}
+
+// The driver looks at the device and takes it only whole.
+int UsbfsNode::Attach(unsigned number) {
+  if (!m_interfaces[number].driver.empty()) return EBUSY;
+  const bool free =
+      std::ranges::all_of(m_interfaces, [](const Interface& one) { return one.driver.empty(); });
+  for (Interface& one : m_interfaces) {
+    if (free) one.driver = m_driver;
+  }
+  return 0;
+}
+
+std::vector<unsigned> UsbfsNode::HeldByDriver() const {
+  std::vector<unsigned> held;
+  for (unsigned number = 0; number < m_interfaces.size(); ++number) {
+    if (!m_driver.empty() && m_interfaces[number].driver == m_driver) held.push_back(number);
+  }
+  return held;
 }
 
 int UsbfsNode::Detach(unsigned number) {

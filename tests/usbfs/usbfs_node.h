@@ -54,6 +54,8 @@ class UsbfsNode {
   std::optional<tavosim::SimTime> Work(tavosim::SimTime now);
   void Disconnect();
 
+  // The interfaces that the driver holds.
+  std::vector<unsigned> HeldByDriver() const;
   // The interfaces that were taken from the driver by request, in order.
   const std::vector<unsigned>& Detached() const { return m_detached; }
 
@@ -118,6 +120,7 @@ class UsbfsNode {
   int ReapUrbNow(Call& call);
 
   int Detach(unsigned number);
+  int Attach(unsigned number);
   int Claim(Client client, unsigned number);
   int ClaimFor(const Urb& urb);
   int ReapUntil(Call& call, std::optional<tavosim::SimTime> until);
@@ -134,6 +137,7 @@ class UsbfsNode {
   NodeEnvironment m_environment;
   GPointer<UMockdevIoctlBase> m_handler;
   std::list<GPointer<UMockdevIoctlClient>> m_clients;
+  const std::string m_driver;
   bool m_connected = true;
   std::vector<Interface> m_interfaces;
   std::vector<unsigned> m_detached;

@@ -123,9 +123,25 @@ TEST_P(UsbfsUpdate, ListedThenUpdated) {
   EXPECT_FALSE(bench.run.Says("cannot be used")) << bench.run.Out();
   EXPECT_EQ(bench.machine.Detached(place.port), std::vector<unsigned>{});
 
+  const std::vector<unsigned> held = bench.machine.HeldByDriver(place.port);
   EXPECT_EQ(bench.Update(place.target), ExitCode::Done) << bench.run.Out() << bench.run.Err();
   EXPECT_TRUE(bench.UpdatedAndRuns());
   EXPECT_EQ(bench.machine.Detached(place.port), place.detached);
+  EXPECT_EQ(bench.machine.HeldByDriver(place.port), held) << "given back";
+}
+
+TEST(UsbfsDrivers, AreBackAfterAFailedUpdateToo) {
+  for (const Place& place : kPlaces) {
+    if (place.detached.empty()) continue;
+    SCOPED_TRACE(place.name);
+    Bench bench(place.kind, "empty:id=0x132:1");  // an application size of 0
+    bench.PlugIn(place.port, place.driver);
+    const std::vector<unsigned> held = bench.machine.HeldByDriver(place.port);
+    EXPECT_NE(held, std::vector<unsigned>{});
+    EXPECT_NE(bench.Update(place.target), ExitCode::Done);
+    EXPECT_EQ(bench.machine.Detached(place.port), place.detached);
+    EXPECT_EQ(bench.machine.HeldByDriver(place.port), held);
+  }
 }
 
 INSTANTIATE_TEST_SUITE_P(Usbfs, UsbfsUpdate, testing::ValuesIn(kPlaces),
