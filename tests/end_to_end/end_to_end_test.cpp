@@ -1,12 +1,12 @@
 // The shared library as a host meets it: real processes, a real socket between host and device, and
 // real time, so that a scenario lasts as long as the pauses and answer timeouts in it (seconds to
 // minutes). Each is a test of its own for ctest, which overlaps them. Runs on Linux, also with Windows
-// hosts: see process_bench.h.
+// hosts: see process_station.h.
 #include <gtest/gtest.h>
 
 #include <functional>
 
-#include "tests/support/process_bench.h"
+#include "tests/support/process_station.h"
 
 namespace tavo::test {
 namespace {
@@ -99,101 +99,102 @@ Lines LogLinesOf(const std::string& text) {
 
 class EndToEnd : public testing::TestWithParam<Scenario> {
  protected:
-  Bench bench;
+  ProcessStation station;
 };
 
 TEST_P(EndToEnd, RunsAsAPersonAndTheDeviceExpect) {
   const Scenario& scenario = GetParam();
-  ASSERT_TRUE(bench.MakeFirmware(scenario.family));
-  ASSERT_TRUE(bench.PlugIn(Words{"--family", scenario.family} + scenario.simulator));
+  ASSERT_TRUE(station.MakeFirmware(scenario.family));
+  ASSERT_TRUE(station.PlugIn(Words{"--family", scenario.family} + scenario.simulator));
   Lines logged;
   for (const HostRun& run : scenario.runs) {
-    const Result result = bench.RunHost(run.arguments);
+    const Result result = station.RunHost(run.arguments);
     EXPECT_EQ(result.exitCode, run.exitCode) << result.console;
     EXPECT_EQ(Dialogue(result), run.dialogue);
-    EXPECT_EQ(bench.TakeRequests(), run.requests);
-    EXPECT_EQ(bench.FlashHoldsFirmware(), run.flashed);
+    EXPECT_EQ(station.TakeRequests(), run.requests);
+    EXPECT_EQ(station.FlashHoldsFirmware(), run.flashed);
     logged = logged + LogLinesOf(result.console);
   }
-  EXPECT_EQ(LogLinesOf(bench.Log()), logged);
-  EXPECT_TRUE(bench.SwitchOff());
+  EXPECT_EQ(LogLinesOf(station.Log()), logged);
+  EXPECT_TRUE(station.SwitchOff());
 }
 
 INSTANTIATE_TEST_SUITE_P(Update, EndToEnd, testing::ValuesIn(kScenarios),
                          [](const auto& row) { return row.param.name; });
 
 TEST(EndToEndListing, NamesUsbDevicesThenAdaptersAndChangesNothing) {
-  Bench bench;
-  ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--port-path", "1-4.2"}));
-  ASSERT_TRUE(bench.PlugIn(
+  ProcessStation station;
+  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--port-path", "1-4.2"}));
+  ASSERT_TRUE(station.PlugIn(
       {"--family", "plain", "--port-path", "2-3", "--ftdi", "--description", "Tavo adapter"}));
-  ASSERT_TRUE(bench.PlugIn({"--family", "tunnel", "--port-path", "1-1"}));
-  const Result result = bench.RunHost({"list"});
+  ASSERT_TRUE(station.PlugIn({"--family", "tunnel", "--port-path", "1-1"}));
+  const Result result = station.RunHost({"list"});
   EXPECT_EQ(result.exitCode, 0);
   EXPECT_EQ(result.console,
             "VID:03eb PID:2404 Port: 4-2\nVID:03eb PID:2404 Port: 1\nTavo adapter\n");
-  EXPECT_EQ(bench.TakeRequests(), Lines());
-  EXPECT_TRUE(bench.SwitchOff());
+  EXPECT_EQ(station.TakeRequests(), Lines());
+  EXPECT_TRUE(station.SwitchOff());
 }
 
 TEST(EndToEndListing, FromAnotherThreadDisturbsNoUpdate) {
   for (const std::string kind : {"usb", "ftdi"}) {
     SCOPED_TRACE(kind);
-    Bench bench;
-    ASSERT_TRUE(bench.MakeFirmware("plain"));
-    ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--block-time", "20", "--" + kind}));
-    const Result result = bench.Run("stopping_host", {kind, "firmware.hex", "list"});
+    ProcessStation station;
+    ASSERT_TRUE(station.MakeFirmware("plain"));
+    ASSERT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "20", "--" + kind}));
+    const Result result = station.Run("stopping_host", {kind, "firmware.hex", "list"});
     EXPECT_EQ(result.exitCode, 0) << result.console;
     EXPECT_TRUE(result.console.ends_with("returned true, last error 0, ended elsewhere\n"))
         << result.console;
-    EXPECT_TRUE(bench.FlashHoldsFirmware());
+    EXPECT_TRUE(station.FlashHoldsFirmware());
   }
 }
 
 TEST(EndToEndStop, AnotherThreadEndsTheUpdateWhileItWrites) {
-  Bench bench;
-  ASSERT_TRUE(bench.MakeFirmware("plain"));
-  ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--block-time", "20"}));
-  const Result result = bench.Run("stopping_host", {"usb", "firmware.hex", "stop"});
+  ProcessStation station;
+  ASSERT_TRUE(station.MakeFirmware("plain"));
+  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "20"}));
+  const Result result = station.Run("stopping_host", {"usb", "firmware.hex", "stop"});
   EXPECT_EQ(result.exitCode, 0) << result.console;
   const Lines dialogue = Dialogue(result);
   ASSERT_GE(dialogue.size(), 2U);
   // The bar may be drawn once more between the request to stop and the end.
   EXPECT_TRUE(dialogue.end()[-2].ends_with("Firmwareupdate Error: 15")) << result.console;
   EXPECT_EQ(dialogue.back(), "returned false, last error 0, ended midway");
-  EXPECT_FALSE(bench.FlashHoldsFirmware());
-  EXPECT_TRUE(bench.SwitchOff());
+  EXPECT_FALSE(station.FlashHoldsFirmware());
+  EXPECT_TRUE(station.SwitchOff());
 }
 
 TEST(EndToEndStop, AHostThatLeavesInTheMidstOfAnUpdateEnds) {
-  Bench bench;
-  ASSERT_TRUE(bench.MakeFirmware("plain"));
+  ProcessStation station;
+  ASSERT_TRUE(station.MakeFirmware("plain"));
   for (const Words& front : {Words{"--usb"}, Words{"--ftdi"}}) {
-    ASSERT_TRUE(bench.PlugIn(Words{"--family", "plain", "--block-time", "20"} + front));
+    ASSERT_TRUE(station.PlugIn(Words{"--family", "plain", "--block-time", "20"} + front));
   }
   constexpr int kLeft = 7;
-  EXPECT_EQ(bench.Run("stopping_host", {"usb", "firmware.hex", "leave"}).exitCode, kLeft);
-  EXPECT_FALSE(bench.FlashHoldsFirmware());
-  EXPECT_TRUE(bench.SwitchOff());
+  EXPECT_EQ(station.Run("stopping_host", {"usb", "firmware.hex", "leave"}).exitCode, kLeft);
+  EXPECT_FALSE(station.FlashHoldsFirmware());
+  EXPECT_TRUE(station.SwitchOff());
 }
 
 void ExpectUpdate(const std::string& kind, const std::string& ending,
-                  const std::function<Result(const Bench&)>& run) {
+                  const std::function<Result(const ProcessStation&)>& run) {
   SCOPED_TRACE(kind);
-  Bench bench;
-  ASSERT_TRUE(bench.MakeFirmware("plain"));
-  ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--" + kind}));
-  const Result result = run(bench);
+  ProcessStation station;
+  ASSERT_TRUE(station.MakeFirmware("plain"));
+  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--" + kind}));
+  const Result result = run(station);
   EXPECT_EQ(result.exitCode, 0) << result.console;
   EXPECT_TRUE(result.console.ends_with(ending)) << result.console;
-  EXPECT_TRUE(bench.FlashHoldsFirmware());
+  EXPECT_TRUE(station.FlashHoldsFirmware());
 }
 
 TEST(EndToEndLoading, AHostThatLoadsAndUnloadsTheLibraryUpdatesToo) {
   for (const std::string kind : {"usb", "ftdi"}) {
-    ExpectUpdate(kind, "\nupdated 1, last error 0, unloaded 1\n", [&](const Bench& bench) {
-      return bench.Run("loading_host", {kind, "firmware.hex"});
-    });
+    ExpectUpdate(kind, "\nupdated 1, last error 0, unloaded 1\n",
+                 [&](const ProcessStation& station) {
+                   return station.Run("loading_host", {kind, "firmware.hex"});
+                 });
   }
 }
 
@@ -209,24 +210,26 @@ TEST(EndToEndLoading, AnyByteButZeroIsTrue) {
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.flags[0]);
-    Bench bench;
-    ASSERT_TRUE(bench.MakeFirmware("plain"));
-    ASSERT_TRUE(bench.PlugIn({"--family", "plain"}));
-    EXPECT_EQ(bench.Run("loading_host", Words{"usb", "firmware.hex"} + row.flags).exitCode, 0);
-    EXPECT_EQ(bench.TakeRequests(), row.requests);
+    ProcessStation station;
+    ASSERT_TRUE(station.MakeFirmware("plain"));
+    ASSERT_TRUE(station.PlugIn({"--family", "plain"}));
+    EXPECT_EQ(station.Run("loading_host", Words{"usb", "firmware.hex"} + row.flags).exitCode, 0);
+    EXPECT_EQ(station.TakeRequests(), row.requests);
   }
 }
 
 TEST(EndToEndReadme, ItsExampleUpdatesTheDevice) {
-  ExpectUpdate("usb", "\nresult: updated\n",
-               [](const Bench& bench) { return bench.Run("readme_example", {"firmware.hex"}); });
+  ExpectUpdate("usb", "\nresult: updated\n", [](const ProcessStation& station) {
+    return station.Run("readme_example", {"firmware.hex"});
+  });
 }
 
 TEST(EndToEndExamples, TheHostInPythonUpdatesTheDevice) {
   for (const Words& words : {Words{"usb", ""}, Words{"ftdi", "", "19200"}}) {
-    ExpectUpdate(words[0], "updated\n", [&](const Bench& bench) {
-      EXPECT_NE(bench.RunPython("update_host.py", {"list"}).console, "") << "a line for the device";
-      return bench.RunPython("update_host.py", words + Words{"firmware.hex"});
+    ExpectUpdate(words[0], "updated\n", [&](const ProcessStation& station) {
+      EXPECT_NE(station.RunPython("update_host.py", {"list"}).console, "")
+          << "a line for the device";
+      return station.RunPython("update_host.py", words + Words{"firmware.hex"});
     });
   }
 }

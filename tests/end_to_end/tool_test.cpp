@@ -3,7 +3,7 @@
 
 #include <csignal>
 
-#include "tests/support/process_bench.h"
+#include "tests/support/process_station.h"
 
 namespace tavo::test {
 namespace {
@@ -13,15 +13,15 @@ constexpr int kStopped = 6;
 
 TEST(EndToEndTool, AnInterruptWhileItWritesIsExplainedAndTheCommandItNamesBringsTheDeviceBack) {
   for (const int signal : {SIGINT, SIGTERM}) {
-    Bench bench;
-    ASSERT_TRUE(bench.MakeFirmware("plain"));
-    ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--block-time", "30"}));
-    ChildProcess tool = bench.Start("firmware-updater", {"update", "firmware.hex", "--json"});
+    ProcessStation station;
+    ASSERT_TRUE(station.MakeFirmware("plain"));
+    ASSERT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "30"}));
+    ChildProcess tool = station.Start("firmware-updater", {"update", "firmware.hex", "--json"});
     ASSERT_TRUE(
         WaitUntil([&] { return tool.Output().find("\"event\":\"bytes\"") != std::string::npos; },
-                  Bench::kPrompt));
+                  ProcessStation::kPrompt));
     tool.Send(signal);
-    EXPECT_EQ(tool.Wait(Bench::kPrompt), kStopped);
+    EXPECT_EQ(tool.Wait(ProcessStation::kPrompt), kStopped);
     const std::string console = tool.Output();
     EXPECT_NE(console.find("Stopping before the next request; "), std::string::npos) << console;
     EXPECT_NE(console.find("\"ending\":\"stopped\""), std::string::npos) << console;
@@ -29,25 +29,27 @@ TEST(EndToEndTool, AnInterruptWhileItWritesIsExplainedAndTheCommandItNamesBrings
     EXPECT_NE(console.find("\"next\":\"firmware-updater recover firmware.hex --usb 1\""),
               std::string::npos)
         << console;
-    EXPECT_FALSE(bench.FlashHoldsFirmware());
+    EXPECT_FALSE(station.FlashHoldsFirmware());
 
-    const Result result = bench.Run("firmware-updater", {"recover", "firmware.hex", "--usb", "1"});
+    const Result result =
+        station.Run("firmware-updater", {"recover", "firmware.hex", "--usb", "1"});
     EXPECT_EQ(result.exitCode, kDone) << result.console;
     EXPECT_TRUE(result.console.ends_with("\nThe device runs the new firmware, verified.\n"))
         << result.console;
-    EXPECT_TRUE(bench.FlashHoldsFirmware());
-    const std::string log = FileText(bench.folder / "state/firmware-updater/firmware-updater.log");
+    EXPECT_TRUE(station.FlashHoldsFirmware());
+    const std::string log =
+        FileText(station.folder / "state/firmware-updater/firmware-updater.log");
     EXPECT_NE(log.find("INFO FirmwareUpdater: Start.\n"), std::string::npos);
   }
 }
 
 TEST(EndToEndTool, ASecondInterruptEndsItAtOnce) {
-  Bench bench;
-  ASSERT_TRUE(bench.MakeFirmware("plain"));
+  ProcessStation station;
+  ASSERT_TRUE(station.MakeFirmware("plain"));
   // Nothing answers: the first interrupt has to wait for a timeout of four seconds.
-  ASSERT_TRUE(bench.PlugIn({"--family", "plain", "--fault", "lose:*"}));
-  ChildProcess tool = bench.Start("firmware-updater", {"update", "firmware.hex"});
-  ASSERT_TRUE(WaitUntil([&] { return !bench.TakeRequests().empty(); }, Bench::kPrompt));
+  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--fault", "lose:*"}));
+  ChildProcess tool = station.Start("firmware-updater", {"update", "firmware.hex"});
+  ASSERT_TRUE(WaitUntil([&] { return !station.TakeRequests().empty(); }, ProcessStation::kPrompt));
   const auto said = [&](const char* text) {
     return WaitUntil([&] { return tool.Output().find(text) != std::string::npos; },
                      std::chrono::seconds(3));

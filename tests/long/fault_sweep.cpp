@@ -13,7 +13,7 @@
 #include <string_view>
 #include <utility>
 
-#include "tests/support/engine_access.h"
+#include "tests/support/engine_rig.h"
 #include "tests/support/station.h"
 
 namespace tavo::test {
@@ -137,9 +137,10 @@ unsigned RequestCount(const tavosim::Device& device) {
   return device.Journal().empty() ? 0 : device.Journal().back().number;
 }
 
-class Bench : private TransportObserver {
+class SweptUpdate : private TransportObserver {
  public:
-  explicit Bench(const Run& run) : m_run(run), m_station(Options(run.plan), false, {}, this) {}
+  explicit SweptUpdate(const Run& run)
+      : m_run(run), m_station(Options(run.plan), false, {}, this) {}
 
   Outcome Execute() {
     for (int update = 1; update < m_run.plan.updates; ++update) Update(m_run.plan.flags);
@@ -506,7 +507,7 @@ struct Sweep {
 
 void SweepPlan(const Plan& plan, bool usb, Sweep& sweep) {
   const Run faultFree{plan, usb, nullptr, 0};
-  const Outcome reference = Bench(faultFree).Execute();
+  const Outcome reference = SweptUpdate(faultFree).Execute();
   if (!reference.succeeded || !reference.broken.empty()) {
     std::printf("BROKEN %s: the fault-free update\n", plan.name);
     ++sweep.broken;
@@ -514,7 +515,7 @@ void SweepPlan(const Plan& plan, bool usb, Sweep& sweep) {
   for (unsigned request = 1; request <= reference.requests; ++request) {
     for (const FaultCase& fault : kFaults) {
       const Run run{plan, usb, &fault, request};
-      sweep.Count(run, Bench(run).Execute());
+      sweep.Count(run, SweptUpdate(run).Execute());
     }
   }
 }

@@ -17,7 +17,7 @@ from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field, replace
 from pathlib import Path
 
-from bench import POLL_SECONDS, BrokenPromise, Device, Ended, Kind, Words, promise, recommended
+from simulated_device import POLL_SECONDS, BrokenPromise, Device, Ended, Kind, Words, promise, recommended
 
 KINDS = [Kind(family, ftdi) for family in ("plain", "tunnel", "labelled", "gateway")
          for ftdi in (False, True)]

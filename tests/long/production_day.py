@@ -20,7 +20,7 @@ from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
 
-from bench import BrokenPromise, Device, Ended, Kind, Words, promise, recommended
+from simulated_device import BrokenPromise, Device, Ended, Kind, Words, promise, recommended
 
 KINDS = [Kind("plain"), Kind("labelled", ftdi=True), Kind("tunnel"), Kind("gateway", ftdi=True),
          Kind("plain", ftdi=True), Kind("labelled"), Kind("variant"), Kind("tunnel", ftdi=True)]

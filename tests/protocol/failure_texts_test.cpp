@@ -2,7 +2,7 @@
 // the code that the host reads, the text that a person reads, and the line in the log.
 #include <gtest/gtest.h>
 
-#include "tests/support/engine_access.h"
+#include "tests/support/engine_rig.h"
 
 namespace tavo::test {
 namespace {
@@ -11,41 +11,41 @@ using namespace std::chrono_literals;
 using U = FirmwareUpdater;
 using enum StepResult;
 
-void Nothing(EngineBench&) {}
-void Refused(EngineBench& bench) { bench.device->On("", kRefusal); }
-void RetriesUsedUp(EngineBench& bench) { bench.access.retryCount = 6; }
-void IdentityTimeUp(EngineBench& bench) { bench.platform.Advance(15001ms); }
-void WaitingTimeUp(EngineBench& bench) { bench.platform.Advance(25001ms); }
-void VerifyingBootloader(EngineBench& bench) { bench.access.bootloaderVersion = 3; }
-void KnownDevice(EngineBench& bench) { bench.access.deviceId = 0x0103; }
-void Labelled(EngineBench& bench) {
-  KnownDevice(bench);
-  bench.Load(ImageWithAdb(5, 0, {{0x0103, {0x8430}}}));
+void Nothing(EngineRig&) {}
+void Refused(EngineRig& rig) { rig.device->On("", kRefusal); }
+void RetriesUsedUp(EngineRig& rig) { rig.access.retryCount = 6; }
+void IdentityTimeUp(EngineRig& rig) { rig.platform.Advance(15001ms); }
+void WaitingTimeUp(EngineRig& rig) { rig.platform.Advance(25001ms); }
+void VerifyingBootloader(EngineRig& rig) { rig.access.bootloaderVersion = 3; }
+void KnownDevice(EngineRig& rig) { rig.access.deviceId = 0x0103; }
+void Labelled(EngineRig& rig) {
+  KnownDevice(rig);
+  rig.Load(ImageWithAdb(5, 0, {{0x0103, {0x8430}}}));
 }
-void LabelledForOthers(EngineBench& bench) {
-  KnownDevice(bench);
-  bench.Load(ImageWithAdb(5, 0, {{0x0101, {0x8430}}}));
+void LabelledForOthers(EngineRig& rig) {
+  KnownDevice(rig);
+  rig.Load(ImageWithAdb(5, 0, {{0x0101, {0x8430}}}));
 }
-void Tunnelled(EngineBench& bench) { bench.Load(ImageWithAdb(2, 0x8150)); }
-void WithoutAdb(EngineBench& bench) {
-  KnownDevice(bench);
-  bench.Load({Bytes(64, 0), 0x4000});
+void Tunnelled(EngineRig& rig) { rig.Load(ImageWithAdb(2, 0x8150)); }
+void WithoutAdb(EngineRig& rig) {
+  KnownDevice(rig);
+  rig.Load({Bytes(64, 0), 0x4000});
 }
 
-using Preparation = std::function<void(EngineBench&)>;
+using Preparation = std::function<void(EngineRig&)>;
 
 template <typename... Preparations>
 Preparation All(Preparations... preparations) {
-  return [=](EngineBench& bench) { (preparations(bench), ...); };
+  return [=](EngineRig& rig) { (preparations(rig), ...); };
 }
 Preparation Received(const Bytes& payload) {
-  return [=](EngineBench& bench) { bench.Receive(payload); };
+  return [=](EngineRig& rig) { rig.Receive(payload); };
 }
 Preparation ToWrite(std::size_t size, std::uint32_t blockSize, std::uint32_t offset = 0) {
-  return [=](EngineBench& bench) {
-    bench.Load({Bytes(size, 0), 0x4000});
-    bench.access.blockSize = blockSize;
-    bench.access.BeginPositioning(offset);
+  return [=](EngineRig& rig) {
+    rig.Load({Bytes(size, 0), 0x4000});
+    rig.access.blockSize = blockSize;
+    rig.access.BeginPositioning(offset);
   };
 }
 
@@ -62,12 +62,12 @@ struct Failure {
 void Check(std::initializer_list<Failure> failures) {
   for (const Failure& row : failures) {
     SCOPED_TRACE(row.text + " / " + row.line);
-    EngineBench bench;
-    row.prepare(bench);
-    EXPECT_EQ(bench.Call(row.step, row.phase), row.result);
-    EXPECT_EQ(static_cast<std::uint32_t>(bench.engine.LastError()), row.code);
-    EXPECT_EQ(bench.access.errorText, row.text);
-    EXPECT_TRUE(row.line.empty() || bench.platform.ConsoleHas(row.line + "\n"));
+    EngineRig rig;
+    row.prepare(rig);
+    EXPECT_EQ(rig.Call(row.step, row.phase), row.result);
+    EXPECT_EQ(static_cast<std::uint32_t>(rig.engine.LastError()), row.code);
+    EXPECT_EQ(rig.access.errorText, row.text);
+    EXPECT_TRUE(row.line.empty() || rig.platform.ConsoleHas(row.line + "\n"));
   }
 }
 
@@ -196,27 +196,27 @@ TEST(Failures, UnfitAnswerOrFirmware) {
 // clang-format on
 
 TEST(Failures, OneBadImageSpoilsTheUpdateFile) {
-  EngineBench bench;
-  bench.access.images = {ImageWithAdb(2, 0x8410), ImageWithAdb(7, 0)};
-  EXPECT_EQ(bench.Call(&U::CheckFirmware, StepPhase::Start), Done);
-  bench.access.images.push_back({Bytes(64, 0), 0x4000});
-  EXPECT_EQ(bench.Call(&U::CheckFirmware, StepPhase::Start), Failed);
+  EngineRig rig;
+  rig.access.images = {ImageWithAdb(2, 0x8410), ImageWithAdb(7, 0)};
+  EXPECT_EQ(rig.Call(&U::CheckFirmware, StepPhase::Start), Done);
+  rig.access.images.push_back({Bytes(64, 0), 0x4000});
+  EXPECT_EQ(rig.Call(&U::CheckFirmware, StepPhase::Start), Failed);
 }
 
 TEST(Failures, WithoutATransportTheVersionIsAskedForSevenTimes) {
-  EngineBench bench(false);
-  bench.Run({&U::CheckVersion});
-  EXPECT_EQ(bench.Count("INFO CommSendTavo: No ICOMM Sender specified.\n"), 7u);
-  EXPECT_EQ(bench.platform.Sleeps(), std::vector<std::chrono::milliseconds>(6, 1s));
-  EXPECT_EQ(bench.engine.LastError(), ErrorCode::BootloaderVersion);
+  EngineRig rig(false);
+  rig.Run({&U::CheckVersion});
+  EXPECT_EQ(rig.Count("INFO CommSendTavo: No ICOMM Sender specified.\n"), 7u);
+  EXPECT_EQ(rig.platform.Sleeps(), std::vector<std::chrono::milliseconds>(6, 1s));
+  EXPECT_EQ(rig.engine.LastError(), ErrorCode::BootloaderVersion);
 }
 
 TEST(Failures, WithoutATransportNoTunnelCountsAsOpen) {
-  EngineBench bench(false);
-  bench.access.activeTunnel = 0x0401;
-  EXPECT_EQ(bench.Call(&U::TunnelStatus, StepPhase::Start), Done);
-  EXPECT_EQ(bench.Count("CommSendRaw: No ICOMM Sender specified.\n"), 1u);
-  EXPECT_EQ(bench.access.activeTunnel, 0);
+  EngineRig rig(false);
+  rig.access.activeTunnel = 0x0401;
+  EXPECT_EQ(rig.Call(&U::TunnelStatus, StepPhase::Start), Done);
+  EXPECT_EQ(rig.Count("CommSendRaw: No ICOMM Sender specified.\n"), 1u);
+  EXPECT_EQ(rig.access.activeTunnel, 0);
 }
 
 }  // namespace

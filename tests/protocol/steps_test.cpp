@@ -2,7 +2,7 @@
 // they go on without an answer.
 #include <gtest/gtest.h>
 
-#include "tests/support/engine_access.h"
+#include "tests/support/engine_rig.h"
 
 namespace tavo::test {
 namespace {
@@ -17,25 +17,25 @@ Bytes LowHigh(std::uint16_t value) {
 
 struct Dialogue {
   std::vector<StepFunction> steps;
-  std::function<void(EngineBench&)> prepare;
+  std::function<void(EngineRig&)> prepare;
   Texts requests;
   Texts lines;  // each of them once
 };
 
 void Expect(const Dialogue& row) {
   SCOPED_TRACE(testing::PrintToString(row.requests));
-  EngineBench bench;
-  bench.Load(ImageWithAdb(2, 0x8410));
-  row.prepare(bench);
-  bench.Run(row.steps);
-  EXPECT_TRUE(bench.engine.Succeeded());
-  EXPECT_EQ(bench.device->requests, row.requests);
-  for (const std::string& line : row.lines) EXPECT_EQ(bench.Count(line + "\n"), 1u) << line;
+  EngineRig rig;
+  rig.Load(ImageWithAdb(2, 0x8410));
+  row.prepare(rig);
+  rig.Run(row.steps);
+  EXPECT_TRUE(rig.engine.Succeeded());
+  EXPECT_EQ(rig.device->requests, row.requests);
+  for (const std::string& line : row.lines) EXPECT_EQ(rig.Count(line + "\n"), 1u) << line;
 }
 
 // clang-format off
 TEST(Steps, UnderstandAlsoTheRareAnswers) {
-  using B = EngineBench;
+  using B = EngineRig;
   const Dialogue dialogues[] = {
     {{&U::LeaveBootloader}, [](B&) {}, {"0x12F 01"}, {"Start Application: Bootloader was active"}},
     {{&U::CheckHardwareId},  // asked for, but not compared
@@ -54,10 +54,10 @@ TEST(Steps, UnderstandAlsoTheRareAnswers) {
 
 TEST(Steps, TheLabelIsTheFirstEntryForTheDevice) {
   const auto device = [](std::uint8_t adbType, std::int32_t deviceId, std::int32_t softwareId) {
-    return [=](EngineBench& bench) {
-      bench.Load(ImageWithAdb(adbType, 0x8410, {{0x101, {}}, {0x102, {}}, {0x103, {}}, {0x102, {}}}));
-      bench.access.deviceId = deviceId;
-      bench.access.softwareId = softwareId;
+    return [=](EngineRig& rig) {
+      rig.Load(ImageWithAdb(adbType, 0x8410, {{0x101, {}}, {0x102, {}}, {0x103, {}}, {0x102, {}}}));
+      rig.access.deviceId = deviceId;
+      rig.access.softwareId = softwareId;
     };
   };
   Expect({{&U::SetLabel}, device(5, 0x103, -1), {"0x100 A0 02"}, {"Set Label: Request (Label 2)", "Set Label: Ok"}});
@@ -78,12 +78,12 @@ TEST(Steps, TheDeviceMayReportHardwareIdWildcardsTheFirmwareMayNot) {
            {0xF2E0, {0x82E0}, true},     {0x8FE0, {0x82E0}, true},  {0x82F0, {0x82E0}, true},
            {0xFFFF, {0x1234}, true},     {0x82E0, {0x82EF}, false}, {0x82EF, {0x82EF}, true},
            {0x82E0, {0x1111, 0x82E0, 0x2222}, true}, {0x82E0, {0x82E1, 0x92E0}, false}, {0x82E0, {}, false}}) {
-    EngineBench bench;
-    bench.Load(ImageWithAdb(7, 0, {{0x0101, {0x9999}}, {0x0102, row.accepted}}));
-    bench.access.deviceId = 0x0102;
-    bench.Receive(LowHigh(row.device));
-    EXPECT_EQ(bench.Call(&U::CheckHardwareId, StepPhase::Answer), row.fits ? Done : Failed) << row.device;
-    EXPECT_EQ(bench.Count("INFO CheckHardwareIdList: HwList: "), row.accepted.size());
+    EngineRig rig;
+    rig.Load(ImageWithAdb(7, 0, {{0x0101, {0x9999}}, {0x0102, row.accepted}}));
+    rig.access.deviceId = 0x0102;
+    rig.Receive(LowHigh(row.device));
+    EXPECT_EQ(rig.Call(&U::CheckHardwareId, StepPhase::Answer), row.fits ? Done : Failed) << row.device;
+    EXPECT_EQ(rig.Count("INFO CheckHardwareIdList: HwList: "), row.accepted.size());
   }
 }
 // clang-format on
@@ -117,102 +117,102 @@ TEST(Writing, SendsTheBlocksInOrderAndLeavesOutBlankOnesAfterTheFirst) {
                           {"A_C_", {0, 1, 2, 3}, 128},
                           {"___", {0}, 0}}) {
     SCOPED_TRACE(row.blocks);
-    EngineBench bench;
-    bench.Load(ImageOfBlocks(row.blocks, 64));
-    bench.access.blockSize = 64;
-    bench.Run({&U::WriteBlock});
-    EXPECT_TRUE(bench.engine.Succeeded());
+    EngineRig rig;
+    rig.Load(ImageOfBlocks(row.blocks, 64));
+    rig.access.blockSize = 64;
+    rig.Run({&U::WriteBlock});
+    EXPECT_TRUE(rig.engine.Succeeded());
     Texts expected;
     for (const std::uint32_t block : row.written) {
       const auto begin =
-          bench.access.selected->data.begin() + static_cast<std::ptrdiff_t>(block * 64);
+          rig.access.selected->data.begin() + static_cast<std::ptrdiff_t>(block * 64);
       expected.push_back(Positioning(0x4000 + block * 64));
       expected.push_back(ScriptedTransport::Text(0x134, Bytes(begin, begin + 64)));
     }
     const std::size_t size = row.blocks.size() * 64;
     expected.push_back(Positioning(0x4000 + static_cast<std::uint32_t>(size)));
-    EXPECT_EQ(bench.device->requests, expected);
-    EXPECT_EQ(bench.access.bytesTotal, row.total);
-    EXPECT_EQ(bench.access.bytesDone, row.written.size() * 64);
+    EXPECT_EQ(rig.device->requests, expected);
+    EXPECT_EQ(rig.access.bytesTotal, row.total);
+    EXPECT_EQ(rig.access.bytesDone, row.written.size() * 64);
   }
 }
 
 TEST(Writing, FillsUpAShortLastBlockAndEndsBehindTheImage) {
-  EngineBench bench;
-  bench.Load({Bytes(100, 0x11), 0x4000});
-  bench.access.blockSize = 64;
-  bench.Run({&U::WriteBlock});
+  EngineRig rig;
+  rig.Load({Bytes(100, 0x11), 0x4000});
+  rig.access.blockSize = 64;
+  rig.Run({&U::WriteBlock});
   Bytes last(36, 0x11);
   last.resize(64, 0xFF);
-  EXPECT_TRUE(bench.engine.Succeeded());
+  EXPECT_TRUE(rig.engine.Succeeded());
   EXPECT_EQ(
-      bench.device->requests,
+      rig.device->requests,
       (Texts{Positioning(0x4000), ScriptedTransport::Text(0x134, Bytes(64, 0x11)),
              Positioning(0x4040), ScriptedTransport::Text(0x134, last), Positioning(0x4064)}));
 }
 
 TEST(Writing, AsksAgainForWhatWasLostAndForgetsTheCountAfterAnAnswer) {
-  EngineBench bench;
-  bench.Load(ImageOfBlocks("A", 4));
-  bench.access.blockSize = 4;
-  bench.device->On("0x133", kSilence, kSilence, Answer({}));
-  bench.device->On("0x134", kSilence, kSilence, kSilence, kSilence, kSilence, kSilence, Answer({}));
-  bench.Run({&U::WriteBlock});
-  EXPECT_TRUE(bench.engine.Succeeded());
-  EXPECT_EQ(bench.device->requests.size(), 3u + 7u + 1u);
-  EXPECT_EQ(bench.access.retryCount, 0);
+  EngineRig rig;
+  rig.Load(ImageOfBlocks("A", 4));
+  rig.access.blockSize = 4;
+  rig.device->On("0x133", kSilence, kSilence, Answer({}));
+  rig.device->On("0x134", kSilence, kSilence, kSilence, kSilence, kSilence, kSilence, Answer({}));
+  rig.Run({&U::WriteBlock});
+  EXPECT_TRUE(rig.engine.Succeeded());
+  EXPECT_EQ(rig.device->requests.size(), 3u + 7u + 1u);
+  EXPECT_EQ(rig.access.retryCount, 0);
 }
 
 TEST(Modules, OfTheLastUpdateAreForgottenAndMayBeNone) {
-  EngineBench bench;
-  bench.device->On("0x814", Answer(LowHigh(0x0443)), Answer(LowHigh(0x633A)), Answer({0, 0}));
-  bench.Run({&U::RequestResettedModules});
-  EXPECT_EQ(bench.engine.ResettedModule(0), "ABC");
-  EXPECT_EQ(bench.engine.ResettedModule(1), "XYZ");
-  EXPECT_EQ(bench.engine.ResettedModule(2), std::nullopt);
-  EXPECT_TRUE(bench.platform.ConsoleHas("Resetted Modules ABC, XYZ\n"));
-  EXPECT_EQ(bench.Count("\nFirmwareupdate Error: 0\n"), 1u);
+  EngineRig rig;
+  rig.device->On("0x814", Answer(LowHigh(0x0443)), Answer(LowHigh(0x633A)), Answer({0, 0}));
+  rig.Run({&U::RequestResettedModules});
+  EXPECT_EQ(rig.engine.ResettedModule(0), "ABC");
+  EXPECT_EQ(rig.engine.ResettedModule(1), "XYZ");
+  EXPECT_EQ(rig.engine.ResettedModule(2), std::nullopt);
+  EXPECT_TRUE(rig.platform.ConsoleHas("Resetted Modules ABC, XYZ\n"));
+  EXPECT_EQ(rig.Count("\nFirmwareupdate Error: 0\n"), 1u);
 
-  bench.device->On("0x814", kSilence, Answer({0, 0}));
-  bench.Run({&U::RequestResettedModules});
-  EXPECT_TRUE(bench.engine.Succeeded());
-  EXPECT_EQ(bench.engine.LastError(), ErrorCode::Timeout);
-  EXPECT_EQ(bench.engine.ResettedModule(0), std::nullopt);
-  bench.Run({&U::RequestResettedModules});
-  EXPECT_EQ(bench.Count("INFO FirmwareUpdater: No resetted modules\n"), 1u);
+  rig.device->On("0x814", kSilence, Answer({0, 0}));
+  rig.Run({&U::RequestResettedModules});
+  EXPECT_TRUE(rig.engine.Succeeded());
+  EXPECT_EQ(rig.engine.LastError(), ErrorCode::Timeout);
+  EXPECT_EQ(rig.engine.ResettedModule(0), std::nullopt);
+  rig.Run({&U::RequestResettedModules});
+  EXPECT_EQ(rig.Count("INFO FirmwareUpdater: No resetted modules\n"), 1u);
 }
 
 TEST(Modules, OfADeviceThatNeverEndsItsListAreAsManyAsCanBeAskedFor) {
-  EngineBench bench;
-  bench.device->On("0x814", Answer({0x00, 0x80}));  // bit 15 is not part of the name
-  bench.Run({&U::RequestResettedModules});
-  EXPECT_TRUE(bench.engine.Succeeded());
-  EXPECT_EQ(bench.device->requests.size(), 256u);
-  EXPECT_EQ(bench.device->requests.back(), "0x814 FF");
-  EXPECT_EQ(bench.engine.ResettedModule(255), "@@@");
-  EXPECT_EQ(bench.engine.ResettedModule(256), std::nullopt);
+  EngineRig rig;
+  rig.device->On("0x814", Answer({0x00, 0x80}));  // bit 15 is not part of the name
+  rig.Run({&U::RequestResettedModules});
+  EXPECT_TRUE(rig.engine.Succeeded());
+  EXPECT_EQ(rig.device->requests.size(), 256u);
+  EXPECT_EQ(rig.device->requests.back(), "0x814 FF");
+  EXPECT_EQ(rig.engine.ResettedModule(255), "@@@");
+  EXPECT_EQ(rig.engine.ResettedModule(256), std::nullopt);
 }
 
 TEST(BootloaderEntry, TheVersionDecidesSendModeAndVerification) {
   for (const std::uint8_t version : Bytes{1, 2, 3, 255}) {
     SCOPED_TRACE(int{version});
-    EngineBench bench;
-    bench.device->On("0x120", Answer({version, 0x80}));
-    bench.Run({&U::CheckVersion, &U::Verify});
-    EXPECT_TRUE(bench.engine.Succeeded());
-    EXPECT_EQ(bench.access.blockSize, 128u);
-    EXPECT_EQ(bench.device->GetSendMode(), version >= 2 ? SendMode::Buffer : SendMode::Byte);
-    EXPECT_EQ(bench.device->requests, version >= 3 ? Texts({"0x120", "0x136"}) : Texts{"0x120"});
+    EngineRig rig;
+    rig.device->On("0x120", Answer({version, 0x80}));
+    rig.Run({&U::CheckVersion, &U::Verify});
+    EXPECT_TRUE(rig.engine.Succeeded());
+    EXPECT_EQ(rig.access.blockSize, 128u);
+    EXPECT_EQ(rig.device->GetSendMode(), version >= 2 ? SendMode::Buffer : SendMode::Byte);
+    EXPECT_EQ(rig.device->requests, version >= 3 ? Texts({"0x120", "0x136"}) : Texts{"0x120"});
   }
 }
 
 TEST(BootloaderEntry, ASlowBootloaderIsAskedAgainAfterAPause) {
-  EngineBench bench;
-  bench.device->On("0x120", kSilence, kRefusal, kSilence, Answer({1, 64}));
-  bench.Run({&U::CheckVersion});
-  EXPECT_TRUE(bench.engine.Succeeded());
-  EXPECT_EQ(bench.platform.Sleeps(), std::vector<std::chrono::milliseconds>(3, 1s));
-  EXPECT_EQ(bench.access.retryCount, 0);
+  EngineRig rig;
+  rig.device->On("0x120", kSilence, kRefusal, kSilence, Answer({1, 64}));
+  rig.Run({&U::CheckVersion});
+  EXPECT_TRUE(rig.engine.Succeeded());
+  EXPECT_EQ(rig.platform.Sleeps(), std::vector<std::chrono::milliseconds>(3, 1s));
+  EXPECT_EQ(rig.access.retryCount, 0);
 }
 
 TEST(SilentDevice, IsAskedABoundedNumberOfTimes) {
@@ -232,32 +232,32 @@ TEST(SilentDevice, IsAskedABoundedNumberOfTimes) {
                           {"application, tolerant", &U::WaitForApplicationTolerant, 7, 28s, true},
                           {"erase", &U::EraseApplication, 1, 4s, false}}) {
     SCOPED_TRACE(row.name);
-    EngineBench bench;
-    bench.platform.SetTickOffset(0xFFFFFFFF - 9999);  // the tick counter wraps after 10 s
-    bench.Load(ImageWithAdb(5, 0));
-    bench.access.blockSize = 64;
-    bench.access.processorId = 0x1E9748;  // of an earlier update
-    bench.device->On("", kSilence);
-    bench.Run({row.step});
-    ASSERT_FALSE(bench.device->requests.empty());
-    EXPECT_EQ(bench.device->requests, Texts(row.requests, bench.device->requests.front()));
-    EXPECT_EQ(bench.platform.MonotonicNow(), row.time);
-    EXPECT_EQ(bench.access.processorId == -1, row.step == &U::RequestProcessorId);
-    EXPECT_EQ(bench.engine.Succeeded(), row.succeeds);
-    EXPECT_EQ(bench.engine.LastError(), row.succeeds ? ErrorCode::None : ErrorCode::Timeout);
+    EngineRig rig;
+    rig.platform.SetTickOffset(0xFFFFFFFF - 9999);  // the tick counter wraps after 10 s
+    rig.Load(ImageWithAdb(5, 0));
+    rig.access.blockSize = 64;
+    rig.access.processorId = 0x1E9748;  // of an earlier update
+    rig.device->On("", kSilence);
+    rig.Run({row.step});
+    ASSERT_FALSE(rig.device->requests.empty());
+    EXPECT_EQ(rig.device->requests, Texts(row.requests, rig.device->requests.front()));
+    EXPECT_EQ(rig.platform.MonotonicNow(), row.time);
+    EXPECT_EQ(rig.access.processorId == -1, row.step == &U::RequestProcessorId);
+    EXPECT_EQ(rig.engine.Succeeded(), row.succeeds);
+    EXPECT_EQ(rig.engine.LastError(), row.succeeds ? ErrorCode::None : ErrorCode::Timeout);
   }
 }
 
 TEST(SilentDevice, TimeLimitsIncludeTheirLastMillisecond) {
   for (const auto& [step, limit] :
        {std::pair{&U::RequestDeviceIdAdmin, 15000ms}, std::pair{&U::WaitForApplication, 25000ms}}) {
-    EngineBench bench;
-    bench.platform.Advance(1h);
-    EXPECT_EQ(bench.Call(step, StepPhase::Start), Wait);
-    bench.platform.Advance(limit);
-    EXPECT_EQ(bench.Call(step, StepPhase::Timeout), Wait);
-    bench.platform.Advance(1ms);
-    EXPECT_EQ(bench.Call(step, StepPhase::Timeout), Failed);
+    EngineRig rig;
+    rig.platform.Advance(1h);
+    EXPECT_EQ(rig.Call(step, StepPhase::Start), Wait);
+    rig.platform.Advance(limit);
+    EXPECT_EQ(rig.Call(step, StepPhase::Timeout), Wait);
+    rig.platform.Advance(1ms);
+    EXPECT_EQ(rig.Call(step, StepPhase::Timeout), Failed);
   }
 }
 
@@ -285,16 +285,16 @@ TEST(Selection, TakesTheImageForTheProcessorElseTheOnlyOneThatNamesNone) {
   // clang-format on
   for (const Case& row : cases) {
     SCOPED_TRACE(row.name);
-    EngineBench bench;
+    EngineRig rig;
     for (const auto& [adbType, mcuId] : row.images) {
-      bench.access.images.push_back(ImageWithAdb(adbType, 0x8410, {}, mcuId));
+      rig.access.images.push_back(ImageWithAdb(adbType, 0x8410, {}, mcuId));
     }
-    bench.access.processorId = row.processorId;
-    bench.access.selected = &bench.access.images.front();
-    EXPECT_EQ(bench.Call(&U::SelectFirmware, StepPhase::Start), row.selected < 0 ? Failed : Done);
-    EXPECT_EQ(bench.access.selected,
-              row.selected < 0 ? nullptr : &bench.access.images[static_cast<size_t>(row.selected)]);
-    EXPECT_TRUE(bench.platform.ConsoleHas(row.line));
+    rig.access.processorId = row.processorId;
+    rig.access.selected = &rig.access.images.front();
+    EXPECT_EQ(rig.Call(&U::SelectFirmware, StepPhase::Start), row.selected < 0 ? Failed : Done);
+    EXPECT_EQ(rig.access.selected,
+              row.selected < 0 ? nullptr : &rig.access.images[static_cast<size_t>(row.selected)]);
+    EXPECT_TRUE(rig.platform.ConsoleHas(row.line));
   }
 }
 

@@ -1,14 +1,13 @@
-// A bench of simulated devices and hosts: every simulator and every host is a process of its own,
-// the host finds the devices through the substitute libusb, and all files lie in a new folder that
-// goes with the bench.
+// Simulated devices and hosts, each a process of its own. Hosts find the devices through the substitute
+// libusb. All files lie in a new folder, which is removed with the station.
 //
-//   Bench bench;
-//   bench.PlugIn({"--family", "plain"});
-//   const Result result = bench.RunHost({"usb", "", "firmware.hex"});
+//   ProcessStation station;
+//   station.PlugIn({"--family", "plain"});
+//   const Result result = station.RunHost({"usb", "", "firmware.hex"});
 //
-// With TAVO_WINDOWS_BUILD in the environment, the folder of a Windows build, the hosts are the
-// programs of that build: they run under Wine (TAVO_WINE_BITS is 64 or 32) with the DLL and the
-// substitutes of both vendor libraries beside them.
+// If TAVO_WINDOWS_BUILD names the folder of a Windows build, the hosts are the programs of that build.
+// They run under Wine (TAVO_WINE_BITS is 64 or 32), beside the DLL and the substitutes of both vendor
+// libraries.
 #pragma once
 
 #include <cstdlib>
@@ -20,13 +19,13 @@ namespace tavo::test {
 
 // How a host program ended.
 struct Result {
-  std::optional<int> exitCode;  // nothing: it had to be killed
+  std::optional<int> exitCode;  // empty: it had to be killed
   std::string console;
 };
 
-class Bench {
+class ProcessStation {
  public:
-  static constexpr std::chrono::seconds kPrompt{20};    // what needs no patience with a device
+  static constexpr std::chrono::seconds kPrompt{20};    // for anything but an update
   static constexpr std::chrono::seconds kLongest{170};  // an update that waits wherever it can
 
   // Writes firmware.hex, and the flash content that it makes into image.bin.
@@ -37,8 +36,7 @@ class Bench {
     return tool.Wait(kPrompt) == 0;
   }
 
-  // Starts a simulator. False when it does not come up. What this class tells of "the device" is
-  // told of the first.
+  // Starts a simulator; false if it does not come up. "The device" below is the first one.
   bool PlugIn(Words arguments) {
     const std::string number = std::to_string(m_simulators.size());
     const std::filesystem::path portFile = folder / ("port" + number);
@@ -51,15 +49,14 @@ class Bench {
     return true;
   }
 
-  // Ends the simulators as a person would. False when one of them did not end well, for example
-  // because it had lost memory.
+  // Ends the simulators with Ctrl-C. False if one of them fails, for example because it leaked memory.
   bool SwitchOff() {
     bool well = true;
     for (ChildProcess& simulator : m_simulators) well = simulator.AskToEnd(kPrompt) == 0 && well;
     return well;
   }
 
-  // A copy of the program in the bench's folder runs, so that the log comes to lie there.
+  // Runs a copy of the program in the station's folder, so that its log lies there.
   Result Run(const std::string& program, const Words& arguments) const {
     Words command = m_windowsBuild.empty()
                         ? Words{CopyHere(Program(program))}
@@ -73,8 +70,7 @@ class Bench {
     return RunCommand(command, arguments, Environment());
   }
 
-  // Runs an example in Python, always on this system. Its interpreter too is a copy, which has to be
-  // told where the rest of Python lies.
+  // Runs an example in Python, never under Wine. The interpreter is a copy too, and needs PYTHONHOME.
   Result RunPython(const std::string& example, const Words& arguments) const {
     const Words command{CopyHere(std::filesystem::canonical("/usr/bin/python3")),
                         TAVO_SOURCE_DIR "/examples/" + example,
@@ -91,7 +87,7 @@ class Bench {
   }
   Result RunHost(const Words& arguments) const { return Run("update-host", arguments); }
 
-  // Every request that the device has received since the last call.
+  // The requests that the device has received since the last call.
   Lines TakeRequests() {
     const Lines journal = LinesOf(FileText(folder / "device0/journal.txt"));
     Lines requests;

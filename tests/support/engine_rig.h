@@ -1,5 +1,4 @@
-// The bench for tests of the engine and its steps: an engine on a virtual clock over a scripted
-// device, and a look at the engine's fields.
+// An engine on a virtual clock over a scripted device, with access to the engine's fields.
 #pragma once
 
 #include <deque>
@@ -76,7 +75,7 @@ inline FirmwareImage ImageWithAdb(std::uint8_t adbType, std::uint16_t hardwareId
   return {std::move(firmware.data), firmware.startAddress};
 }
 
-class EngineBench {
+class EngineRig {
  public:
   VirtualPlatform platform;
   Logger log{platform};
@@ -88,7 +87,7 @@ class EngineBench {
   EngineAccess access{engine};
   ScriptedTransport* device = nullptr;  // owned by the holder; null when none is held
 
-  explicit EngineBench(bool holdsTransport = true) {
+  explicit EngineRig(bool holdsTransport = true) {
     if (!holdsTransport) return;
     holder.SelectTransport(TransportKind::Usb);
     device = static_cast<ScriptedTransport*>(holder.Transport());

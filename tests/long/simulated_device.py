@@ -1,7 +1,7 @@
-"""What the production tests have in common: simulated devices and runs of the tool.
+"""A simulated device and runs of the tool on it, for the production tests.
 
 Every simulator and every run of the tool is a process of its own; the tool finds the device through
-the substitute libusb of the build. Nothing outside the folder of a device is written.
+the build's substitute libusb. Nothing outside the device's folder is written.
 """
 
 import json
@@ -13,7 +13,7 @@ import time
 from dataclasses import dataclass
 from pathlib import Path
 
-PROMPT_SECONDS = 20.0  # what needs no patience with a device
+PROMPT_SECONDS = 20.0  # for anything but an update
 LONGEST_SECONDS = 300.0  # two engine runs that wait wherever they can, on a busy machine
 POLL_SECONDS = 0.002
 
@@ -23,7 +23,7 @@ Words = list[str]
 
 
 class BrokenPromise(Exception):
-    """The tool, or what it says, is not what it should be."""
+    """The tool, or its output, is wrong."""
 
 
 def promise(kept: bool, text: str) -> None:
@@ -155,6 +155,6 @@ class Device:
 
 
 def recommended(text: str) -> Words:
-    """The command that is named at the end of a text, as words without the tool itself; or none."""
+    """The command that ends a text, as words without the tool itself; or none."""
     _, _, command = text.rpartition("firmware-updater ")
     return shlex.split(command)
