@@ -60,6 +60,28 @@ TEST(Runner, TheBootloaderIsLeftWithoutATunnelWhenOnlyItTookPart) {
   EXPECT_EQ(rig.engine.LastError(), ErrorCode::Firmware);
 }
 
+// A bootloader that was called and then cannot be asked may have gone on in any way.
+TEST(Runner, ARequestThatIsNotSentLeavesTheDeviceUnknown) {
+  PlainRig rig;
+  rig.device->On("0x120", kRefusal);
+  rig.device->On("0x12F 01", kSilence, kRefusal);
+  rig.Update();
+  EXPECT_EQ(rig.engine.DeviceState().device, DeviceCondition::Unknown);
+}
+
+TEST(Runner, OnlyTwoChecksumsThatCameVerifyTheFlash) {
+  for (const Bytes& checksums : {Bytes{}, Bytes{1, 2, 3, 4}, Bytes{1, 2, 3, 4, 1, 2, 3, 4}}) {
+    PlainRig rig;
+    rig.device->On("0x136", Answer(checksums));
+    if (checksums.size() == 4) rig.device->On("0x136", Answer({}));
+    rig.Update();
+    EXPECT_TRUE(rig.engine.Succeeded());
+    EXPECT_EQ(rig.engine.DeviceState().device, checksums.size() == 8
+                                                   ? DeviceCondition::UpdatedAndVerified
+                                                   : DeviceCondition::UpdatedNotVerified);
+  }
+}
+
 // The stop comes from another thread, while the device works on the erase request.
 TEST(Stop, EndsTheUpdateBeforeTheNextStepCall) {
   PlainRig rig;
@@ -130,6 +152,34 @@ TEST(Engine, ProgressAndCodeOutliveTheUpdateAndOnlyProgressBeginsAnew) {
   rig.Update();
   EXPECT_TRUE(rig.engine.Succeeded());
   EXPECT_EQ(rig.engine.LastError(), ErrorCode::StartApplication);
+}
+
+// The label and the hardware check of the next device must not go by what the last one reported.
+TEST(Engine, AnUpdateBeginsWithoutAnyFactOfTheLastOne) {
+  PlainRig rig;
+  rig.device->On("0x100 BB 0A", Answer({0x03, 0x01}));
+  rig.device->On("0x100 BB 02", Answer({0x00, 0xEE}));
+  rig.Update();
+  EXPECT_EQ(rig.engine.Facts().deviceId, 0x0103);
+  EXPECT_EQ(rig.engine.Facts().hardwareId, 0x8410);
+  rig.access.retryCount = 6;
+  rig.access.activeTunnel = 0x0401;
+  rig.device->SetSendMode(SendMode::Buffer);
+
+  std::size_t request = 0;
+  rig.device->onRequest = [&](const std::string&) {
+    if (request++ > 0) return;
+    const DeviceFacts facts = rig.engine.Facts();
+    for (const std::int32_t fact : {facts.deviceId, facts.softwareId, facts.bootloaderVersion,
+                                    facts.blockSize, facts.processorId, facts.hardwareId}) {
+      EXPECT_EQ(fact, -1);
+    }
+    EXPECT_EQ(rig.access.retryCount, 0);
+    EXPECT_EQ(rig.access.activeTunnel, 0);
+    EXPECT_EQ(rig.device->GetSendMode(), SendMode::Byte);
+  };
+  rig.Update();
+  EXPECT_GT(request, 0u);
 }
 
 }  // namespace

@@ -70,6 +70,19 @@ TEST(WholeUpdate, FlagsLeaveOutWhatTheySay) {
   EXPECT_EQ(station.Requests(), withoutIdentity);
 }
 
+TEST(WholeUpdate, ADryRunEndsBeforeTheEraseWithTheOldApplication) {
+  Station station(Options("labelled"));
+  const std::vector<std::uint8_t> before = station.device.ApplicationFlash().Bytes();
+  EXPECT_TRUE(station.UpdateOverUsb({.dryRun = true}));
+  const Lines checks{"0x120", "0x121", "0x132", "0x122", "0x12F"};
+  EXPECT_EQ(station.Requests(),
+            kLeave + kStatus + kDeviceId + kSoftwareId + kCallBootloader + checks + kSignOfLife);
+  EXPECT_EQ(station.device.ApplicationFlash().Bytes(), before);
+  EXPECT_TRUE(station.ApplicationRuns());
+  EXPECT_EQ(station.engine.DeviceState().device, DeviceCondition::OldApplicationRuns);
+  EXPECT_FALSE(station.platform.ConsoleHas("Firmwareupdate successfull"));
+}
+
 struct OpenTunnelCase {
   const char* name;
   const char* family;
@@ -104,6 +117,10 @@ TEST(WholeUpdate, ATunnelFoundOpenIsClosedFirstAndNothingIsOneOff) {
       EXPECT_EQ(station.Requests(), row.requests);
       EXPECT_EQ(station.FlashHoldsFirmware(), row.succeeds);
       if (!row.succeeds) continue;
+      if (row.family == std::string("tunnel")) {
+        EXPECT_EQ(station.engine.DeviceState().tunnel,
+                  row.closeAnswered ? TunnelCondition::Closed : TunnelCondition::Unknown);
+      }
       const auto& sleeps = station.platform.Sleeps();
       for (const auto pause : {1000ms, 6000ms}) {
         EXPECT_EQ(std::count(sleeps.begin(), sleeps.end(), pause), pause == row.setUpPause ? 1 : 0);
@@ -136,6 +153,36 @@ TEST(WholeUpdate, AStopWhileTheDeviceIsBeingOpenedEndsThatUpdateAndNoOther) {
   station.usb.onOpening = [] {};
   station.engine.RequestStop();
   EXPECT_TRUE(station.UpdateOverUsb());
+}
+
+// A request that goes out while a frame is half received or half sent would be answered one off.
+TEST(WholeUpdate, NothingIsSentBeforeTheLineIsQuiet) {
+  const Lines untilBootloader = kLeave + kStatus + kDeviceId + kSoftwareId + kCallBootloader;
+  const Lines versionAgain{"0x120"};
+  Station halfAnswered(Options("plain"), false, {"cut:id=0x120:1"});
+  EXPECT_TRUE(halfAnswered.UpdateOverUsb());
+  EXPECT_EQ(halfAnswered.Requests(),
+            untilBootloader + versionAgain + kProgramming + kSignOfLife + kModules);
+
+  Station halfSent(Options("plain"));
+  int bytes = 0;
+  halfSent.usb.failSend = [&] {
+    return halfSent.Requests().size() == untilBootloader.size() && ++bytes == 2;
+  };
+  EXPECT_TRUE(halfSent.UpdateOverUsb());
+  EXPECT_EQ(halfSent.Requests(), kPlainUpdate);
+  EXPECT_FALSE(halfSent.platform.ConsoleHas("Check Version: Timeout"));
+
+  Station failing(Options("plain"), false, {"empty:id=0x132:1", "after:id=0x132:1:AF"});
+  EXPECT_FALSE(failing.UpdateOverUsb());
+  const Lines untilSize{"0x120", "0x121", "0x132"};
+  EXPECT_EQ(failing.Requests(), untilBootloader + untilSize + kStatus + kLeave + kSignOfLife);
+
+  Station lastAnswer(Options("plain"), false, {"after:id=0x814:1:AF"});
+  EXPECT_TRUE(lastAnswer.UpdateOverUsb());
+  lastAnswer.ForgetRequests();
+  EXPECT_TRUE(lastAnswer.UpdateOverUsb());
+  EXPECT_EQ(lastAnswer.Requests(), kPlainUpdate);
 }
 
 TEST(WholeUpdate, AStrayHeaderByteDelaysNothingForLong) {

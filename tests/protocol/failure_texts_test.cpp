@@ -186,9 +186,11 @@ TEST(Failures, UnfitAnswerOrFirmware) {
     {&U::WriteBlock,      kStart, ToWrite(100, 128), Failed, 10, "Error: Writing Flash", argument + "Size:100 | Block:128 "},
     {&U::WriteBlock,      kAnswer, ToWrite(64, 64, 65), Failed, 10, "Error: Flash Writing. More Bytes than expected.",
      "INFO FirmwareUpdater: Write Block: More Bytes than expected. Firmware Size: 64 | Transferred Bytes: 65 (0)"},
-    {&U::Verify,          kAnswer, All(VerifyingBootloader, Received({0x78, 0x56, 0x34, 0x12, 0x79, 0x56, 0x34, 0xF2})),
+    {&U::Verify,          kAnswer, All(VerifyingBootloader, Received({0x78, 0x56, 0x34, 0x12, 0x78, 0x56, 0x34, 0xF2})),
      Failed, 14, "Error: Verify. CRC calculation failed.",
-     "INFO FirmwareUpdater: Verify: failed Calc:0x12345678 IAR:0xF2345679"},
+     "INFO FirmwareUpdater: Verify: failed Calc:0x12345678 IAR:0xF2345678"},
+    {&U::Verify,          kAnswer, All(VerifyingBootloader, Received({0x78, 0, 0, 0, 0x79, 0, 0, 0})),
+     Failed, 14, "Error: Verify. CRC calculation failed."},
     {&U::SetLabel,        kStart, LabelledForOthers, Failed, 16, "Error: Sending: Set Label Request"},
     {&U::SetLabel,        kStart, WithoutAdb, Failed, 16, unknownAdb, "CRIT " + unknownAdb},
   });

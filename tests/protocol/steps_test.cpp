@@ -77,7 +77,8 @@ TEST(Steps, TheDeviceMayReportHardwareIdWildcardsTheFirmwareMayNot) {
            Case{0x82E0, {0x82E0}, true}, {0x82E5, {0x82E0}, false}, {0x82EF, {0x82E0}, true},
            {0xF2E0, {0x82E0}, true},     {0x8FE0, {0x82E0}, true},  {0x82F0, {0x82E0}, true},
            {0xFFFF, {0x1234}, true},     {0x82E0, {0x82EF}, false}, {0x82EF, {0x82EF}, true},
-           {0x82E0, {0x1111, 0x82E0, 0x2222}, true}, {0x82E0, {0x82E1, 0x92E0}, false}, {0x82E0, {}, false}}) {
+           {0x82E0, {0x1111, 0x82E0, 0x2222}, true}, {0x82E0, {0x82E1, 0x92E0}, false}, {0x82E0, {}, false},
+           {0x82E0, {0x82D0, 0x81E0}, false}}) {
     EngineRig rig;
     rig.Load(ImageWithAdb(7, 0, {{0x0101, {0x9999}}, {0x0102, row.accepted}}));
     rig.access.deviceId = 0x0102;
@@ -87,6 +88,25 @@ TEST(Steps, TheDeviceMayReportHardwareIdWildcardsTheFirmwareMayNot) {
   }
 }
 // clang-format on
+
+// Without a device id the hardware may be any that the firmware is for; with one, only that device's.
+TEST(Steps, TheHardwareCheckCanBeAskedForByItself) {
+  struct Case {
+    std::int32_t deviceId;
+    std::uint16_t hardware;
+    StepResult result;
+  };
+  for (const Case& row : {Case{-1, 0x8410, Done}, Case{-1, 0x8420, Done}, Case{-1, 0x8430, Failed},
+                          Case{0x0102, 0x8420, Done}, Case{0x0102, 0x8410, Failed}}) {
+    EngineRig rig;
+    rig.Load(ImageWithAdb(7, 0, {{0x0101, {0x8410}}, {0x0102, {0x8420}}}));
+    rig.engine.SetFlags({.checkIdentity = false, .checkHardware = true});
+    rig.access.deviceId = row.deviceId;
+    rig.Receive(LowHigh(row.hardware));
+    EXPECT_EQ(rig.Call(&U::CheckHardwareId, StepPhase::Answer), row.result)
+        << row.deviceId << " " << row.hardware;
+  }
+}
 
 // A block of the image for each letter; '_' is a blank one.
 FirmwareImage ImageOfBlocks(const std::string& blocks, std::size_t blockSize) {
@@ -207,12 +227,14 @@ TEST(BootloaderEntry, TheVersionDecidesSendModeAndVerification) {
 }
 
 TEST(BootloaderEntry, ASlowBootloaderIsAskedAgainAfterAPause) {
-  EngineRig rig;
-  rig.device->On("0x120", kSilence, kRefusal, kSilence, Answer({1, 64}));
-  rig.Run({&U::CheckVersion});
-  EXPECT_TRUE(rig.engine.Succeeded());
-  EXPECT_EQ(rig.platform.Sleeps(), std::vector<std::chrono::milliseconds>(3, 1s));
-  EXPECT_EQ(rig.access.retryCount, 0);
+  for (const StepFunction step : {&U::CheckVersion, &U::RequestProcessorId}) {
+    EngineRig rig;
+    rig.device->On("", kSilence, kRefusal, kSilence, Answer({1, 64}));
+    rig.Run({step});
+    EXPECT_TRUE(rig.engine.Succeeded());
+    EXPECT_EQ(rig.platform.Sleeps(), std::vector<std::chrono::milliseconds>(3, 1s));
+    EXPECT_EQ(rig.access.retryCount, 0) << "the next step has all its tries";
+  }
 }
 
 TEST(SilentDevice, IsAskedABoundedNumberOfTimes) {

@@ -202,6 +202,13 @@ TEST_F(CommInterfaceTest, TheEchoIsStrippedFromWhatComesBack) {
   EXPECT_EQ(Received({14}), Bytes{14});
 }
 
+TEST_F(CommInterfaceTest, AnEchoThatNeverCameEatsNoLaterAnswer) {
+  m_transport.SetEcho(true);
+  Request(0x120);
+  EXPECT_EQ(PollAfter(4s), Polled::TimedOut);
+  EXPECT_EQ(Received({1, 2}), (Bytes{1, 2}));
+}
+
 TEST_F(CommInterfaceTest, AVanishedDeviceIsLookedForAtAPaceAndTheTimeoutStillComes) {
   Request(0x120);
   m_transport.readFails = true;
@@ -220,6 +227,7 @@ TEST_F(CommInterfaceTest, NothingOfAnEarlierUpdateIsLeftAfterDiscarding) {
   EXPECT_EQ(PollAfter(10s), Polled::TimedOut);  // one more is in store
   Request(0x100);
   for (int read = 0; read < 5; ++read) DeviceAnswers(0x130);
+  m_transport.SendRawData(m_answer.payload.data(), 3);
   m_platform.Advance(1h);
 
   m_transport.DiscardLeftovers();
