@@ -14,6 +14,7 @@ and "..." stands for any lines. The blocks of a document are run one after the o
 which holds firmware.hex, firmware.zip (of the family plain) and page.hex. Other blocks:
 
   <!-- file: NAME -->         is put into that folder
+  <!-- copy of: FILE -->      is the same as this file of the sources
   <!-- bytes of: NAME... -->  its lines are addresses and bytes of these HEX files
   <!-- wire: NAME -->         its lines are frames, and the record of an update has them in this order
 """
@@ -226,13 +227,16 @@ def check_block(block: Block, folder: Path, environment: dict[str, str]) -> None
         run_block(block, folder, environment)
     elif block.directive.startswith("file: "):
         (folder / block.directive.split()[1]).write_text(block.text, encoding="utf-8")
+    elif block.directive.startswith("copy of: "):
+        name = block.directive.removeprefix("copy of: ")
+        expect(block.text == (ROOT / name).read_text(encoding="utf-8"), f"it differs from {name}")
     elif block.directive.startswith("bytes of: "):
         check_bytes(block, folder)
     elif block.directive.startswith("wire: "):
         check_wire(block, folder)
     elif not re.match(r"not run: .", block.directive):
-        expect(block.language not in COMMANDS and not block.text.startswith("$ "),
-               "commands without a comment that says whether they are run")
+        expect(block.language not in (*COMMANDS, "c") and not block.text.startswith("$ "),
+               "commands or a program without a comment that says how they are checked")
 
 
 def check_document(document: Path, environment: dict[str, str]) -> list[str]:

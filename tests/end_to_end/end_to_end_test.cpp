@@ -218,9 +218,9 @@ TEST(EndToEndLoading, AnyByteButZeroIsTrue) {
   }
 }
 
-TEST(EndToEndReadme, ItsExampleUpdatesTheDevice) {
+TEST(EndToEndHost, TheMinimalHostUpdatesTheDevice) {
   ExpectUpdate("usb", "\nresult: updated\n", [](const ProcessStation& station) {
-    return station.Run("readme_example", {"firmware.hex"});
+    return station.Run("minimal-host", {"firmware.hex"});
   });
 }
 
