@@ -130,7 +130,9 @@ void FIRMWARE_UPDATER_CALL stop_update(void);
 /**
  * Updates the device behind an FTDI adapter. Blocks until the update has ended.
  *
- * @param[in] serialNumber       the adapter's serial number; empty = the first adapter found
+ * @param[in] serialNumber       the adapter's serial number, on an adapter with several channels
+ *                               followed by the channel's letter (A to D); empty = the first
+ *                               adapter found
  * @param[in] baudRate           of the line, in bits per second
  * @param[in] echo               the adapter hears every byte that it sends
  * @param[in] updateFile         path of the update file: .hex, or .zip with .hex files inside

@@ -36,30 +36,56 @@ constexpr SimTime kPowerOnLatency = std::chrono::milliseconds(16);
 // The ids and release; what a program may look at without reading it all.
 constexpr std::array<std::uint16_t, 64> kEeprom{0x4000, 0x0403, 0x6001, 0x0600};
 
+// The chips, by their number of channels.
+struct Chip {
+  unsigned channels;
+  std::uint8_t product;  // low byte; the high one is 0x60
+  std::uint8_t release;  // high byte
+};
+constexpr std::array kChips{Chip{1, 0x01, 0x06}, Chip{2, 0x10, 0x05}, Chip{4, 0x11, 0x08}};
+
 // clang-format off
-constexpr std::uint8_t kDevice[]{
-  18, 1, 0x00, 0x02,                 // USB 2.0
-  0, 0, 0, 8,                        // class named by the interface, 8 bytes at endpoint 0
-  0x03, 0x04, 0x01, 0x60,            // 0403:6001
-  0x00, 0x06, 1, 2, 3, 1};           // release 6.00 = FT232R, three strings, one configuration
+std::vector<std::uint8_t> DeviceOf(const Chip& chip) {
+  return {
+    18, 1, 0x00, 0x02,                 // USB 2.0
+    0, 0, 0, 8,                        // class named by the interface, 8 bytes at endpoint 0
+    0x03, 0x04, chip.product, 0x60,    // vendor 0403
+    0x00, chip.release, 1, 2, 3, 1};   // three strings, one configuration
+}
 
-constexpr std::uint8_t kConfiguration[]{
-  9, 2, 32, 0, 1, 1, 0, 0xA0, 45,    // one interface, bus-powered, 90 mA
-  9, 4, 0, 0, 2, 0xFF, 0xFF, 0xFF, 2,
-  7, 5, kBulkIn, 2, kPacketSize, 0, 0,
-  7, 5, kBulkOut, 2, kPacketSize, 0, 0};
+std::vector<std::uint8_t> ConfigurationOf(const Chip& chip) {
+  constexpr unsigned kHead = 9;
+  constexpr unsigned kInterface = 23;
+  const auto length = static_cast<std::uint8_t>(kHead + chip.channels * kInterface);
+  const auto channels = static_cast<std::uint8_t>(chip.channels);
+  std::vector<std::uint8_t> all{9, 2, length, 0, channels, 1, 0, 0xA0, 45};  // bus-powered, 90 mA
+  for (std::uint8_t channel = 0; channel < channels; ++channel) {
+    const auto in = static_cast<std::uint8_t>(kBulkIn + 2 * channel);
+    const auto out = static_cast<std::uint8_t>(kBulkOut + 2 * channel);
+    all.insert(all.end(), {9, 4, channel, 0, 2, 0xFF, 0xFF, 0xFF, 2,
+                           7, 5, in, 2, kPacketSize, 0, 0,
+                           7, 5, out, 2, kPacketSize, 0, 0});
+  }
+  return all;
+}
 // clang-format on
-static_assert(sizeof(kConfiguration) == 32, "the length that the descriptor itself names");
 
-// The divisor of 3 MHz: 14 bits, and three bits that select its eighths.
-std::uint32_t DecodeBaud(std::uint16_t value, std::uint16_t index) {
+const Chip& ChipWith(unsigned channels) {
+  return *std::ranges::find(kChips, channels, &Chip::channels);
+}
+
+// The divisor of 3 MHz, or of 12 MHz where a fast chip says so: 14 bits, and three bits that select
+// its eighths. A chip with channels has the upper bits one byte higher, above the channel's number.
+std::uint32_t DecodeBaud(std::uint16_t value, std::uint16_t index, bool hasChannels) {
   static constexpr std::array<std::uint32_t, 8> kEighths{0, 4, 2, 1, 3, 5, 6, 7};
+  const std::uint32_t upper = hasChannels ? index >> 8U : index;
+  const std::uint32_t clock = hasChannels && (upper & 2U) != 0 ? 12000000 : 3000000;
   const std::uint32_t whole = value & 0x3FFFU;
-  const std::uint32_t fraction = kEighths[(value >> 14U) | (index & 1U) << 2U];
+  const std::uint32_t fraction = kEighths[(value >> 14U) | (upper & 1U) << 2U];
   // Two divisors have meanings of their own.
-  if (whole == 0) return 3000000;
-  if (whole == 1 && fraction == 0) return 2000000;
-  return 24000000 / (whole * 8 + fraction);
+  if (whole == 0) return clock;
+  if (whole == 1 && fraction == 0) return clock * 2 / 3;
+  return clock * 8 / (whole * 8 + fraction);
 }
 
 // A receiver samples ten bits with one start edge; beyond 3 % it loses the last.
@@ -81,18 +107,25 @@ FtdiAdapter::FtdiAdapter(Device& device, const LineOptions& line, FtdiOptions op
 }
 
 std::vector<std::uint8_t> FtdiAdapter::DeviceDescriptor() const {
-  return {std::begin(kDevice), std::end(kDevice)};
+  return DeviceOf(ChipWith(m_options.channels));
 }
 
 std::vector<std::uint8_t> FtdiAdapter::ConfigurationDescriptor() const {
-  return {std::begin(kConfiguration), std::end(kConfiguration)};
+  return ConfigurationOf(ChipWith(m_options.channels));
+}
+
+// Requests name their channel, from 1.
+bool FtdiAdapter::IsForDevice(const SetupPacket& setup) const {
+  return m_options.channels == 1 || (setup.index & 0xFFU) == m_options.deviceChannel + 1;
 }
 
 UsbResult FtdiAdapter::FunctionRequest(const SetupPacket& setup, std::span<const std::uint8_t>) {
+  const bool sets = setup.request <= kSetFormat || setup.request == kSetLatency;
+  if (sets && !IsForDevice(setup)) return {};
   switch (setup.request) {
     case kReset: Reset(setup.value); return {};
     case kSetBaud:
-      m_baud = DecodeBaud(setup.value, setup.index);
+      m_baud = DecodeBaud(setup.value, setup.index, m_options.channels > 1);
       AgreeOnLine();
       return {};
     case kSetFormat:
@@ -130,8 +163,18 @@ void FtdiAdapter::AgreeOnLine() {
   SerialLine().SetEndsAgree(sameRate && m_format == kFormat8N1);
 }
 
+// Nothing is connected to the other channels: bytes vanish.
+UsbResult FtdiAdapter::Out(std::uint8_t endpoint, std::span<const std::uint8_t> data, SimTime now) {
+  if (m_options.channels == 1) return UsbFront::Out(endpoint, data, now);
+  if (endpoint == kBulkOut + 2 * m_options.deviceChannel) {
+    return UsbFront::Out(kBulkOut, data, now);
+  }
+  return {Connected(now) ? UsbStatus::Done : UsbStatus::Gone};
+}
+
 UsbResult FtdiAdapter::Read(std::uint8_t endpoint, std::size_t capacity, SimTime now) {
-  if (endpoint != kBulkIn || capacity < kStatus.size()) return {UsbStatus::Stall};
+  if (capacity < kStatus.size()) return {UsbStatus::Stall};
+  if (endpoint != kBulkIn + 2 * m_options.deviceChannel) return {UsbStatus::NotReady};
   // A transfer ends when it is full or with a packet that is not; before the latency timer has run
   // out all packets are full.
   const auto packets = std::max<std::size_t>(capacity / kPacketSize, 1);

@@ -1,6 +1,7 @@
 // An FTDI USB-serial adapter (FT232R, 0403:6001) with the device on its serial side. Every packet
 // it sends opens with two status bytes; a packet leaves when it is full or when the latency timer
-// runs out, even with nothing but the status bytes in it.
+// runs out, even with nothing but the status bytes in it. Adapters with two and four channels
+// (FT2232C, 0403:6010, and FT4232H, 0403:6011) have the device at one of them.
 #pragma once
 
 #include <cstdint>
@@ -17,6 +18,8 @@ struct FtdiOptions {
   // What the device listens at. At another rate (3 % apart or more), or at anything but 8N1,
   // nothing gets across. 0 = every rate will do.
   std::uint32_t deviceBaud = 19200;
+  unsigned channels = 1;       // 1, 2 or 4
+  unsigned deviceChannel = 0;  // the one with the device, from 0
 };
 
 class FtdiAdapter : public UsbFront {
@@ -26,6 +29,8 @@ class FtdiAdapter : public UsbFront {
 
   std::vector<std::uint8_t> DeviceDescriptor() const override;
   std::vector<std::uint8_t> ConfigurationDescriptor() const override;
+
+  UsbResult Out(std::uint8_t endpoint, std::span<const std::uint8_t> data, SimTime now) override;
 
   std::uint32_t Baud() const { return m_baud; }  // as the host set it
   SimTime Latency() const { return m_latency; }
@@ -37,6 +42,7 @@ class FtdiAdapter : public UsbFront {
   std::optional<SimTime> OwnDue() const override { return m_lastPacket + m_latency; }
 
  private:
+  bool IsForDevice(const SetupPacket& setup) const;
   void Reset(std::uint16_t what);
   UsbResult SetLatency(std::uint16_t milliseconds);
   void AgreeOnLine();

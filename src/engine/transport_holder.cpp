@@ -16,7 +16,9 @@ TransportHolder::TransportHolder(Platform& platform, TransportFactory factory)
   assert(m_factory != nullptr);
 }
 
-TransportHolder::~TransportHolder() { m_platform.Sleep(kSettleTime); }
+TransportHolder::~TransportHolder() {
+  if (m_transport) m_platform.Sleep(kSettleTime);
+}
 
 bool TransportHolder::SelectTransport(TransportKind kind) {
   if (m_transport && kind == m_kind) return true;

@@ -16,7 +16,7 @@ using TransportFactory = std::function<std::unique_ptr<ICommInterface>(Transport
 class TransportHolder {
  public:
   TransportHolder(Platform& platform, TransportFactory factory);
-  // Gives the device below 100 ms to finish what it was told last, then destroys the transport.
+  // Gives a device that was in use 100 ms to finish its last request, then destroys the transport.
   ~TransportHolder();
   TransportHolder(const TransportHolder&) = delete;
   TransportHolder& operator=(const TransportHolder&) = delete;

@@ -14,18 +14,20 @@ namespace tavo {
 // 0 is success; other values are the vendor's error numbers.
 using D2xxStatus = std::uint32_t;
 inline constexpr D2xxStatus kD2xxOk = 0;
-inline constexpr D2xxStatus kD2xxDeviceNotFound = 2;
-inline constexpr D2xxStatus kD2xxDeviceNotOpened = 3;
+inline constexpr D2xxStatus kD2xxDeviceNotFound = 2;   // it is not connected, or no longer
+inline constexpr D2xxStatus kD2xxDeviceNotOpened = 3;  // another program holds it
 inline constexpr D2xxStatus kD2xxIoError = 4;
+inline constexpr D2xxStatus kD2xxOtherError = 18;  // on Linux: no permission
 
 using D2xxHandle = void*;
 
 // More adapters than any machine has; a library that counts more must not make us allocate it.
 inline constexpr std::uint32_t kMaxAdapters = 1024;
 
-// What the vendor's library tells of one adapter. Texts end at the first zero byte or fill their
-// array.
+// One adapter, or one channel of an adapter with several. Texts end at the first zero byte or fill
+// their array.
 struct D2xxDeviceInfo {
+  D2xxStatus status;  // other than 0: the reason why the texts could not be read
   std::array<char, 16> serialNumber;
   std::array<char, 64> description;
 };
@@ -39,6 +41,10 @@ class D2xx {
 
   // FT_GetDeviceInfoList: fills at most `devices.size()` records, sets `count` to their number.
   virtual D2xxStatus GetDeviceInfoList(std::span<D2xxDeviceInfo> devices, std::uint32_t* count) = 0;
+
+  // Not one of the vendor's calls: forgets the kept list and what it uses of the system, such as a
+  // thread. Open adapters stay open.
+  virtual void ForgetDeviceInfoList() = 0;
 
   // FT_Open: opens the adapter at `index` of the kept list. The handle is valid until Close.
   virtual D2xxStatus Open(std::uint32_t index, D2xxHandle* handle) = 0;

@@ -11,7 +11,7 @@
 #include <limits>
 #include <memory>
 #include <span>
-#include <tuple>
+#include <string>
 #include <vector>
 
 #include "platform/d2xx.h"
@@ -27,6 +27,9 @@ using std::chrono::milliseconds;
 constexpr D2xxStatus kInsufficientResources = 5;
 constexpr D2xxStatus kInvalidParameter = 6;
 constexpr D2xxStatus kInvalidBaudRate = 7;
+
+// libftdi1's result for a baud rate that an adapter does not have.
+constexpr int kUnsupported = -1;
 
 // Several packets per transfer, so that a long answer does not take one round through us per packet.
 constexpr std::size_t kPacketsPerTransfer = 4;
@@ -47,6 +50,70 @@ struct FreeTransfer {
 };
 using FtdiPointer = std::unique_ptr<ftdi_context, FreeFtdi>;
 
+D2xxStatus StatusOf(int libusbError) {
+  switch (libusbError) {
+    case LIBUSB_SUCCESS: return kD2xxOk;
+    case LIBUSB_ERROR_ACCESS: return kD2xxOtherError;
+    case LIBUSB_ERROR_BUSY: return kD2xxDeviceNotOpened;
+    case LIBUSB_ERROR_NO_DEVICE:
+    case LIBUSB_ERROR_NOT_FOUND: return kD2xxDeviceNotFound;
+    default: return kD2xxIoError;
+  }
+}
+
+// A device opened without claiming any part of it.
+class OpenedDevice {
+ public:
+  explicit OpenedDevice(libusb_device* device) : m_result(libusb_open(device, &m_handle)) {}
+  OpenedDevice(const OpenedDevice&) = delete;
+  OpenedDevice& operator=(const OpenedDevice&) = delete;
+  ~OpenedDevice() {
+    if (m_handle != nullptr) libusb_close(m_handle);
+  }
+
+  int Result() const { return m_result; }
+  libusb_device_handle* Handle() const { return m_handle; }
+
+  // An index of 0 stands for an empty text.
+  template <std::size_t kCapacity>
+  D2xxStatus ReadText(std::uint8_t index, std::array<char, kCapacity>& text) const {
+    std::array<unsigned char, kCapacity + 1> buffer{};
+    const int length = index == 0 ? 0
+                                  : libusb_get_string_descriptor_ascii(
+                                        m_handle, index, buffer.data(), kCapacity + 1);
+    if (length < 0) return StatusOf(length);
+    std::copy_n(buffer.begin(), kCapacity, text.begin());
+    return kD2xxOk;
+  }
+
+ private:
+  libusb_device_handle* m_handle = nullptr;
+  int m_result;
+};
+
+// One channel of an adapter; most adapters have a single one.
+struct Channel {
+  libusb_device* device;
+  ftdi_interface interface;  // INTERFACE_ANY: the only one
+};
+
+constexpr int kMaxChannels = INTERFACE_D;
+
+int CountChannels(libusb_device* device) {
+  libusb_config_descriptor* configuration = nullptr;
+  if (libusb_get_active_config_descriptor(device, &configuration) < 0) return 1;
+  const int count = configuration->bNumInterfaces;
+  libusb_free_config_descriptor(configuration);
+  return std::clamp(count, 1, kMaxChannels);
+}
+
+// Adds the channel's name to a text, which gives way where it is too long.
+template <std::size_t kCapacity>
+void Append(const std::string& name, std::array<char, kCapacity>& text) {
+  const auto end = std::find(text.begin(), text.end() - std::ssize(name), '\0');
+  std::copy(name.begin(), name.end(), end);
+}
+
 // The adapters found by one search. Its libusb context owns them, so it lives as long as any of
 // them is open.
 class AdapterList {
@@ -57,33 +124,49 @@ class AdapterList {
     // Vendor and product 0: every id that the adapter's maker gives its own products.
     if (!m_ftdi || ftdi_usb_find_all(m_ftdi.get(), &list, 0, 0) < 0) return false;
     m_list.reset(list);
-    for (; list != nullptr; list = list->next) m_devices.push_back(list->dev);
+    for (; list != nullptr; list = list->next) AddChannels(list->dev);
     return true;
   }
 
-  std::uint32_t Count() const { return static_cast<std::uint32_t>(m_devices.size()); }
-  libusb_device* Device(std::size_t index) const { return m_devices[index]; }
+  std::uint32_t Count() const { return static_cast<std::uint32_t>(m_channels.size()); }
+  const Channel& At(std::size_t index) const { return m_channels[index]; }
   libusb_context* UsbContext() const { return m_ftdi->usb_ctx; }
 
-  // An adapter whose texts cannot be read keeps its place in the list, with empty ones.
+  // An adapter whose texts cannot be read keeps its place in the list. A channel is named as the
+  // vendor's library names it: by a letter behind serial number and description.
   D2xxDeviceInfo Describe(std::size_t index) const {
+    const Channel& channel = m_channels[index];
     D2xxDeviceInfo info{};
-    std::array<char, std::tuple_size_v<decltype(info.serialNumber)> + 1> serial{};
-    std::array<char, std::tuple_size_v<decltype(info.description)> + 1> description{};
-    const int result = ftdi_usb_get_strings2(
-        m_ftdi.get(), m_devices[index], nullptr, 0, description.data(),
-        static_cast<int>(description.size()), serial.data(), static_cast<int>(serial.size()));
-    if (result < 0) return info;
-    std::copy_n(serial.begin(), info.serialNumber.size(), info.serialNumber.begin());
-    std::copy_n(description.begin(), info.description.size(), info.description.begin());
+    libusb_device_descriptor descriptor{};
+    libusb_get_device_descriptor(channel.device, &descriptor);
+    const OpenedDevice opened(channel.device);
+    info.status = StatusOf(opened.Result());
+    if (info.status == kD2xxOk) {
+      info.status = opened.ReadText(descriptor.iSerialNumber, info.serialNumber);
+    }
+    if (info.status == kD2xxOk) {
+      info.status = opened.ReadText(descriptor.iProduct, info.description);
+    }
+    if (info.status != kD2xxOk || channel.interface == INTERFACE_ANY) return info;
+    const std::string letter(1, static_cast<char>('A' + (channel.interface - INTERFACE_A)));
+    Append(letter, info.serialNumber);
+    Append(" " + letter, info.description);
     return info;
   }
 
  private:
+  void AddChannels(libusb_device* device) {
+    const int count = CountChannels(device);
+    if (count == 1) return m_channels.push_back({device, INTERFACE_ANY});
+    for (int channel = INTERFACE_A; channel <= count; ++channel) {
+      m_channels.push_back({device, static_cast<ftdi_interface>(channel)});
+    }
+  }
+
   // Order matters: the list is freed before the context that it lies in.
   FtdiPointer m_ftdi;
   std::unique_ptr<ftdi_device_list, FreeDeviceList> m_list;
-  std::vector<libusb_device*> m_devices;  // the list again, by index
+  std::vector<Channel> m_channels;  // of the list, by index
 };
 
 void HandleEvents(libusb_context* context, milliseconds bound) {
@@ -153,7 +236,9 @@ class Adapter {
     if (!m_ftdi) return kInsufficientResources;
     // The driver of the system gets the adapter back when it is closed.
     m_ftdi->module_detach_mode = AUTO_DETACH_REATACH_SIO_MODULE;
-    if (ftdi_usb_open_dev(m_ftdi.get(), m_list->Device(index)) < 0) return kD2xxDeviceNotOpened;
+    const Channel& channel = m_list->At(index);
+    ftdi_set_interface(m_ftdi.get(), channel.interface);
+    if (ftdi_usb_open_dev(m_ftdi.get(), channel.device) < 0) return Obstacle(channel.device);
     // The library names endpoints from the adapter's side: we read from its output.
     m_input = std::make_unique<InputTransfer>(
         m_ftdi->usb_dev, static_cast<std::uint8_t>(m_ftdi->out_ep), m_ftdi->max_packet_size);
@@ -170,6 +255,14 @@ class Adapter {
   }
 
  private:
+  // libftdi1 does not pass on why an adapter could not be opened.
+  D2xxStatus Obstacle(libusb_device* device) const {
+    const OpenedDevice opened(device);
+    if (opened.Result() < 0) return StatusOf(opened.Result());
+    const int claimed = libusb_claim_interface(opened.Handle(), m_ftdi->interface);
+    return claimed < 0 ? StatusOf(claimed) : kD2xxIoError;
+  }
+
   void StopInput() {
     Input().Stop();
     for (int wait = 0; Input().InFlight() && wait < kMaxCancelWaits; ++wait) Service(kCancelWait);
@@ -184,6 +277,24 @@ class Adapter {
   FtdiPointer m_ftdi;
   std::unique_ptr<InputTransfer> m_input;
 };
+
+// For FT2232C and D chips, where libftdi1 leaves the channel out of this request. The divisor of
+// 3 MHz counts eighths, which have codes.
+int SetBaudRateOf2232C(ftdi_context* ftdi, std::uint32_t baudRate) {
+  constexpr std::uint32_t kEighthsPerSecond = 8 * 3'000'000;
+  constexpr std::uint32_t kSlowest = 184;
+  constexpr std::uint32_t kFastest = 1'500'000;
+  constexpr std::array<std::uint32_t, 8> kCodes{0, 3, 2, 4, 1, 5, 6, 7};
+  if (baudRate < kSlowest || baudRate > kFastest) return kUnsupported;
+  const std::uint32_t eighths = (kEighthsPerSecond + baudRate / 2) / baudRate;
+  const std::uint32_t code = kCodes[eighths % 8];
+  const std::uint32_t value = (eighths / 8) | (code & 3) << 14;
+  const std::uint32_t index = (code >> 2) << 8 | static_cast<std::uint32_t>(ftdi->index);
+  return libusb_control_transfer(ftdi->usb_dev, FTDI_DEVICE_OUT_REQTYPE, SIO_SET_BAUDRATE_REQUEST,
+                                 static_cast<std::uint16_t>(value),
+                                 static_cast<std::uint16_t>(index), nullptr, 0,
+                                 static_cast<unsigned>(ftdi->usb_write_timeout));
+}
 
 Adapter& Opened(D2xxHandle handle) { return *static_cast<Adapter*>(handle); }
 
@@ -210,6 +321,8 @@ class LibftdiD2xx final : public D2xx {
     return kD2xxOk;
   }
 
+  void ForgetDeviceInfoList() override { m_list.reset(); }
+
   D2xxStatus Open(std::uint32_t index, D2xxHandle* handle) override {
     *handle = nullptr;
     if (!m_list || index >= m_list->Count()) return kD2xxDeviceNotFound;
@@ -221,8 +334,10 @@ class LibftdiD2xx final : public D2xx {
 
   D2xxStatus SetBaudRate(D2xxHandle handle, std::uint32_t baudRate) override {
     if (baudRate > std::numeric_limits<int>::max()) return kInvalidBaudRate;
-    constexpr int kUnsupported = -1;
-    const int result = ftdi_set_baudrate(Opened(handle).Ftdi(), static_cast<int>(baudRate));
+    ftdi_context* const ftdi = Opened(handle).Ftdi();
+    const int result = ftdi->type == TYPE_2232C
+                           ? SetBaudRateOf2232C(ftdi, baudRate)
+                           : ftdi_set_baudrate(ftdi, static_cast<int>(baudRate));
     return result == kUnsupported ? kInvalidBaudRate : IoStatus(result < 0);
   }
 

@@ -45,6 +45,13 @@ struct VendorFunctions {
                               std::uint32_t* received);
 };
 
+// The vendor's library does not read the texts of an adapter that is open already.
+D2xxStatus StatusOf(const VendorRecord& record) {
+  constexpr std::uint32_t kOpened = 1;
+  const bool hasTexts = record.serialNumber[0] != '\0' || record.description[0] != '\0';
+  return (record.flags & kOpened) != 0 && !hasTexts ? kD2xxDeviceNotOpened : kD2xxOk;
+}
+
 template <typename Function>
 bool Find(const char* name, Function* function) {
   *function = reinterpret_cast<Function>(FindLibraryFunction(kLibrary, name));
@@ -63,10 +70,10 @@ bool FindAll(VendorFunctions* vendor) {
 
 class VendorD2xx final : public D2xx {
  public:
-  VendorD2xx() : m_present(FindAll(&m_vendor)) {}
-
+  // The library is loaded when adapters are first looked for.
   D2xxStatus CreateDeviceInfoList(std::uint32_t* count) override {
     *count = 0;
+    if (!m_present) m_present = FindAll(&m_vendor);
     if (!m_present) return kD2xxDeviceNotFound;
     const D2xxStatus status = m_vendor.createDeviceInfoList(count);
     m_listed = 0;
@@ -88,11 +95,13 @@ class VendorD2xx final : public D2xx {
     const D2xxStatus status = m_vendor.getDeviceInfoList(records.data(), &filled);
     const std::size_t taken = std::min({std::size_t{filled}, records.size(), devices.size()});
     for (std::size_t i = 0; i < taken; ++i) {
-      devices[i] = {records[i].serialNumber, records[i].description};
+      devices[i] = {StatusOf(records[i]), records[i].serialNumber, records[i].description};
     }
     *count = static_cast<std::uint32_t>(taken);
     return status;
   }
+
+  void ForgetDeviceInfoList() override { m_listed = 0; }
 
   // An adapter is opened only after it was listed, so from here on the library is present.
 
@@ -149,7 +158,7 @@ class VendorD2xx final : public D2xx {
   }
 
   VendorFunctions m_vendor{};
-  bool m_present;
+  bool m_present = false;
   std::uint32_t m_listed = 0;  // records that the library fills in
 };
 

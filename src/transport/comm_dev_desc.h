@@ -28,6 +28,9 @@ class CCommDevDesc {
 
   // One printable line.
   std::string description;
+
+  // False: the device exists, but its texts could not be read; the log has the reason.
+  bool isReadable = true;
 };
 
 }  // namespace tavo

@@ -9,6 +9,15 @@ namespace {
 // The pause of a silent poll. Short against the 16 ms that an adapter itself holds input back.
 constexpr std::chrono::milliseconds kInputWait{10};
 
+const char* Reason(D2xxStatus status) {
+  switch (status) {
+    case kD2xxDeviceNotFound: return "it is gone";
+    case kD2xxDeviceNotOpened: return "another program holds it";
+    case kD2xxOtherError: return "no permission";
+    default: return "it does not respond";
+  }
+}
+
 // A text that fills its array has no zero byte at its end.
 template <std::size_t kCapacity>
 std::string Text(const std::array<char, kCapacity>& field) {
@@ -26,14 +35,19 @@ std::vector<CCommDevDesc>* CCommFTDI::EnumerateDevices() {
   if (m_d2xx.CreateDeviceInfoList(&count) != kD2xxOk || count == 0) return &m_devices;
 
   std::vector<D2xxDeviceInfo> adapters(std::min(count, kMaxAdapters));
-  // An adapter is listed with whatever the library tells of it: by its index it can be opened
-  // anyway.
+  // The status of the whole list does not matter: by its index an adapter can be opened anyway.
   m_d2xx.GetDeviceInfoList(adapters, &count);
   std::uint32_t index = 0;
-  for (const D2xxDeviceInfo& adapter : adapters) {
-    m_devices.emplace_back(index++, Text(adapter.serialNumber), Text(adapter.description));
-  }
+  for (const D2xxDeviceInfo& adapter : adapters) AddAdapter(index++, adapter);
   return &m_devices;
+}
+
+void CCommFTDI::AddAdapter(std::uint32_t index, const D2xxDeviceInfo& info) {
+  m_devices.emplace_back(index, Text(info.serialNumber), Text(info.description));
+  if (info.status == kD2xxOk) return;
+  m_devices.back().isReadable = false;
+  m_log.LogWarn("CCommFTDI: Adapter %u cannot be read: %s, Error: %d", index, Reason(info.status),
+                static_cast<std::int32_t>(info.status));
 }
 
 bool CCommFTDI::Open(std::uint32_t deviceRef) {
@@ -73,6 +87,11 @@ void CCommFTDI::Close() {
   m_isOpen = false;
   if (m_handle != nullptr) m_d2xx.Close(m_handle);
   m_handle = nullptr;
+}
+
+void CCommFTDI::EndSession() {
+  CCommFTDI::Close();
+  m_d2xx.ForgetDeviceInfoList();
 }
 
 bool CCommFTDI::IsUsable(const void* data) const {

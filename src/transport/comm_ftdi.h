@@ -23,7 +23,7 @@ class CCommFTDI : public ICommInterface {
  public:
   // `d2xx` must outlive the transport.
   CCommFTDI(TavoLink& link, Platform& platform, Logger& log, D2xx& d2xx);
-  ~CCommFTDI() override { Close(); }
+  ~CCommFTDI() override { CCommFTDI::EndSession(); }
 
   void SetLineSettings(const LineSettings& settings) override { m_lineSettings = settings; }
 
@@ -40,6 +40,9 @@ class CCommFTDI : public ICommInterface {
   bool IsOpen() override { return m_isOpen; }
   void Close() override;
 
+  // Forgets the adapters found too, and with them the thread that libusb runs for its list.
+  void EndSession() override;
+
   // An adapter stays where it is when the device behind it restarts: nothing to do, true.
   bool Reconnect() override { return true; }
 
@@ -50,6 +53,7 @@ class CCommFTDI : public ICommInterface {
   bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) override;
 
  private:
+  void AddAdapter(std::uint32_t index, const D2xxDeviceInfo& info);
   D2xxStatus OpenAdapter(std::uint32_t index);
   bool IsUsable(const void* data) const;
   std::uint32_t BytesWaiting();

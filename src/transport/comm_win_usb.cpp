@@ -21,9 +21,9 @@ constexpr int kDropReferences = 1;
 
 constexpr int kControlInterface = 0;
 
-// The two class requests that switch the serial function on (USB CDC PSTN, 6.3). A working device
-// answers them within milliseconds; one that hangs must not hang the host program too.
-constexpr unsigned kControlTimeoutMs = 1000;
+// The two class requests that switch the serial function on (USB CDC PSTN, 6.3). A device answers
+// them within milliseconds, one that is booting later; 5 s is the limit that USB itself sets.
+constexpr unsigned kControlTimeoutMs = 5000;
 constexpr std::uint8_t kClassRequestToInterface = 0x21;
 constexpr std::uint8_t kSetControlLineState = 0x22;
 constexpr std::uint16_t kDtrAndRtsOn = 0x0003;

@@ -8,7 +8,7 @@ namespace {
 
 void PrintDevices(Platform& platform, ICommInterface& transport) {
   for (const CCommDevDesc& device : *transport.EnumerateDevices()) {
-    platform.Print(device.description + "\n");
+    if (device.isReadable) platform.Print(device.description + "\n");
   }
 }
 

@@ -61,13 +61,13 @@ bool ICommInterface::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) 
 
 std::optional<std::string> ICommInterface::FirstPort() {
   const std::vector<CCommDevDesc>& devices = *EnumerateDevices();
-  if (devices.empty()) return std::nullopt;
-  const CCommDevDesc& first = devices.front();
+  const auto first = std::ranges::find(devices, true, &CCommDevDesc::isReadable);
+  if (first == devices.end()) return std::nullopt;
   if (devices.size() > 1) {
     m_log.LogWarn("CommInterface: No device named, %u found: Taking %s", Count(devices.size()),
-                  Place(first).c_str());
+                  Place(*first).c_str());
   }
-  return first.port;
+  return first->port;
 }
 
 const CCommDevDesc* ICommInterface::FindPort(const std::vector<CCommDevDesc>& devices,

@@ -100,8 +100,8 @@ class ICommInterface {
   // nothing was awaited.
   void LeaveOutPause() { m_lastTickMs.reset(); }
 
-  // The port of the first device listed; none when there is no device. When there are several, the
-  // log says which one this is.
+  // The port of the first readable device listed; none without one. When there are several, the log
+  // says which one this is.
   std::optional<std::string> FirstPort();
 
   // Forgets whatever an earlier update left: requests, answers, echo, received bytes.

@@ -23,6 +23,7 @@ namespace tavo::test {
 
 struct FakeAdapter {
   std::string serialNumber, description;
+  D2xxStatus status = kD2xxOk;
 };
 
 class FakeD2xx : public D2xx {
@@ -49,12 +50,15 @@ class FakeD2xx : public D2xx {
   }
   D2xxStatus GetDeviceInfoList(std::span<D2xxDeviceInfo> devices, std::uint32_t* count) override {
     for (std::size_t i = 0; i < devices.size(); ++i) {
-      Fill(adapters.at(i).serialNumber, devices[i].serialNumber);
+      devices[i].status = adapters.at(i).status;
+      Fill(adapters[i].serialNumber, devices[i].serialNumber);
       Fill(adapters[i].description, devices[i].description);
     }
     *count = static_cast<std::uint32_t>(devices.size());
     return Record("GetDeviceInfoList");
   }
+
+  void ForgetDeviceInfoList() override { Record("ForgetDeviceInfoList"); }
 
   D2xxStatus Open(std::uint32_t index, D2xxHandle* handle) override {
     const D2xxStatus result = Record("Open", {index});

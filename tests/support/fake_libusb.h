@@ -135,7 +135,7 @@ class FakeLibUsb : public LibUsb {
                       std::uint16_t length, unsigned timeoutMs) override {
     EXPECT_EQ(requestType, 0x21);
     EXPECT_EQ(index, 0);
-    EXPECT_NE(timeoutMs, 0u) << "waits for ever";
+    EXPECT_EQ(timeoutMs, 5000u);
     lastControlData.assign(data, data + length);
     const int result = Record("Control " + std::to_string(request) + " " + std::to_string(value));
     return result < 0 ? result : length;

@@ -44,6 +44,8 @@ class SimulatedD2xx : public D2xx {
     return kD2xxOk;
   }
 
+  void ForgetDeviceInfoList() override {}
+
   D2xxStatus Open(std::uint32_t /*index*/, D2xxHandle* handle) override {
     if (!m_adapter.Connected(Now())) return kD2xxDeviceNotFound;
     m_input.emplace(m_transfer, kPacket);

@@ -50,6 +50,30 @@ TEST_F(FtdiTransportTest, ListsAdaptersBySerialNumber) {
   EXPECT_EQ(m_platform.Console(), "");
 }
 
+TEST_F(FtdiTransportTest, AnAdapterThatCannotBeReadIsLoggedAndNotTaken) {
+  m_d2xx.adapters = {{"", "", kD2xxOtherError},
+                     {"", "", kD2xxDeviceNotOpened},
+                     {"", "", kD2xxDeviceNotFound},
+                     {"", "", kD2xxIoError}};
+  EXPECT_EQ(m_transport.FirstPort(), std::nullopt);
+  for (const char* line : {"WARN CCommFTDI: Adapter 0 cannot be read: no permission, Error: 18\n",
+                           "Adapter 1 cannot be read: another program holds it, Error: 3\n",
+                           "Adapter 2 cannot be read: it is gone, Error: 2\n",
+                           "Adapter 3 cannot be read: it does not respond, Error: 4\n"}) {
+    EXPECT_TRUE(m_platform.ConsoleHas(line)) << line;
+  }
+  m_d2xx.adapters.push_back({"B2", "Second"});
+  EXPECT_EQ(m_transport.FirstPort(), "B2");
+  EXPECT_TRUE(m_transport.OpenPort("B2"));
+  EXPECT_EQ(m_d2xx.calls.at(m_d2xx.calls.size() - 3), "Open 4");
+}
+
+TEST_F(FtdiTransportTest, TheEndOfASessionForgetsTheListOfAdapters) {
+  OpenFirst();
+  m_transport.EndSession();
+  EXPECT_EQ(m_d2xx.TakeCalls(), (Calls{"Close", "ForgetDeviceInfoList"}));
+}
+
 TEST_F(FtdiTransportTest, OpensWithItsLineSettings) {
   EXPECT_TRUE(m_transport.Open(1));
   EXPECT_TRUE(m_transport.IsOpen());

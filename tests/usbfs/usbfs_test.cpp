@@ -48,8 +48,11 @@ std::vector<tavosim::Fault> Parsed(const std::string& fault) {
 // One device at a port of a machine, and the tool there.
 class Bench {
  public:
-  explicit Bench(Kind kind, const std::string& fault = {})
-      : m_kind(kind), m_device(Prompt(), Parsed(fault)), m_function(m_device), m_adapter(m_device) {
+  explicit Bench(Kind kind, const std::string& fault = {}, const tavosim::FtdiOptions& adapter = {})
+      : m_kind(kind),
+        m_device(Prompt(), Parsed(fault)),
+        m_function(m_device),
+        m_adapter(m_device, {}, adapter) {
     m_firmware = tavosim::BuildFirmware(tavosim::RecipeFor(m_device.Options().family));
     run.Write("firmware.hex", tavosim::HexText(m_firmware));
   }
@@ -112,12 +115,21 @@ const Place kPlaces[] = {
 
 void PrintTo(const Place& place, std::ostream* out) { *out << place.name; }
 
+// Of this process.
+std::ptrdiff_t Threads() {
+  return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/task"),
+                               std::filesystem::directory_iterator());
+}
+
+constexpr const char* kPort = "1-4";
+
 class UsbfsUpdate : public testing::TestWithParam<Place> {};
 
 TEST_P(UsbfsUpdate, ListedThenUpdated) {
   const Place& place = GetParam();
   Bench bench(place.kind);
   bench.PlugIn(place.port, place.driver);
+  const std::ptrdiff_t threads = Threads();
   EXPECT_EQ(bench.run("list"), ExitCode::Done);
   EXPECT_TRUE(bench.run.Out().starts_with(place.target)) << bench.run.Out();
   EXPECT_FALSE(bench.run.Says("cannot be used")) << bench.run.Out();
@@ -128,7 +140,40 @@ TEST_P(UsbfsUpdate, ListedThenUpdated) {
   EXPECT_TRUE(bench.UpdatedAndRuns());
   EXPECT_EQ(bench.machine.Detached(place.port), place.detached);
   EXPECT_EQ(bench.machine.HeldByDriver(place.port), held) << "given back";
+  EXPECT_EQ(Threads(), threads) << "libusb's has ended with its last context";
 }
+
+// An adapter with several channels is one adapter for each.
+struct ChannelCase {
+  const char* name;
+  unsigned channels;
+  unsigned deviceChannel;
+};
+const ChannelCase kChannelCases[] = {{"AOfTwo", 2, 0}, {"BOfTwo", 2, 1}, {"DOfFour", 4, 3}};
+
+void PrintTo(const ChannelCase& one, std::ostream* out) { *out << one.name; }
+
+class UsbfsChannels : public testing::TestWithParam<ChannelCase> {};
+
+TEST_P(UsbfsChannels, AreListedAndUpdatedOverOneByOne) {
+  const auto& [name, channels, deviceChannel] = GetParam();
+  Bench bench(Kind::Ftdi, {}, {.channels = channels, .deviceChannel = deviceChannel});
+  bench.PlugIn(kPort);
+  EXPECT_EQ(bench.run("list"), ExitCode::Done);
+  for (unsigned channel = 0; channel < channels; ++channel) {
+    const char letter = static_cast<char>('A' + channel);
+    const std::string line =
+        std::string("--ftdi TAVO0001") + letter + "  FT232R USB UART " + letter;
+    EXPECT_TRUE(bench.run.Says(line)) << bench.run.Out();
+  }
+  const char letter = static_cast<char>('A' + deviceChannel);
+  EXPECT_EQ(bench.Update(std::string("--ftdi TAVO0001") + letter), ExitCode::Done)
+      << bench.run.Out() << bench.run.Err();
+  EXPECT_TRUE(bench.UpdatedAndRuns());
+}
+
+INSTANTIATE_TEST_SUITE_P(Usbfs, UsbfsChannels, testing::ValuesIn(kChannelCases),
+                         [](const auto& row) { return row.param.name; });
 
 TEST(UsbfsDrivers, AreBackAfterAFailedUpdateToo) {
   for (const Place& place : kPlaces) {
@@ -148,8 +193,6 @@ INSTANTIATE_TEST_SUITE_P(Usbfs, UsbfsUpdate, testing::ValuesIn(kPlaces),
                          [](const auto& row) { return row.param.name; });
 
 // --- a cable that is pulled ---
-
-constexpr const char* kPort = "1-4";
 
 const Place kLosses[] = {
     {"OfADevice", Kind::Usb, kPort, "cdc_acm", "--usb 4", {}},

@@ -7,6 +7,7 @@
 #include <span>
 
 #include "log/logger.h"
+#include "text/log_platform.h"
 #include "text/text_format.h"
 #include "transport/comm_ftdi.h"
 #include "transport/comm_win_usb.h"
@@ -21,14 +22,15 @@ struct UsbKind {
   TransportKind kind;
   std::uint16_t vendor;
   std::uint16_t product;
-  int dataInterface;
+  int dataInterface;  // the first one; an adapter has one for each channel
+  int channels = 1;
 };
 constexpr std::array kUsbKinds{
     UsbKind{TransportKind::Usb, kUsbVendorId, kUsbProductId, kUsbDataInterface},
-    // What the adapter's maker gives its own products.
+    // The ids that the adapter's maker gives its own products.
     UsbKind{TransportKind::Ftdi, 0x0403, 0x6001, 0},
-    UsbKind{TransportKind::Ftdi, 0x0403, 0x6010, 0},
-    UsbKind{TransportKind::Ftdi, 0x0403, 0x6011, 0},
+    UsbKind{TransportKind::Ftdi, 0x0403, 0x6010, 0, 2},
+    UsbKind{TransportKind::Ftdi, 0x0403, 0x6011, 0, 4},
     UsbKind{TransportKind::Ftdi, 0x0403, 0x6014, 0},
     UsbKind{TransportKind::Ftdi, 0x0403, 0x6015, 0},
 };
@@ -99,9 +101,11 @@ std::vector<UsbFinding> LookAtUsb(LibUsb& usb, std::string* trouble) {
   for (libusb_device* const device : list.Devices()) {
     const UsbKind* const kind = KindOf(usb, device);
     if (kind == nullptr) continue;
-    const int result = TryOut(usb, device, kind->dataInterface);
-    if (result == LIBUSB_ERROR_NO_DEVICE) continue;  // it has just gone
-    findings.push_back({kind, UsbPortPath(usb, device), usb.GetBusNumber(device), result});
+    for (int channel = 0; channel < kind->channels; ++channel) {
+      const int result = TryOut(usb, device, kind->dataInterface + channel);
+      if (result == LIBUSB_ERROR_NO_DEVICE) break;  // it has just gone
+      findings.push_back({kind, UsbPortPath(usb, device), usb.GetBusNumber(device), result});
+    }
   }
   return findings;
 }
@@ -214,7 +218,8 @@ void AddAdapter(const CCommDevDesc& adapter, bool shared, const UsbFinding* find
 void AddAdapters(const Machine& machine, std::span<const UsbFinding> findings,
                  std::vector<FoundDevice>& devices) {
   TavoLink link;
-  Logger log(machine.platform);
+  LogPlatform quiet(machine.platform, {}, nullptr);
+  Logger log(quiet);
   CCommFTDI transport(link, machine.platform, log, machine.adapters);
   const std::vector<CCommDevDesc>& adapters = *transport.EnumerateDevices();
   for (std::size_t index = 0; index < adapters.size(); ++index) {
