@@ -1,7 +1,8 @@
-# What `cmake --install` puts where: the library with header, CMake package and pkg-config file; the
-# host tool with manual pages, completions and the simulator; the udev rules. The components, of
-# which packages are made: library; common, what it shares with other versions of itself and with
-# the tool; development; tool.
+# Rules of `cmake --install`, by component. Each component becomes a package:
+#   library      the shared library
+#   common       files that all versions of the library and the tool share: udev rules, documents
+#   development  header, CMake package, pkg-config file
+#   tool         the host tool with manual pages, completions and the libusb that finds simulators
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -26,19 +27,19 @@ if(WIN32)
   return()
 endif()
 
-# The paths in the file start from its own folder, so that an installed tree can be moved.
+# Its paths are relative to its own folder, so an installed tree can be moved.
 file(RELATIVE_PATH TAVO_PREFIX_FROM_PKGCONFIG
   ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 configure_file(packaging/firmware-updater.pc.in firmware-updater.pc @ONLY)
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/firmware-updater.pc
   DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
 
-# udev reads lib/udev below /usr and /usr/local only; whoever installs elsewhere copies the rule.
+# udev reads lib/udev below /usr and /usr/local only; with another prefix, copy the rule.
 install(FILES packaging/70-firmware-updater.rules DESTINATION lib/udev/rules.d COMPONENT common)
 install(FILES packaging/70-firmware-updater-ftdi.rules TYPE DOC COMPONENT common)
 
 install(TARGETS firmware-updater COMPONENT tool)
-# Where the tool looks for it, and no linker does.
+# The tool looks for it here; no linker does.
 install(TARGETS tavo_substitute_libusb LIBRARY
   DESTINATION lib/firmware-updater/substitute COMPONENT tool NAMELINK_SKIP)
 

@@ -19,7 +19,7 @@ if(NOT EXISTS "${libusb_source}/libusb.h")
                       "or give -DLIBUSB_SOURCE_DIR=<folder with the unpacked source>")
 endif()
 
-# All that libusb's own set-up would find out for this compiler.
+# The settings that libusb's own configure script would find for this compiler.
 file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/libusb/config.h @ONLY CONTENT [[
 #define DEFAULT_VISIBILITY
 #define ENABLE_LOGGING 1
@@ -36,10 +36,10 @@ endforeach()
 target_sources(tavo_libusb PRIVATE ${libusb_source}/libusb-1.0.def ${libusb_source}/libusb-1.0.rc)
 target_include_directories(tavo_libusb SYSTEM PUBLIC ${libusb_source}
                                        PRIVATE ${CMAKE_BINARY_DIR}/libusb)
-# Its header includes that of Windows, most of which nobody here needs.
+# Its header includes windows.h, of which this project needs little.
 target_compile_definitions(tavo_libusb PRIVATE _WIN32_WINNT=0x0600 INTERFACE WIN32_LEAN_AND_MEAN)
-target_compile_options(tavo_libusb PRIVATE $<$<COMPILE_LANGUAGE:C>:-w>)  # not ours to mend
-# Its list of exports also has each name without the decoration of its 32-bit calls.
+target_compile_options(tavo_libusb PRIVATE $<$<COMPILE_LANGUAGE:C>:-w>)  # not ours to fix
+# Its export list also has each name without the suffix of 32-bit calls.
 target_link_options(tavo_libusb PRIVATE -Wl,--enable-stdcall-fixup $<$<CONFIG:Release>:-s>)
 set_target_properties(tavo_libusb PROPERTIES OUTPUT_NAME libusb-1.0 PREFIX "" C_STANDARD 11
                                              C_EXTENSIONS ON)

@@ -1,7 +1,7 @@
 # Debian packages of what cmake/install.cmake installs; scripts/package-debian makes them.
 set(TAVO_MAINTAINER "FirmwareUpdater maintainers <maintainers@firmware-updater.invalid>")
 
-# The date of a release stands in the change log, and nowhere else: "## 1.0.0 (2026-11-23)".
+# The change log alone holds the date of a release: "## 1.0.0 (2026-11-23)".
 file(STRINGS CHANGELOG.md releases REGEX "^## ${PROJECT_VERSION} \\([0-9-]+\\)$")
 if(NOT releases MATCHES "\\(([0-9-]+)\\)")
   message(FATAL_ERROR "CHANGELOG.md has no dated entry for version ${PROJECT_VERSION}")
@@ -33,7 +33,7 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_DEPENDS ${common_package})
 set(CPACK_DEBIAN_LIBRARY_DESCRIPTION "firmware updates for modules on the Tavo bus - library
 A shared library that updates the firmware of control modules on the Tavo
 bus, over USB or through an FTDI USB-serial adapter.")
-# Written here because CPack would also offer the substitute libusb of the tool to other packages.
+# CPack would also offer the tool's substitute libusb to other packages, so the file is written here.
 file(CONFIGURE OUTPUT debian/shlibs CONTENT "libFirmwareUpdater @PROJECT_VERSION_MAJOR@ ${library_package}\n")
 file(CONFIGURE OUTPUT debian/triggers CONTENT "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA
@@ -44,8 +44,8 @@ set(CPACK_DEBIAN_COMMON_PACKAGE_SECTION misc)
 set(CPACK_DEBIAN_COMMON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_COMMON_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_COMMON_DESCRIPTION "firmware updates for modules on the Tavo bus - udev rule
-The udev rule that lets the person at the machine use control modules on USB,
-another one for FTDI adapters that is not in force by itself, and documents.")
+The udev rule that gives the person at the machine access to control modules
+on USB, an optional rule for FTDI adapters, and documents.")
 set(CPACK_DEBIAN_COMMON_PACKAGE_CONTROL_EXTRA
   ${PROJECT_SOURCE_DIR}/packaging/debian/postinst ${PROJECT_SOURCE_DIR}/packaging/debian/postrm)
 
@@ -53,18 +53,18 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME libfirmwareupdater-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "${library_package} (= ${PROJECT_VERSION})")
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION "firmware updates for modules on the Tavo bus - header
-What a host program in C or C++ is built with: the header of the library, its
+Files for building a host program in C or C++: the header of the library, its
 CMake package and its pkg-config file.")
 
 set(CPACK_DEBIAN_TOOL_PACKAGE_NAME firmware-updater)
 set(CPACK_DEBIAN_TOOL_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOL_PACKAGE_DEPENDS ${common_package})
 set(CPACK_DEBIAN_TOOL_DESCRIPTION "firmware updates for modules on the Tavo bus - tool
-A command that lists control modules on the Tavo bus, looks into update files,
-updates devices and brings interrupted ones back; and simulated devices to try
-all of it without hardware.")
+A command that lists control modules on the Tavo bus, inspects and builds
+update files, updates devices and recovers interrupted ones. Simulated devices
+let you try all of it without hardware.")
 
-# Debian has change log and copyright of a package beside its documents, under fixed names.
+# Debian expects the change log and copyright of a package in its document folder, under fixed names.
 set(debian ${CMAKE_BINARY_DIR}/debian)
 configure_file(packaging/debian/changelog.in ${debian}/changelog @ONLY)
 file(READ THIRD-PARTY-NOTICES.md TAVO_NOTICES)

@@ -1,12 +1,12 @@
 # shellcheck shell=sh
 # Sourced by scripts that fetch something from Debian's archive, through the mirror and with the
-# keyring that this machine's apt is set up for. Nothing is installed, the machine's own package
-# lists stay as they are, and root is needed for a system in a folder only.
+# keyring that this machine's apt uses. Installs nothing and leaves the machine's package lists alone.
+# Only make_system needs root.
 
 archive_suite=bookworm
 
-# Sets `mirror` and `keyring` (a path, or empty for apt's own). They are those of the machine's entry
-# for its own release, which is known even before the first apt-get update. Fails without one.
+# Sets `mirror` and `keyring` (a path, or empty for apt's own) from the machine's entry for its own
+# release, which is known even before the first apt-get update. Fails without one.
 find_mirror() {
   command -v apt-get >/dev/null || return 1
   codename=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
@@ -20,7 +20,7 @@ find_mirror() {
 }
 
 # make_system ARCHITECTURE FOLDER PACKAGES...: a small Debian of this machine's release in a folder
-# that does not exist yet, with these packages. Takes root; on failure says why on standard error.
+# that does not exist yet, with these packages. Needs root; on failure reports why on standard error.
 make_system() {
   find_mirror || {
     echo "apt has no entry for the main archive of this machine's Debian release" >&2
@@ -37,7 +37,7 @@ make_system() {
 }
 
 # fetch_source PACKAGE VERSION TARBALL HASH FOLDER: puts the upstream tarball of a source package
-# into the folder. On failure says why on standard error.
+# into the folder. On failure reports why on standard error.
 fetch_source() {
   find_mirror || {
     echo "apt has no entry for the main archive of this machine's Debian release" >&2
@@ -53,8 +53,8 @@ fetch_source() {
     echo "this machine's mirror does not serve the sources of '$archive_suite'" >&2
     return 1
   }
-  # Only the upstream tarball is wanted; apt's exit code also speaks of the packaging files, which a
-  # mirror may have dropped. The hash decides.
+  # apt's exit code also covers the packaging files, which a mirror may have dropped; only the
+  # tarball is needed, and its hash decides.
   (cd "$5" && private_apt_get "$5" source --download-only --tar-only "$1=$2") >"$5/log" 2>&1 || true
   [ -f "$5/$3" ] || {
     cat "$5/log" >&2

@@ -6,7 +6,7 @@
 namespace tavosim {
 namespace {
 
-constexpr std::uint8_t kNotification = 0x83;  // interrupt IN, which never has anything to tell
+constexpr std::uint8_t kNotification = 0x83;  // interrupt IN, which never has anything to report
 
 enum CdcRequest : std::uint8_t {
   kSetLineCoding = 0x20,
@@ -66,7 +66,7 @@ UsbResult CdcFunction::SetLineCoding(std::span<const std::uint8_t> coding) {
   return {};
 }
 
-// What came while nobody listened is lost, not late.
+// Bytes that arrived while no host listened are lost, not late.
 void CdcFunction::SetControlLines(std::uint16_t lines) {
   if (!DtrRaised()) SerialLine().DropTowardsHost();
   m_controlLines = lines;

@@ -1,4 +1,4 @@
-// The USB serial function that a device brings itself: CDC-ACM with the ids 03EB:2404, interface 0
+// The USB serial function built into a device: CDC-ACM with the ids 03EB:2404, interface 0
 // for communication, interface 1 for data. As such devices do, it gives nothing to a host that has
 // not raised DTR.
 #pragma once

@@ -25,7 +25,7 @@ std::vector<std::uint8_t> LittleEndian(std::uint32_t value, std::size_t size) {
 std::vector<std::uint8_t> InitialFlash(const DeviceOptions& options) {
   auto bytes = OldFirmware(options.family.applicationKiB * kBytesPerKiB, options.seed);
   if (options.applicationIntact) return bytes;
-  // What an update that was interrupted halfway leaves behind.
+  // As an interrupted update leaves it.
   std::fill(bytes.begin() + static_cast<std::ptrdiff_t>(bytes.size() / 2), bytes.end(),
             std::uint8_t{0xFF});
   return bytes;
@@ -232,7 +232,7 @@ bool Device::BehindClosedTunnel() const {
   return route != 0 && m_tunnel != route;
 }
 
-// A device does one thing after the other, however fast requests come.
+// A device does one thing at a time, however fast requests arrive.
 void Device::Number(std::vector<std::uint8_t>& payload) const {
   payload.resize(std::max(payload.size(), kAnswerNumberOffset + 2));
   payload[kAnswerNumberOffset] = static_cast<std::uint8_t>(m_requests);

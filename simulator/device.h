@@ -1,7 +1,7 @@
 // A simulated control module: application, bootloader and flash, and for the families with a route
 // the master module in front of it. It is fed the bytes of a serial line and hands out the bytes
-// of its answers, each not before its time. It does no I/O, knows no USB and has no clock: whoever
-// drives it (a USB front, or a test) passes the time, which must never go back.
+// of its answers, each not before its time. It does no I/O, knows no USB and has no clock: its
+// driver (a USB front, or a test) passes the time, which must never go back.
 //
 //   Device device(OptionsFor(*FindFamily("tunnel")));
 //   device.Receive(requestBytes, now);
@@ -43,7 +43,7 @@ inline constexpr std::size_t kAnswerNumberOffset = 8;
 struct DeviceOptions {
   Family family = kFamilies[0];
   DeviceState start = DeviceState::Application;  // None is taken for Application
-  // The flash holds an old firmware at the start. Without it the bootloader is all there is,
+  // The flash holds an old firmware at the start. Without it the device stays in its bootloader,
   // whatever `start` says.
   bool applicationIntact = true;
   std::uint16_t openTunnel = 0;  // master * 256 + slave of a tunnel left open; 0 = none
@@ -85,7 +85,7 @@ struct Exchange {
 // "0x100 EB 00"; escape bytes are "1B 1B 1B".
 std::string Describe(const Exchange& exchange);
 
-// What outlives a run of the simulator.
+// The state that outlives a run of the simulator.
 struct Snapshot {
   std::vector<std::uint8_t> flash{};
   std::optional<std::uint8_t> label{};

@@ -30,7 +30,7 @@ namespace {
 struct Answer {
   Frame frame;
   SimTime due;
-  std::vector<std::uint8_t> bytes;  // the encoded frame and what was done to it
+  std::vector<std::uint8_t> bytes;  // the encoded frame, with the damage done to it
   std::vector<SimTime> repeats{};   // after `due`
   bool lost = false;
   bool withheld = false;
@@ -41,7 +41,7 @@ using Apply = void (*)(const Fault&, Answer&, Random&);
 // Reads what follows the request selection; false when it makes no sense.
 using ReadHow = bool (*)(std::string_view, Fault&);
 
-void Leave(const Fault&, Answer&, Random&) {}  // power and cable are the device's affair
+void Leave(const Fault&, Answer&, Random&) {}  // the device handles power and cable
 void Lose(const Fault&, Answer& answer, Random&) { answer.lost = true; }
 void Withhold(const Fault&, Answer& answer, Random&) { answer.withheld = true; }
 
@@ -212,7 +212,7 @@ ParsedFault ParseFault(std::string_view text) {
   }
   if (!rule->readHow(rest, fault)) {
     return Refuse(text,
-                  "write what follows the request as one of these: 1500ms (delay, repeat, "
+                  "write the part behind the request as one of these: 1500ms (delay, repeat, "
                   "unplug), 2.7 = byte.bit (damage), 0x121 (otherid), A3FF00 (before, "
                   "after), nothing (all others)");
   }

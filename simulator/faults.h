@@ -1,5 +1,5 @@
-// What can go wrong between a host and a simulated device, and when. A fault waits for a request
-// and then spoils its answer, cuts the power or pulls the cable. Faults are applied in list order,
+// Faults between a host and a simulated device. A fault waits for a request and then spoils its
+// answer, cuts the power or pulls the cable. Faults are applied in list order,
 // several may hit the same request, and everything random comes from a seed.
 #pragma once
 
@@ -53,7 +53,7 @@ struct Fault {
 // The syntax of ParseFault, as a paragraph of a help text.
 extern const std::string_view kFaultSyntax;
 
-// Either a fault, or a text that says what to write instead.
+// Either a fault, or a text that shows how to write one.
 struct ParsedFault {
   std::optional<Fault> fault{};
   std::string error{};
@@ -66,7 +66,7 @@ struct Transmission {
   std::vector<std::uint8_t> bytes{};
 };
 
-// What is left of an answer after the faults.
+// An answer after the faults.
 struct SpoiltAnswer {
   std::vector<Transmission> sent{};
   bool withheld = false;  // `sent` goes out when the next request arrives

@@ -75,7 +75,7 @@ std::vector<std::uint8_t> GeneratedContent(const FirmwareRecipe& recipe) {
   for (std::size_t offset = 0; offset < content.size(); ++offset) {
     const auto byte = static_cast<std::uint8_t>(random.Next());
     if (IsBlankBlock(recipe.fill, offset / recipe.blockSize)) continue;
-    // A block that is meant to hold something never happens to be blank.
+    // No filled block is blank by chance.
     content[offset] = offset % recipe.blockSize == 0 ? byte & 0x7F : byte;
   }
   return content;
@@ -105,7 +105,7 @@ std::size_t DescriptorSize(const FirmwareRecipe& recipe) {
   return size;
 }
 
-// All bytes of the image, with room at its end for what describes it.
+// All bytes of the image, with room for its description at the end.
 std::vector<std::uint8_t> Content(const FirmwareRecipe& recipe) {
   if (!recipe.content) return GeneratedContent(recipe);
   std::vector<std::uint8_t> content = *recipe.content;
@@ -208,7 +208,7 @@ struct ZipWriter {
   }
 };
 
-// A moment for all members, so that archives do not differ by when they were made.
+// One date for all members, so that equal members give equal archives.
 std::time_t MemberTime() {
   std::tm day{};
   day.tm_year = 2020 - 1900;

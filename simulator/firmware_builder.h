@@ -28,7 +28,7 @@ struct Firmware {
   std::uint32_t adbAddress = 0;  // where the descriptor block was put
 };
 
-// What one device variant needs to know about the firmware.
+// The firmware's entry for one device variant.
 struct FirmwareEntry {
   std::uint16_t deviceId;
   std::vector<std::uint16_t> hardwareIds;
@@ -36,7 +36,7 @@ struct FirmwareEntry {
 
 enum class FirmwareFill {
   Mixed,     // program-like content with blank blocks in between
-  AllBlank,  // only what describes the firmware is not 0xFF
+  AllBlank,  // 0xFF except for trailer and descriptor block
   NoBlank,
 };
 
@@ -46,7 +46,7 @@ struct FirmwareRecipe {
   std::size_t size = 0;         // bytes
   std::size_t blockSize = 128;  // bytes; blank blocks are whole blocks
   FirmwareFill fill = FirmwareFill::Mixed;
-  // What the image begins with instead of generated content, followed by bytes of 0xFF.
+  // Replaces the generated content at the start of the image; 0xFF follows.
   std::optional<std::vector<std::uint8_t>> content{};
 
   std::uint8_t adbType = 6;
@@ -66,7 +66,7 @@ std::size_t DescriptionSize(const FirmwareRecipe& recipe);
 
 // Throws std::invalid_argument when the recipe does not fit into `size` bytes or, with its address,
 // into what the format can express. The last four bytes are the CRC-32 of all bytes before them,
-// low byte first, whatever the recipe.
+// low byte first, for every recipe.
 Firmware BuildFirmware(const FirmwareRecipe& recipe);
 
 // Records of `recordSize` (1 to 255) data bytes that never cross a 64 KiB boundary, with an address

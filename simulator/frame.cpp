@@ -13,7 +13,7 @@ constexpr std::uint8_t kHeader = 0xA0;
 constexpr std::uint8_t kEscape = 0x1B;
 constexpr std::size_t kEscapeLength = 3;
 constexpr std::size_t kOverhead = 4;  // header, two identifier bytes, CRC
-// A host that pauses this long within a frame has given it up.
+// After a pause this long within a frame, the host has given it up.
 constexpr SimTime kSilenceEndsFrame = std::chrono::seconds(1);
 
 // Payload bytes on the wire by size code; the codes 0 to 2 are no frames at all.

@@ -1,5 +1,5 @@
-// The simulator's own half of the bus frame: message to bytes and back. It is written apart from
-// the update library on purpose, so that a mistake in one does not hide in the other. No I/O.
+// The simulator's own half of the bus frame: message to bytes and back. It shares no code
+// with the update library, so that neither hides a mistake of the other. No I/O.
 //
 //   header 0xA0 | size code, identifier word (two parity bits, low byte first), payload padded to
 //   its size class, CRC-8 over all of it

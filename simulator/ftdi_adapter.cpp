@@ -22,12 +22,12 @@ enum FtdiRequest : std::uint8_t {
   kReadEeprom = 0x90,
 };
 
-// What a reset empties; the other side keeps its bytes.
+// A reset empties one direction and keeps the other.
 constexpr std::uint16_t kPurgeTowardsDevice = 1;
 constexpr std::uint16_t kPurgeTowardsHost = 2;
 
-// Data set ready and carrier; transmitter empty. The first byte could open a frame: a host that left
-// it in the data would not get far.
+// Data set ready and carrier; transmitter empty. The first byte could open a frame, which exposes a
+// host that leaves it in the data.
 constexpr std::array<std::uint8_t, 2> kStatus{0xA1, 0x60};
 constexpr std::uint16_t kFormat8N1 = 0x0008;
 constexpr std::uint32_t kPowerOnBaud = 9600;
@@ -132,7 +132,7 @@ UsbResult FtdiAdapter::FunctionRequest(const SetupPacket& setup, std::span<const
       m_format = setup.value;
       AgreeOnLine();
       return {};
-    // The device has no use for control lines, flow control or special characters.
+    // The device ignores control lines, flow control and special characters.
     case kModemControl:
     case kFlowControl:
     case kSetEventCharacter:

@@ -15,8 +15,8 @@ namespace tavosim {
 
 struct FtdiOptions {
   UsbStrings strings{"FTDI", "FT232R USB UART", "TAVO0001"};
-  // What the device listens at. At another rate (3 % apart or more), or at anything but 8N1,
-  // nothing gets across. 0 = every rate will do.
+  // The device's baud rate. At another rate (3 % apart or more), or at anything but 8N1, no bytes get
+  // across. 0 = any rate works.
   std::uint32_t deviceBaud = 19200;
   unsigned channels = 1;       // 1, 2 or 4
   unsigned deviceChannel = 0;  // the one with the device, from 0

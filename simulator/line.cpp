@@ -33,7 +33,7 @@ Line::Line(Device& device, LineOptions options)
       m_unplugsSeen(device.Unplugs()) {}
 
 bool Line::HasRoom(std::size_t count) const {
-  // However much a host sends at once, an empty line takes it.
+  // An empty line takes any amount at once.
   return m_towardsDevice.empty() || m_towardsDevice.size() + count <= kMaxOnTheWay;
 }
 

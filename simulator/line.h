@@ -26,7 +26,7 @@ class Line {
   // Whether `count` more bytes find room on the way to the device.
   bool HasRoom(std::size_t count) const;
   void Send(std::span<const std::uint8_t> bytes, SimTime now);
-  // Lets everything happen that happens until `now`, in the order of time.
+  // Runs everything that is due until `now`, in order.
   void Advance(SimTime now);
   // How many bytes have arrived at the host's end, and those bytes, at most `max`.
   std::size_t Arrived(SimTime now) const;
@@ -34,7 +34,7 @@ class Line {
   // The next moment after `now` at which something moves; call Advance(now) first.
   std::optional<SimTime> NextDue(SimTime now) const;
 
-  // While the two ends disagree about the line settings nothing gets across, but the host's end
+  // While the two ends disagree about the line settings no bytes get across, but the host's end
   // still hears its own bytes.
   void SetEndsAgree(bool agree) { m_endsAgree = agree; }
   void DropTowardsDevice() { m_towardsDevice.clear(); }

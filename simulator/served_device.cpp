@@ -115,7 +115,7 @@ std::unique_ptr<UsbDevice> MakeFront(Device& device, const SimulatorArguments& f
 }
 
 void WritePortFile(std::uint16_t port, const std::string& portFile) {
-  // Renamed into place: whoever waits for the file never reads half a number.
+  // Renamed into place, so that a waiting reader never sees half a number.
   const std::string beside = portFile + ".new";
   std::ofstream out(beside);
   out << port << '\n';

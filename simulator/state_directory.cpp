@@ -18,7 +18,7 @@ constexpr const char* kFlashFile = "flash.bin";
 constexpr const char* kStateFile = "state.json";
 constexpr const char* kJournalFile = "journal.txt";
 
-// A larger file is none of ours and is not read into memory.
+// A larger file was not written here and is not read into memory.
 constexpr std::uintmax_t kLargestFile = 16 * 1024 * 1024;
 
 [[noreturn]] void Fail(const fs::path& file, const std::string& what) {
@@ -124,7 +124,7 @@ void StateDirectory::Update(SimTime now) {
   m_lastState = state;
   Snapshot snapshot = m_device.Save();
   if (!Same(snapshot, m_saved)) Save(std::move(snapshot));
-  // The journal comes last: whoever waits for a line in it finds the files already up to date.
+  // The journal comes last, so a reader that waits for a line in it finds the files up to date.
   for (const Exchange& exchange : m_device.Journal()) m_journal << Line(exchange) << '\n';
   m_device.ClearJournal();
   if (!m_journal.flush()) Fail(m_directory / kJournalFile, "cannot be written; free some space");

@@ -2,7 +2,7 @@
 //   flash.bin    the application section
 //   state.json   family, state, label, tunnel, and whether the flash holds a firmware that starts
 //   journal.txt  one line per request, appended
-// The first two are replaced whole (written beside and renamed), so that a reader never sees half.
+// The first two are replaced whole (written beside and renamed), so a reader never sees half a file.
 #pragma once
 
 #include <filesystem>
@@ -15,7 +15,7 @@ namespace tavosim {
 class StateDirectory {
  public:
   // Creates the directory, or restores `device` from what it holds. Throws std::runtime_error, with
-  // a text that says what to do, when it cannot be used or belongs to another family.
+  // a text for the user, when it cannot be used or belongs to another family.
   StateDirectory(std::filesystem::path directory, Device& device);
 
   // Writes what has changed since the last call, and takes over the device's journal. Throws

@@ -1,5 +1,5 @@
-// What a USB host sees of a simulated device, whoever the host is: the USB/IP server, or a test in
-// the same process. Time is handed in with every call and never fetched, so that a test can run a
+// A simulated device as a USB host sees it. The host is the USB/IP server, or a test in the same
+// process. Time is handed in with every call and never fetched, so that a test can run a
 // whole update on a virtual clock; one call never blocks.
 #pragma once
 
@@ -53,7 +53,7 @@ class UsbDevice {
   virtual UsbResult Out(std::uint8_t endpoint, std::span<const std::uint8_t> data, SimTime now) = 0;
   virtual UsbResult In(std::uint8_t endpoint, std::size_t capacity, SimTime now) = 0;
 
-  // The host has let go of the device (closed it, or died). The device keeps its state.
+  // The host has released the device (closed it, or died). The device keeps its state.
   virtual void Released(SimTime now) = 0;
 
   // Whether the device is plugged in at `now`.

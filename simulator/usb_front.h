@@ -1,5 +1,5 @@
-// What the two USB faces of a simulated device have in common: strings, standard requests, the
-// bulk OUT endpoint and being unplugged. A derived class adds its descriptors, its own control
+// The common part of the two USB faces of a simulated device: strings, standard requests, the bulk
+// OUT endpoint and being unplugged. A derived class adds its descriptors, its own control
 // requests and its IN endpoints.
 #pragma once
 

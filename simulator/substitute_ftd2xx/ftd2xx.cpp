@@ -1,10 +1,10 @@
 // An FTD2XX.dll for programs and tests that meet simulated adapters only: the part of the vendor's
 // interface that this project calls, on top of the substitute libusb, which finds the adapters.
 //
-// It differs from the real one in this: FT_Read never waits, it gives what is there; an adapter is
-// read only while the program calls something; and a loss of the adapter is told by every call from
-// then on until it is closed. It shares no code with what the library itself makes of such an adapter
-// on Linux, so that neither can hide a mistake of the other.
+// Differences from the real one: FT_Read never waits and returns the bytes it has; an adapter is read
+// only during a call; once an adapter is lost, every call reports it until the adapter is closed. It
+// shares no code with the library's own adapter code for Linux, so that neither hides a mistake of the
+// other.
 #include <algorithm>
 #include <array>
 #include <cstddef>
@@ -53,7 +53,7 @@ constexpr std::size_t kPacketStatusBytes = 2;  // the modem and line status that
 
 enum Request : std::uint8_t { kReset = 0, kSetBaud = 3, kSetFormat = 4, kSetLatency = 9 };
 
-// What the vendor's driver sets unless it is told otherwise.
+// Defaults of the vendor's driver.
 constexpr std::uint16_t kLatencyMs = 16;
 constexpr std::size_t kTransferSize = 4096;
 constexpr std::size_t kQueueBound = 64 * 1024;  // one transfer may exceed it
@@ -216,7 +216,7 @@ void Describe(libusb_device* device, libusb_device_handle* handle, Record& recor
   ReadText(handle, descriptor.iProduct, record.description);
 }
 
-// Of an adapter that another program has open nothing else can be told.
+// Nothing else is known about an adapter that another program has open.
 Record Describe(const Library& library, libusb_device* device) {
   Record record{.flags = kFlagOpened};
   const auto mine = std::ranges::find_if(library.open, [device](const auto& adapter) {
@@ -278,7 +278,7 @@ Status SetBaud(Adapter& adapter, std::uint32_t eighths) {
                       static_cast<std::uint16_t>(index));
 }
 
-// Calls `use` with the open adapter, and nobody else in the library meanwhile.
+// Calls `use` with the open adapter, while every other call waits.
 template <class Use>
 Status WithAdapter(void* handle, Use use) {
   Library& library = TheLibrary();

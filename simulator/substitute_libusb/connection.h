@@ -26,10 +26,10 @@ struct Address {
 };
 
 // The simulators named in TAVO_SIMULATORS, "127.0.0.1:3240,127.0.0.1:3241"; without a port it is
-// 3240. An entry that is no IPv4 address is reported on standard error and left out.
+// 3240. An entry that is not an IPv4 address is reported on standard error and left out.
 std::vector<Address> AddressesFromEnvironment();
 
-// What a host's kernel knows of a device without opening it.
+// Facts that a host's kernel knows about a device that is not open.
 struct HostView {
   usbip::DeviceRecord record{};
   std::uint32_t driverMask = 0;  // interfaces that a kernel driver holds
@@ -37,7 +37,7 @@ struct HostView {
   Bytes configuration{};
 };
 
-// Asks, after detaching and attaching kernel drivers as told by two interface masks. None when no
+// Asks, after detaching and attaching kernel drivers by two interface masks. None when no
 // simulator listens there or its device is unplugged. Takes two seconds at most.
 std::optional<HostView> FetchHostView(const Address& address, std::uint32_t detach = 0,
                                       std::uint32_t attach = 0);
@@ -56,8 +56,8 @@ class Connection {
 
   // False when the connection is lost, or takes nothing for two seconds.
   bool Send(ByteView bytes);
-  // Takes over what has arrived, without waiting; false when the connection is lost. What came
-  // before the loss is in Input() all the same.
+  // Takes over what has arrived, without waiting; false when the connection is lost. Bytes
+  // from before the loss are in Input() all the same.
   bool Receive();
   ByteView Input() const { return m_input; }
   void Consume(std::size_t size);

@@ -51,7 +51,7 @@ int LIBUSB_CALL libusb_init(libusb_context** context) {
 void LIBUSB_CALL libusb_exit(libusb_context* context) {
   context = Resolve(context);
   if (context == nullptr || --context->references > 0) return;
-  // What the program has not given back stays valid for giving back.
+  // Objects that the program still holds stay valid until it returns them.
   for (libusb_device* device : context->devices) device->context = nullptr;
   if (context == g_defaultContext) g_defaultContext = nullptr;
   delete context;

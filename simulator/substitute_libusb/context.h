@@ -4,12 +4,12 @@
 // TAVO_SIMULATORS names the simulators; each is one device on the bus, and one that does not answer
 // or is unplugged is not listed.
 //
-// It differs from the real one in this: a context belongs to one thread at a time; there are no
-// isochronous transfers and no hotplug events; a device can be open once; a bulk transfer needs
-// its interface claimed; and nothing waits without bound: a synchronous transfer with timeout 0
+// Differences from the real one: a context belongs to one thread at a time; it has no isochronous
+// transfers and no hotplug events; a device can be open once; a bulk transfer needs its interface
+// claimed; and every wait is bounded: a synchronous transfer with timeout 0
 // ends after kLongestTransfer, and a simulator that stops answering counts as unplugged.
 //
-// This header: the types that libusb.h leaves open. What the C functions do stands in libusb.h.
+// This header has the types that libusb.h leaves open; libusb.h describes the C functions.
 #pragma once
 
 #include <chrono>

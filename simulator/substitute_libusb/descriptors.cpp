@@ -43,7 +43,7 @@ struct Setting {
   Extra extra{};
 };
 
-// What libusb_get_config_descriptor hands out, with everything that its pointers point to.
+// The result of libusb_get_config_descriptor, with everything that its pointers point to.
 struct OwnedConfiguration : libusb_config_descriptor {
   std::vector<Setting> settings{};  // in the order of the descriptors
   std::vector<std::vector<libusb_interface_descriptor>> alternates{};
@@ -110,7 +110,7 @@ void LinkSetting(Setting& setting) {
   setting.descriptor.extra_length = setting.extra.Size();
 }
 
-// Once nothing moves any more: gathers the settings by interface and sets the pointers.
+// Gathers the settings by interface and sets the pointers. Nothing may move afterwards.
 void Link(OwnedConfiguration& configuration) {
   for (Setting& setting : configuration.settings) {
     LinkSetting(setting);

@@ -156,7 +156,7 @@ int LIBUSB_CALL libusb_clear_halt(libusb_device_handle* handle, unsigned char en
                          kEndpointHalt, endpoint);
 }
 
-// USB/IP has no bus reset; what is left of it is whether the device is still there.
+// USB/IP has no bus reset; this only checks that the device is still connected.
 int LIBUSB_CALL libusb_reset_device(libusb_device_handle* handle) {
   return !handle->lost && Drivers(*handle) ? LIBUSB_SUCCESS : LIBUSB_ERROR_NO_DEVICE;
 }

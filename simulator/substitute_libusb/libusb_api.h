@@ -1,6 +1,6 @@
 // libusb's public header, with its functions exported from this library although everything else
-// in it stays hidden. Every file here includes libusb through this one. Windows has no visibility;
-// there a list of exports says the same.
+// in it stays hidden. Every file here includes libusb through this one. Windows uses a
+// list of exports instead of visibility.
 #pragma once
 
 #include <sys/time.h>

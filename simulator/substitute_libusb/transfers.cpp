@@ -9,8 +9,8 @@ using namespace tavosim::usbip;
 
 namespace {
 
-// How long a simulator may take to confirm that it has forgotten a transfer. One whose machine has no
-// time for it, or whose disk is busy, is not unplugged by that; one that has ended is noticed at once.
+// Time limit for a simulator to confirm a cancelled transfer. A busy machine or disk stays within it;
+// a simulator that has ended is noticed at once.
 constexpr auto kUnlinkPatience = std::chrono::seconds(5);
 
 std::uint32_t DeviceIdOf(const libusb_device_handle& handle) {
@@ -18,7 +18,7 @@ std::uint32_t DeviceIdOf(const libusb_device_handle& handle) {
   return DeviceId(record.busNumber, record.deviceNumber);
 }
 
-// What goes out for a transfer.
+// The bytes that go out for a transfer.
 struct Urb {
   UrbHeader header{.command = kCmdSubmit};
   ByteView payload{};
@@ -71,7 +71,7 @@ void End(libusb_transfer& transfer, libusb_transfer_status status) {
   transfer.dev_handle->device->context->ended.push_back(&transfer);
 }
 
-// From here on the handle is good for nothing but closing.
+// From here on the handle can only be closed.
 void LoseDevice(libusb_device_handle& handle) {
   handle.lost = true;
   for (const Flight& flight : handle.flights) End(*flight.transfer, LIBUSB_TRANSFER_NO_DEVICE);
@@ -91,7 +91,7 @@ bool StartUnlink(libusb_device_handle& handle, Flight& flight) {
   return false;
 }
 
-// Unlinks what has run out of time. A simulator that does not confirm it is lost.
+// Unlinks transfers that have run out of time. A simulator that does not confirm it counts as lost.
 void Expire(libusb_device_handle& handle, Clock::time_point now) {
   for (Flight& flight : handle.flights) {
     const bool unlinking = flight.unlinkSequence != 0;

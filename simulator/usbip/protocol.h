@@ -1,11 +1,11 @@
 // The USB/IP messages, as Documentation/usb/usbip_protocol.rst of the Linux kernel lays them out
 // (version 1.1.1, all numbers big-endian). The server and the substitute libusb both encode and
-// decode with what stands here and nowhere else. Nothing here does I/O; the decoders read exactly
+// decode with these functions. Nothing here does I/O; the decoders read exactly
 // the stated size, which the caller has checked.
 //
 // One operation is our own: the "host view". A host's kernel knows descriptors and bound drivers of
-// a device that nobody has opened; USB/IP has no message for that. A standard peer knows the code
-// as little as any other unknown one and refuses it.
+// a device that is not open; USB/IP has no message for that. A standard server refuses the code as
+// it refuses any other unknown one.
 #pragma once
 
 #include <algorithm>
@@ -47,7 +47,7 @@ enum Command : std::uint32_t {
 
 enum Direction : std::uint32_t { kDirectionOut = 0, kDirectionIn = 1 };
 
-// Status of a URB: Linux errno values, negative, whatever system the peers run on.
+// Status of a URB: negative Linux errno values, on every system.
 enum UrbStatus : std::int32_t {
   kUrbDone = 0,
   kUrbNoDevice = -19,     // ENODEV
@@ -67,8 +67,8 @@ inline constexpr std::size_t kImportRequestSize = kOpHeaderSize + kBusIdSize;
 inline constexpr std::size_t kHostViewRequestSize = kOpHeaderSize + 2 * 4;
 inline constexpr std::size_t kUrbHeaderSize = 10 * 4 + 8;
 
-// Larger than any host asks for at once (usbfs splits at 16 KiB); bounds what a peer can make us
-// hold.
+// Larger than any single request of a host (usbfs splits at 16 KiB); bounds the memory that a peer can
+// make us hold.
 inline constexpr std::size_t kMaxTransferSize = 256 * 1024;
 
 class Writer {
@@ -150,7 +150,7 @@ inline OpHeader DecodeOpHeader(Reader& in) {
   return header;
 }
 
-// What the device list and the import reply tell about a device.
+// A device in the device list and in the import reply.
 struct DeviceRecord {
   std::string path{};
   std::string busId{};

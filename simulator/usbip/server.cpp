@@ -14,8 +14,8 @@
 namespace tavosim::usbip {
 namespace {
 
-// A kernel driver keeps some ten URBs in flight and a look at the list lasts a millisecond; more
-// than these is a peer gone wrong.
+// A kernel driver keeps some ten URBs in flight, and listing takes a millisecond. A peer that exceeds
+// these is faulty.
 constexpr std::size_t kMaxPending = 256;
 constexpr std::size_t kMaxPeers = 16;
 constexpr std::size_t kMaxUnsent = 4 * kMaxTransferSize;
@@ -311,7 +311,7 @@ void Server::Submit(Peer& peer, const UrbHeader& header, ByteView payload) {
 void Server::Unlink(Peer& peer, const UrbHeader& header) {
   const auto removed = std::erase_if(
       peer.pending, [&header](const Urb& urb) { return urb.sequence == header.detail; });
-  // 0 tells that the URB has been answered before: its reply stands, with its data.
+  // 0 means that the URB has already been answered: its reply stands, with its data.
   const std::int32_t status = removed != 0 ? kUrbUnlinked : kUrbDone;
   Writer out;
   Encode(out, UrbHeader{.command = kRetUnlink,

@@ -7,8 +7,8 @@
 //   std::cout << server.Port();
 //   server.Run(stopFd);
 //
-// One thread, one loop; the device is called from Run alone, with the time since construction. What
-// a peer sends is never trusted: a peer that breaks the protocol is disconnected, with a message to
+// One thread, one loop; the device is called from Run alone, with the time since construction.
+// Peers are not trusted: one that breaks the protocol is disconnected, with a message to
 // `options.message`.
 #pragma once
 
@@ -39,7 +39,7 @@ struct ServerOptions {
 class Server {
  public:
   // Listens from here on. Throws std::invalid_argument for a bad bus id and std::system_error when
-  // the port cannot be had. `device` must outlive the server.
+  // the port is not free. `device` must outlive the server.
   Server(UsbDevice& device, ServerOptions options);
 
   std::uint16_t Port() const { return m_port; }

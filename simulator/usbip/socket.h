@@ -1,6 +1,5 @@
-// The sockets under both ends of USB/IP, the same on every system: TCP over IPv4, which never waits
-// but in ConnectTo and WaitUntilReady. There is one implementation for POSIX and one for Windows.
-// Nothing here knows what the bytes mean.
+// Sockets for both ends of USB/IP: TCP over IPv4, which waits only in ConnectTo and WaitUntilReady.
+// One implementation for POSIX, one for Windows.
 #pragma once
 
 #include <chrono>
@@ -39,14 +38,14 @@ class Socket {
   SocketFd m_fd;
 };
 
-// An address such as 127.0.0.1, in network byte order; none when `text` is no such.
+// An address such as 127.0.0.1, in network byte order; none when `text` is not one.
 std::optional<std::uint32_t> ParseIp(const std::string& text);
 
 // Never waits in sending and receiving; small messages leave at once (an exchange is a ping-pong of
 // small messages, which Nagle's algorithm would hold back for tens of milliseconds).
 void MakeInteractive(const Socket& socket);
 
-// Interactive, or no socket when the connection does not come about within `limit`. `ip` is in
+// Interactive, or no socket when the connection is not established within `limit`. `ip` is in
 // network byte order, `port` is not.
 Socket ConnectTo(std::uint32_t ip, std::uint16_t port, std::chrono::nanoseconds limit);
 

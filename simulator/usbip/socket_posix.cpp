@@ -17,7 +17,7 @@ namespace {
 
 bool IsPassing(int error) { return error == EAGAIN || error == EINTR; }
 
-// Whether a connection that was begun has come about.
+// Whether a connection that was begun is established.
 bool IsConnected(const Socket& socket) {
   int error = 0;
   socklen_t size = sizeof error;

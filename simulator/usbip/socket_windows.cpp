@@ -1,4 +1,4 @@
-// The order of these two is Windows' own.
+// Windows prescribes this order.
 #include <winsock2.h>
 #include <ws2tcpip.h>
 
@@ -31,7 +31,7 @@ int BoundedSize(std::size_t size) {
   return static_cast<int>(std::min(size, kMost));
 }
 
-// Whether a connection that was begun has come about.
+// Whether a connection that was begun is established.
 bool IsConnected(const Socket& socket) {
   int error = 0;
   int size = sizeof error;
@@ -59,7 +59,7 @@ void MakeInteractive(const Socket& socket) {
   setsockopt(socket.Fd(), IPPROTO_TCP, TCP_NODELAY, reinterpret_cast<const char*>(&on), sizeof on);
 }
 
-// Older systems do not report a refused connection to who waits for it; there `limit` ends it.
+// Older systems do not report a refused connection to a waiting caller; there `limit` ends the wait.
 Socket ConnectTo(std::uint32_t ip, std::uint16_t port, std::chrono::nanoseconds limit) {
   if (!IsStarted()) return Socket();
   Socket socket(WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,

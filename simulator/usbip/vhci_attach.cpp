@@ -1,6 +1,6 @@
 // tavo-vhci-attach: plugs the device of a running simulator into this machine's own kernel. It
 // asks the server for the device and hands the connection to the vhci driver, which from then on is
-// the peer; this program is done with it. Where `usbip attach` is installed, that does the same.
+// the peer; then it ends. `usbip attach` does the same where it is installed.
 // Unplugging takes no program: write the number of the vhci port to the driver's file "detach".
 //
 // Needs root, and the module vhci-hcd.
@@ -111,7 +111,8 @@ void HandOver(const Socket& socket, const DeviceRecord& device, std::uint16_t vh
 void Attach(const Arguments& arguments) {
   const Socket socket = ConnectTo(ParseIp("127.0.0.1").value_or(0), arguments.tcpPort, kPatience);
   if (!socket)
-    throw std::runtime_error("nobody listens on 127.0.0.1:" + std::to_string(arguments.tcpPort));
+    throw std::runtime_error("no simulator listens on 127.0.0.1:" +
+                             std::to_string(arguments.tcpPort));
   HandOver(socket, Import(socket, arguments.busId), arguments.vhciPort);
 }
 

@@ -18,7 +18,7 @@ fail() {
 cmake --install "$build" --prefix "$scratch/first" >"$scratch/log" || fail "$(cat "$scratch/log")"
 prefix=$scratch/moved
 mv "$scratch/first" "$prefix"
-# Those are found by their names alone, by programs that report nothing when they find nothing.
+# Other programs find these by name alone and report nothing when they are missing.
 for file in share/man/man1/firmware-updater.1.gz share/bash-completion/completions/firmware-updater \
   share/zsh/site-functions/_firmware-updater lib/udev/rules.d/70-firmware-updater.rules; do
   [ -s "$prefix/$file" ] || fail "$file is missing or empty"

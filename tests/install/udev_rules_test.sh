@@ -1,8 +1,7 @@
 #!/bin/sh
-# What udev itself makes of the rules, for mock devices of a mock machine: in force are our rules and
-# one that stands where the system's own, which turns the tag into access, stands.
-# Takes a mount namespace, so that the rules of this machine are neither read nor changed; where none
-# can be had it is skipped (77).
+# Runs udev on our rules with mock devices of a mock machine. A further rule stands in for the system's
+# own, which turns the tag into access. Needs a mount namespace, so that the machine's own rules are
+# neither read nor changed; without one it is skipped (77).
 #
 # usage: udev_rules_test.sh PACKAGING_FOLDER
 set -eu
@@ -32,7 +31,7 @@ END
 done
 module=1 old_adapter=2 new_adapter=3 stranger=4
 
-# Whatever stands in these folders on this machine is not to be seen.
+# Hides the rules of this machine.
 for folder in /etc/udev /usr/lib/udev /run; do
   [ ! -d "$folder" ] || mount -t tmpfs none "$folder"
 done
@@ -66,7 +65,7 @@ cp "$1/70-firmware-updater-ftdi.rules" "$rules"
 expect "$usable" $module $old_adapter $new_adapter
 expect '' $stranger
 
-# What the rule file advises to administrators is a rule too; here with a group that there is.
+# The advice to administrators in the rule file is a rule as well; here with a group that exists.
 advice=$rules/71-firmware-updater-local.rules
 sed -n 's/^#   \(SUBSYSTEM.*\)"firmware"$/\1"root"/p' "$1/70-firmware-updater.rules" >"$advice"
 [ "$(wc -l <"$advice")" = 2 ] || failed=1

@@ -1,5 +1,5 @@
-// The simulated device against what whole updates do not show of it: its frames, its refusals, its
-// flash, its faults and its two USB faces. Everything runs on a virtual clock.
+// The parts of the simulated device that whole updates do not exercise: frames, refusals, flash,
+// faults and the two USB faces. Everything runs on a virtual clock.
 #include "simulator/device.h"
 
 #include <gtest/gtest.h>
@@ -40,7 +40,7 @@ class Host {
   explicit Host(DeviceOptions options, std::vector<Fault> faults = {})
       : device(std::move(options), std::move(faults)) {}
 
-  // The payload of the answer, or "silent", or the bytes when they are no single right frame.
+  // The payload of the answer, or "silent", or the bytes when they are not exactly one valid frame.
   std::string Ask(std::uint16_t id, const Bytes& payload = {}) {
     device.Receive(EncodeFrame({id, payload}), now);
     const auto until = now + kPatience;

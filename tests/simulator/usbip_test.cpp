@@ -70,7 +70,7 @@ class UsbipTest : public testing::Test {
     m_thread.join();
   }
 
-  // The device's address on its bus, 0 when it is not there.
+  // The device's address on its bus, 0 when it is not listed.
   int AddressOnBus() {
     libusb_device** list = nullptr;
     const auto count = libusb_get_device_list(m_context, &list);
@@ -89,7 +89,7 @@ class UsbipTest : public testing::Test {
     return libusb_bulk_transfer(m_handle, 2, reinterpret_cast<unsigned char*>(text.data()),
                                 static_cast<int>(text.size()), nullptr, 500);
   }
-  // What was read, or the name of the error.
+  // The bytes read, or the name of the error.
   std::string Read(unsigned timeoutMs) {
     std::array<unsigned char, 64> data{};
     int size = 0;

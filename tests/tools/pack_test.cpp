@@ -1,5 +1,5 @@
-// What pack writes: it passes inspect, holds what was asked for, and is the image that the engine
-// gets. What cannot be built leaves nothing behind.
+// The files that pack writes pass inspect, hold the requested data and are what the engine loads. A
+// failure leaves no file behind.
 #include <gtest/gtest.h>
 
 #include "file/package_report.h"
@@ -112,7 +112,7 @@ TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
   } rows[] = {
       {"-o @fw.hex", ExitCode::Usage, "one of --image, --family and --add"},
       {"--family plain --add @a.hex -o @fw.zip", ExitCode::Usage, "one of --image"},
-      {"--family plain -o @fw.bin", ExitCode::Usage, "no name of an update file"},
+      {"--family plain -o @fw.bin", ExitCode::Usage, "does not name an update file"},
       {"--family plain -o @a.hex", ExitCode::Usage, "exists already"},
       {"--family plain -o @fw.hex --raw @a.hex", ExitCode::Usage, "exists already"},
       {"--family plain -o @fw.hex --raw @./fw.hex", ExitCode::Usage, "the same file"},
@@ -131,17 +131,17 @@ TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
       {"--adb-type 8", ExitCode::Usage, "8"},
       {"--adb-type 6", ExitCode::Usage, "name one hardware id"},
       {"--adb-type 5 --hardware-id 0x8410", ExitCode::Usage, "name their hardware in entries"},
-      {"--adb-type 5 --entry 0x0501", ExitCode::Usage, "'0x0501' is no entry"},
-      {"--adb-type 5 --entry 0x0501=8.4.3", ExitCode::Usage, "'8.4.3' is no hardware id"},
-      {"--adb-type 2 --hardware-id 8.4.16.0", ExitCode::Usage, "is no hardware id"},
-      {"--adb-type 2 --hardware-id 0", ExitCode::Usage, "means none"},
+      {"--adb-type 5 --entry 0x0501", ExitCode::Usage, "'0x0501' is not an entry"},
+      {"--adb-type 5 --entry 0x0501=8.4.3", ExitCode::Usage, "'8.4.3' is not a hardware id"},
+      {"--adb-type 2 --hardware-id 8.4.16.0", ExitCode::Usage, "is not a hardware id"},
+      {"--adb-type 2 --hardware-id 0", ExitCode::Usage, "means no hardware"},
       {"--adb-type 2 --hardware-id 0x8410 --size 2000", ExitCode::Usage, "2000 bytes long, but"},
       {"--adb-type 2 --hardware-id 0x8410 --size 10", ExitCode::Usage, "too small"},
       {"--adb-type 2 --hardware-id 0x8410 --size 3000", ExitCode::Usage, "whole KiB"},
       {"--adb-type 6 --hardware-id 0x8410 --mcu-id 0x99", ExitCode::Usage, "0x099 is unknown"},
       {"--image @app.bin -o @fw.hex --adb-type 2 --hardware-id 0x8410 --address 0xFEFF00",
        ExitCode::Usage, "ends above 0xFF0000"},
-      {"--hardware-id 0x8410", ExitCode::Usage, "taken as it stands"},
+      {"--hardware-id 0x8410", ExitCode::Usage, "packed unchanged"},
       {"", ExitCode::Usage, "no valid descriptor block"},
   };
   for (const auto& row : rows) {

@@ -1,6 +1,5 @@
-// pack: builds update files, from raw binaries, from a recipe for demonstration firmware, or by
-// collecting HEX files into an archive. Nothing gets the name of the output that `inspect` would
-// not pass.
+// pack: builds update files from raw binaries, from a recipe for demonstration firmware, or by
+// collecting HEX files in an archive. The output gets its name only when it passes `inspect`.
 #include <algorithm>
 #include <charconv>
 #include <filesystem>
@@ -27,7 +26,7 @@ using tavosim::Firmware;
 using tavosim::FirmwareRecipe;
 
 constexpr std::size_t kSizeUnit = 1024;
-constexpr std::uintmax_t kMaxBinaryBytes = 0xFF0000;  // as far as stored addresses reach
+constexpr std::uintmax_t kMaxBinaryBytes = 0xFF0000;  // the reach of stored addresses
 
 struct Options {
   std::string binary{};
@@ -45,7 +44,7 @@ struct Options {
   bool force = false;
 };
 
-// Ends the command: something is wrong that the user can mend.
+// Ends the command: something is wrong that the user can fix.
 struct Refusal {
   ExitCode exit;
   std::string text;
@@ -89,11 +88,11 @@ std::uint16_t ParseHardwareId(const std::string& text) {
   for (const std::string& field : fields) {
     const std::optional<unsigned> value = Number(field);
     if (!isComplete || !value || *value > limit) {
-      Refuse("'" + text + "' is no hardware id", "write it as 0x8410 or as 8.4.1.0");
+      Refuse("'" + text + "' is not a hardware id", "write it as 0x8410 or as 8.4.1.0");
     }
     id = id << 4 | *value;
   }
-  if (id == 0) Refuse("the hardware id 0 means none", "give the id that the devices report");
+  if (id == 0) Refuse("hardware id 0 means no hardware", "give the id that the devices report");
   return static_cast<std::uint16_t>(id);
 }
 
@@ -102,7 +101,7 @@ tavosim::FirmwareEntry ParseEntry(const std::string& text) {
   const std::vector<std::string> sides = Split(text, '=');
   const std::optional<unsigned> device = Number(sides.front());
   if (sides.size() != 2 || !device || *device > 0xFFFF) {
-    Refuse("'" + text + "' is no entry", "write it as DEVICE=HARDWARE[,HARDWARE...]");
+    Refuse("'" + text + "' is not an entry", "write it as DEVICE=HARDWARE[,HARDWARE...]");
   }
   tavosim::FirmwareEntry entry{static_cast<std::uint16_t>(*device), {}};
   for (const std::string& id : Split(sides[1], ',')) {
@@ -151,11 +150,11 @@ FirmwareRecipe RecipeFromOptions(const Options& options, std::vector<std::uint8_
   return recipe;
 }
 
-// A binary that describes itself already is taken as it stands.
+// A binary that describes itself is packed unchanged.
 Firmware Finished(const Options& options, std::vector<std::uint8_t> content) {
   if (options.size || !options.hardwareId.empty() || options.mcuId != 0 ||
       !options.entries.empty()) {
-    Refuse("without --adb-type the binary is taken as it stands",
+    Refuse("without --adb-type the binary is packed unchanged",
            "give --adb-type, or leave out --size, --hardware-id, --mcu-id and --entry");
   }
   return {std::move(content), options.address, 0};
@@ -180,7 +179,7 @@ std::string Collect(const Options& options) {
   for (const std::string& path : options.members) {
     const PackageReport report = ReportOn(path);
     if (report.kind != UpdateFileKind::Hex) {
-      Refuse(path + ": only .hex files can be added", "unpack an archive and add what is in it",
+      Refuse(path + ": only .hex files can be added", "unpack an archive and add the files in it",
              ExitCode::BadFile);
     }
     if (!report.CouldBeWritten()) {
@@ -241,7 +240,7 @@ class NewFile {
 void CheckOptions(const Options& options) {
   const UpdateFileKind kind = KindByName(options.output);
   if (kind == UpdateFileKind::Neither) {
-    Refuse("'" + options.output + "' is no name of an update file",
+    Refuse("'" + options.output + "' does not name an update file",
            "give --output a name that ends in .hex or .zip");
   }
   const int sources =
@@ -299,10 +298,10 @@ ExitCode RunPack(const Machine& machine, const Options& options) try {
   Complain(machine, refusal.text, refusal.hint);
   return refusal.exit;
 } catch (const std::invalid_argument& error) {
-  Complain(machine, error.what(), "change --size, --address or what the image describes");
+  Complain(machine, error.what(), "change --size, --address or the description of the image");
   return ExitCode::Usage;
 } catch (const std::runtime_error& error) {
-  Complain(machine, error.what(), "check that the folder of the output is there and writable");
+  Complain(machine, error.what(), "check that the folder of the output exists and is writable");
   return ExitCode::Usage;
 }
 

@@ -1,5 +1,5 @@
-// The command "simulate": the simulated device, for another terminal or for one command. The command
-// is a child process; Ctrl-C is the child's, and the device lives until the child has ended.
+// The command "simulate": a simulated device, for another terminal or for one command. The command is a
+// child process. It gets Ctrl-C, and the device lives until it has ended.
 #include <spawn.h>
 #include <sys/eventfd.h>
 #include <sys/wait.h>
@@ -47,8 +47,8 @@ struct Arguments {
   Words command{};  // of the user's, to run while the device lives
 };
 
-// The folder with the libusb that finds simulated devices: in a build tree, or installed. Empty
-// when there is none.
+// The folder with the libusb that finds simulated devices, in a build tree or installed; empty without
+// one.
 std::string SubstituteFolder(Platform& platform) {
   constexpr std::array kPlaces{"../substitute", "../lib/firmware-updater/substitute"};
   const auto here = std::filesystem::path(platform.ExecutablePath()).parent_path();
@@ -91,8 +91,7 @@ class SignalPause {
   sigset_t m_before{};
 };
 
-// Its process id, or 0 with `failure` set. Under its own name the tool is this very one, wherever it
-// lies.
+// The process id, or 0 with `failure` set. "firmware-updater" is this very program, in any folder.
 pid_t Spawn(Words words, const sigset_t& signals, Platform& platform, int& failure) {
   const std::string program =
       words.front() == "firmware-updater" ? platform.ExecutablePath() : words.front();
@@ -109,10 +108,10 @@ pid_t Spawn(Words words, const sigset_t& signals, Platform& platform, int& failu
   return failure == 0 ? pid : 0;
 }
 
-// For the signal handler, which is told of no object.
+// For the signal handler, which gets no object.
 volatile std::sig_atomic_t g_command = 0;
 
-// The terminal sends its signals to the command as well; the others come here alone.
+// The terminal signals the command as well; other signals arrive here only and are passed on.
 void LeaveSignalsTo(pid_t command) {
   g_command = command;
   for (const int signal : {SIGINT, SIGQUIT}) std::signal(signal, SIG_IGN);
@@ -120,10 +119,10 @@ void LeaveSignalsTo(pid_t command) {
     std::signal(signal, [](int number) { kill(g_command, number); });
 }
 
-// Its process id; from here on signals are the command's. Throws std::system_error when it cannot be
+// The process id; from here on signals go to the command. Throws std::system_error when it cannot be
 // started.
 pid_t Start(const Words& words, Platform& platform) {
-  const SignalPause pause;  // none is lost on the way to the command
+  const SignalPause pause;  // no signal is lost between here and the command
   int failure = 0;
   const pid_t command = Spawn(words, pause.Before(), platform, failure);
   if (failure != 0) throw std::system_error(failure, std::generic_category(), words.front());
@@ -131,7 +130,7 @@ pid_t Start(const Words& words, Platform& platform) {
   return command;
 }
 
-// Serves while the command runs, and returns its exit code; 128 + the signal that has ended it.
+// Serves while the command runs. Returns its exit code, or 128 + the signal that ended it.
 int ServeUntilEnd(tavosim::ServedDevice& device, pid_t command) {
   const tavosim::usbip::Socket ended(eventfd(0, EFD_CLOEXEC));
   int status = 0;
@@ -162,7 +161,8 @@ ExitCode RunBeside(tavosim::ServedDevice& device, const Words& words, const Mach
   try {
     command = Start(words, machine.platform);
   } catch (const std::system_error& error) {
-    Complain(machine, error.what(), "behind -- goes a command and its arguments, for example: env");
+    Complain(machine, error.what(),
+             "write a command and its arguments after --, for example: -- env");
     return ExitCode::Usage;
   }
   return static_cast<ExitCode>(ServeUntilEnd(device, command));
@@ -183,23 +183,23 @@ ExitCode Simulate(const Arguments& arguments, const Machine& machine) {
   const std::string substitute = SubstituteFolder(machine.platform);
   if (substitute.empty() && !words.empty()) {
     Complain(machine, "the libusb that finds simulated devices is missing",
-             "build or install all of this tool, not its program alone");
+             "build or install the whole tool, not the program alone");
     return ExitCode::NoDevice;
   }
-  // A command is to receive the signals; only without one are they taken here.
+  // With a command, the command gets the signals.
   const tavosim::usbip::Socket end =
       words.empty() ? tavosim::EndSignal() : tavosim::usbip::Socket();
   std::optional<tavosim::ServedDevice> device;
   try {
     device.emplace(arguments.simulator, machine.err);
   } catch (const std::exception& error) {
-    Complain(machine, error.what(), "nothing was started; firmware-updater simulate --help");
+    Complain(machine, error.what(), "see firmware-updater simulate --help");
     return ExitCode::Usage;
   }
   try {
     return Serve(*device, words, end.Fd(), machine, substitute);
   } catch (const std::exception& error) {
-    Complain(machine, error.what(), "the simulated device was lost while it was in use");
+    Complain(machine, error.what(), "the simulated device has gone; start it again");
     return ExitCode::FailedUnknown;
   }
 }
