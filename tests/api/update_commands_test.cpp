@@ -57,9 +57,17 @@ TEST_F(UpdateCommands, AnUnknownNameIsSaidAndTheUpdateDoesNotBegin) {
   EXPECT_TRUE(station.platform.ConsoleHas("USB-Port: 3-9\nPort 3-9 isnt found\n"));
   EXPECT_FALSE(UpdateDevice(Context(), Adapter("tavo0001"), File(), {}));
   EXPECT_TRUE(station.platform.ConsoleHas("FtDI-Port: tavo0001\nSerial tavo0001 isnt found\n"));
+  EXPECT_FALSE(UpdateDevice(Context(), Adapter("TAVO000"), File(), {}));
+  EXPECT_TRUE(station.platform.ConsoleHas("Serial TAVO000 isnt found\n"));
   EXPECT_FALSE(station.platform.ConsoleHas("Start Update"));
   EXPECT_TRUE(station.Requests().empty());
   EXPECT_EQ(station.engine.LastError(), ErrorCode::None);
+}
+
+TEST_F(UpdateCommands, TheAdapterRunsAtTheBaudRateThatIsAskedFor) {
+  EXPECT_FALSE(UpdateDevice(Context(), {TransportKind::Ftdi, "TAVO0001", 9600}, File(), {}));
+  EXPECT_TRUE(station.Requests().empty()) << "the device listens at 19200 baud";
+  EXPECT_TRUE(UpdateDevice(Context(), {TransportKind::Ftdi, "TAVO0001", 19200}, File(), {}));
 }
 
 TEST_F(UpdateCommands, ASecondUpdateIsRefusedWhileOneRuns) {
