@@ -1,4 +1,4 @@
-// bench-load: loads an update file as an update does, once, and says what that took of the memory.
+// bench-load: loads an update file as an update does, once, and reports the memory that it took.
 //
 //   bench-load FILE [OUTPUT]    OUTPUT: the first image, flat
 //

@@ -1,5 +1,5 @@
-// bench-update: the course of an update against the clock. What it finds goes to standard error as
-// one line of JSON; standard output is the library's console.
+// bench-update: the course of an update against the clock. Results go to standard error as one
+// line of JSON; standard output is the library's console.
 //
 //   bench-update null                  an update over a line that takes no time
 //   bench-update write PORT BAUD FILE  an update over the adapter, and how long writing takes
@@ -116,7 +116,7 @@ int MeasureNullLine() {
     return std::make_unique<NullLine>(link, SystemPlatform(), log, answer);
   });
   FirmwareUpdater engine(SystemPlatform(), log, holder);
-  // The device has not been written to: what would follow says nothing.
+  // The device has not been written to, so the steps after writing would show nothing.
   WritePhase phase([] {}, [&engine] { engine.RequestStop(); });
   engine.SetObserver(&phase);
   const FirmwareUpdater::Run run(engine);
