@@ -18,8 +18,8 @@ namespace tavo::fuzz {
 
 inline constexpr std::size_t kScriptHeader = 2;
 
-// What a length may be besides. A checksum is hard to guess: the bytes of a framed saying are the id
-// of a message, low byte first, and its payload, and are said as a good frame.
+// Special lengths. A checksum is hard to guess: the bytes of a framed saying are the id of a message,
+// low byte first, and its payload, and are said as a good frame.
 inline constexpr std::uint8_t kReadFails = 0xFF;
 inline constexpr std::uint8_t kFramed = 0x80;
 inline constexpr std::size_t kMaxSaid = kFramed - 1;

@@ -1,5 +1,5 @@
-// What a fuzz target promises. A broken promise ends the process, which the fuzzer reports together
-// with the input that led there.
+// The promises of a fuzz target. A broken one ends the process, which the fuzzer reports together with
+// the input that led there.
 #pragma once
 
 #include <cstdio>

@@ -21,10 +21,10 @@ namespace {
 using std::chrono::milliseconds;
 using namespace std::chrono_literals;
 
-// What a silent device may cost: seven tries of one request, then the closing plan with a tunnel to
-// close and seven signs of life, and the waits for a quiet line in between.
+// The time that a silent device may cost: seven tries of one request, then the closing plan with a
+// tunnel to close and seven signs of life, and the waits for a quiet line in between.
 constexpr milliseconds kSilenceBound = 180s;
-// And what a talkative one may: each request of the update at the end of its tries.
+// The same for a talkative one: each request of the update at the end of its tries.
 constexpr milliseconds kTimeBound = 1h;
 constexpr unsigned kCallBound = 200'000;
 

@@ -1,6 +1,5 @@
-// Intel HEX once more, slowly: the rules one after the other, on lines of text, as somebody would
-// write them down who reads the format for the first time. Only the fuzzer uses it, to have something
-// to hold the converter against; it shares no code with it.
+// Intel HEX once more, slowly: the rules one after the other, on lines of text. The fuzzer compares the
+// converter with it; the two share no code.
 #pragma once
 
 #include <cstdint>
@@ -23,7 +22,7 @@ struct LiteralHex {
   std::vector<std::uint8_t> data{};
 };
 
-// Whether `line` is a colon and digits, which are then in `digits`.
+// Whether `line` is a colon and digits; stores the digits.
 inline bool SplitLine(const std::string& line, std::string& digits) {
   if (line.empty() || line[0] != ':') return false;
   const std::string rest = line.substr(1);

@@ -1,6 +1,7 @@
 #include "package/adb_view.h"
 
 #include <array>
+#include <cassert>
 #include <cstddef>
 #include <limits>
 
@@ -25,7 +26,7 @@ constexpr std::int64_t kEntryListOffset = 4;
 constexpr std::uint32_t kNoEntryAddress = 0xFFFFFFFF;
 constexpr std::int64_t kNowhere = 0;
 
-// What an ADB of a type holds besides, as offsets from its start; 0 where it has no such field.
+// The fields that only some types of ADB have, as offsets from its start; 0 = no such field.
 struct AdbLayout {
   std::uint8_t entryTable;
   std::uint8_t mcuId;
@@ -60,6 +61,7 @@ bool AdbView::Contains(std::int64_t address, std::int64_t bytes) const {
 }
 
 std::uint8_t AdbView::ByteAt(std::int64_t address) const {
+  assert(Contains(address, 1));
   return m_data[static_cast<std::size_t>(address - m_startAddress)];
 }
 
@@ -83,7 +85,7 @@ std::uint32_t AdbView::ReadAddress(std::int64_t address) const {
 }
 
 std::uint8_t AdbView::AdbType() const {
-  // The address is looked at by itself because the byte after an ADB at 0 would be readable.
+  // The address itself is checked because the byte after an ADB at 0 would be readable.
   if (!Contains(m_adbAddress, 2)) return 0;
   const std::uint8_t type = ByteAt(Adb(kAdbTypeOffset));
   return type < kLayouts.size() ? type : std::uint8_t{0};

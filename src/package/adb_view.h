@@ -1,4 +1,4 @@
-// A read-only look at what a firmware image says about itself: the trailer at its end and the
+// A read-only view of a firmware image's description of itself: the trailer at its end and the
 // descriptor block (ADB) that the trailer points to. Image selection, the hardware tables and the
 // bootloader steps read the image through it. It changes nothing, does no I/O and never reads
 // outside the image.
@@ -10,8 +10,8 @@
 //
 // Addresses are device addresses in the image's own address space; address 0 always means none.
 // They are taken as 64-bit values, so that an offset past the top of the address space is simply
-// outside the image. Values are little-endian. What is missing is reported as -1, for addresses as
-// 0.
+// outside the image. Values are little-endian. A missing value is reported as -1, a missing address
+// as 0.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +30,7 @@ class AdbView {
   explicit AdbView(FirmwareImage&&) = delete;
 
   std::int64_t EndAddress() const;  // one past the last byte
-  // Of a stored address, 2 or 3 bytes.
+  // The size of a stored address, 2 or 3 bytes.
   std::uint32_t AddressWidth() const { return m_addressWidth; }
   std::uint32_t EntryStride() const { return m_addressWidth == 2 ? 8 : 10; }
 
@@ -38,6 +38,9 @@ class AdbView {
   std::optional<std::uint8_t> ReadByte(std::int64_t address) const;
   std::optional<std::uint16_t> ReadWord(std::int64_t address) const;
   std::uint32_t ReadAddress(std::int64_t address) const;
+
+  // The address of the descriptor block, as the trailer says.
+  std::uint32_t AdbAddress() const { return m_adbAddress; }
 
   // 1 to 7; 0 when the image has no valid ADB. An ADB of type 5 or 7 has a table with one entry for
   // each device variant; the others describe one device.
@@ -53,12 +56,12 @@ class AdbView {
   // The device id that an entry of the table is for; -1 when there is no such entry.
   std::int32_t EntryKey(std::int32_t index) const;
 
-  // The first entry that is for a device, and so its label; -1 when there is none or no table. A
+  // The first entry for a device, which is its label too; -1 when there is none or no table. A
   // table whose length cannot be read counts as one that begins with the device's entry.
   std::int32_t EntryIndexForDevice(std::uint16_t deviceId) const;
 
   // Fills `list` with the hardware ids that an entry allows and returns their number; -1 and an
-  // empty list when they cannot be read. `index` is looked at only when there is an entry table.
+  // empty list when they cannot be read. `index` counts only with an entry table.
   // Without a valid ADB there are 0.
   std::int32_t HardwareIdList(std::int32_t index, std::vector<std::uint16_t>& list) const;
 

@@ -1,5 +1,5 @@
 // One firmware image of an update file, as the converter made it. The engine owns the images of an
-// update; everything else only looks at them.
+// update; everything else only reads them.
 #pragma once
 
 #include <cstdint>

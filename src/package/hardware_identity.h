@@ -1,6 +1,6 @@
-// The fixed facts about the hardware that can be updated: which processor an MCU-ID stands for,
-// which device families are reached through a tunnel, and which address their bootloader in another
-// way. The last two are told from the hardware ids that an image lists for itself. The tables are
+// The fixed facts about the hardware that can be updated: which processor an MCU-ID stands for, which
+// device families are reached through a tunnel, and which take requests under another message id. The
+// last two follow from the hardware ids that an image lists. The tables are
 // constant data; nothing runs when the library is loaded and nothing needs a lock.
 //
 //   const TunnelRoute route = FindTunnelRoute(images.front());
@@ -31,7 +31,7 @@ constexpr HardwareIdRecord SplitHardwareId(std::uint16_t id) {
   return {field(12), field(8), field(4), field(0)};
 }
 
-// The value of a pattern's field that fits every value of a record's.
+// A pattern with this value in a field matches every value there.
 inline constexpr std::uint8_t kAnyField = 15;
 
 struct HardwareIdPattern {
@@ -45,8 +45,8 @@ struct HardwareIdPattern {
       : serie(serieId), type(typeId), module(moduleId), variant(variantId) {}
 
   // One module of the series in use, in any variant. Throws std::invalid_argument for an id that
-  // does not fit its field; in a constant that is an error at compile time.
-  // The braces see to it that the type is judged before the module.
+  // does not fit its field; in a constant that is an error at compile time. Braces make the type the
+  // first to be judged.
   constexpr HardwareIdPattern(unsigned typeId, unsigned moduleId)
       : HardwareIdPattern{kSerieInUse, Field(typeId, "type ID"), Field(moduleId, "module ID"),
                           kAnyField} {}

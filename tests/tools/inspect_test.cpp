@@ -82,24 +82,26 @@ TEST_F(Inspect, FilesThatCouldNeverBeWrittenAreCalledByTheirFault) {
       {"page.zip", "<html>", "this is an HTML page, not a ZIP archive"},
       {"packed.hex", ZipArchive({{"fw.hex", good}}), "ends in .zip"},
       {"text.zip", good, "ends in .hex"},
-      {"fw.bin", good, "neither in .hex nor in .zip; by its content it is Intel HEX"},
+      {"fw.bin", good, "in neither .hex nor .zip; the content is Intel HEX"},
       {"fw", "junk", "give a .hex file"},
       {"empty.hex", "", "the file is empty"},
       {"mark.hex", "\xEF\xBB\xBF" + good, "byte order mark"},
       {"junk.hex", "\x01\x02", "begins with the byte 0x01"},
-      {"end.hex", ":00000001FF\r\n", "there are no data records"},
+      {"end.hex", ":00000001FF\r\n", "the file has no data records"},
       {"sum.hex", With(good, 10, good[10] == '0' ? '1' : '0'), "line 1, column 42: wrong checksum"},
       {"bare.hex", WithoutDescriptor(), "no valid descriptor block"},
       {"size.hex", HexOf(Recipe(0x100, 1000)), "1000 bytes long"},
       {"mcu.hex", HexOf(Recipe(0x200)), "MCU-ID 0x200 is unknown"},
       {"empty.zip", ZipArchive({}), "the archive is empty"},
       {"cut.zip", ZipArchive({{"fw.hex", good}}).substr(0, 900), "damaged or cut off"},
-      {"inner.zip", ZipArchive({{"fw.zip", ZipArchive({})}}), "another archive in it: 'fw.zip'"},
+      {"inner.zip", ZipArchive({{"fw.zip", ZipArchive({})}}),
+       "the archive contains another one: 'fw.zip'"},
       {"none.zip", ZipArchive({{"readme.txt", "x"}}), "no member ends in .hex"},
       {"damaged.zip", damaged, "'fw.hex': it is damaged: its CRC-32"},
       {"spoilt.zip", ZipArchive({{"a.hex", good}, {"b.hex", WithoutDescriptor()}}),
-       "'b.hex': the image has no valid descriptor block; for this one member the whole file"},
-      {"two.zip", ZipArchive({{"a.hex", ambiguous}, {"b.hex", ambiguous}}), "no choosing"},
+       "'b.hex': the image has no valid descriptor block; this one member makes every update"},
+      {"two.zip", ZipArchive({{"a.hex", ambiguous}, {"b.hex", ambiguous}}),
+       "the update cannot choose"},
   };
   for (const BadFile& row : rows) {
     run.Write(row.name, row.content);
@@ -120,16 +122,16 @@ TEST_F(Inspect, WhatIsNoReadableFileIsNeitherOpenedNorWaitedFor) {
     std::filesystem::resize_file(run.Path(name), std::uintmax_t{4} << 30);
   }
   std::vector<BadFile> rows = {
-      {"missing.hex", "", "there is no such file"},
+      {"missing.hex", "", "no such file"},
       {"pipe.hex", "", "is a pipe"},
       {"folder.zip", "", "is a folder"},
       {"endless.hex", "", "is a device"},
-      {"huge.hex", "", "4294967296 bytes long"},
-      {"huge.zip", "", "4294967296 bytes long"},
+      {"huge.hex", "", "the file has 4294967296 bytes"},
+      {"huge.zip", "", "the file has 4294967296 bytes"},
   };
   run.Write("secret.hex", HexOf("plain"));
   ASSERT_EQ(chmod(run.Path("secret.hex").c_str(), 0), 0);
-  if (geteuid() != 0) rows.push_back({"secret.hex", "", "may not be read"});
+  if (geteuid() != 0) rows.push_back({"secret.hex", "", "permission denied"});
   for (const BadFile& row : rows) {
     ExpectComplaint(row);
   }
@@ -216,7 +218,7 @@ struct HexRow {
 };
 
 TEST(HexSurvey, SaysWhatTheConverterDoesAndWhy) {
-  const char* const end = "line 1: there is no end record, the text may be cut off";
+  const char* const end = "line 1: no end record, so the text may be cut off";
   const HexRow rows[] = {
       {":0100000001FE\n:00000001FF\n", "", {}},
       {":0100000001FE", "", {end}},
@@ -228,7 +230,7 @@ TEST(HexSurvey, SaysWhatTheConverterDoesAndWhy) {
       {":0500000001FE\n", "1:2 the record is too short: it needs 5 data bytes and has 1", {}},
       {":0100000001FF\n", "1:12 wrong checksum: found 0xFF, expected 0xFE", {}},
       {":00000001FE\n", "1:10 wrong checksum: found 0xFE, expected 0xFF", {}},
-      {":00000001FF\n:junk\n", "", {"line 2: what stands behind the end record is ignored"}},
+      {":00000001FF\n:junk\n", "", {"line 2: text after the end record is ignored"}},
       {":0400000500000000FF\n:00000001FF\n",
        "",
        {"line 1: start address record, which is ignored, with a wrong checksum: found 0xFF, "
@@ -237,7 +239,7 @@ TEST(HexSurvey, SaysWhatTheConverterDoesAndWhy) {
        "",
        {"line 1: the record is of the unknown type 0x09 and is "
         "ignored"}},
-      {":0100000001FE\r:00000001FF\r", "", {"line 1: the text behind the record is ignored", end}},
+      {":0100000001FE\r:00000001FF\r", "", {"line 1: text after the record is ignored", end}},
       {":0100100001EE\n:0100200001DE\n:0100000001FE\n:00000001FF\n",
        "",
        {"line 2: gap: the record for 0x00000020 follows 0x00000010, and its bytes would be written "
@@ -248,7 +250,7 @@ TEST(HexSurvey, SaysWhatTheConverterDoesAndWhy) {
        "",
        {"line 2: gap: the record for 0x00000002 follows 0x00000000, and its bytes would be written "
         "at 0x00000001",
-        "line 3: there is no end record, the text may be cut off"}},
+        "line 3: no end record, so the text may be cut off"}},
   };
   for (const HexRow& row : rows) {
     SCOPED_TRACE(row.text);

@@ -1,11 +1,13 @@
-// The SHA-256 of a file, by which a record names what was written.
+// The SHA-256 by which a record names the file that was written.
 #pragma once
 
+#include <cstdint>
+#include <span>
 #include <string>
 
 namespace tavo::tool {
 
-// In lower-case hexadecimal; empty when the file cannot be read.
-std::string Sha256OfFile(const std::string& path);
+// In lower-case hexadecimal; empty without bytes, and when the system's cryptography refuses.
+std::string Sha256(std::span<const std::uint8_t> bytes);
 
 }  // namespace tavo::tool

@@ -30,16 +30,15 @@ constexpr std::array kNoFiles{
     KindOfNoFile{fs::file_type::block, "is a device, not a file"},
 };
 
-// What is often found under the name of an update file, by how it begins in lower case.
+// Contents often found under the name of an update file, by their first bytes in lower case.
 struct Lookalike {
   std::string_view head;
-  std::string_view what;
+  std::string_view content;
   std::string_view hint;
 };
 
 constexpr std::string_view kConvert = "convert it, with objcopy -O ihex for example";
-constexpr std::string_view kDownload =
-    "download the file itself, not the page that shows or links it";
+constexpr std::string_view kDownload = "download the file itself, not the page that links to it";
 constexpr std::string_view kNameZip = "give it a name that ends in .zip";
 
 constexpr std::array kLookalikes{
@@ -47,16 +46,16 @@ constexpr std::array kLookalikes{
     Lookalike{"<html", "an HTML page", kDownload},
     Lookalike{"<?xml", "an XML document", kDownload},
     Lookalike{"pk\x03\x04", "a ZIP archive", kNameZip},
-    Lookalike{"pk\x05\x06", "an empty ZIP archive", "ask for an archive with HEX files in it"},
+    Lookalike{"pk\x05\x06", "an empty ZIP archive", "ask for an archive of HEX files"},
     Lookalike{"\x7f"
               "elf",
               "an ELF program", kConvert},
     Lookalike{"s0", "Motorola S-record text", kConvert},
     Lookalike{"\xef\xbb\xbf:", "Intel HEX text behind a byte order mark",
               "save it as plain ASCII, without the mark"},
-    Lookalike{"7z\xbc\xaf", "a 7z archive", "unpack it and give the HEX file in it"},
-    Lookalike{"rar!", "a RAR archive", "unpack it and give the HEX file in it"},
-    Lookalike{"\x1f\x8b", "a gzip file", "unpack it and give the HEX file in it"},
+    Lookalike{"7z\xbc\xaf", "a 7z archive", "unpack it and use the HEX file inside"},
+    Lookalike{"rar!", "a RAR archive", "unpack it and use the HEX file inside"},
+    Lookalike{"\x1f\x8b", "a gzip file", "unpack it and use the HEX file inside"},
     Lookalike{":", "Intel HEX text", "give it a name that ends in .hex"},
 };
 
@@ -82,7 +81,7 @@ const Lookalike* Recognise(std::string head) {
 FileProblem NotA(std::string_view wanted, const std::string& head) {
   if (head.empty()) return {"the file is empty", "ask for the file again"};
   if (const Lookalike* row = Recognise(head)) {
-    return {"this is " + std::string(row->what) + ", not " + std::string(wanted),
+    return {"this is " + std::string(row->content) + ", not " + std::string(wanted),
             std::string(row->hint)};
   }
   return {"this is not " + std::string(wanted) +
@@ -91,10 +90,10 @@ FileProblem NotA(std::string_view wanted, const std::string& head) {
 }
 
 FileProblem WrongExtension(const std::string& head) {
-  FileProblem problem{"its name ends neither in .hex nor in .zip", std::string(kRightFile)};
+  FileProblem problem{"its name ends in neither .hex nor .zip", std::string(kRightFile)};
   const Lookalike* row = Recognise(head);
   if (row == nullptr) return problem;
-  problem.text += "; by its content it is " + std::string(row->what);
+  problem.text += "; the content is " + std::string(row->content);
   problem.hint = row->hint;
   return problem;
 }
@@ -105,20 +104,21 @@ FileProblem CheckReadable(const std::string& path, std::uintmax_t maxBytes) {
   std::error_code error;
   const fs::file_status status = fs::status(path, error);
   if (status.type() == fs::file_type::not_found) {
-    return {"there is no such file", "check the path"};
+    return {"no such file", "check the path"};
   }
   for (const KindOfNoFile& row : kNoFiles) {
     if (row.type == status.type()) return {std::string(row.text), "give the path of a file"};
   }
   if (status.type() != fs::file_type::regular) {
-    return {"it cannot be looked at: " + error.message(), "check the path and its folders"};
+    return {"the file cannot be examined: " + error.message(), "check the path and its folders"};
   }
   if (OpenForReading(path) == nullptr) {
-    return {"it may not be read by this user", "check its permissions, with ls -l for example"};
+    return {"permission denied: this user may not read it",
+            "check its permissions, with ls -l for example"};
   }
   const std::uintmax_t size = fs::file_size(path, error);
   if (error || size <= maxBytes) return {};
-  return {Format("it is %ju bytes long, and at most %ju make sense", size, maxBytes),
+  return {Format("the file has %ju bytes, but update files have at most %ju", size, maxBytes),
           "check that it is the right file"};
 }
 

@@ -1,6 +1,5 @@
-// A first look at a path, before anything of an update file is read: is there a file that may be
-// read, and does it begin as a file of its name should? What people commonly hand over instead is
-// called by its name. It reads a few bytes at most and so is quick whatever the path leads to.
+// A first check of an update file: whether the path leads to a readable file, and whether the content
+// begins as its name promises. Common mistakes are named, such as a web page saved as firmware.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +8,7 @@
 
 namespace tavo::tool {
 
-// What is wrong, in one sentence, and what to do about it; both empty when nothing is.
+// One sentence on the problem and one on the way around it; both empty without a problem.
 struct FileProblem {
   std::string text{};
   std::string hint{};
@@ -17,14 +16,15 @@ struct FileProblem {
   bool Exists() const { return !text.empty(); }
 };
 
-// Whether there is an ordinary file at `path` that may be read, of at most `maxBytes` bytes.
+// Whether `path` leads to a regular file of at most `maxBytes` bytes that this user may read. Opens
+// neither pipes nor devices, so it never waits.
 FileProblem CheckReadable(const std::string& path, std::uintmax_t maxBytes);
 
 // Whether a file could be Intel HEX text or an archive, as the extension of its path says. A file named
 // like an archive always could: ExplainNoArchive judges one that cannot be opened.
 FileProblem CheckUpdateFile(const std::string& path, std::span<const std::uint8_t> bytes);
 
-// What a file that should be an archive and is none looks like instead.
+// The problem of a file that should be an archive and is none.
 FileProblem ExplainNoArchive(std::span<const std::uint8_t> bytes);
 
 }  // namespace tavo::tool

@@ -41,7 +41,7 @@ struct Jump {
   std::size_t line;
   std::uint32_t address;
   std::uint64_t expected;  // one past the record before
-  std::uint64_t offset;    // in the bytes that come of the text
+  std::uint64_t offset;    // in the converted bytes
 };
 
 class Surveyor {
@@ -129,17 +129,17 @@ class Surveyor {
   // A file with the line ends of an old system is one single line to the converter.
   void LookBehindRecord(HexSpan comment) {
     if (!std::ranges::all_of(comment, [](auto c) { return IsBlank(c) || c == 0; })) {
-      Warn("the text behind the record is ignored");
+      Warn("text after the record is ignored");
     }
   }
 
   void Conclude(bool ended) {
     for (const Jump& jump : m_jumps) WarnOfJump(jump);
     if (!ended) {
-      Warn("there is no end record, the text may be cut off");
+      Warn("no end record, so the text may be cut off");
     } else if (!std::ranges::all_of(m_text, IsBlank)) {
       ++m_number;
-      Warn("what stands behind the end record is ignored");
+      Warn("text after the end record is ignored");
     }
     if (m_unreported > 0) m_survey.warnings.push_back(Format("%zu more warnings", m_unreported));
   }

@@ -1,6 +1,6 @@
-// Reads Intel HEX text as the converter does, and tells what the converter keeps to itself: where and
-// why a text does not convert, and what in one that does is likely not what its author meant. The
-// package report asks it for every HEX file. It changes nothing and prints nothing.
+// Reads Intel HEX text as the converter does and reports what the converter keeps to itself: where and
+// why a text does not convert, and which parts of one that does are probably mistakes. The package
+// report asks it for every HEX file. It changes nothing and prints nothing.
 //
 //   const HexSurvey survey = SurveyHex(text);
 //   if (survey.fault) ... survey.fault->line, survey.fault->column, survey.fault->text
@@ -18,15 +18,15 @@
 namespace tavo::tool {
 
 struct HexFault {
-  HexResult result = HexResult::FormatError;  // what the converter says to the text
+  HexResult result = HexResult::FormatError;  // the converter's result
   std::size_t line = 0;                       // both count from 1, columns in bytes
   std::size_t column = 0;
-  std::string text{};  // what is wrong there
+  std::string text{};  // the fault
 };
 
 struct HexSurvey {
-  std::optional<HexFault> fault{};      // the first one: nothing behind it is looked at
-  std::vector<std::string> warnings{};  // at most kMaxHexWarnings, and one that counts the others
+  std::optional<HexFault> fault{};      // the first one, which ends the survey
+  std::vector<std::string> warnings{};  // at most kMaxHexWarnings and one that counts the rest
 };
 
 inline constexpr std::size_t kMaxHexWarnings = 8;

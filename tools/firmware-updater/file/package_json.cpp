@@ -17,7 +17,7 @@ std::string_view KindName(UpdateFileKind kind) {
 }
 
 Json McuIdJson(const ImageReport& image) {
-  // One that lies outside the image is none that could be told.
+  // An id outside the image cannot be shown.
   return image.mcuId == -1 ? Json() : Json(image.mcuId);
 }
 

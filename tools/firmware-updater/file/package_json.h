@@ -8,7 +8,7 @@
 
 namespace tavo::tool {
 
-// Begins with "version": 1. What it holds is only ever added to; the names keep their meaning.
+// Begins with "version": 1. Later versions only add to it; names keep their meaning.
 Json PackageJson(const PackageReport& report, std::uint32_t blockSize);
 
 }  // namespace tavo::tool

@@ -7,12 +7,14 @@
 #include <map>
 #include <set>
 #include <span>
+#include <utility>
 
 #include "file/file_check.h"
 #include "file/hex_survey.h"
 #include "package/adb_view.h"
 #include "package/file_reading.h"
 #include "protocol/commands.h"
+#include "simulator/checksum.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {
@@ -26,11 +28,10 @@ constexpr std::array<std::string_view, 10> kVerdictNames{
 constexpr std::size_t kSizeUnit = 1024;
 constexpr std::size_t kMaxSizeUnits = 0xFFFF;
 
-constexpr std::int64_t kAdbAddressFromEnd = 9;
 constexpr std::size_t kCrcBytes = 4;
 
 // The lists of a damaged table may overlap and each be as long as the image.
-constexpr std::size_t kMaxHardwareIdsTold = 256;
+constexpr std::size_t kMaxHardwareIdsShown = 256;
 
 struct FateRow {
   MemberFate fate;
@@ -43,7 +44,7 @@ constexpr std::array kFates{
     FateRow{MemberFate::Folder, Verdict::Folder, "it is a folder"},
     FateRow{MemberFate::NotWanted, Verdict::WrongExtension, "its name does not end in .hex"},
     FateRow{MemberFate::Encrypted, Verdict::Unsupported, "it is encrypted"},
-    FateRow{MemberFate::UnknownMethod, Verdict::Unsupported, "it is packed in an unknown way"},
+    FateRow{MemberFate::UnknownMethod, Verdict::Unsupported, "its compression method is unknown"},
     FateRow{MemberFate::TooLarge, Verdict::TooLarge, "it is too large"},
     FateRow{MemberFate::BadChecksum, Verdict::Damaged, "it is damaged: its CRC-32 does not match"},
     FateRow{MemberFate::Damaged, Verdict::Damaged, "it is damaged"},
@@ -83,7 +84,7 @@ class Collector {
     MemberReport report{
         .name = member.name, .verdict = row.verdict, .reason = std::string(row.reason)};
     if (row.fate == MemberFate::NotWanted && KindByName(member.name) == UpdateFileKind::Zip) {
-      report.reason = "it is an archive in the archive, which is not opened";
+      report.reason = "archives inside the archive are not opened";
     }
     if (!member.detail.empty()) report.reason += ": " + std::string(member.detail);
     return report;
@@ -117,17 +118,10 @@ class Collector {
 
 bool EndsInCrc(std::span<const std::uint8_t> data) {
   if (data.size() < kCrcBytes) return false;
-  std::uint32_t crc = ~std::uint32_t{0};
-  for (const std::uint8_t byte : data.first(data.size() - kCrcBytes)) {
-    crc ^= byte;
-    for (int bit = 0; bit < 8; ++bit) crc = crc >> 1 ^ ((crc & 1) != 0 ? 0xEDB88320 : 0);
-  }
-  crc = ~crc;
-  for (const std::uint8_t byte : data.last(kCrcBytes)) {
-    if (byte != (crc & 0xFF)) return false;
-    crc >>= 8;
-  }
-  return true;
+  std::uint32_t crc = tavosim::Crc32(data.first(data.size() - kCrcBytes));
+  return std::ranges::all_of(data.last(kCrcBytes), [&crc](std::uint8_t byte) {
+    return byte == (std::exchange(crc, crc >> 8) & 0xFF);
+  });
 }
 
 std::vector<EntryReport> ReadEntries(const AdbView& view) {
@@ -138,7 +132,7 @@ std::vector<EntryReport> ReadEntries(const AdbView& view) {
     if (key != -1) entry.deviceId = static_cast<std::uint16_t>(key);
     entry.readable = view.HardwareIdList(index, entry.hardwareIds) != -1;
     entry.listLength = entry.hardwareIds.size();
-    entry.hardwareIds.resize(std::min(entry.listLength, kMaxHardwareIdsTold));
+    entry.hardwareIds.resize(std::min(entry.listLength, kMaxHardwareIdsShown));
     entry.hardwareIds.shrink_to_fit();
   }
   return entries;
@@ -175,7 +169,7 @@ ImageReport Describe(FirmwareImage&& image) {
   report.endAddress = view.EndAddress();
   report.adbType = view.AdbType();
   if (report.adbType == 0) return report;
-  report.adbAddress = view.ReadAddress(view.EndAddress() - kAdbAddressFromEnd);
+  report.adbAddress = view.AdbAddress();
   report.addressWidth = view.AddressWidth();
   report.hasEntryTable = view.HasEntryTable();
   if (report.hasEntryTable) {
@@ -185,7 +179,8 @@ ImageReport Describe(FirmwareImage&& image) {
     view.HardwareIdList(0, report.hardwareIds);
   }
   if (!NamesHardware(report)) {
-    report.warnings.push_back("no device passes the hardware check: it names no hardware id");
+    report.warnings.push_back(
+        "the image names no hardware id, so no device passes the hardware check");
   }
   report.mcuId = view.McuId();
   if (report.mcuId) report.processorId = FindProcessorId(*report.mcuId);
@@ -196,14 +191,12 @@ ImageReport Describe(FirmwareImage&& image) {
   return report;
 }
 
-constexpr const char* kMendWarnings =
-    "mend what firmware-updater inspect warns of first: bytes out of their place hide the "
-    "descriptor "
-    "block";
+constexpr const char* kFixWarnings =
+    "fix the warnings of firmware-updater inspect first: misplaced bytes hide the descriptor block";
 
 std::string Quoted(const std::string& name) { return "'" + Displayable(name) + "'"; }
 
-// Judges images as the engine chooses among them for whatever device reports itself.
+// Judges images as the engine chooses among them, for any device.
 class Judge {
  public:
   explicit Judge(const std::vector<ImageReport>& images) : m_images(images) {
@@ -218,10 +211,9 @@ class Judge {
     if (image.adbType == 0) return NoDescriptor(image);
     if (image.mcuId && !image.processorId) return UnknownMcu(*image.mcuId);
     if (image.processorId && m_firstFor.at(*image.processorId) != index) {
-      return {"an image before it, of " +
-                  Quoted(m_images[m_firstFor.at(*image.processorId)].member) +
-                  ", is for the same processor and always comes first",
-              "take one of the two out of the archive"};
+      return {"the image of " + Quoted(m_images[m_firstFor.at(*image.processorId)].member) +
+                  " is for the same processor and is always chosen first",
+              "remove one of the two from the archive"};
     }
     if (!image.mcuId && m_candidates.size() > 1) return Ambiguous(index);
     return BadSize(image.image.data.size());
@@ -230,30 +222,30 @@ class Judge {
  private:
   static FileProblem NoDescriptor(const ImageReport& image) {
     if (image.image.data.empty()) {
-      return {"there are no data records in it", "ask for the file again"};
+      return {"the file has no data records", "ask for the file again"};
     }
     return {"the image has no valid descriptor block",
             "use firmware that describes itself, or build it with firmware-updater pack"};
   }
 
   static FileProblem UnknownMcu(std::int32_t mcuId) {
-    const std::string what =
+    const std::string fault =
         mcuId == -1 ? "the image's MCU-ID lies outside the image"
                     : Format("the image's MCU-ID 0x%03X is unknown", static_cast<unsigned>(mcuId));
-    return {what + ", no device takes it", "check the MCU-ID with which the image was built"};
+    return {fault + ", so no device accepts it", "check the MCU-ID that the image was built with"};
   }
 
   FileProblem Ambiguous(std::size_t index) const {
     const std::size_t other = m_candidates.front() == index ? m_candidates[1] : m_candidates[0];
-    return {"the image names no MCU-ID and neither does that of " + Quoted(m_images[other].member) +
-                ": there is no choosing between them",
+    return {"neither this image nor that of " + Quoted(m_images[other].member) +
+                " names an MCU-ID, so the update cannot choose between them",
             "build all but one of them with an MCU-ID"};
   }
 
   static FileProblem BadSize(std::size_t size) {
     if (size % kSizeUnit == 0 && size / kSizeUnit <= kMaxSizeUnits) return {};
-    return {Format("the image is %zu bytes long, and no device's application section is: they are "
-                   "whole KiB, at most %zu",
+    return {Format("the image is %zu bytes long, but application sections are whole KiB, at most "
+                   "%zu",
                    size, kMaxSizeUnits),
             "fill the image up with 0xFF to exactly the size of the application section"};
   }
@@ -263,14 +255,13 @@ class Judge {
   std::map<std::uint32_t, std::size_t> m_firstFor{};
 };
 
-// The update talks to the device by what the first image says, whichever is chosen later.
+// The first image decides how the update talks to the device, whichever is chosen later.
 void WarnOfOtherWays(std::vector<ImageReport>& images) {
   for (ImageReport& image : images) {
     const ImageReport& first = images.front();
     if (image.route == first.route && image.requestId == first.requestId) continue;
     image.warnings.push_back(
-        "route and message kind differ from those of the first image, by which "
-        "the update goes");
+        "route or message kind differs from the first image, which decides for all");
   }
 }
 
@@ -287,7 +278,7 @@ void JudgeImages(PackageReport& report) {
     member.reason = image.obstacle;
     if (image.adbType == 0) {
       member.verdict = Verdict::Spoils;
-      if (!member.warnings.empty()) image.remedy = kMendWarnings;
+      if (!member.warnings.empty()) image.remedy = kFixWarnings;
     } else if (!image.obstacle.empty()) {
       member.verdict = Verdict::NeverChosen;
     }
@@ -299,37 +290,37 @@ FileProblem NoImage(const PackageReport& report) {
     return {report.members.front().reason, "ask for the file again"};
   }
   if (report.members.empty()) {
-    return {"the archive is empty", "ask for an archive with HEX files in it"};
+    return {"the archive is empty", "ask for an archive of HEX files"};
   }
   for (const MemberReport& member : report.members) {
     if (KindByName(member.name) != UpdateFileKind::Hex) continue;
-    return {"no member gives an image: " + Quoted(member.name) + ": " + member.reason,
-            "see firmware-updater inspect for every member, and ask for the file again"};
+    return {"no member contains an image: " + Quoted(member.name) + ": " + member.reason,
+            "run firmware-updater inspect to see every member, and ask for the file again"};
   }
   for (const MemberReport& member : report.members) {
     if (KindByName(member.name) != UpdateFileKind::Zip) continue;
-    return {"no member ends in .hex, but there is another archive in it: " + Quoted(member.name),
-            "unpack it and give the archive that was in it"};
+    return {"no member ends in .hex, but the archive contains another one: " + Quoted(member.name),
+            "unpack it and use the archive inside"};
   }
-  return {"no member ends in .hex", "ask for an archive with HEX files in it"};
+  return {"no member ends in .hex", "ask for an archive of HEX files"};
 }
 
 FileProblem JudgePackage(const PackageReport& report) {
   if (report.images.empty()) return NoImage(report);
   const bool isArchive = report.kind == UpdateFileKind::Zip;
-  const auto told = [&](const ImageReport& image) {
+  const auto obstacle = [&](const ImageReport& image) {
     return isArchive ? Quoted(image.member) + ": " + image.obstacle : image.obstacle;
   };
   for (const ImageReport& image : report.images) {
     if (image.adbType != 0) continue;
-    if (report.images.size() == 1) return {told(image), image.remedy};
-    return {told(image) + "; for this one member the whole file is refused",
-            "take " + Quoted(image.member) + " out of the archive"};
+    if (report.images.size() == 1) return {obstacle(image), image.remedy};
+    return {obstacle(image) + "; this one member makes every update refuse the file",
+            "remove " + Quoted(image.member) + " from the archive"};
   }
   for (const ImageReport& image : report.images) {
     if (image.obstacle.empty()) return {};
   }
-  return {told(report.images.front()), report.images.front().remedy};
+  return {obstacle(report.images.front()), report.images.front().remedy};
 }
 
 void Refuse(PackageReport& report, const FileProblem& problem) {

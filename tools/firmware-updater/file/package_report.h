@@ -1,12 +1,12 @@
-// Everything that an update file says, from one reading of it: what became of each member, what each
-// image is for, and whether any device could ever take it. `inspect` shows it, `update` and `pack`
-// judge by it. It opens nothing but the file, writes nothing and prints nothing.
+// A report on an update file, from one reading of it: the fate of each member, the purpose of each
+// image, and whether any device can accept it. `inspect` shows it, `update` and `pack` judge by it. It
+// opens nothing but the file, writes nothing and prints nothing.
 //
 //   const PackageReport report = ReportOn(path);
 //   if (!report.CouldBeWritten()) Complain(machine, report.path + ": " + report.problem, report.hint);
 //
-// The judgement is the engine's own: what it refuses whatever device is there is refused here. What
-// depends on the device is not judged but told, as the device that an image needs.
+// The judgement is the engine's own: a file that it refuses for every device is refused here. Facts
+// that depend on the device are not judged but reported, as the device that an image needs.
 #pragma once
 
 #include <cstddef>
@@ -26,11 +26,11 @@ namespace tavo::tool {
 enum class Verdict {
   Used,            // it gives an image
   Spoils,          // the same, but an image for which the engine refuses the whole file
-  NeverChosen,     // the same, but an image that no device takes
+  NeverChosen,     // the same, but an image that no device accepts
   Folder,          // this and the following are left out
   WrongExtension,  // it does not end in .hex
   Damaged,
-  Unsupported,  // encrypted, or packed in an unknown way
+  Unsupported,  // encrypted, or compressed by an unknown method
   TooLarge,
   Replaced,  // by a later member of the same name
   NotConverted,
@@ -69,20 +69,19 @@ struct ImageReport {
   std::vector<EntryReport> entries{};
   std::optional<std::int32_t> mcuId{};  // -1 when it should be there but cannot be read
   std::optional<std::uint32_t> processorId{};
-  TunnelRoute route{-1,
-                    -1};  // {-1, -1}: no tunnel. Of the image alone: an update goes by the first
+  TunnelRoute route{-1, -1};    // {-1, -1}: no tunnel. The first image's route holds for the update
   std::uint16_t requestId = 0;  // of the requests to the application
   bool endsInCrc = false;       // the last four bytes are the CRC-32 of the others
-  std::string obstacle{};       // why no device can take this image, in one sentence; else empty
-  std::string remedy{};         // what to do about the obstacle
+  std::string obstacle{};       // why no device can accept this image, in one sentence; else empty
+  std::string remedy{};         // the way around the obstacle
   std::vector<std::string> warnings{};
 };
 
 struct PackageReport {
   std::string path{};
   UpdateFileKind kind = UpdateFileKind::Neither;
-  std::string problem{};  // one sentence; empty: the file could be written to some device
-  std::string hint{};     // what to do about the problem
+  std::string problem{};                // one sentence; empty: some device can accept the file
+  std::string hint{};                   // the way around the problem
   std::vector<MemberReport> members{};  // in the order of the archive
   std::vector<ImageReport> images{};    // in the order in which the engine holds them
 

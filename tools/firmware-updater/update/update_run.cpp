@@ -11,6 +11,7 @@
 
 #include "device/session.h"
 #include "file/digest.h"
+#include "package/file_reading.h"
 #include "text/log_platform.h"
 #include "update/failure.h"
 #include "update/interrupts.h"
@@ -212,7 +213,7 @@ void OpenDevice(Work& work) {
 void UpdateChosen(const Machine& machine, const UpdateOptions& options, const Procedure& procedure,
                   UpdateView& view, Record& record, const std::function<void()>& conclude) {
   const PackageReport report = CheckedFile(options.file);
-  record.sha256 = Sha256OfFile(options.file);
+  record.sha256 = Sha256(ReadWholeFile(options.file));
   CheckOutputs(machine, options);
   const std::string log = LogPath(machine, options, view);
   record.target = ChosenTarget(machine, options);
