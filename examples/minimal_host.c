@@ -12,12 +12,12 @@ int main(int argc, char** argv) {
   const bool bootloader_only = false;
   const bool updated =
       update_usb_device("", argv[1], skip_identity_check, extended_erase, bootloader_only);
-  if (updated) {
-    puts("result: updated");
-  } else {
+  if (!updated) {
     printf("result: failed, last error %d\n", get_last_error());
+    return 1;
   }
+  puts("result: updated");
   char name[4] = ""; /* three letters; the library writes no terminator */
   for (uint32_t i = 0; get_resetted_modules(name, i); ++i) printf("reset module: %s\n", name);
-  return updated ? 0 : 1;
+  return 0;
 }

@@ -56,6 +56,7 @@ static bool update(char** arguments, const Flags* flags) {
                             flags->bootloader_only);
 }
 
+/* After a failure they would be those of an earlier update. */
 static void print_modules(void) {
   char name[4] = "";
   for (uint32_t i = 0; get_resetted_modules(name, i); ++i) printf("module %s was reset\n", name);
@@ -77,7 +78,7 @@ int main(int argc, char** argv) {
 
   bool succeeded = update(argv + 1, &flags);
   if (succeeded && flags.twice) succeeded = update(argv + 1, &flags);
-  print_modules();
+  if (succeeded) print_modules();
   printf("%s, last error %d, progress %.2f\n", succeeded ? "succeeded" : "failed", get_last_error(),
          (double)get_progress());
   return succeeded ? 0 : 1;

@@ -70,7 +70,8 @@ def main(words: list[str]) -> int:
     if words[1] == "list":
         return library.list_devices() or 0
     updated = update(library, words[1], words[2:])
-    for name in reset_modules(library):
+    # After a failure they would be those of an earlier update.
+    for name in reset_modules(library) if updated else []:
         print(f"module {name} was reset")
     print("updated" if updated else f"failed, last error {library.get_last_error()}")
     return 0 if updated else 1

@@ -20,15 +20,16 @@
  * @par THREADS
  *   Updates run one at a time: an update asked for while another runs is refused with a line on the
  *   console. list_devices() and the four functions of step 3 may be called at any time from any
- *   thread. The library starts no thread and calls nothing back.
- *   It may be unloaded when no call is under way. A process may end in the midst of a call; the
- *   device is then where the update had got to. A call that comes when the process is ending and the
- *   library has ended already does nothing; it returns 0, -1 or false.
+ *   thread. The library starts no thread and calls nothing back. It may be unloaded when no call is
+ *   running. A process may end during a call; the device then stays as the update left it. A call
+ *   that comes while the process ends, after the library's own objects are gone, does nothing and
+ *   returns 0, -1 or false.
  *
  * @par TEXTS AND VALUES
  *   Text arguments are zero-terminated 8-bit strings owned by the caller and only read during the
  *   call; a null pointer counts as an empty text. A bool takes one byte. In arguments 0 is false and
- *   every other value true; results are 0 or 1. No exception leaves a function and none ends the process.
+ *   every other value true; results are 0 or 1. No exception leaves a function and none ends the
+ *   process.
  *
  * @par OUTPUT
  *   An update writes its dialogue, a progress bar and a copy of its log to the standard output of
@@ -59,6 +60,9 @@
  *
  * 4, 5, 7 and 17 are reserved. A stop is shown on the console as error 15, but not stored. After a
  * failure the device is led back to its application; when that fails too, its code is the last one.
+ * A device behind a tunnel cannot be led back, because the tunnel is closed first: when its firmware
+ * was refused, it waits in its bootloader until its power is switched off and on, or until the next
+ * update.
  */
 #ifndef FIRMWARE_UPDATER_H
 #define FIRMWARE_UPDATER_H
@@ -82,7 +86,7 @@ extern "C" {
 /**
  * The code stored by the most recent step that stored one. It is not cleared when an update starts,
  * so it keeps its value over later updates that succeed. An update that has succeeded may leave
- * code 1, when the list of reset modules could not be had.
+ * code 1, when the device did not report its list of reset modules.
  *
  * @return a code of the table above
  */
@@ -91,18 +95,19 @@ int FIRMWARE_UPDATER_CALL get_last_error(void);
 /**
  * The part of the firmware that has been written.
  *
- * @return 0.5 for half. Above 1 when blocks without content had to be written too. -1 before the
- *         first transfer since the library was loaded, or when the last one had nothing to count.
- *         At the start of a later update it falls to 0.
+ * @return 0.5 for half. Above 1 when blank blocks had to be written too. -1 before the first
+ *         transfer since the library was loaded, or when the last one had nothing to count. At the
+ *         start of a later update it falls to 0.
  */
 float FIRMWARE_UPDATER_CALL get_progress(void);
 
 /**
  * Copies the three-letter name of a module that was reset. A host reads with index 0, 1, 2, ...
- * until there is none.
+ * until the result is false.
  *
- * The list keeps its names until a later update asks the device for them anew; while it does, the
- * list grows from empty, one name at a time.
+ * The list keeps its names until a later update asks the device for them anew, which an update that
+ * fails before does not: read it after success only. While an update asks, the list grows from
+ * empty, one name at a time.
  *
  * @param[out] buffer  room for at least 3 characters; no terminator is written
  * @param[in]  index   counted from 0
@@ -111,7 +116,7 @@ float FIRMWARE_UPDATER_CALL get_progress(void);
 bool FIRMWARE_UPDATER_CALL get_resetted_modules(char* buffer, uint32_t index);
 
 /**
- * Prints one line for each device that could be updated: USB devices with their port, then FTDI
+ * Prints one line for each device that can be updated: USB devices with their port, then FTDI
  * adapters with their description. (The serial number that update_ftdi_device() takes is the one
  * of the adapter's USB descriptor, as operating systems show it.) An update that runs meanwhile is
  * not disturbed.
@@ -136,10 +141,10 @@ void FIRMWARE_UPDATER_CALL stop_update(void);
  * @param[in] baudRate           of the line, in bits per second
  * @param[in] echo               the adapter hears every byte that it sends
  * @param[in] updateFile         path of the update file: .hex, or .zip with .hex files inside
- * @param[in] skipIdentityCheck  ask for no device ids, check no hardware id, set no label
+ * @param[in] skipIdentityCheck  request no device ids, check no hardware id, set no label
  * @param[in] extendedErase      erase mode 3 instead of 1
  * @param[in] bootloaderOnly     no tunnel, identity, label and module requests: for a device that
- *                               sits in its bootloader without a working application and needs no
+ *                               waits in its bootloader without a working application and needs no
  *                               tunnel
  * @return true when the firmware was written and the application came up. False in every other
  *         case; the console says why, and get_last_error() when the update itself had begun
@@ -155,7 +160,7 @@ bool FIRMWARE_UPDATER_CALL update_ftdi_device(const char* serialNumber, uint32_t
  * @param[in] port               the device's port as list_devices() prints it, for example "1-4-2";
  *                               empty = the first device found
  * @param[in] updateFile         as for update_ftdi_device(), like all that follow
- * @param[in] skipIdentityCheck  ask for no device ids, check no hardware id, set no label
+ * @param[in] skipIdentityCheck  request no device ids, check no hardware id, set no label
  * @param[in] extendedErase      erase mode 3 instead of 1
  * @param[in] bootloaderOnly     no tunnel, identity, label and module requests
  * @return as that of update_ftdi_device()
