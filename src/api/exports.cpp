@@ -1,5 +1,4 @@
-// The seven exports: a thin shell that turns C arguments into ours and keeps every exception
-// inside.
+// The seven exports: a thin shell that converts C arguments and lets no exception out.
 #include <algorithm>
 #include <cstdint>
 #include <memory>
@@ -52,7 +51,7 @@ tavo::UpdateContext Context() {
   return {FirmwareUpdater::Instance(), tavo::TransportHolder::Instance(), tavo::SystemPlatform()};
 }
 
-// `otherwise` is what a call returns that ends by an exception or comes too late.
+// `otherwise` is the result of a call that throws or comes too late.
 template <typename Result, typename Call>
 Result Guarded(Result otherwise, Call call) noexcept {
   const tavo::ExportedCall underWay;
@@ -64,7 +63,7 @@ Result Guarded(Result otherwise, Call call) noexcept {
   }
 }
 
-// An update that ends by an exception (memory has run out) runs no closing plan.
+// An update that ends with an exception (out of memory) runs no closing plan.
 template <typename Update>
 bool GuardedUpdate(Update update) noexcept {
   const tavo::ExportedCall underWay;

@@ -7,13 +7,13 @@
 namespace tavo {
 namespace {
 
-// Stays below zero once the objects have been destroyed, however many calls come afterwards.
+// Stays below zero once the objects have been destroyed, however many calls follow.
 std::atomic<int> callsUnderWay = 0;
 constexpr int kDestroyed = -1'000'000'000;
 
 // A host may end its process while one of its threads is in an exported function. On some systems
-// that thread still goes on while static objects are destroyed, on others it has been ended where it
-// stood, perhaps with a lock held: what it uses is left alone, and goes with the process.
+// that thread still runs while static objects are destroyed; on others it has been killed, perhaps
+// holding a lock. Either way its objects are left alone and end with the process.
 struct Owner {
   ProcessObjects* objects = new ProcessObjects;
 

@@ -1,7 +1,7 @@
-// The objects that live as long as the library is loaded. Made together on first use, whichever
-// export comes first, so that they also end together and in a fixed order: the engine, then the
-// transport, then the link that transports share, the log that all of them write to, and what is
-// known of adapters.
+// The objects that live as long as the library is loaded. The first export called makes them
+// together, so that they are also destroyed together and in a fixed order: the engine, the transport,
+// the link that transports share, the log that all of them write to, and the adapter library. None
+// of them opens anything or starts a thread before it is used.
 #pragma once
 
 #include <memory>
@@ -14,9 +14,9 @@
 
 namespace tavo {
 
-// Lives for as long as an exported function runs. While any does, in whatever thread, these objects
-// are not destroyed; and when they are, no call is granted any more. A process that ends may still
-// call: from the destructor of a static object that is older than ours, or from a thread that goes on.
+// Lives while an exported function runs. As long as one does, in any thread, these objects are not
+// destroyed; once they are, no call is granted. A process that is ending may still call: from the
+// destructor of a static object older than ours, or from a thread that is still running.
 class ExportedCall {
  public:
   ExportedCall();

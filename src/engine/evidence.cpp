@@ -5,12 +5,12 @@
 
 namespace tavo {
 
-// Unknown are the states that a lost answer, or one that was not waited for, leaves open, and what
-// cannot be: an application that answers although its flash was erased or came out wrong.
+// Unknown: states that a lost answer, or one that was not awaited, leaves open, and impossible ones,
+// such as an application that responds although its flash was erased or verified as wrong.
 // clang-format off
 const DeviceCondition Evidence::kConditions[8][4] = {
 #define C DeviceCondition
-    //                      Nobody                     Application            Starting                   Bootloader
+    //                      None                       Application            Starting                   Bootloader
     /* NothingAsked     */ {C::Untouched,              C::OldApplicationRuns, C::Unknown,                C::BootloaderAsFound},
     /* BootloaderAsked  */ {C::Unknown,                C::OldApplicationRuns, C::Unknown,                C::BootloaderAsFound},
     /* BootloaderCalled */ {C::Unknown,                C::OldApplicationRuns, C::Unknown,                C::BootloaderFlashIntact},
@@ -32,7 +32,7 @@ bool Evidence::Reaches(Bearing bearing) const {
   switch (bearing) {
     case Bearing::ReportsTunnel:
     case Bearing::OpensTunnel:
-    case Bearing::ClosesTunnel: return false;  // the master's own business
+    case Bearing::ClosesTunnel: return false;  // answered by the master
     case Bearing::Identity: return !m_needsTunnel;
     default: return !m_needsTunnel || (m_tunnel != TunnelCondition::Closed && !m_closeAsked);
   }
@@ -55,23 +55,23 @@ void Evidence::Answered(Bearing bearing) {
   if (bearing == Bearing::ClosesTunnel) m_tunnel = TunnelCondition::Closed;
   if (!Reaches(bearing)) return;
   switch (bearing) {
-    case Bearing::StartsApplication: m_heard = Heard::Starting; break;
-    case Bearing::Bootloader: m_heard = Heard::Bootloader; break;
+    case Bearing::StartsApplication: m_responder = Responder::Starting; break;
+    case Bearing::Bootloader: m_responder = Responder::Bootloader; break;
     case Bearing::CallsBootloader:
-      m_heard = Heard::Bootloader;
+      m_responder = Responder::Bootloader;
       m_progress = std::max(m_progress, Progress::BootloaderCalled);
       break;
     case Bearing::Erases:
-      m_heard = Heard::Bootloader;
+      m_responder = Responder::Bootloader;
       m_progress = Progress::Erased;
       break;
-    default: m_heard = Heard::Application; break;
+    default: m_responder = Responder::Application; break;
   }
 }
 
 void Evidence::Unanswered(Bearing bearing) {
   if (bearing == Bearing::Modules) m_modulesUnknown = true;
-  if (Reaches(bearing)) m_heard = Heard::Nobody;
+  if (Reaches(bearing)) m_responder = Responder::None;
 }
 
 void Evidence::TunnelReported(bool open) {
@@ -88,8 +88,9 @@ void Evidence::Succeeded() { m_succeeded = true; }
 
 DeviceEvidence Evidence::Conclude() const {
   if (!m_succeeded) {
-    return {kConditions[static_cast<std::size_t>(m_progress)][static_cast<std::size_t>(m_heard)],
-            m_tunnel};
+    return {
+        kConditions[static_cast<std::size_t>(m_progress)][static_cast<std::size_t>(m_responder)],
+        m_tunnel};
   }
   if (m_progress != Progress::Verified) return {DeviceCondition::UpdatedNotVerified, m_tunnel};
   return {m_modulesUnknown ? DeviceCondition::RunsIncomplete : DeviceCondition::UpdatedAndVerified,

@@ -1,7 +1,6 @@
-// What the library knows about the device, from nothing but the requests that it has sent and the
-// answers that it got. When an update ends, on whatever way, a host's user asks one question: what
-// state is my device in? This is the answer, and it is never a guess: what the answers leave open is
-// called unknown.
+// Concludes the state of the device from the requests sent and the answers received, and from nothing
+// else. However an update ends, its user has one question: what state is my device in? The answer is
+// never a guess: a state that the answers leave open is called unknown.
 //
 //   evidence.Begin(needsTunnel);
 //   evidence.Sent(Bearing::Bootloader);      // a request was handed to the line
@@ -9,8 +8,8 @@
 //   ...
 //   evidence.Conclude()                      // at any moment
 //
-// Two things are followed: how far the update has changed the device (Progress), and who was heard
-// from last (Heard). A table turns the pair into a condition.
+// Two facts are tracked: how far the update has changed the device (Progress), and who responded
+// last (Responder). A table maps the pair to a condition.
 #pragma once
 
 #include <cstdint>
@@ -18,19 +17,19 @@
 namespace tavo {
 
 enum class DeviceCondition {
-  Untouched,              // not heard of; its flash was not changed
+  Untouched,              // never responded; its flash was not changed
   OldApplicationRuns,     // its application answers; the firmware was not changed
-  UpdatedAndVerified,     // the new firmware is verified and was heard running
-  UpdatedNotVerified,     // the new firmware was heard running, but nothing has verified it
-  RunsIncomplete,         // the new firmware is verified and was heard; label or modules unknown
-  BootloaderAsFound,      // in its bootloader, the flash not changed, with or without a firmware
+  UpdatedAndVerified,     // the new firmware is verified and has responded
+  UpdatedNotVerified,     // the new firmware has responded, but nothing has verified it
+  RunsIncomplete,         // the new firmware is verified and responds; label or modules unknown
+  BootloaderAsFound,      // in its bootloader, the flash not changed, with or without firmware
   BootloaderFlashIntact,  // in its bootloader, with its old firmware or the new one verified
   BootloaderFlashErased,  // in its bootloader, the application erased or partly written
   Unknown,
 };
 
 enum class TunnelCondition {
-  NotAsked,  // nothing was learnt of a tunnel and nothing done about one
+  NotAsked,  // the update has neither asked for a tunnel nor opened or closed one
   Closed,
   LeftOpen,
   Unknown,
@@ -42,7 +41,7 @@ struct DeviceEvidence {
   bool operator==(const DeviceEvidence&) const = default;
 };
 
-// Who answers a request, and what it does to the device: a column of the command table.
+// A request's responder and its effect on the device: a column of the command table.
 enum class Bearing : std::uint8_t {
   Identity,     // answered by the application, or by a master on its behalf
   Application,  // answered by the application, changes nothing
@@ -58,16 +57,16 @@ enum class Bearing : std::uint8_t {
 
 class Evidence {
  public:
-  // An update begins. `needsTunnel`: the device is reached only through a tunnel, so while that is
-  // closed nothing that is heard, and no silence, says anything about it.
+  // An update begins. `needsTunnel`: the device is reached only through a tunnel; while that is
+  // closed, neither answers nor silence prove anything about the device.
   void Begin(bool needsTunnel);
 
   void Sent(Bearing bearing);
   void Answered(Bearing bearing);
-  // No answer came in time, or the request could not be handed over whole.
+  // No answer came in time, or the request could not be sent whole.
   void Unanswered(Bearing bearing);
 
-  // What the answers said, and what the update did.
+  // Contents of answers, and steps of the update.
   void TunnelReported(bool open);
   void LastBlockSent();
   void Verified(bool checksumsEqual);
@@ -76,7 +75,7 @@ class Evidence {
   DeviceEvidence Conclude() const;
 
  private:
-  friend class EngineAccess;  // tests ask which cell of the table a claim comes from
+  friend class EngineAccess;  // tests check which cell of the table a claim comes from
 
   enum class Progress {
     NothingAsked,
@@ -88,13 +87,13 @@ class Evidence {
     VerifyFailed,
     Verified,
   };
-  enum class Heard {
-    Nobody,  // since the last request that went unanswered
+  enum class Responder {
+    None,  // the last request went unanswered
     Application,
     Starting,  // the bootloader has agreed to start the application
     Bootloader,
   };
-  static const DeviceCondition kConditions[8][4];  // by Progress and Heard
+  static const DeviceCondition kConditions[8][4];  // by Progress and Responder
 
   bool Reaches(Bearing bearing) const;
 
@@ -102,7 +101,7 @@ class Evidence {
   bool m_closeAsked = false;  // since the tunnel was opened, whether or not it was answered
   TunnelCondition m_tunnel = TunnelCondition::NotAsked;
   Progress m_progress = Progress::NothingAsked;
-  Heard m_heard = Heard::Nobody;
+  Responder m_responder = Responder::None;
   bool m_modulesUnknown = false;
   bool m_succeeded = false;
 };

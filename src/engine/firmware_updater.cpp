@@ -16,7 +16,7 @@ FirmwareUpdater::Run::Run(FirmwareUpdater& engine) : m_engine(engine) {
 FirmwareUpdater::Run::~Run() {
   if (!m_granted) return;
   const std::lock_guard lock(m_engine.m_runLock);
-  // A stop request after the update's last look at it has left the rest to us.
+  // A stop requested after the update's last check has left its work to us.
   if (m_engine.m_stopRequested) m_engine.ReleaseStoppedUpdate();
   m_engine.m_updateRuns = false;
 }
@@ -33,7 +33,7 @@ DeviceFacts FirmwareUpdater::Facts() const {
 void FirmwareUpdater::RequestStop() {
   const std::lock_guard lock(m_runLock);
   if (m_stopRequested) return;
-  // The line comes first, so that an update that ends for it says so behind it.
+  // The line comes first, so that it precedes the last line of the update that it ends.
   m_log.LogInfo("FirmwareUpdater: Stopped.");
   m_stopRequested = true;
   if (!m_updateRuns) ReleaseStoppedUpdate();

@@ -15,8 +15,7 @@
 //   [step] ---------> request sent, Wait -------------------------------> Done: next step
 //                                                                         Failed: closing plan
 //
-// The steps are defined by theme in protocol/; those files include this header, never
-// the reverse.
+// The steps are defined by theme in protocol/; those files include this header, never the reverse.
 //
 // Thread rules: one thread runs an update. Other threads may at any time call RequestStop,
 // LastError, Progress and ResettedModule. Images and transport belong to the update thread alone
@@ -52,13 +51,13 @@ struct UpdateFlags {
   bool checkIdentity = true;    // ask for device ids and check the hardware id
   bool extendedErase = false;   // erase mode 3 instead of 1
   bool bootloaderOnly = false;  // no tunnel, identity, label or module steps
-  bool dryRun = false;          // all up to the erase, then back to the application
-  // Check the hardware id whatever the other flags say. Without a device id it may be any that the
-  // firmware is for.
+  bool dryRun = false;          // every check up to the erase, then back to the application
+  // Check the hardware id even if the other flags skip that. Without a device id, every hardware id
+  // that the firmware accepts will do.
   bool checkHardware = false;
 };
 
-// What the device has told of itself during the last update; -1 = nothing.
+// Facts that the device reported during the last update; -1 = not reported.
 struct DeviceFacts {
   std::int32_t deviceId = -1;
   std::int32_t softwareId = -1;  // of the application before the update
@@ -99,17 +98,17 @@ class FirmwareUpdater {
 
   void SetFlags(const UpdateFlags& flags) { m_flags = flags; }
 
-  // From the next update on; null for nobody. Must outlive the update.
+  // From the next update on; null for none. Must outlive the update.
   void SetObserver(UpdateObserver* observer) { m_observer = observer; }
 
   // Runs one update to its end over the held, open transport; `run` must have been granted. The
   // result is in Succeeded. Throws std::bad_alloc, and has then ended where it was.
   void Start(const Run& run, const std::string& updateFile);
   bool Succeeded() const { return m_succeeded; }
-  // What the answers of the last update say about the device; for the thread that ran it.
+  // The state of the device as the answers of the last update prove it; update thread only.
   DeviceEvidence DeviceState() const { return m_evidence.Conclude(); }
 
-  // The same, for the same thread.
+  // Facts about the device in the last update; update thread only.
   DeviceFacts Facts() const;
 
   // --- From any thread ---
@@ -127,7 +126,7 @@ class FirmwareUpdater {
   // there is nothing to transfer.
   float Progress() const;
 
-  // Name of a reset module; none at or behind the end of the list.
+  // Name of a reset module; none when the list has no such index.
   std::optional<std::string> ResettedModule(std::uint32_t index) const;
 
   // --- Plan and runner ---
@@ -136,7 +135,7 @@ class FirmwareUpdater {
   void RunSteps(StepPhase phase);
   // A received answer, or null for a timeout.
   void OnTransportEvent(const TavoMessage* message);
-  // Blocks the update; the pause does not count against any answer.
+  // Blocks the update thread; the pause does not count against any answer.
   void Pause(std::chrono::milliseconds duration);
 
   // --- Steps, in the order of the plan ---
@@ -250,10 +249,10 @@ class FirmwareUpdater {
   static constexpr std::int32_t m_maxRetries = 6;  // of the steps that retry a request
   std::int32_t m_retryCount = 0;                   // shared by those steps
   std::deque<Step> m_plan;                         // the front one is the current step
-  std::deque<Step> m_closingPlan;                  // what follows a failure
+  std::deque<Step> m_closingPlan;                  // the steps after a failure
   StatusHandler* m_statusHandler = nullptr;        // none until the first Start
   UpdateObserver* m_observer = nullptr;
-  TavoMessage m_rxMessage;           // the answer in hand
+  TavoMessage m_rxMessage;           // the answer being handled
   std::uint16_t m_activeTunnel = 0;  // master * 256 + slave; 0 = none
   std::atomic<ErrorCode> m_errorCode = ErrorCode::None;
   std::string m_errorText;  // of the current failure
@@ -264,7 +263,7 @@ class FirmwareUpdater {
   std::int32_t m_softwareId = -1;
   std::int32_t m_processorId = -1;
   std::int32_t m_hardwareId = -1;
-  std::chrono::milliseconds m_valueRequestStart{0};  // of the identity request in hand
+  std::chrono::milliseconds m_valueRequestStart{0};  // of the current identity request
   std::uint32_t m_waitStartTick = 0;                 // ms, system tick count
   mutable std::mutex m_modulesLock;
   std::vector<std::string> m_resettedModules;  // guarded by m_modulesLock

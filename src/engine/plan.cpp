@@ -9,10 +9,10 @@ namespace {
 
 enum class When {
   Always,
-  FullPlan,          // unless the update is to talk to the bootloader only
+  FullPlan,          // unless the update uses the bootloader only
   FullPlanIdentity,  // the same, and only with identity checks on
-  HardwareCheck,     // the same, or where that check is asked for by itself
-  Changing,          // unless the run is to be a dry one
+  HardwareCheck,     // the same, or when that check is requested by itself
+  Changing,          // unless it is a dry run
   FullPlanChanging,
 };
 
@@ -48,7 +48,7 @@ constexpr std::array<PlannedStep, 21> kPlan{{
     {{&U::RequestResettedModules, "Request resetted Modules"},       When::FullPlanChanging},
 }};
 
-// What brings a device back to its application after a failure.
+// Leads a device back to its application after a failure.
 constexpr std::array<PlannedStep, 3> kClosingPlan{{
     {{&U::TunnelStatus,               "Tunnel Status"},        When::FullPlan},
     {{&U::LeaveBootloader,            "Start Application"},    When::Always},

@@ -1,4 +1,4 @@
-// The runner: walks the plan, hands answers and timeouts to the step at its front, and decides how
+// The runner: walks the plan, passes answers and timeouts to the step at its front, and decides how
 // an update ends.
 #include <cassert>
 #include <utility>
@@ -71,8 +71,8 @@ void FirmwareUpdater::OnTransportEvent(const TavoMessage* message) {
     return RunSteps(StepPhase::Answer);
   }
   m_evidence.Unanswered(m_lastBearing);
-  // Half an answer, or a stray byte that looks like the beginning of one, would keep the next
-  // request from the line.
+  // Half an answer, or a stray byte that looks like the start of one, would hold back the next
+  // request.
   WaitUntilQuiet();
   RunSteps(StepPhase::Timeout);
 }
@@ -116,7 +116,7 @@ void FirmwareUpdater::FailPlan() {
   Report({StatusKind::UpdateFailed, static_cast<std::int32_t>(m_errorCode.load()), text});
   m_failed = true;
   WaitUntilQuiet();
-  // Only once: a closing step that fails finds the closing plan used up.
+  // Only once: a closing step that fails finds no closing plan left.
   m_plan.swap(m_closingPlan);
 }
 
@@ -124,7 +124,7 @@ void FirmwareUpdater::AbortPlan() {
   assert(m_stopRequested);
   m_plan.clear();
   m_closingPlan.clear();
-  // Shown, not stored: the code of the last failure stays for the host to read.
+  // Shown, not stored: the code of the last failure remains for the host.
   Report({StatusKind::UpdateFailed, static_cast<std::int32_t>(ErrorCode::Identity)});
   m_succeeded = false;
   ReleaseStoppedUpdate();

@@ -20,8 +20,8 @@ void ProgressBar::Begin(std::int64_t total) {
 }
 
 std::string ProgressBar::Redraw(std::int64_t current) {
-  // Blank blocks that are written after all count here but not in the total, so an ordinary update
-  // can pass 100 %, and one of blank blocks only has no total at all.
+  // Blank blocks that must be written count here but not in the total: an ordinary update can pass
+  // 100 %, and one of blank blocks alone has a total of 0.
   const std::int64_t percent = m_total > 0 ? current * 100 / m_total : 0;
   const std::int64_t marks = std::clamp<std::int64_t>(percent / kPercentPerMark, 0, kBarWidth);
   std::array<char, 64> line{};

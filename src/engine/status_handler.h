@@ -1,6 +1,6 @@
-// Turns the course of an update into lines on the console: its beginning and end, and a progress
-// bar that is redrawn in place while the firmware is written. One kind of message prints nothing of
-// its own but makes the update wait and then go on.
+// Shows the course of an update on the console: its beginning and end, and a progress bar that is
+// redrawn in place while the firmware is written. One kind of message makes the update wait and then
+// continue.
 //
 // Called only by the thread that runs the update.
 #pragma once
@@ -26,13 +26,13 @@ enum class StatusKind : std::uint32_t {
 };
 
 // Values of WaitAndResume.
-inline constexpr std::int32_t kTunnelCloses = 1;  // then go on as if the answer had come
+inline constexpr std::int32_t kTunnelCloses = 1;  // then continue as if the answer had come
 inline constexpr std::int32_t kRetryStep = 2;     // then call the current step again
 
 struct StatusMessage {
   StatusKind kind;
   std::int32_t value = 0;
-  std::string_view text = {};  // gone when the call returns
+  std::string_view text = {};  // valid during the call
   std::chrono::milliseconds delay{0};
 };
 

@@ -1,4 +1,4 @@
-// What the runner and the steps agree on.
+// The contract between the runner and the steps.
 #pragma once
 
 #include <cstdint>
@@ -7,14 +7,14 @@ namespace tavo {
 
 class FirmwareUpdater;
 
-// Why a step is called.
+// The reason why a step is called.
 enum class StepPhase : std::uint32_t {
   Answer = 0,   // the answer to its request has arrived
   Start = 1,    // for the first time, or to send its request again
   Timeout = 2,  // no answer came in time
 };
 
-// What a step says of itself.
+// The outcome that a step reports.
 enum class StepResult : std::uint32_t {
   Wait = 1,    // it has sent a request and waits for its next phase
   Done = 2,    // the next step may begin
@@ -23,7 +23,7 @@ enum class StepResult : std::uint32_t {
 
 struct Step {
   StepResult (FirmwareUpdater::*run)(StepPhase phase);
-  const char* logName;  // what log messages call it; "-" for a step that sends nothing
+  const char* logName;  // its name in log messages; "-" for a step that sends nothing
 };
 
 }  // namespace tavo

@@ -1,5 +1,5 @@
-// Owns the transport of the current or last update. It is kept between updates: one of the same
-// kind reuses it, one of the other kind replaces it.
+// Owns the transport of the current or last update. The next update reuses a transport of its own
+// kind and replaces one of the other kind.
 #pragma once
 
 #include <functional>

@@ -1,8 +1,8 @@
-// What a program that works with the engine itself may watch while an update runs: a tool that shows
-// its course, a recorder. The exports have none.
+// Follows an update while it runs, for programs that use the engine itself: a tool that shows the
+// course, a recorder. The exports have none.
 //
-// Called by the thread that runs the update, between its steps; a call that takes long delays the
-// update. Nothing may be thrown, and of the engine only RequestStop may be called.
+// Called by the update thread between its steps; a slow call delays the update. It must not throw and
+// may call no function of the engine but RequestStop.
 #pragma once
 
 #include "engine/status_handler.h"
@@ -15,10 +15,10 @@ class UpdateObserver {
   virtual ~UpdateObserver() = default;
 
   // A step is about to be called: for the first time or again (Start), with its answer, or because
-  // none came. A stop that is requested here comes before it.
+  // none came. A stop requested here takes effect before the step.
   virtual void StepCalled(const Step& step, StepPhase phase) = 0;
 
-  // What the console is told too, before it is.
+  // A message is about to go to the console.
   virtual void StatusReported(const StatusMessage& message) = 0;
 };
 

@@ -47,7 +47,7 @@ void Logger::Write(LogLevel level, const char* format, std::va_list arguments) n
   try {
     WriteLine(level, message.data());
   } catch (...) {
-    // Out of memory: an update that goes on without this line is better than one that ends here.
+    // Out of memory: better an update without this line than one that ends here.
   }
 }
 

@@ -1,6 +1,6 @@
 // The adapter vendor's D2XX library, call for call: one virtual function per operation that the
-// FTDI transport uses, with the vendor's meaning and no logic of its own. On Windows the calls go
-// to FTD2XX.dll, elsewhere to libftdi1; a test puts a simulated adapter in their place.
+// FTDI transport uses, with the vendor's meaning. On Windows the calls go to FTD2XX.dll, elsewhere to
+// libftdi1; tests substitute simulated adapters.
 #pragma once
 
 #include <array>
@@ -21,7 +21,8 @@ inline constexpr D2xxStatus kD2xxOtherError = 18;  // on Linux: no permission
 
 using D2xxHandle = void*;
 
-// More adapters than any machine has; a library that counts more must not make us allocate it.
+// More adapters than any machine has. A library that reports more must not make us allocate memory
+// for them.
 inline constexpr std::uint32_t kMaxAdapters = 1024;
 
 // One adapter, or one channel of an adapter with several. Texts end at the first zero byte or fill
@@ -68,7 +69,7 @@ class D2xx {
   virtual D2xxStatus GetStatus(D2xxHandle handle, std::uint32_t* receiveQueue,
                                std::uint32_t* transmitQueue, std::uint32_t* eventState) = 0;
 
-  // FT_Read: never asked for more than is waiting, so it does not block.
+  // FT_Read: does not block, because callers never ask for more than is waiting.
   virtual D2xxStatus Read(D2xxHandle handle, std::span<std::uint8_t> buffer,
                           std::uint32_t* received) = 0;
 

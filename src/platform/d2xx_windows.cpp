@@ -14,7 +14,7 @@ constexpr const char* kLibrary = "FTD2XX.dll";
 
 constexpr std::chrono::milliseconds kInputPollPace{1};
 
-// One adapter as the vendor's library lays it out in memory.
+// One adapter in the vendor's memory layout.
 struct VendorRecord {
   std::uint32_t flags;
   std::uint32_t type;
@@ -58,7 +58,7 @@ bool Find(const char* name, Function* function) {
   return *function != nullptr;
 }
 
-// False when the machine does not have the library, or one that is too old.
+// False when the library is missing or too old.
 bool FindAll(VendorFunctions* vendor) {
   return Find("FT_CreateDeviceInfoList", &vendor->createDeviceInfoList) &&
          Find("FT_GetDeviceInfoList", &vendor->getDeviceInfoList) &&
@@ -89,7 +89,7 @@ class VendorD2xx final : public D2xx {
   D2xxStatus GetDeviceInfoList(std::span<D2xxDeviceInfo> devices, std::uint32_t* count) override {
     *count = 0;
     if (!m_present || m_listed == 0) return kD2xxDeviceNotFound;
-    // The library fills in all it has listed, however few are asked for.
+    // The library fills in every adapter that it has listed, however few we ask for.
     std::vector<VendorRecord> records(m_listed);
     std::uint32_t filled = m_listed;
     const D2xxStatus status = m_vendor.getDeviceInfoList(records.data(), &filled);
@@ -123,7 +123,7 @@ class VendorD2xx final : public D2xx {
 
   D2xxStatus Write(D2xxHandle handle, std::span<const std::uint8_t> data,
                    std::uint32_t* written) override {
-    // The library takes the bytes as changeable but leaves them as they are.
+    // The library takes a mutable pointer but does not change the bytes.
     return m_vendor.write(handle, const_cast<std::uint8_t*>(data.data()),
                           static_cast<std::uint32_t>(data.size()), written);
   }
@@ -141,7 +141,7 @@ class VendorD2xx final : public D2xx {
 
   void WaitForInput(D2xxHandle handle, std::chrono::milliseconds bound) override {
     Platform& platform = SystemPlatform();
-    // A sleep may take much longer than asked for, hence the clock.
+    // A sleep may take much longer than requested, hence the clock.
     const std::chrono::milliseconds start = platform.MonotonicNow();
     while (!InputWaiting(handle) && platform.MonotonicNow() - start < bound) {
       platform.Sleep(kInputPollPace);

@@ -1,16 +1,15 @@
-// A function of a dynamic library that need not be installed, looked up by name at run time.
-// Windows only; implemented beside the platform, which is the one place that includes system
-// headers.
+// Looks up a function of a dynamic library at run time; the library need not be installed. Windows
+// only; implemented beside the platform, the one place that includes system headers.
 #pragma once
 
 namespace tavo {
 
-// Any function; to be cast to its true type before it is called.
+// Any function; cast it to its true type before calling it.
 using AnyFunction = void (*)();
 
 // Null when the machine has no such library, or the library no such function. A library once found
-// stays loaded until the process ends: to unload it while this library is itself being unloaded is
-// not allowed.
+// stays loaded until the process ends, because it must not be unloaded while this library is itself
+// being unloaded.
 AnyFunction FindLibraryFunction(const char* library, const char* function);
 
 }  // namespace tavo

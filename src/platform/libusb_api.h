@@ -1,5 +1,5 @@
 // libusb 1.0, call for call: one virtual function per library function in use, same arguments and
-// meaning, no logic of its own. A test puts a simulated device in its place.
+// meaning, no logic. Tests substitute simulated devices.
 #pragma once
 
 #include <libusb.h>

@@ -1,6 +1,6 @@
-// The one seam between the library and the machine it runs on: clocks, sleep, the path of the host
-// program and its console. Everything above it receives a Platform by reference, so that a test can
-// put a virtual clock in its place and a wait of 25 seconds costs microseconds.
+// The one seam between the library and its machine: clocks, sleep, the path of the host program and
+// its console. Everything above receives a Platform by reference, so that a test can substitute a
+// virtual clock, on which a wait of 25 seconds takes microseconds.
 //
 // One file per platform implements it and includes system headers; no other file does.
 #pragma once
@@ -32,13 +32,13 @@ class Platform {
   // Blocks the calling thread for `duration`.
   virtual void Sleep(std::chrono::milliseconds duration) = 0;
 
-  // Full path of the executable file of the host process, in UTF-8; empty when the system cannot
-  // tell.
+  // Full path of the executable file of the host process, in UTF-8; empty when the system does not
+  // report it.
   virtual std::string ExecutablePath() = 0;
 
-  // Writes `text` as it stands to the standard output of the host process and flushes it: a line
-  // that waits in a buffer tells nobody that the device is being written. A host without a console
-  // loses the text, nothing else.
+  // Writes `text` unchanged to the standard output of the host process and flushes it, so that a
+  // person sees at once that the device is being written. A host without a console only loses the
+  // text.
   virtual void Print(std::string_view text) = 0;
 
   // Opens a file as std::fopen does; `path` is UTF-8. Null when it cannot be opened.

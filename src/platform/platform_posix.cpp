@@ -19,11 +19,11 @@ using std::chrono::milliseconds;
 
 constexpr const char* kOwnExecutable = "/proc/self/exe";
 constexpr std::size_t kFirstPathCapacity = 256;
-// No file system gives longer paths; a kernel that claims so must not make us allocate for ever.
+// No file system has longer paths; a kernel that claims one must not make us allocate for ever.
 constexpr std::size_t kMaxPathCapacity = 1 << 20;
 
-// While it lives, writing to a pipe whose reader has gone is an error of this thread and no signal to
-// the process: a host whose output nobody reads any more must not die in the middle of an update.
+// While it lives, writing to a pipe without a reader is an error in this thread, not a signal to the
+// process: a host that loses the reader of its output must not die in mid-update.
 class NoSigpipe {
  public:
   NoSigpipe() {
@@ -48,7 +48,7 @@ class NoSigpipe {
   bool m_wasPending = false;
 };
 
-// Takes the descriptor over; null for none.
+// Takes ownership of the descriptor; null for an invalid one.
 FileHandle AsFile(int descriptor, const char* mode) {
   if (descriptor < 0) return nullptr;
   FileHandle file(fdopen(descriptor, mode));
@@ -58,8 +58,8 @@ FileHandle AsFile(int descriptor, const char* mode) {
 
 class PosixPlatform final : public Platform {
  public:
-  // A standard stream that the host has closed is given to the null device: otherwise the next
-  // device or file that is opened takes its number, and what is printed goes into that.
+  // Opens the null device in place of each standard stream that the host has closed. Otherwise the
+  // next device or file opened would take its number and receive our console output.
   PosixPlatform() {
     for (int stream = STDIN_FILENO; stream <= STDERR_FILENO; ++stream) {
       if (fcntl(stream, F_GETFD) < 0) static_cast<void>(open("/dev/null", O_RDWR));
@@ -83,7 +83,7 @@ class PosixPlatform final : public Platform {
   void Sleep(milliseconds duration) override { std::this_thread::sleep_for(duration); }
 
   std::string ExecutablePath() override {
-    // readlink cuts what does not fit without a word: only a result with room to spare is whole.
+    // readlink silently cuts off a path that does not fit: only a result with room to spare is whole.
     for (std::size_t capacity = kFirstPathCapacity; capacity <= kMaxPathCapacity; capacity *= 2) {
       std::string path(capacity, '\0');
       const ssize_t length = readlink(kOwnExecutable, path.data(), path.size());
@@ -125,7 +125,7 @@ void WillBeFilled(void* block, std::size_t bytes) {
 }
 
 FileHandle OpenForReading(const std::string& path) {
-  // Without O_NONBLOCK opening a pipe waits for somebody to write into it.
+  // Without O_NONBLOCK, opening a pipe waits for a writer.
   FileHandle file = AsFile(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC), "rb");
   struct stat status {};
   if (!file || fstat(fileno(file.get()), &status) != 0) return nullptr;

@@ -15,7 +15,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// The longest path that Windows has, in UTF-16 units.
+// The longest path on Windows, in UTF-16 units.
 constexpr DWORD kMaxPathLength = 32768;
 
 // Nothing when the text is not valid in this code page.
@@ -29,22 +29,22 @@ std::optional<std::wstring> Widen(UINT codePage, DWORD flags, std::string_view t
   return wide;
 }
 
-// A host that knows nothing of UTF-8 passes its texts in the machine's own code page. Their letters
-// beyond ASCII practically never form valid UTF-8, so that the two can be told apart.
+// A host that does not use UTF-8 passes its texts in the machine's code page. Letters beyond ASCII
+// practically never form valid UTF-8 there, which distinguishes the two.
 std::wstring WidenText(std::string_view text) {
   if (auto wide = Widen(CP_UTF8, MB_ERR_INVALID_CHARS, text)) return *wide;
   return Widen(CP_ACP, 0, text).value_or(std::wstring());
 }
 
-// A console has a code page of its own, in which other letters would come out.
+// A console has its own code page, which would show other letters.
 void PrintToConsole(HANDLE console, std::string_view text) {
   const std::wstring wide = WidenText(text);
   DWORD written = 0;
   WriteConsoleW(console, wide.data(), static_cast<DWORD>(wide.size()), &written, nullptr);
 }
 
-// The path as it stands where that is short enough. A longer one, counted from its drive, opens only
-// in its extended form, unless both host and machine have asked for the opposite.
+// The path unchanged if its absolute form is short enough. A longer one opens only in its extended
+// form, unless both host and machine have enabled long paths.
 std::wstring SystemPath(std::string_view path) {
   std::wstring wide = WidenText(path);
   std::wstring full(kMaxPathLength, L'\0');
@@ -89,7 +89,7 @@ class WindowsPlatform final : public Platform {
   }
 
   void Sleep(milliseconds duration) override {
-    // The largest number means "for ever" to the system.
+    // The largest number means "for ever".
     constexpr milliseconds::rep kLongest = INFINITE - 1;
     ::Sleep(static_cast<DWORD>(std::clamp<milliseconds::rep>(duration.count(), 0, kLongest)));
   }
@@ -100,9 +100,9 @@ class WindowsPlatform final : public Platform {
     return ToUtf8(path);
   }
 
-  // Through the handle of the process: the stream of this library's own C runtime is not the host's
-  // and does not follow when the host redirects its output. A host without a console has no handle;
-  // then the first write fails.
+  // Uses the handle of the process: the stream of this library's C runtime is not the host's and does
+  // not follow when the host redirects its output. A host without a console has no handle; then the
+  // first write fails.
   void Print(std::string_view text) override {
     const HANDLE output = GetStdHandle(STD_OUTPUT_HANDLE);
     DWORD mode = 0;
@@ -135,7 +135,7 @@ FileHandle OpenForReading(const std::string& path) {
                                     FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
   if (handle == INVALID_HANDLE_VALUE) return nullptr;
-  // A folder has not been opened; pipes and consoles, which may make a reader wait, have.
+  // Folders do not open. Pipes and consoles do, but might make a reader wait.
   const int descriptor = GetFileType(handle) == FILE_TYPE_DISK
                              ? _open_osfhandle(reinterpret_cast<std::intptr_t>(handle), _O_RDONLY)
                              : -1;
@@ -149,8 +149,8 @@ FileHandle OpenForReading(const std::string& path) {
 }
 
 AnyFunction FindLibraryFunction(const char* library, const char* function) {
-  // The folder of the host and the system's, but never the working directory, into which anybody
-  // may have put a file of that name.
+  // Searches the folder of the host and those of the system, never the working directory, where
+  // anybody may have put a file of that name.
   const HMODULE module =
       LoadLibraryExW(WidenText(library).c_str(), nullptr, LOAD_LIBRARY_SEARCH_DEFAULT_DIRS);
   if (module == nullptr) return nullptr;

@@ -1,9 +1,9 @@
-// The part of the DLL that the compiler's runtime forgets at unload.
+// Releases memory that the compiler's runtime forgets when the DLL is unloaded.
 namespace __gnu_cxx {
 
-// Of GCC's runtime, without a header: gives back the memory that it keeps for exceptions thrown when
-// there is none left. A process that loads and unloads the DLL again and again would otherwise lose
-// 70 KiB each time.
+// A function of GCC's runtime without a header: releases the memory that the runtime reserves for
+// exceptions thrown when memory has run out. A process that loads and unloads the DLL again and again
+// would otherwise lose 70 KiB each time.
 void __freeres() noexcept;
 
 }  // namespace __gnu_cxx
@@ -14,7 +14,7 @@ struct FreeExceptionMemory {
   ~FreeExceptionMemory() { __gnu_cxx::__freeres(); }
 };
 
-// Ends after every other object of the DLL that may still throw.
+// Destroyed after every other object of the DLL that may still throw.
 [[gnu::init_priority(101)]] const FreeExceptionMemory freeExceptionMemory;
 
 }  // namespace

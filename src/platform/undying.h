@@ -1,5 +1,5 @@
-// A static object that no destructor ends: a host may end its process while one of its threads is
-// still at work in here. For objects that hold nothing of the system.
+// A static object that is never destroyed: a host may end its process while one of its threads still
+// uses the object. For objects that hold no system resources.
 #pragma once
 
 namespace tavo {

@@ -1,5 +1,5 @@
 // After writing: verification, start of the application, and its sign of life. The same start
-// request also brings a device that sits in its bootloader back to its application.
+// request also leads a device found in its bootloader back to its application.
 #include "engine/firmware_updater.h"
 #include "protocol/commands.h"
 

@@ -1,4 +1,4 @@
-// From the application into the bootloader, and what the bootloader can do.
+// Enters the bootloader and checks its version.
 #include "engine/firmware_updater.h"
 #include "protocol/commands.h"
 

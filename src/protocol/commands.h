@@ -20,10 +20,10 @@ inline constexpr std::uint16_t kApplicationRequest = 0x100;
 inline constexpr std::uint16_t kAlternativeApplicationRequest = 0x180;
 
 // Sent raw, outside any frame, before the tunnel status and close requests: it makes a master that
-// passes everything on to its tunnel listen for itself.
+// forwards everything through its tunnel listen itself.
 inline constexpr std::array<std::uint8_t, 3> kEscapeSequence{0x1B, 0x1B, 0x1B};
 
-// What some masters report instead of 0 while no tunnel is open: master 16, slave 16.
+// Some masters report this instead of 0 while no tunnel is open: master 16, slave 16.
 inline constexpr std::uint16_t kNoTunnelEither = 0x1010;
 
 // How long a master needs to close its tunnel.
@@ -42,12 +42,12 @@ struct Command {
   std::uint16_t id;
   Bearing bearing;
   PayloadHead head;
-  const char* sentLine;  // logged at INFO once the request is on its way; null: not logged
+  const char* sentLine;  // logged at INFO once the request is sent; null: not logged
   ErrorCode sendError;   // when the request could not be handed to the transport
   const char* sendErrorText;
   LogLevel timeoutLevel;
   const char* timeoutLine;  // logged when no answer came; null: not logged
-  const char* timeoutText;  // of the failure; null: the step goes on without an answer
+  const char* timeoutText;  // of the failure; null: the step tolerates silence
 };
 
 #define TAVO_LOG "FirmwareUpdater: "

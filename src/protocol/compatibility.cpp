@@ -42,7 +42,7 @@ StepResult FirmwareUpdater::CompareApplicationSize() {
                    std::to_string(device) + " | Firmware " + std::to_string(firmware) + "\n");
   const bool wholeBlocks = m_blockSize != 0 && firmware % m_blockSize == 0;
   if (firmware == device && wholeBlocks) return StepResult::Done;
-  // The sizes stand on the console; the failure itself is reported by its code alone.
+  // The console has the sizes; the failure itself is reported by its code alone.
   m_platform.Print("Error: Application Size incorrect. Device: " + std::to_string(device) +
                    " FW: " + std::to_string(firmware) + "\n");
   m_errorCode = ErrorCode::ApplicationSize;
@@ -99,8 +99,8 @@ std::int32_t FirmwareUpdater::AcceptedHardwareIds(std::vector<std::uint16_t>& ac
   return static_cast<std::int32_t>(accepted.size());
 }
 
-// Every accepted id is logged, whether or not an earlier one has matched: the log then shows what
-// the firmware is for.
+// Every accepted id is logged, also after a match: the log then shows which devices the firmware is
+// for.
 bool FirmwareUpdater::MatchesHardwareId(std::uint16_t hardwareId,
                                         const std::vector<std::uint16_t>& accepted) {
   const auto log = [this](const char* whose, const HardwareIdRecord& id) {

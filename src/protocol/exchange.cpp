@@ -1,5 +1,4 @@
-// What all bootloader steps share: handing a request to the transport, reading the answer, failing,
-// and trying again.
+// Shared by all bootloader steps: sending a request, reading the answer, failing, and trying again.
 #include <algorithm>
 #include <array>
 #include <cassert>
@@ -26,8 +25,7 @@ const FirmwareImage kNoFirmware{};
 
 }  // namespace
 
-// The steps before the selection of an image take their facts about the device family from the
-// first one.
+// Until an image is selected, the steps take their facts about the device family from the first one.
 const FirmwareImage& FirmwareUpdater::FirstImage() const {
   return m_firmwareImages.empty() ? kNoFirmware : m_firmwareImages.front();
 }
@@ -56,8 +54,8 @@ bool FirmwareUpdater::CommSendTavo(std::uint16_t id, const std::uint8_t* payload
     return false;
   }
   if (Transport()->SendTavoMessage(kEngineSender, kOnlyChannel, id, payload, length)) return true;
-  // The device may hold half a frame and the link still awaits its answer. Both forget it in time;
-  // a request sent before would be answered one off.
+  // The device may hold half a frame, and the link still awaits its answer. Both forget it in time; a
+  // request sent earlier would get the wrong answer.
   WaitUntilQuiet();
   return false;
 }
@@ -68,7 +66,7 @@ void FirmwareUpdater::CommSendRaw(const std::uint8_t* bytes, std::int32_t length
   Transport()->SendRawData(bytes, length);
 }
 
-// True when the request in hand was answered after all.
+// True when the current request was answered after all.
 bool FirmwareUpdater::DrainLine() {
   if (!Transport()) return false;
   const bool answered = Transport()->WaitUntilQuiet();
@@ -85,7 +83,7 @@ bool FirmwareUpdater::TrySend(const Command& command, std::span<const std::uint8
   std::array<std::uint8_t, std::tuple_size_v<decltype(PayloadHead::bytes)> + kMaxBlockSize> payload;
   const auto head = std::copy_n(command.head.bytes.begin(), command.head.length, payload.begin());
   const auto end = std::copy(arguments.begin(), arguments.end(), head);
-  // Before the outcome is known: a request that fails may have reached the device all the same.
+  // Before the outcome is known: a request that fails may still have reached the device.
   m_evidence.Sent(command.bearing);
   m_lastBearing = command.bearing;
   if (!CommSendTavo(command.id, payload.data(), static_cast<std::uint8_t>(end - payload.begin()))) {
@@ -132,7 +130,7 @@ StepResult FirmwareUpdater::Fail(ErrorCode code, const char* format, ...) {
   return StepResult::Failed;
 }
 
-// The pause and the next try run inside this call, which therefore must be the step's last.
+// The pause and the next try run inside this call, so it must be the step's last.
 StepResult FirmwareUpdater::RetryAfterPause() {
   assert(m_retryCount < m_maxRetries);
   ++m_retryCount;

@@ -1,4 +1,4 @@
-// Who the device is, before and in its bootloader, and what it is told and asked afterwards: its
+// The identities of the device, in its application and in its bootloader, and after the update its
 // label and the bus modules that were reset.
 #include <array>
 #include <cassert>
@@ -109,7 +109,7 @@ StepResult FirmwareUpdater::RequestResettedModules(StepPhase phase) {
     case StepPhase::Answer:
       return AnswerValue() == 0 ? ModulesComplete() : KeepModule(AnswerValue());
     case StepPhase::Timeout:
-      // The update itself has succeeded; the code tells that the list could not be had.
+      // The update itself has succeeded; the code says that the list is missing.
       OnTimeout(kRequestModule);
       return StepResult::Done;
   }

@@ -1,5 +1,5 @@
-// Tunnel management: some device families are reached only through a tunnel that the connected
-// master opens to them.
+// Tunnel management: some device families can be reached only through a tunnel that the connected
+// master opens.
 #include "engine/firmware_updater.h"
 #include "package/hardware_identity.h"
 #include "protocol/commands.h"
@@ -77,9 +77,9 @@ StepResult FirmwareUpdater::InitTunnel(StepPhase phase) {
   return StepResult::Wait;
 }
 
-// Nobody waits for the answer to the close request: masters of some families do not give one. But
-// when one comes it must not be taken for the answer to the next request, so the line is listened
-// to until the request is settled.
+// The step does not depend on the answer to the close request, which masters of some families do not
+// give. But an answer that does come must not be taken for that to the next request, so the step
+// drains the line until the request is settled.
 StepResult FirmwareUpdater::DeinitTunnel(StepPhase phase) {
   switch (phase) {
     case StepPhase::Start:

@@ -6,7 +6,7 @@
 namespace tavo {
 namespace {
 
-// The pause of a silent poll. Short against the 16 ms that an adapter itself holds input back.
+// The pause of a silent poll, short against the 16 ms for which an adapter itself holds input back.
 constexpr std::chrono::milliseconds kInputWait{10};
 
 const char* Reason(D2xxStatus status) {
@@ -105,7 +105,7 @@ bool CCommFTDI::SendRawData(const std::uint8_t* data, std::int32_t length) {
   }
   if (length <= 0) return true;
   const auto count = static_cast<std::uint32_t>(length);
-  // A library that fails without telling a count may have sent the first byte.
+  // A library that fails without reporting a count may have sent the first byte.
   std::uint32_t written = 1;
   const D2xxStatus status = m_d2xx.Write(m_handle, {data, count}, &written);
   CountEcho(written);
@@ -127,7 +127,7 @@ bool CCommFTDI::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {
   return waiting == 0 || Fetch(buffer, std::min(waiting, capacity), length);
 }
 
-// A status that cannot be had counts as silence: the timeout of the awaited answer ends that.
+// A status that cannot be read counts as silence: the timeout of the awaited answer ends it.
 std::uint32_t CCommFTDI::BytesWaiting() {
   std::uint32_t waiting = 0;
   std::uint32_t transmitQueue = 0;

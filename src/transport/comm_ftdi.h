@@ -1,5 +1,5 @@
-// The transport for devices reached through an FTDI USB-serial adapter, driven through the adapter
-// vendor's D2XX library. Adapters are named by their serial number and opened by their index.
+// The transport for devices behind an FTDI USB-serial adapter, driven through the adapter vendor's
+// D2XX library. Adapters are named by their serial number and opened by their index.
 //
 //   CCommFTDI ftdi(link, SystemPlatform(), log, adapters);
 //   ftdi.SetLineSettings({.baudRate = 57600});
@@ -7,8 +7,7 @@
 //   if (ftdi.OpenPort("TAVO0001")) ftdi.SendRawData(bytes, length);
 //
 // It sets baud rate and character format; latency, flow control and buffers keep the adapter's
-// defaults. How bytes are sent does not depend on the send mode: the adapter has a buffer of its
-// own.
+// defaults. The send mode makes no difference: the adapter has a buffer of its own.
 #pragma once
 
 #include <string>
@@ -34,7 +33,7 @@ class CCommFTDI : public ICommInterface {
   bool Open(std::uint32_t deviceRef) override;
   // `serialNumber` is compared byte for byte.
   bool OpenPort(const std::string& serialNumber) override;
-  // Of the adapter that was last opened by it.
+  // The serial number by which an adapter was last opened.
   const std::string& SerialNumber() const { return m_serialNumber; }
 
   bool IsOpen() override { return m_isOpen; }
@@ -43,7 +42,7 @@ class CCommFTDI : public ICommInterface {
   // Forgets the adapters found too, and with them the thread that libusb runs for its list.
   void EndSession() override;
 
-  // An adapter stays where it is when the device behind it restarts: nothing to do, true.
+  // Does nothing and returns true: an adapter stays when the device behind it restarts.
   bool Reconnect() override { return true; }
 
   // False when no adapter is open or the vendor's library reports a failure.

@@ -74,7 +74,7 @@ void CCommWinUSB::StartSession() {
 
 void CCommWinUSB::EndSession() {
   CCommWinUSB::Close();
-  m_detached.clear();  // of a device that is gone: the system finds it a driver when it is back
+  m_detached.clear();  // a device that was unplugged finds its driver when it is plugged in again
   FreeDeviceList();
   if (m_context != nullptr) m_usb.Exit(m_context);
   m_context = nullptr;
@@ -134,7 +134,7 @@ bool CCommWinUSB::OpenDevice(std::uint32_t deviceRef) {
                  : OpenListed(deviceRef);
   if (m_handle == nullptr) return false;
   if (ClaimInterfaces() && SwitchSerialOn()) return true;
-  // A handle left behind would make the next attempt succeed without a working device.
+  // With a handle left behind, the next attempt would succeed without a working device.
   AttachDrivers();
   ReleaseHandle();
   return false;
@@ -265,7 +265,7 @@ bool CCommWinUSB::SendBuffer(const std::uint8_t* data, std::int32_t length) {
 }
 
 int CCommWinUSB::TransferOut(const std::uint8_t* data, std::int32_t length, int* transferred) {
-  // libusb takes both directions through one changeable pointer and only reads when sending.
+  // libusb takes one mutable pointer for both directions and only reads from it when sending.
   return m_usb.BulkTransfer(m_handle, kBulkOut, const_cast<unsigned char*>(data), length,
                             transferred, static_cast<unsigned>(m_sendTimeoutMs.count()));
 }

@@ -22,17 +22,17 @@
 
 namespace tavo {
 
-// What such a device is known by, and the interface that its bytes go through.
+// The ids of such a device, and the interface that carries its bytes.
 inline constexpr std::uint16_t kUsbVendorId = 0x03EB;
 inline constexpr std::uint16_t kUsbProductId = 0x2404;
 inline constexpr int kUsbDataInterface = 1;
 
-// "1-4-2": the ports that lead to a device; empty when the system does not tell them.
+// "1-4-2": the ports that lead to a device; empty when the system does not report them.
 std::string UsbPortPath(LibUsb& usb, libusb_device* device);
 
 class CCommWinUSB : public ICommInterface {
  public:
-  // Begins a session: makes the libusb context. Without one, which the log then tells, nothing is
+  // Begins a session: makes the libusb context. When that fails, the log says so, and nothing is
   // found or opened until the next session. `usb` must outlive the transport.
   CCommWinUSB(TavoLink& link, Platform& platform, Logger& log, LibUsb& usb);
   ~CCommWinUSB() override;
@@ -54,8 +54,8 @@ class CCommWinUSB : public ICommInterface {
   // else is connected. Before any was opened by name, any device.
   bool Reconnect() override;
 
-  // Ends the libusb context too, and with it the thread that libusb runs on some systems. That thread
-  // cannot end any more while the library is being unloaded, and ending the context waits for it.
+  // Also ends the libusb context, and with it the thread that libusb may run. While the library is
+  // being unloaded that thread cannot end, and ending the context would wait for it.
   void EndSession() override;
 
   // False when no device is open or a transfer failed; each has the send timeout.
@@ -96,7 +96,7 @@ class CCommWinUSB : public ICommInterface {
   libusb_device_handle* m_handle = nullptr;
   libusb_context* m_context = nullptr;
   bool m_inSession = false;                // m_context has been made, or could not be
-  libusb_device** m_deviceList = nullptr;  // held so that device references stay valid
+  libusb_device** m_deviceList = nullptr;  // kept so that device references stay valid
   std::size_t m_deviceCount = 0;
   std::vector<CCommDevDesc> m_devices;
   bool m_isOpen = false;

@@ -1,4 +1,4 @@
-// Cuts an incoming byte stream into frames and finds its way back after damage.
+// Cuts an incoming byte stream into frames and finds the next frame after damage.
 //
 //            header byte                       complete and undamaged: message handed out
 //   [idle] ---------------> [receiving] ------------------------------------------------> [idle]

@@ -35,7 +35,7 @@ struct FrameCodec {
   std::uint8_t (*SizeCode)(std::uint8_t header);
 
   // False when `byte` is no header byte (`frameEndIndex` is then 0). Otherwise `frameEndIndex` is
-  // the index of the frame's last byte and `acceptable` tells whether the frame fits a FrameBuffer.
+  // the index of the frame's last byte and `acceptable` whether the frame fits a FrameBuffer.
   bool (*ParseHeader)(std::uint8_t byte, std::uint8_t* frameEndIndex, bool* acceptable);
 
   // False when the payload is longer than 128 bytes; nothing is written then. The frame's length
@@ -46,7 +46,7 @@ struct FrameCodec {
   bool (*CheckFrame)(const FrameBuffer& frame);
 
   // Only for a frame that passes CheckFrame. A payload of 9 bytes or more comes back padded: the
-  // receiver cannot tell the length from the size class.
+  // size class does not give its length.
   void (*Decode)(const FrameBuffer& frame, TavoMessage* message);
 };
 

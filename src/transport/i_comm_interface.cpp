@@ -16,12 +16,12 @@ constexpr std::size_t kReceiveCapacity = 256;
 // Finer steps would only add rounding.
 constexpr milliseconds kTickStep{10};
 
-// How long to wait after a failed read before the device is looked for again: quick enough that a
-// person who plugs it in again sees no delay, slow enough to leave processor and log alone.
+// The pause after a failed read before we look for the device again: short enough that a person who
+// plugs it in sees no delay, long enough to spare processor and log.
 constexpr milliseconds kReconnectPace{250};
 
 // An adapter holds input back for up to its latency period (16 ms), so only a longer silence means
-// that nothing is left. A device that never stops talking must not stop us.
+// that nothing is left. A device that never stops sending must not stop us.
 constexpr milliseconds kInputSilence{30};
 constexpr int kMaxDiscardedReads = 100;
 
@@ -105,7 +105,7 @@ bool ICommInterface::SendTavoMessage(std::uint32_t sender, std::uint32_t channel
   message.id = static_cast<std::uint16_t>(id);
   message.length = static_cast<std::uint8_t>(length);
   if (data != nullptr) std::copy_n(data, length, message.payload.begin());
-  // What we did since the last poll (a slow console, a slow disk) is no time that the device took.
+  // Our own work since the last poll (a slow console, a slow disk) does not count as the device's.
   if (m_link.IsQuiet()) m_lastTickMs = m_platform.MonotonicNow();
   if (channel != 0 || !m_link.Enqueue(message)) {
     m_log.LogDebug("CommInterface: SendTavoMessage: I/O Error.");
@@ -144,7 +144,7 @@ void ICommInterface::ReadLine() {
   auto length = static_cast<std::int32_t>(buffer.size());
   const bool wasOpen = IsOpen();
   if (!ReceiveRawData(buffer.data(), &length)) {
-    // The failed read may already have found the device again.
+    // The failed read may have reconnected already.
     if (wasOpen || !IsOpen()) Reconnect();
     m_platform.Sleep(kReconnectPace);
   } else if (length > 0) {
@@ -157,7 +157,7 @@ bool ICommInterface::HandOut(TavoMessage* out, bool* timedOut) {
   const Response response = m_link.TakeResponse();
   *timedOut = !response.has_value();
   if (!response) {
-    // By now every echo has come; one that was lost must not eat the next answer.
+    // By now every echo has come; a lost one must not swallow the next answer.
     m_pendingEcho = 0;
     return true;
   }

@@ -3,7 +3,7 @@
 // The lower layer (enumerate, open, raw bytes) is implemented by CCommWinUSB and CCommFTDI. The
 // upper layer (SendTavoMessage, ReceiveTavoMessage) is implemented here once, on top of the
 // TavoLink. Nothing here waits for an answer: send a request, then poll ReceiveTavoMessage until it
-// yields the answer or says that the time is up.
+// returns the answer or a timeout.
 //
 //   transport.SetFrameFormat(0);
 //   transport.Open(transport.EnumerateDevices()->front().deviceRef);
@@ -57,14 +57,14 @@ class ICommInterface {
   // Finds a vanished device again, if the transport can.
   virtual bool Reconnect() = 0;
 
-  // `length` bytes to the line. Blocks until they are handed over, or have not been within the bound
-  // that the transport sets for each of its transfers.
+  // Sends `length` bytes. Blocks until they are handed over or a transfer has reached the bound that
+  // the transport sets for each.
   virtual bool SendRawData(const std::uint8_t* data, std::int32_t length);
   // In: the capacity of `buffer`; out: the bytes delivered. Nothing received is true with length 0,
   // after a short bounded wait; false is a failed read, after which a poll calls Reconnect.
   virtual bool ReceiveRawData(std::uint8_t* buffer, std::int32_t* length);
 
-  // Whether the line gives back every byte sent, so that as many must be dropped from the input.
+  // Whether the line returns every byte sent, so that as many must be dropped from the input.
   virtual void SetEcho(bool on) { m_echo = on; }
   virtual bool GetEcho() { return m_echo; }
   virtual void SetFrameFormat(std::uint8_t format) { m_link.SetFrameFormat(format); }
@@ -82,8 +82,8 @@ class ICommInterface {
   // few milliseconds for input, so that a loop of polls does not burn a processor.
   virtual bool ReceiveTavoMessage(TavoMessage* out, bool* timedOut);
 
-  // Closes the device and ends what the transport has set up to reach devices at all. It is set up
-  // again by the next enumeration or opening.
+  // Closes the device and releases everything that the transport uses to reach devices. The next
+  // enumeration or opening sets it up again.
   virtual void EndSession() { Close(); }
 
   // Opens the first listed device with this `port`; a device without one cannot be opened by it. A
@@ -96,22 +96,22 @@ class ICommInterface {
   SendMode GetSendMode() const { return m_sendMode; }
   void SetSendMode(SendMode mode) { m_sendMode = mode; }
 
-  // The time since the last poll does not count against any timer: it was a pause of ours, in which
-  // nothing was awaited.
+  // Keeps the time since the last poll from counting against any timer: it was our own pause, in
+  // which nothing was awaited.
   void LeaveOutPause() { m_lastTickMs.reset(); }
 
   // The port of the first readable device listed; none without one. When there are several, the log
   // says which one this is.
   std::optional<std::string> FirstPort();
 
-  // Forgets whatever an earlier update left: requests, answers, echo, received bytes.
+  // Forgets everything that an earlier update left: requests, answers, echo, received bytes.
   void DiscardLeftovers();
 
-  // Reads received bytes away until none have come for a while; bounded.
+  // Discards received bytes until none have come for a while; bounded.
   void DiscardInput();
 
-  // Polls until nothing is queued, awaited or half received, and drops what comes; bounded. Returns
-  // at once when the line is quiet already. True when an awaited answer was among what it dropped.
+  // Polls until nothing is queued, awaited or half received, and drops every answer; bounded. Returns
+  // at once when the line is quiet already. True when it dropped an awaited answer.
   bool WaitUntilQuiet();
 
  protected:

@@ -82,7 +82,7 @@ void TavoLink::TickQueue(std::uint16_t elapsedMs) {
   }
 }
 
-// A frame that nobody has taken by the end of its time is abandoned.
+// A frame that is not taken in time is abandoned.
 void TavoLink::TickLine(std::uint16_t elapsedMs) {
   if (m_line == Line::Free) return;
   if (m_lineTimerMs > elapsedMs) {

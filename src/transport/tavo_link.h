@@ -1,5 +1,5 @@
 // The link: queues requests, turns them into frames, matches answers to requests and reports when
-// one does not come in time. It takes and returns bytes and is told how much time has passed; it
+// one does not come in time. Bytes and elapsed time are handed to it and bytes taken from it; it
 // never touches a device or a clock.
 //
 // The road of one request:

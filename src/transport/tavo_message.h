@@ -1,5 +1,5 @@
-// One message of the Tavo bus, as every request and every answer: what the protocol steps fill and
-// read. How it travels as a frame is the business of the frame codec.
+// One message of the Tavo bus, a request or an answer, as the protocol steps fill and read it. The
+// frame codec turns it into a frame.
 #pragma once
 
 #include <array>

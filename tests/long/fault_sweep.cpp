@@ -472,15 +472,16 @@ struct Sweep {
     static constexpr std::array<const char*, 8> kProgress{
         "nothing asked", "bootloader asked", "bootloader called", "erase asked",
         "erased",        "written",          "verify failed",     "verified"};
-    static constexpr std::array<const char*, 4> kHeard{"nobody", "the application",
-                                                       "the start agreed to", "the bootloader"};
+    static constexpr std::array<const char*, 4> kResponder{
+        "nobody", "the application", "the bootloader, starting the application", "the bootloader"};
     for (const auto& [cell, states] : openStates) {
-      const auto& [progress, heard] = cell;
-      std::printf("unknown: %s, heard %s:", kProgress.at(static_cast<std::size_t>(progress)),
-                  kHeard.at(static_cast<std::size_t>(heard)));
+      const auto& [progress, responder] = cell;
+      std::printf(
+          "unknown: %s, last answered by %s:", kProgress.at(static_cast<std::size_t>(progress)),
+          kResponder.at(static_cast<std::size_t>(responder)));
       for (const auto& [state, count] : states) std::printf(" %s (%u);", state.c_str(), count);
       std::printf("\n");
-      if (heard == 0 && states.size() < 2) {
+      if (responder == 0 && states.size() < 2) {
         ++broken;
         std::printf("BROKEN unknown was said where the answers leave one state only\n");
       }

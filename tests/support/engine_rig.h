@@ -20,10 +20,10 @@ class EngineAccess {
     engine.m_statusHandler = &engine.m_status;
   }
 
-  // Progress and Heard of the engine's evidence, as numbers.
+  // Progress and Responder of the engine's evidence, as numbers.
   static std::pair<int, int> EvidenceCell(const FirmwareUpdater& engine) {
     return {static_cast<int>(engine.m_evidence.m_progress),
-            static_cast<int>(engine.m_evidence.m_heard)};
+            static_cast<int>(engine.m_evidence.m_responder)};
   }
 
   void Await() { m_engine.PollUntilDone(); }
