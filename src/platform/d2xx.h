@@ -15,7 +15,7 @@ namespace tavo {
 using D2xxStatus = std::uint32_t;
 inline constexpr D2xxStatus kD2xxOk = 0;
 inline constexpr D2xxStatus kD2xxDeviceNotFound = 2;   // it is not connected, or no longer
-inline constexpr D2xxStatus kD2xxDeviceNotOpened = 3;  // another program holds it
+inline constexpr D2xxStatus kD2xxDeviceNotOpened = 3;  // it is in use
 inline constexpr D2xxStatus kD2xxIoError = 4;
 inline constexpr D2xxStatus kD2xxOtherError = 18;  // on Linux: no permission
 

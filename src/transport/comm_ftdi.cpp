@@ -12,7 +12,7 @@ constexpr std::chrono::milliseconds kInputWait{10};
 const char* Reason(D2xxStatus status) {
   switch (status) {
     case kD2xxDeviceNotFound: return "it is gone";
-    case kD2xxDeviceNotOpened: return "another program holds it";
+    case kD2xxDeviceNotOpened: return "it is in use";
     case kD2xxOtherError: return "no permission";
     default: return "it does not respond";
   }

@@ -144,6 +144,21 @@ TEST(WholeUpdate, ANeighbourAtTheSamePortOfAnotherBusIsNeverTouched) {
                                   "Taking port 1-4-2 on bus 1\n"));
 }
 
+TEST(WholeUpdate, AGlitchOnTheAdaptersInputCostsNoUpdate) {
+  for (const TransferEnd end : {TransferEnd::Failed, TransferEnd::Stalled}) {
+    Station station(Options("plain"));
+    bool done = false;
+    station.d2xx.endTransfer = [&]() -> std::optional<TransferEnd> {
+      if (done || station.engine.Progress() < 0.5F) return std::nullopt;
+      done = true;
+      return end;
+    };
+    EXPECT_TRUE(station.UpdateOverFtdi());
+    EXPECT_EQ(station.Requests(), kPlainUpdate) << "the adapter has kept the answer";
+    EXPECT_TRUE(done);
+  }
+}
+
 TEST(WholeUpdate, AStopWhileTheDeviceIsBeingOpenedEndsThatUpdateAndNoOther) {
   Station station(Options("plain"));
   station.usb.onOpening = [&] { station.engine.RequestStop(); };

@@ -57,7 +57,7 @@ TEST_F(FtdiTransportTest, AnAdapterThatCannotBeReadIsLoggedAndNotTaken) {
                      {"", "", kD2xxIoError}};
   EXPECT_EQ(m_transport.FirstPort(), std::nullopt);
   for (const char* line : {"WARN CCommFTDI: Adapter 0 cannot be read: no permission, Error: 18\n",
-                           "Adapter 1 cannot be read: another program holds it, Error: 3\n",
+                           "Adapter 1 cannot be read: it is in use, Error: 3\n",
                            "Adapter 2 cannot be read: it is gone, Error: 2\n",
                            "Adapter 3 cannot be read: it does not respond, Error: 4\n"}) {
     EXPECT_TRUE(m_platform.ConsoleHas(line)) << line;
