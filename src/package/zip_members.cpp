@@ -84,11 +84,10 @@ class ZipReader {
     return name;
   }
 
-  // The size that a member claims to have unpacked; nothing without packed bytes.
+  // The size that a member claims to have unpacked.
   std::size_t ClaimedSize(mz_uint index) {
     mz_zip_archive_file_stat status;
-    if (mz_zip_reader_file_stat(&m_archive, index, &status) == 0 || status.m_comp_size == 0)
-      return 0;
+    if (mz_zip_reader_file_stat(&m_archive, index, &status) == 0) return 0;
     return static_cast<std::size_t>(status.m_uncomp_size);
   }
 
