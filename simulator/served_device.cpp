@@ -5,13 +5,11 @@
 #include <algorithm>
 #include <charconv>
 #include <csignal>
-#include <cstdio>
-#include <fstream>
 #include <ostream>
-#include <stdexcept>
 
 #include "simulator/cdc_function.h"
 #include "simulator/ftdi_adapter.h"
+#include "simulator/new_file.h"
 
 namespace tavosim {
 namespace {
@@ -115,13 +113,9 @@ std::unique_ptr<UsbDevice> MakeFront(Device& device, const SimulatorArguments& f
 }
 
 void WritePortFile(std::uint16_t port, const std::string& portFile) {
-  // Renamed into place, so that a waiting reader never sees half a number.
-  const std::string beside = portFile + ".new";
-  std::ofstream out(beside);
-  out << port << '\n';
-  out.close();
-  if (!out || std::rename(beside.c_str(), portFile.c_str()) != 0)
-    throw std::runtime_error(portFile + ": cannot be written; choose another --port-file");
+  NewFile file(portFile, NewFile::Existing::Replace);  // a waiting reader never sees half a number
+  file.Write(std::to_string(port) + "\n");
+  file.Name();
 }
 
 }  // namespace

@@ -2,11 +2,14 @@
 
 #include <array>
 #include <cstdio>
+#include <fstream>
 #include <nlohmann/json.hpp>
-#include <span>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <utility>
+
+#include "simulator/new_file.h"
 
 namespace tavosim {
 namespace {
@@ -36,14 +39,10 @@ std::string Read(const fs::path& file) {
   return content;
 }
 
-void Replace(const fs::path& file, std::span<const char> content) {
-  const fs::path beside = file.string() + ".new";
-  std::ofstream out(beside, std::ios::binary | std::ios::trunc);
-  out.write(content.data(), static_cast<std::streamsize>(content.size()));
-  out.close();
-  std::error_code error;
-  if (out) fs::rename(beside, file, error);
-  if (!out || error) Fail(file, "cannot be written; free some space or choose another --state");
+void Replace(const fs::path& path, std::string_view content) {
+  NewFile file(path, NewFile::Existing::Replace);
+  file.Write(content);
+  file.Name();
 }
 
 json ToJson(const Device& device, const Snapshot& snapshot) {
@@ -93,9 +92,8 @@ StateDirectory::StateDirectory(fs::path directory, Device& device)
   if (error) Fail(m_directory, "cannot be created; choose another --state");
   if (fs::exists(m_directory / kStateFile)) Restore();
   Save(m_device.Save());
-  m_journal.open(m_directory / kJournalFile, std::ios::app);
-  m_journal << "   seconds   number  request\n" << std::flush;
-  if (!m_journal) Fail(m_directory / kJournalFile, "cannot be written; choose another --state");
+  m_journal = OpenToAppend(m_directory / kJournalFile);
+  WriteJournal("   seconds   number  request\n");
 }
 
 void StateDirectory::Restore() {
@@ -125,9 +123,14 @@ void StateDirectory::Update(SimTime now) {
   Snapshot snapshot = m_device.Save();
   if (!Same(snapshot, m_saved)) Save(std::move(snapshot));
   // The journal comes last, so a reader that waits for a line in it finds the files up to date.
-  for (const Exchange& exchange : m_device.Journal()) m_journal << Line(exchange) << '\n';
+  std::string lines;
+  for (const Exchange& exchange : m_device.Journal()) lines += Line(exchange) + '\n';
   m_device.ClearJournal();
-  if (!m_journal.flush()) Fail(m_directory / kJournalFile, "cannot be written; free some space");
+  WriteJournal(lines);
+}
+
+void StateDirectory::WriteJournal(std::string_view text) const {
+  WriteAll(m_journal, text, m_directory / kJournalFile);
 }
 
 void StateDirectory::Save(const Snapshot& snapshot) {

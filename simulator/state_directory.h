@@ -2,13 +2,14 @@
 //   flash.bin    the application section
 //   state.json   family, state, label, tunnel, and whether the flash holds a firmware that starts
 //   journal.txt  one line per request, appended
-// The first two are replaced whole (written beside and renamed), so a reader never sees half a file.
+// The first two are replaced whole, so a reader never sees half a file.
 #pragma once
 
 #include <filesystem>
-#include <fstream>
+#include <string_view>
 
 #include "simulator/device.h"
+#include "simulator/usbip/socket.h"
 
 namespace tavosim {
 
@@ -25,12 +26,13 @@ class StateDirectory {
  private:
   void Restore();
   void Save(const Snapshot& snapshot);
+  void WriteJournal(std::string_view text) const;
 
   std::filesystem::path m_directory;
   Device& m_device;
   Snapshot m_saved;
   DeviceState m_lastState = DeviceState::None;
-  std::ofstream m_journal;
+  usbip::Socket m_journal{};
 };
 
 }  // namespace tavosim

@@ -4,6 +4,7 @@
 
 #include "file/package_report.h"
 #include "package/adb_view.h"
+#include "simulator/new_file.h"
 #include "tests/tools/desk.h"
 
 namespace tavo::tool {
@@ -153,6 +154,54 @@ TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
     EXPECT_EQ(FilesInFolder(), filesBefore);
   }
   EXPECT_EQ(run.Read("a.hex"), oldOutput);
+}
+
+// Another account may write to the folder: it guesses no name, and no link of its is followed.
+TEST_F(Pack, AFileAppearsUnderItsNameOnlyWhenCompleteAndReplacesNoOther) {
+  using tavosim::NewFile;
+  const std::filesystem::path path = run.Path("new.hex");
+  const auto write = [&path](NewFile::Existing existing, auto meanwhile) {
+    NewFile file(path, existing);
+    file.Write("new");
+    EXPECT_EQ(file.Temporary().extension(), ".hex");
+    meanwhile();
+    file.Name();
+  };
+  const auto appears = [this] { run.Write("new.hex", "other"); };
+  const auto linkAppears = [&path] { std::filesystem::create_symlink("victim", path); };
+  const auto nothing = [] {};
+  run.Write("victim", "kept");
+
+  write(NewFile::Existing::Keep, nothing);
+  EXPECT_EQ(run.Read("new.hex"), "new");
+  EXPECT_THROW(write(NewFile::Existing::Keep, nothing), std::runtime_error) << "it exists";
+  appears();
+  write(NewFile::Existing::Replace, nothing);
+  EXPECT_EQ(run.Read("new.hex"), "new");
+  for (const NewFile::Existing existing : {NewFile::Existing::Keep, NewFile::Existing::Replace}) {
+    std::filesystem::remove(path);
+    EXPECT_THROW(write(existing, appears), std::runtime_error);
+    EXPECT_EQ(run.Read("new.hex"), "other");
+    std::filesystem::remove(path);
+    EXPECT_THROW(write(existing, linkAppears), std::runtime_error);
+  }
+  write(NewFile::Existing::Replace, nothing);
+  EXPECT_FALSE(std::filesystem::is_symlink(path)) << "the link is replaced, not followed";
+  EXPECT_EQ(run.Read("new.hex"), "new");
+  EXPECT_EQ(run.Read("victim"), "kept");
+  EXPECT_EQ(FilesInFolder(), 2) << "no temporary file is left";
+}
+
+TEST_F(Pack, LinksAreReplacedOnlyWithForceAndNeverFollowed) {
+  run.Write("victim", "kept");
+  std::filesystem::create_symlink("victim", run.Path("fw.hex"));
+  std::filesystem::create_symlink("missing", run.Path("loose.hex"));
+  EXPECT_EQ((*this)("--family plain -o @fw.hex"), ExitCode::Usage);
+  EXPECT_EQ((*this)("--family plain -o @loose.hex"), ExitCode::Usage);
+  EXPECT_EQ((*this)("--family plain -o @fw.hex --force"), ExitCode::Done) << run.Err();
+  EXPECT_FALSE(std::filesystem::is_symlink(run.Path("fw.hex")));
+  EXPECT_EQ(run.Read("victim"), "kept");
+  EXPECT_FALSE(std::filesystem::exists(run.Path("missing")));
 }
 
 }  // namespace

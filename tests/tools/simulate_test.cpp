@@ -1,5 +1,8 @@
 // The command "simulate", as a process of its own: it starts others and takes signals.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <fstream>
 
 #include "tests/support/child_process.h"
 #include "tests/support/temporary_folder.h"
@@ -73,6 +76,30 @@ TEST_F(SimulateTest, WithoutTheSubstituteItServesButRunsNoCommand) {
   ChildProcess mistaken(folder.Path(), {"./firmware-updater", "simulate", "--", "true"},
                         environment, "output.txt");
   EXPECT_EQ(mistaken.Wait(kPrompt), 3) << mistaken.Output();
+}
+
+// In a folder that another account prepared.
+TEST_F(SimulateTest, ItWritesThroughNoLink) {
+  const std::filesystem::path victim = folder.Path() / "victim";
+  std::ofstream(victim) << "kept";
+  const auto plant = [&](const std::string& name) {
+    std::filesystem::create_directories(folder.Path() / "device");
+    std::filesystem::remove(folder.Path() / name);
+    std::filesystem::create_symlink(victim, folder.Path() / name);
+  };
+  for (const char* name : {"port", "port.new", "device/flash.bin", "device/flash.bin.new"}) {
+    plant(name);
+  }
+  EXPECT_EQ(Run({"--port-file", "port", "--state", "device", "--", "cat", "port"}), 0) << output;
+  EXPECT_FALSE(std::filesystem::is_symlink(folder.Path() / "port"));
+  EXPECT_FALSE(std::filesystem::is_symlink(folder.Path() / "device/flash.bin"));
+  plant("device/journal.txt");
+  EXPECT_EQ(Run({"--state", "device", "--", "true"}), 2);
+  EXPECT_TRUE(Says("it is a link")) << output;
+  std::filesystem::remove(folder.Path() / "device/journal.txt");
+  ASSERT_EQ(mkfifo((folder.Path() / "device/journal.txt").c_str(), 0600), 0);
+  EXPECT_EQ(Run({"--state", "device", "--", "true"}), 2) << "and a FIFO blocks nothing";
+  EXPECT_EQ(FileText(victim), "kept");
 }
 
 TEST_F(SimulateTest, MistakesAreExplained) {

@@ -15,6 +15,7 @@
 #include "package/file_reading.h"
 #include "simulator/device.h"
 #include "simulator/firmware_builder.h"
+#include "simulator/new_file.h"
 #include "simulator/served_device.h"
 #include "text/text_format.h"
 
@@ -24,6 +25,7 @@ namespace {
 namespace fs = std::filesystem;
 using tavosim::Firmware;
 using tavosim::FirmwareRecipe;
+using tavosim::NewFile;
 
 constexpr std::size_t kSizeUnit = 1024;
 constexpr std::uintmax_t kMaxBinaryBytes = 0xFF0000;  // the reach of stored addresses
@@ -202,40 +204,15 @@ std::string UpdateFileOf(const Options& options, const Firmware& firmware) {
   return tavosim::ZipArchive({{name, std::move(text)}});
 }
 
-// A file that gets its name only when it is complete; until then it lies beside it, and what has no
-// name in the end is removed.
-class NewFile {
- public:
-  NewFile(const std::string& path, bool force) : m_path(path), m_partial(PartialName(path)) {
-    std::error_code error;
-    const bool exists = fs::exists(path, error);
-    if (exists && !fs::is_regular_file(path, error)) {
-      Refuse(path + " is there and is no file", "give another name");
-    }
-    if (exists && !force) Refuse(path + " exists already", "give --force to replace it");
+NewFile Output(const std::string& path, bool force) {
+  std::error_code ignored;
+  const bool exists = fs::exists(fs::symlink_status(path, ignored));
+  if (exists && !fs::is_regular_file(path, ignored)) {
+    Refuse(path + " exists and is not a regular file", "give another name");
   }
-  ~NewFile() {
-    std::error_code ignored;
-    fs::remove(m_partial, ignored);
-  }
-  NewFile(const NewFile&) = delete;
-  NewFile& operator=(const NewFile&) = delete;
-
-  void Write(std::string_view bytes) const { tavosim::WriteFile(m_partial, bytes); }
-  void Name() const { fs::rename(m_partial, m_path); }
-  const std::string& Partial() const { return m_partial; }
-
- private:
-  // Ends as the path does, for that tells what is in it.
-  static std::string PartialName(const std::string& path) {
-    const fs::path whole(path);
-    const std::string name = whole.stem().string() + ".partial" + whole.extension().string();
-    return (whole.parent_path() / ("." + name)).string();
-  }
-
-  std::string m_path;
-  std::string m_partial;
-};
+  if (exists && !force) Refuse(path + " exists already", "give --force to replace it");
+  return {path, force ? NewFile::Existing::Replace : NewFile::Existing::Keep};
+}
 
 void CheckOptions(const Options& options) {
   const UpdateFileKind kind = KindByName(options.output);
@@ -258,7 +235,7 @@ void CheckOptions(const Options& options) {
 
 void Pack(const Machine& machine, const Options& options) {
   CheckOptions(options);
-  const NewFile output(options.output, options.force);
+  NewFile output = Output(options.output, options.force);
   std::optional<NewFile> raw;
   if (!options.raw.empty()) {
     const auto place = [](const std::string& path) {
@@ -267,7 +244,7 @@ void Pack(const Machine& machine, const Options& options) {
     if (place(options.raw) == place(options.output)) {
       Refuse("--raw and --output name the same file", "give one of them another name");
     }
-    raw.emplace(options.raw, options.force);
+    raw.emplace(Output(options.raw, options.force));
   }
   if (options.members.empty()) {
     const Firmware firmware =
@@ -278,7 +255,7 @@ void Pack(const Machine& machine, const Options& options) {
   } else {
     output.Write(Collect(options));
   }
-  const PackageReport report = ReportOn(output.Partial());
+  const PackageReport report = ReportOn(output.Temporary().string());
   for (const MemberReport& member : report.members) {
     if (member.verdict != Verdict::Used) {
       Refuse(report.problem.empty() ? "'" + member.name + "': " + member.reason : report.problem,
