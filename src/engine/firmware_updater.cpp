@@ -27,7 +27,10 @@ DeviceFacts FirmwareUpdater::Facts() const {
           .bootloaderVersion = m_bootloaderVersion,
           .blockSize = m_blockSize == 0 ? -1 : static_cast<std::int32_t>(m_blockSize),
           .processorId = m_processorId,
-          .hardwareId = m_hardwareId};
+          .hardwareId = m_hardwareId,
+          .applicationKiB = m_applicationKiB,
+          .checksum = m_checksum,
+          .expectedChecksum = m_expectedChecksum};
 }
 
 void FirmwareUpdater::RequestStop() {

@@ -65,6 +65,10 @@ struct DeviceFacts {
   std::int32_t blockSize = -1;  // bytes
   std::int32_t processorId = -1;
   std::int32_t hardwareId = -1;
+  std::int32_t applicationKiB = -1;
+  // Of the last verification, as calculated and as the firmware says.
+  std::int64_t checksum = -1;
+  std::int64_t expectedChecksum = -1;
 };
 
 class UpdateObserver;
@@ -97,6 +101,9 @@ class FirmwareUpdater {
   };
 
   void SetFlags(const UpdateFlags& flags) { m_flags = flags; }
+
+  // Whether an update draws its progress bar on the console; on from the beginning.
+  void ShowProgressBar(bool on) { m_status.ShowProgressBar(on); }
 
   // From the next update on; null for none. Must outlive the update.
   void SetObserver(UpdateObserver* observer) { m_observer = observer; }
@@ -263,6 +270,9 @@ class FirmwareUpdater {
   std::int32_t m_softwareId = -1;
   std::int32_t m_processorId = -1;
   std::int32_t m_hardwareId = -1;
+  std::int32_t m_applicationKiB = -1;
+  std::int64_t m_checksum = -1;
+  std::int64_t m_expectedChecksum = -1;
   std::chrono::milliseconds m_valueRequestStart{0};  // of the current identity request
   std::uint32_t m_waitStartTick = 0;                 // ms, system tick count
   mutable std::mutex m_modulesLock;

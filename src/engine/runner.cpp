@@ -32,6 +32,9 @@ void FirmwareUpdater::ResetForUpdate() {
   m_bootloaderVersion = -1;
   m_processorId = -1;
   m_hardwareId = -1;
+  m_applicationKiB = -1;
+  m_checksum = -1;
+  m_expectedChecksum = -1;
   m_succeeded = false;
   m_failed = false;
   m_activeTunnel = 0;

@@ -41,8 +41,12 @@ void StatusHandler::Handle(const StatusMessage& message) {
     case StatusKind::TransferBegins:
       m_bar.Begin(message.value);
       return PrintLine("Transferring Firmware");
-    case StatusKind::TransferProgress: return m_platform.Print(m_bar.Redraw(message.value));
-    case StatusKind::TransferEnded: return m_platform.Print("\n");
+    case StatusKind::TransferProgress:
+      if (m_showsBar) m_platform.Print(m_bar.Redraw(message.value));
+      return;
+    case StatusKind::TransferEnded:
+      if (m_showsBar) m_platform.Print("\n");
+      return;
     case StatusKind::WaitAndResume: return WaitAndResume(message);
   }
   PrintLine("Unknown Message");

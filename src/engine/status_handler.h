@@ -54,6 +54,9 @@ class StatusHandler {
 
   void Handle(const StatusMessage& message);
 
+  // On from the beginning. A program that shows the progress itself turns it off.
+  void ShowProgressBar(bool on) { m_showsBar = on; }
+
  private:
   void PrintLine(std::string_view text);
   void PrintFailure(const StatusMessage& message);
@@ -62,6 +65,7 @@ class StatusHandler {
   Platform& m_platform;
   FirmwareUpdater& m_engine;
   ProgressBar m_bar;
+  bool m_showsBar = true;
 };
 
 }  // namespace tavo

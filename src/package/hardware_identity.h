@@ -34,6 +34,14 @@ constexpr HardwareIdRecord SplitHardwareId(std::uint16_t id) {
 // A pattern with this value in a field matches every value there.
 inline constexpr std::uint8_t kAnyField = 15;
 
+// Whether firmware for `accepted` may be written to `device`. A device that reports 15 in a field takes
+// any value there.
+constexpr bool Accepts(const HardwareIdRecord& accepted, const HardwareIdRecord& device) {
+  const auto fits = [](std::uint8_t of, std::uint8_t value) { return of == value || of == 15; };
+  return fits(device.serie, accepted.serie) && fits(device.type, accepted.type) &&
+         fits(device.module, accepted.module) && fits(device.variant, accepted.variant);
+}
+
 struct HardwareIdPattern {
   std::uint8_t serie;
   std::uint8_t type;

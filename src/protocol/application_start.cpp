@@ -35,7 +35,11 @@ StepResult FirmwareUpdater::CompareChecksums() {
   const std::uint32_t reference = LittleEndian32(m_rxMessage.payload.data() + sizeof(calculated));
   const bool equal = calculated == reference;
   // Two missing checksums are equal too, but they are no evidence.
-  if (m_rxMessage.length >= 2 * sizeof(calculated)) m_evidence.Verified(equal);
+  if (m_rxMessage.length >= 2 * sizeof(calculated)) {
+    m_evidence.Verified(equal);
+    m_checksum = calculated;
+    m_expectedChecksum = reference;
+  }
   m_log.LogInfo("FirmwareUpdater: Verify: %s Calc:0x%.8X IAR:0x%.8X",
                 equal ? "successful" : "failed", calculated, reference);
   if (equal) return StepResult::Done;

@@ -11,19 +11,6 @@ namespace {
 
 constexpr std::size_t kApplicationSizeUnit = 1024;
 
-// A device that reports this in a field of its hardware id takes any value there.
-constexpr std::uint8_t kDeviceTakesAny = 15;
-
-bool FieldMatches(std::uint8_t device, std::uint8_t accepted) {
-  return device == accepted || device == kDeviceTakesAny;
-}
-
-bool Matches(const HardwareIdRecord& device, const HardwareIdRecord& accepted) {
-  return FieldMatches(device.serie, accepted.serie) && FieldMatches(device.type, accepted.type) &&
-         FieldMatches(device.module, accepted.module) &&
-         FieldMatches(device.variant, accepted.variant);
-}
-
 }  // namespace
 
 StepResult FirmwareUpdater::CheckApplicationSize(StepPhase phase) {
@@ -36,6 +23,7 @@ StepResult FirmwareUpdater::CheckApplicationSize(StepPhase phase) {
 }
 
 StepResult FirmwareUpdater::CompareApplicationSize() {
+  m_applicationKiB = AnswerValue();
   const std::size_t device = AnswerValue() * kApplicationSizeUnit;
   const std::size_t firmware = SelectedFirmware().data.size();
   m_platform.Print("FirmwareUpdater: Check Application Section Size: Device " +
@@ -113,7 +101,7 @@ bool FirmwareUpdater::MatchesHardwareId(std::uint16_t hardwareId,
   for (const std::uint16_t value : accepted) {
     const HardwareIdRecord entry = SplitHardwareId(value);
     log("HwList", entry);
-    matches |= Matches(device, entry);
+    matches |= Accepts(entry, device);
   }
   return matches;
 }

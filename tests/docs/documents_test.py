@@ -80,7 +80,7 @@ def in_simulators(setup: list[str], words: list[str]) -> list[str]:
 
 def comparable(output: str) -> list[str]:
     """Without times and rates, and without the lines that a terminal does not keep."""
-    output = re.sub(r"^no answer to: .*\n", "", output, flags=re.M)
+    output = re.sub(r"^(no answer to: |Waiting up to ).*\n", "", output, flags=re.M)
     output = re.sub(r"\d+\.\d s\b", "N s", re.sub(r"[\d.]+ KiB/s", "N KiB/s", output))
     return re.sub(r" +", " ", output).splitlines()
 

@@ -107,15 +107,16 @@ TEST_F(CommandLineTest, AWrongCommandLineGetsOneLineAndAHint) {
     std::string complaint;
     const char* helpOf;
   } kCases[] = {
-      {"nothing", "there is no command \"nothing\"", ""},
-      {"--nothing", "there is no option \"--nothing\"", ""},
-      {"list --nothing", "there is no option \"--nothing\"", "list "},
-      {"list x", "\"x\" is one argument too many", "list "},
+      {"nothing", "unknown command \"nothing\"", ""},
+      {"updat", "unknown command \"updat\"; did you mean \"update\"?", ""},
+      {"--nothing", "unknown option \"--nothing\"", ""},
+      {"list --nothing", "unknown option \"--nothing\"", "list "},
+      {"list x", "unexpected argument \"x\"", "list "},
       {"list --wait", "--wait needs a value", "list "},
-      {"--json list", "there is no option \"--json\" in front of a command", "list "},
+      {"--json list", "unknown option \"--json\" before the command", "list "},
       {"info --usb 1 --usb 2", "--usb can be given only once", "info "},
       {"update", "FILE is required", "update "},
-      {"simulate --nothing -- true", "there is no option \"--nothing\"", "simulate "},
+      {"simulate --nothing -- true", "unknown option \"--nothing\"", "simulate "},
   };
   for (const auto& row : kCases) {
     EXPECT_EQ(run(row.line), ExitCode::Usage);

@@ -26,9 +26,9 @@ TEST(UpdateCommand, UpdatesEveryFamilyAndSaysSo) {
     EXPECT_EQ(desk.Update(), Done) << desk.run.Err();
     EXPECT_TRUE(desk.UpdatedAndRuns());
     const bool verifies = family.bootloaderVersion >= 3;
-    EXPECT_TRUE(
-        desk.run.LastLine().starts_with(verifies ? "The device runs the new firmware, verified."
-                                                 : "The device runs the new firmware; nothing has"))
+    EXPECT_TRUE(desk.run.LastLine().starts_with(
+        verifies ? "The device runs the new firmware, verified."
+                 : "The device runs the new firmware; its flash is"))
         << desk.run.Out();
     EXPECT_EQ(desk.run.Recommended(), "");
     EXPECT_FALSE(desk.run.Says("\b"));
@@ -358,9 +358,9 @@ TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
 
   EXPECT_EQ(desk.run("update @firmware.hex --usb 3-9 --json --log @tool.log"), NoDevice);
   const Json failure = Json::Parse(desk.run.Out())["failure"];
-  EXPECT_EQ(failure["text"], "--usb 3-9 is not there");
+  EXPECT_EQ(failure["text"], "--usb 3-9 is not connected");
   EXPECT_EQ(failure["hint"],
-            "name one of these, or check cable and power: --usb 1-4-2, --ftdi TAVO0001");
+            "check the cable and the power, or select one of these: --usb 1-4-2, --ftdi TAVO0001");
 }
 
 }  // namespace

@@ -4,9 +4,11 @@
 #include <algorithm>
 #include <exception>
 #include <memory>
+#include <numeric>
 #include <ostream>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "commands/completion.h"
@@ -69,14 +71,14 @@ const CLI::App& Chosen(const CLI::App& app) {
   return commands.empty() ? app : Chosen(*commands.front());
 }
 
-// What the parser had no use for, in the order of the command line.
+// The words that the parser could not use, in the order of the command line.
 std::vector<std::string> LeftOver(const CLI::App& app) {
   std::vector<std::string> words = app.remaining(true);
   std::erase(words, "--");
   return words;
 }
 
-// The parser's own text, which for a value left out speaks of types, and of numbers for one too many.
+// The parser's own text, except where it speaks of types and counts.
 std::string Plain(const CLI::ParseError& error) {
   const std::string text = error.what();
   const std::string name = text.substr(0, text.find(':'));
@@ -86,16 +88,42 @@ std::string Plain(const CLI::ParseError& error) {
   return text;
 }
 
+// The number of letters to add, drop or exchange to turn one word into the other.
+std::size_t Distance(std::string_view one, std::string_view other) {
+  std::vector<std::size_t> row(other.size() + 1);
+  std::iota(row.begin(), row.end(), std::size_t{0});
+  for (std::size_t i = 0; i < one.size(); ++i) {
+    std::size_t diagonal = std::exchange(row[0], i + 1);
+    for (std::size_t j = 0; j < other.size(); ++j) {
+      const std::size_t exchanged = diagonal + (one[i] == other[j] ? 0 : 1);
+      diagonal = row[j + 1];
+      row[j + 1] = std::min({exchanged, row[j] + 1, diagonal + 1});
+    }
+  }
+  return row.back();
+}
+
+std::string Suggestion(const CLI::App& app, const std::string& word) {
+  constexpr std::size_t kMostTypos = 2;
+  const auto commands = app.get_subcommands([](const CLI::App*) { return true; });
+  const auto distance = [&](const CLI::App* command) {
+    return Distance(command->get_name(), word);
+  };
+  const auto nearest = std::ranges::min_element(commands, {}, distance);
+  if (nearest == commands.end() || distance(*nearest) > kMostTypos) return {};
+  return "; did you mean \"" + (*nearest)->get_name() + "\"?";
+}
+
 std::string Complaint(const CLI::App& app, const CLI::ParseError& error) {
   const std::vector<std::string> words = LeftOver(app);
   if (words.empty()) return Plain(error);
   const std::string& word = words.front();
   const bool inFront = &Chosen(app) != &app && !app.remaining().empty();
   if (word.starts_with('-')) {
-    return "there is no option \"" + word + "\"" + (inFront ? " in front of a command" : "");
+    return "unknown option \"" + word + "\"" + (inFront ? " before the command" : "");
   }
-  if (&Chosen(app) == &app) return "there is no command \"" + word + "\"";
-  return "\"" + word + "\" is one argument too many";
+  if (&Chosen(app) == &app) return "unknown command \"" + word + "\"" + Suggestion(app, word);
+  return "unexpected argument \"" + word + "\"";
 }
 
 std::string HelpHint(const CLI::App& app) {
@@ -103,7 +131,7 @@ std::string HelpHint(const CLI::App& app) {
   return std::string(kName) + " " + (&chosen == &app ? "" : chosen.get_name() + " ") + "--help";
 }
 
-ExitCode Refuse(const CLI::App& app, const CLI::ParseError& error, const Machine& machine) {
+ExitCode EndParsing(const CLI::App& app, const CLI::ParseError& error, const Machine& machine) {
   if (error.get_exit_code() == static_cast<int>(CLI::ExitCodes::Success)) {  // --help, --version
     app.exit(error, machine.out, machine.err);
     return ExitCode::Done;
@@ -127,17 +155,17 @@ ExitCode Run(int argc, const char* const* argv, const Machine& machine) {
   try {
     app.parse(argc, argv);
   } catch (const CLI::ParseError& error) {
-    return Refuse(app, error, machine);
+    return EndParsing(app, error, machine);
   }
   return exit;
 }
 
-// What nobody gets to read is not done. An update has judged this for itself, as it knows the device.
+// Lost output counts as failure. An update has checked this itself, because it knows the device.
 ExitCode WithOutput(ExitCode exit, const Machine& machine) {
   machine.out.flush();
   if (machine.out || exit != ExitCode::Done) return exit;
-  Complain(machine, "standard output cannot be written; what was to be told is lost",
-           "check the disk, or what reads the output, then run the command again");
+  Complain(machine, "standard output cannot be written; the output was lost",
+           "check the disk, or the program that reads the output, then run the command again");
   return ExitCode::FailedUnknown;
 }
 
@@ -164,8 +192,10 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
 int RunTool(int argc, const char* const* argv, const Machine& machine) {
   try {
     return static_cast<int>(WithOutput(Run(argc, argv, machine), machine));
+  } catch (const Refusal& refusal) {
+    return static_cast<int>(Complain(machine, refusal));
   } catch (const std::exception& error) {
-    // A fault of the tool or a lack of memory: how far it came is not known here.
+    // A defect of the tool, or no memory left: how far the command came is not known here.
     Complain(machine, std::string("unexpected: ") + error.what(), {});
     return static_cast<int>(ExitCode::FailedUnknown);
   }

@@ -1,7 +1,9 @@
-// info: asks one device who it is and what it is doing, and leaves it as it was.
+// info: asks one device for its identity and state, and leaves it as it was.
 #include <algorithm>
 #include <array>
+#include <cstdio>
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <utility>
 #include <vector>
@@ -10,6 +12,7 @@
 #include "device/inquiry.h"
 #include "device/session.h"
 #include "device/target_choice.h"
+#include "file/package_report.h"
 #include "package/hardware_identity.h"
 #include "text/json.h"
 #include "text/log_platform.h"
@@ -25,43 +28,62 @@ constexpr int kDocumentVersion = 1;
 
 struct Options {
   TargetOptionsValues target{};
+  std::string file{};
+  std::string through{};
   bool json = false;
 };
 
-enum class Doing { Application, Bootloader, Hidden, Silent };
+// Everything that the answers come from.
+struct Place {
+  Target target;
+  std::optional<TunnelRoute> behind;  // a master, through this tunnel
 
-// The command is also the one after an update that was broken off: a killed one names none itself.
+  std::string Options() const {
+    std::string options = TargetOptions(target);
+    if (behind) {
+      options +=
+          " --through " + std::to_string(behind->master) + "." + std::to_string(behind->slave);
+    }
+    return options;
+  }
+};
+
+enum class State { Application, Bootloader, Master, Silent };
+
+// The command is also the one after an update that was killed, which could name none itself.
 struct Description {
-  Doing doing;
+  State state;
   const char* name;      // stable, for scripts
-  const char* sentence;  // for people; a command follows, when there is one
+  const char* sentence;  // for people; a command follows, if any
   const char* command;
 };
 
 // clang-format off
 constexpr std::array kDescriptions{
-    Description{Doing::Application, "application",
-                "It runs its application. To update it: ", "update"},
-    Description{Doing::Bootloader,  "bootloader",  "It sits in its bootloader: ", "recover"},
-    Description{Doing::Hidden,      "hidden",
-                "A module answers, but neither an application nor a bootloader was heard: a master module "
-                "hides the device behind it until a tunnel is opened, which this command never does. "
-                "Whatever it is doing, this updates it: ", "recover"},
-    Description{Doing::Silent,      "silent",      "Nothing answered.", nullptr},
+    Description{State::Application, "application",
+                "It runs its application. To update it, run: ", "update"},
+    Description{State::Bootloader,  "bootloader",
+                "It is in its bootloader. To recover it, run: ", "recover"},
+    Description{State::Master,      "master",
+                "It is a master module; devices behind it are reached through a tunnel. To look behind it, "
+                "run: ", "info"},
+    Description{State::Silent,      "silent",      "It does not respond.", nullptr},
 };
 // clang-format on
 
 const Description& DescriptionOf(const DeviceReport& report) {
-  const Doing doing = report.inBootloader         ? Doing::Bootloader
-                      : report.RunsApplication()  ? Doing::Application
-                      : report.AnythingAnswered() ? Doing::Hidden
-                                                  : Doing::Silent;
-  return *std::ranges::find(kDescriptions, doing, &Description::doing);
+  const State state = report.inBootloader        ? State::Bootloader
+                      : report.RunsApplication() ? State::Application
+                      : report.IsMaster()        ? State::Master
+                                                 : State::Silent;
+  return *std::ranges::find(kDescriptions, state, &Description::state);
 }
 
-std::string NextCommand(const Description& description, const Target& target) {
+// The update file names the tunnel itself.
+std::string NextCommand(const Description& description, const Place& place) {
   if (description.command == nullptr) return {};
-  return std::string("firmware-updater ") + description.command + " FILE " + TargetOptions(target);
+  return std::string("firmware-updater ") + description.command + " FILE " +
+         TargetOptions(place.target);
 }
 
 const McuRow* FindMcu(std::uint32_t processorId) {
@@ -112,15 +134,15 @@ Facts FactsOf(const DeviceReport& report) {
   return facts;
 }
 
-void WriteText(std::ostream& to, const Target& target, const DeviceReport& report) {
+void WriteText(std::ostream& to, const Place& place, const DeviceReport& report) {
   constexpr std::size_t kColumn = 13;
   Facts facts = FactsOf(report);
-  facts.emplace(facts.begin(), "device", TargetOptions(target));
+  facts.emplace(facts.begin(), "device", place.Options());
   for (const auto& [name, value] : facts) {
     to << name << std::string(kColumn - name.size(), ' ') << value << '\n';
   }
   const Description& description = DescriptionOf(report);
-  to << description.sentence << NextCommand(description, target) << '\n';
+  to << description.sentence << NextCommand(description, place) << '\n';
 }
 
 // --- for scripts: ids by the names and in the form that the record of an update has ---
@@ -128,6 +150,10 @@ void WriteText(std::ostream& to, const Target& target, const DeviceReport& repor
 Json TunnelJson(std::uint16_t tunnel) {
   if (tunnel == 0) return {{"open", false}};
   return {{"open", true}, {"master", MasterOf(tunnel)}, {"slave", SlaveOf(tunnel)}};
+}
+
+Json RouteJson(const TunnelRoute& route) {
+  return {{"master", route.master}, {"slave", route.slave}};
 }
 
 Json McuIdJson(std::uint32_t processorId) {
@@ -143,13 +169,14 @@ Json HardwareJson(std::uint16_t id) {
           {"variant", fields.variant}};
 }
 
-void WriteJson(std::ostream& to, const Target& target, const DeviceReport& report) {
+void WriteJson(std::ostream& to, const Place& place, const DeviceReport& report) {
   const Description& description = DescriptionOf(report);
-  const std::string next = NextCommand(description, target);
+  const std::string next = NextCommand(description, place);
   const Json document{
       {"version", kDocumentVersion},
-      {"kind", KindName(target.kind)},
-      {"address", target.address},
+      {"kind", KindName(place.target.kind)},
+      {"address", place.target.address},
+      {"through", place.behind ? RouteJson(*place.behind) : Json()},
       {"state", description.name},
       {"deviceId", report.deviceId},
       {"softwareId", report.softwareId},
@@ -168,51 +195,105 @@ void WriteJson(std::ostream& to, const Target& target, const DeviceReport& repor
 
 // --- the command ---
 
-std::string SilenceHint(const Target& target) {
+std::string SilenceHint(const Place& place) {
+  if (place.behind) return "check that device and its connection to the master";
   const std::string adapter =
-      target.kind == TransportKind::Ftdi ? "check --baud and --echo; " : std::string();
+      place.target.kind == TransportKind::Ftdi ? "check --baud; " : std::string();
   return adapter +
-         "it may be without power or just starting: ask again in ten seconds; a device whose "
-         "master module left a tunnel open may be silent too";
+         "it may be without power or starting: ask again in ten seconds; a device whose master "
+         "module left a tunnel open may be silent too";
 }
 
-ExitCode Tell(const Machine& machine, const Options& options, const Target& target,
-              const DeviceReport& report) {
-  if (options.json) WriteJson(machine.out, target, report);
+ExitCode Report(const Machine& machine, const Options& options, const Place& place,
+                const DeviceReport& report) {
+  if (options.json) WriteJson(machine.out, place, report);
   if (!report.AnythingAnswered()) {
-    Complain(machine, "the device at " + TargetOptions(target) + " answers nothing",
-             SilenceHint(target));
+    Complain(machine, "the device at " + place.Options() + " does not respond", SilenceHint(place));
     return ExitCode::FailedUnknown;
   }
-  if (!options.json) WriteText(machine.out, target, report);
+  if (!options.json) WriteText(machine.out, place, report);
   return ExitCode::Done;
 }
 
+// "4.1"; none for any other text.
+std::optional<TunnelRoute> ParseRoute(const std::string& text) {
+  int master = -1;
+  int slave = -1;
+  int length = 0;
+  const bool whole = std::sscanf(text.c_str(), "%3d.%3d%n", &master, &slave, &length) == 2 &&
+                     static_cast<std::size_t>(length) == text.size();
+  const bool inRange = master >= 0 && master <= 255 && slave >= 0 && slave <= 255;
+  return whole && inRange ? std::optional(TunnelRoute{master, slave}) : std::nullopt;
+}
+
+std::string CheckRoute(const std::string& text) {
+  return ParseRoute(text) ? "" : "is written MASTER.SLAVE, for example 4.1";
+}
+
+std::optional<TunnelRoute> RouteBehind(const Options& options) {
+  if (options.file.empty()) return ParseRoute(options.through);
+  const PackageReport report = ReportOn(options.file);
+  if (!report.CouldBeWritten()) {
+    throw Refusal{ExitCode::BadFile, "bad-file", options.file + ": " + report.problem, report.hint};
+  }
+  const TunnelRoute route = report.images.front().route;
+  return route.master == -1 ? std::nullopt : std::optional(route);
+}
+
+void CheckEcho(Inquiry& inquiry, const Place& place) {
+  const bool echo = place.target.echo;
+  if (place.target.kind != TransportKind::Ftdi || inquiry.LineEchoes() == echo) return;
+  Place corrected = place;
+  corrected.target.echo = !echo;
+  throw EchoRefusal(!echo, "firmware-updater info " + corrected.Options());
+}
+
+// A tunnel that is opened here is closed again.
+DeviceReport AskBehind(Inquiry& inquiry, const TunnelRoute& route) {
+  DeviceReport report;
+  if (!inquiry.OpenTunnelTo(route)) return report;
+  report = AskWho(inquiry);
+  inquiry.CloseTunnel();
+  report.tunnel = inquiry.OpenTunnel();
+  return report;
+}
+
 ExitCode Info(const Machine& machine, const Options& options) {
-  const TargetChoice choice = ChooseTarget(machine, options.target);
-  if (!choice.target) return choice.exit;
+  const std::optional<TunnelRoute> route = RouteBehind(options);
+  Place place{ChooseTarget(machine, options.target), std::nullopt};
   LogPlatform quiet(machine.platform, {}, nullptr);
   Session session(machine, quiet);
-  if (const std::string problem = session.Open(*choice.target); !problem.empty()) {
-    Complain(machine, problem, "`firmware-updater list` shows what stands in the way");
-    return ExitCode::NoDevice;
+  session.Open(place.target);
+  Inquiry inquiry(session.Transport(), quiet,
+                  [&](const std::string& text) { machine.err << text << std::endl; });
+  CheckEcho(inquiry, place);
+  DeviceReport report = AskWho(inquiry);
+  if (route && report.IsMaster()) {
+    place.behind = route;
+    report = AskBehind(inquiry, *route);
   }
-  Inquiry inquiry(session.Transport(), quiet);
-  return Tell(machine, options, *choice.target, AskWho(inquiry));
+  return Report(machine, options, place, report);
 }
 
 }  // namespace
 
 void AddInfoCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  CommandOptions command(app, "info",
-                         "Ask a device who it is and what it is doing, changing nothing");
+  CommandOptions command(app, "info", "Ask a device for its identity and state, changing nothing");
   const auto options = std::make_shared<Options>();
+  Option file = command.Value("FILE", options->file,
+                              "Update file of the device: a tunnel that it needs is opened for the "
+                              "questions and closed again");
   AddTargetOptions(command, options->target);
+  command.Value("--through", options->through, "Look behind the master: the tunnel to open")
+      .Shown("MASTER.SLAVE")
+      .Checked(CheckRoute)
+      .Excludes(file);
   command.Flag("--json", options->json, "Write one JSON document");
   command.Footer(
       "Without --usb and --ftdi the only connected USB device is asked.\n\n"
       "Examples:\n"
       "  firmware-updater info\n"
+      "  firmware-updater info --usb 4-2 --through 4.1\n"
       "  firmware-updater info --ftdi TAVO0001 --baud 115200 --json");
   command.OnRun(exit, [&machine, options] { return Info(machine, *options); });
 }

@@ -46,15 +46,8 @@ struct Options {
   bool force = false;
 };
 
-// Ends the command: something is wrong that the user can fix.
-struct Refusal {
-  ExitCode exit;
-  std::string text;
-  std::string hint;
-};
-
 [[noreturn]] void Refuse(std::string text, std::string hint, ExitCode exit = ExitCode::Usage) {
-  throw Refusal{exit, std::move(text), std::move(hint)};
+  throw Refusal{exit, "pack", std::move(text), std::move(hint)};
 }
 
 // --- numbers ---
@@ -271,9 +264,6 @@ void Pack(const Machine& machine, const Options& options) {
 ExitCode RunPack(const Machine& machine, const Options& options) try {
   Pack(machine, options);
   return ExitCode::Done;
-} catch (const Refusal& refusal) {
-  Complain(machine, refusal.text, refusal.hint);
-  return refusal.exit;
 } catch (const std::invalid_argument& error) {
   Complain(machine, error.what(), "change --size, --address or the description of the image");
   return ExitCode::Usage;

@@ -25,12 +25,8 @@ void AddUpdateCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
                "Ask nothing that needs a running application, and open no tunnel");
   command.Flag("--dry-run", options->flags.dryRun,
                "Run every check, then return to the application; nothing is written");
-  command.OnRun(exit, [&machine, options] {
-    return RunUpdate(machine, "update", *options,
-                     [&options = *options](const PackageReport&, Inquiry&, const RunPlan& run) {
-                       return run(options.flags);
-                     });
-  });
+  command.OnRun(exit,
+                [&machine, options] { return RunUpdate(machine, Purpose::Update, *options); });
 }
 
 }  // namespace tavo::tool

@@ -15,10 +15,38 @@ constexpr std::uint32_t kSender = 1;
 constexpr std::uint32_t kOnlyChannel = 0;
 
 // A request may have to wait for half a frame, then in the queue, then for its answer; by then the
-// link has spoken. The second bound is for a device that never stops talking.
+// link has given up. The second bound is for a device that never stops sending.
 constexpr milliseconds kLongestWait{FrameAssembler::kInterByteTimeoutMs +
                                     TavoLink::kQueueTimeoutMs + TavoLink::kAnswerTimeoutMs};
 constexpr int kMostPolls = 100'000;
+
+constexpr milliseconds kBriefWait{500};
+constexpr milliseconds kAnnounceAfter{1000};
+constexpr milliseconds kTunnelOpening{6000};
+constexpr milliseconds kApplicationStart{25000};
+
+struct Announcement {
+  const Command& command;
+  const char* who;
+};
+
+const std::array kAnnouncements{
+    Announcement{kCheckVersion, "a bootloader"},
+    Announcement{kWaitForApplication, "an application"},
+    Announcement{kTunnelStatus, "a master module"},
+    Announcement{kRequestDeviceId, "the device, for its id"},
+    Announcement{kRequestDeviceIdAdmin, "the device, for its id"},
+    Announcement{kRequestSoftwareId, "the application, for its software id"},
+};
+
+std::string WaitingFor(const Command& command) {
+  const auto row = std::ranges::find_if(kAnnouncements, [&](const Announcement& announcement) {
+    return announcement.command.bearing == command.bearing &&
+           announcement.command.head.bytes == command.head.bytes;
+  });
+  const std::string who = row == kAnnouncements.end() ? "the device" : row->who;
+  return "Waiting up to 4 s for an answer from " + who + ".";
+}
 
 // A master that passes everything on to its tunnel listens for itself after these.
 bool NeedsEscape(const Command& command) {
@@ -34,8 +62,7 @@ std::optional<std::uint16_t> AskDeviceId(Inquiry& inquiry) {
   return id ? id : AskValue(inquiry, kRequestDeviceIdAdmin);
 }
 
-// Which of the two message kinds a device knows is told by firmware made for it, which is not at
-// hand.
+// A device knows one of two message kinds; only its firmware, which is not at hand, says which.
 std::optional<std::uint16_t> AskSoftwareId(Inquiry& inquiry) {
   const auto id = AskValue(inquiry, kRequestSoftwareId);
   if (id) return id;
@@ -51,18 +78,33 @@ std::optional<std::uint32_t> AskProcessorId(Inquiry& inquiry) {
   return std::uint32_t{bytes[0]} << 16 | std::uint32_t{bytes[1]} << 8 | bytes[2];
 }
 
-void AskBootloader(Inquiry& inquiry, DeviceReport& report) {
-  const std::optional<TavoMessage> version = inquiry.Ask(kCheckVersion);
-  if (!version) return;
+bool AskApplication(Inquiry& inquiry, Patience patience, DeviceReport& report) {
+  report.signOfLife = inquiry.Ask(kWaitForApplication, patience).has_value();
+  return report.signOfLife;
+}
+
+// The version and block size; whatever else answers has not both.
+bool AskBootloader(Inquiry& inquiry, Patience patience, DeviceReport& report) {
+  const std::optional<TavoMessage> version = inquiry.Ask(kCheckVersion, patience);
+  if (!version || version->length < 2) return false;
   report.inBootloader = true;
   report.bootloaderVersion = version->payload[0];
   report.blockSize = version->payload[1];
-  report.processorId = AskProcessorId(inquiry);
-  report.applicationKiB = AskValue(inquiry, kCheckApplicationSize);
-  report.hardwareId = AskValue(inquiry, kCheckHardwareId);
+  return true;
+}
+
+bool AskEither(Inquiry& inquiry, Patience patience, DeviceReport& report) {
+  return AskApplication(inquiry, patience, report) || AskBootloader(inquiry, patience, report);
 }
 
 }  // namespace
+
+Refusal EchoRefusal(bool echoes, const std::string& command) {
+  return {ExitCode::Usage, echoes ? "line-echoes" : "line-does-not-echo",
+          echoes ? "the adapter's line returns every byte sent"
+                 : "the adapter's line does not return the bytes sent",
+          echoes ? "add --echo" : "leave out --echo", command};
+}
 
 std::optional<std::uint16_t> AskValue(Inquiry& inquiry, const Command& command) {
   const std::optional<TavoMessage> answer = inquiry.Ask(command);
@@ -84,27 +126,65 @@ bool Inquiry::Send(const Command& command, std::span<const std::uint8_t> argumen
 }
 
 std::optional<TavoMessage> Inquiry::Ask(const Command& command,
-                                        std::span<const std::uint8_t> arguments) {
+                                        std::span<const std::uint8_t> arguments,
+                                        Patience patience) {
   if (!Send(command, arguments)) {
     // The device may hold half a frame; it forgets it in time.
     m_transport.WaitUntilQuiet();
     return std::nullopt;
   }
+  const milliseconds longest = patience == Patience::Brief ? kBriefWait : kLongestWait;
   const milliseconds start = m_platform.MonotonicNow();
+  bool announced = m_announce == nullptr;
   for (int poll = 0; poll < kMostPolls; ++poll) {
     TavoMessage answer;
     bool timedOut = false;
     if (m_transport.ReceiveTavoMessage(&answer, &timedOut)) {
       return timedOut ? std::nullopt : std::optional(answer);
     }
-    if (m_platform.MonotonicNow() - start > kLongestWait) break;
+    const milliseconds waited = m_platform.MonotonicNow() - start;
+    if (waited > longest) break;
+    if (!announced && waited > kAnnounceAfter) {
+      announced = true;
+      m_announce(WaitingFor(command));
+    }
   }
   return std::nullopt;
 }
 
-std::optional<std::uint16_t> Inquiry::OpenTunnel() {
-  const std::optional<std::uint16_t> tunnel = AskValue(*this, kTunnelStatus);
-  return tunnel == kNoTunnelEither ? std::uint16_t{0} : tunnel;
+// A request without a payload may be mistaken for an empty answer, so a second one has to come back
+// letter for letter.
+bool Inquiry::ReturnsRequests() {
+  const std::optional<TavoMessage> first = Ask(kCheckVersion, Patience::Brief);
+  if (!first || first->length != 0) return false;
+  const std::optional<TavoMessage> second = Ask(kRequestDeviceId, Patience::Brief);
+  const PayloadHead& head = kRequestDeviceId.head;
+  return second && second->length == head.length &&
+         std::equal(head.bytes.begin(), head.bytes.end(), second->payload.begin());
+}
+
+bool Inquiry::LineEchoes() {
+  const bool echo = m_transport.GetEcho();
+  m_transport.SetEcho(false);
+  const bool returned = ReturnsRequests();
+  m_transport.DiscardLeftovers();
+  m_transport.SetEcho(echo);
+  return returned;
+}
+
+std::optional<std::uint16_t> Inquiry::OpenTunnel(Patience patience) {
+  const std::optional<TavoMessage> answer = Ask(kTunnelStatus, patience);
+  if (!answer || answer->length < 2) return std::nullopt;
+  return Value(*answer) == kNoTunnelEither ? std::uint16_t{0} : Value(*answer);
+}
+
+bool Inquiry::OpenTunnelTo(const TunnelRoute& route) {
+  const std::array slaveAndMaster{static_cast<std::uint8_t>(route.slave),
+                                  static_cast<std::uint8_t>(route.master)};
+  if (!Ask(kInitTunnel, slaveAndMaster)) return false;
+  m_platform.Sleep(kTunnelOpening);
+  m_transport.LeaveOutPause();
+  return true;
 }
 
 void Inquiry::CloseTunnel() {
@@ -115,11 +195,35 @@ void Inquiry::CloseTunnel() {
   m_transport.DiscardInput();
 }
 
+bool Inquiry::StartApplication() {
+  Ask(kLeaveBootloader);
+  const milliseconds end = m_platform.MonotonicNow() + kApplicationStart;
+  do {
+    if (Ask(kWaitForApplication)) return true;
+  } while (m_platform.MonotonicNow() < end);
+  return false;
+}
+
+void AskBootloaderFacts(Inquiry& inquiry, DeviceReport& report) {
+  report.processorId = AskProcessorId(inquiry);
+  report.applicationKiB = AskValue(inquiry, kCheckApplicationSize);
+  report.hardwareId = AskValue(inquiry, kCheckHardwareId);
+}
+
+DeviceReport AskWhoAnswers(Inquiry& inquiry, Patience patience) {
+  DeviceReport report;
+  // The tunnel comes last: the escape before that question might keep a master from passing the others
+  // on to the device behind it. Most devices answer at once, so patience is for those that do not.
+  const bool answered = AskEither(inquiry, Patience::Brief, report) ||
+                        (patience == Patience::Full && AskEither(inquiry, patience, report));
+  report.tunnel = inquiry.OpenTunnel(answered ? Patience::Brief : patience);
+  return report;
+}
+
 DeviceReport AskWho(Inquiry& inquiry) {
   DeviceReport report;
-  // First, for the escape before the question about the tunnel might keep a master from passing
-  // this one on to the bootloader behind it.
-  AskBootloader(inquiry, report);
+  if (!AskEither(inquiry, Patience::Brief, report)) AskEither(inquiry, Patience::Full, report);
+  if (report.inBootloader) AskBootloaderFacts(inquiry, report);
   report.tunnel = inquiry.OpenTunnel();
   if (report.inBootloader) return report;
   report.deviceId = AskDeviceId(inquiry);

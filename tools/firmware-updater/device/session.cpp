@@ -12,11 +12,14 @@ Session::Session(const Machine& machine, Platform& platform, TransportObserver* 
 
 Session::~Session() { Close(); }
 
-std::string Session::Open(const Target& target) {
+void Session::Open(const Target& target) {
   ICommInterface* const transport = m_holder.SelectFor(target);
-  if (transport != nullptr && transport->OpenPort(target.address)) return {};
+  if (transport != nullptr && transport->OpenPort(target.address)) return;
   const bool usb = target.kind == TransportKind::Usb;
-  return (usb ? "the device at USB port " : "the adapter ") + target.address + " cannot be opened";
+  throw Refusal{
+      ExitCode::NoDevice, "not-opened",
+      (usb ? "the device at USB port " : "the adapter ") + target.address + " cannot be opened",
+      "`firmware-updater list` shows the reason"};
 }
 
 void Session::Close() {

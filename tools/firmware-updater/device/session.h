@@ -2,11 +2,9 @@
 // of the transport. Made for one command on one device.
 //
 //   Session session(machine, platform);
-//   if (const std::string problem = session.Open(target); !problem.empty()) Complain(...)
+//   session.Open(target);
 //   FirmwareUpdater engine(platform, session.Log(), session.Holder());
 #pragma once
-
-#include <string>
 
 #include "device/target.h"
 #include "engine/transport_holder.h"
@@ -26,8 +24,8 @@ class Session {
   Session(const Session&) = delete;
   Session& operator=(const Session&) = delete;
 
-  // Empty when the device is open, else the reason in one sentence. Asks the device nothing.
-  std::string Open(const Target& target);
+  // Asks the device nothing. Throws a Refusal when it cannot be opened.
+  void Open(const Target& target);
   // Closes the device; Open may follow.
   void Close();
 

@@ -1,8 +1,7 @@
 #include "device/target_choice.h"
 
 #include <algorithm>
-#include <ostream>
-#include <utility>
+#include <iterator>
 #include <vector>
 
 #include "device/device_survey.h"
@@ -16,78 +15,78 @@ constexpr std::uint32_t kFastestBaudRate = 12'000'000;
 using Devices = std::vector<FoundDevice>;
 
 std::string CheckName(const std::string& text) {
-  return text.empty() ? "is empty; `firmware-updater list` shows what to name" : "";
+  return text.empty() ? "is empty; `firmware-updater list` shows the devices" : "";
 }
 
-TargetChoice Refuse(const Machine& machine, ExitCode exit, const std::string& text,
-                    const std::string& hint, const Devices& shown = {}) {
-  Complain(machine, text, hint);
-  PrintDevices(machine.err, shown);
-  TargetChoice choice{std::nullopt, exit, text, hint};
-  const char* between = " ";
-  for (const FoundDevice& device : shown) {
+// "--usb 4-2, --ftdi TAVO0001"
+std::string Names(const Devices& devices) {
+  std::string names;
+  for (const FoundDevice& device : devices) {
     if (!device.IsUsable()) continue;
-    choice.hint += between + TargetOptions({device.kind, device.address});
-    between = ", ";
+    names += (names.empty() ? "" : ", ") + TargetOptions({device.kind, device.address});
   }
-  return choice;
+  return names;
 }
 
-TargetChoice RefuseUnusable(const Machine& machine, const std::string& name,
-                            const Obstacle& obstacle) {
-  return Refuse(machine, ExitCode::NoDevice, name + " cannot be used: " + obstacle.text,
-                obstacle.hint);
+Refusal Unusable(const std::string& name, const Obstacle& obstacle) {
+  return {ExitCode::NoDevice, "unusable-device", name + " cannot be used: " + obstacle.text,
+          obstacle.hint};
 }
 
-TargetChoice RefuseMissing(const Machine& machine, const std::string& name,
-                           const Devices& connected) {
-  return connected.empty()
-             ? Refuse(machine, ExitCode::NoDevice,
-                      name + " is not there, nor is any other device (" + kSearchedFor + ")",
-                      "check cable and power")
-             : Refuse(machine, ExitCode::NoDevice, name + " is not there",
-                      "name one of these, or check cable and power:", connected);
+Refusal Missing(const std::string& name, const Devices& connected) {
+  const std::string others = Names(connected);
+  if (others.empty()) {
+    return {
+        ExitCode::NoDevice, "no-device",
+        name + " is not connected, and no other device is usable (looked for " + kSearchedFor + ")",
+        "check the cable and the power; `firmware-updater list` shows every obstacle"};
+  }
+  return {ExitCode::NoDevice, "no-device", name + " is not connected",
+          "check the cable and the power, or select one of these: " + others};
 }
 
-TargetChoice Named(const Machine& machine, const Target& target, const Devices& connected) {
+Target Named(const Target& target, const Devices& connected) {
   const std::string name = TargetOptions({target.kind, target.address});
   const auto found = std::ranges::find_if(connected, [&](const FoundDevice& device) {
     return device.kind == target.kind && device.address == target.address;
   });
-  if (found == connected.end()) return RefuseMissing(machine, name, connected);
-  if (!found->IsUsable()) return RefuseUnusable(machine, name, found->obstacles.front());
-  return {target};
+  if (found == connected.end()) throw Missing(name, connected);
+  if (!found->IsUsable()) throw Unusable(name, found->obstacles.front());
+  return target;
 }
 
-// Which of several is taken must not depend on what stands in the way of the others at the moment.
-TargetChoice OnlyOne(const Machine& machine, const Devices& connected) {
+// Which of several is taken must not depend on what prevents the others from being used just now.
+Target OnlyOne(const Devices& connected) {
   Devices found;
   std::ranges::copy_if(connected, std::back_inserter(found),
                        [](const FoundDevice& device) { return device.kind == TransportKind::Usb; });
   if (found.size() == 1) {
     const FoundDevice& device = found.front();
-    if (device.IsUsable()) return {Target{TransportKind::Usb, device.address}};
-    return RefuseUnusable(machine, "the USB device", device.obstacles.front());
+    if (device.IsUsable()) return {TransportKind::Usb, device.address};
+    throw Unusable("the USB device", device.obstacles.front());
   }
   if (std::ranges::any_of(found, &FoundDevice::IsUsable)) {
-    return Refuse(machine, ExitCode::Usage, "several USB devices are connected",
-                  "name one of these:", found);
+    throw Refusal{ExitCode::Usage, "several-devices", "several USB devices are connected",
+                  "select one of these: " + Names(found)};
   }
-  if (connected.empty()) {
-    return Refuse(machine, ExitCode::NoDevice,
-                  std::string("nothing found: looked for ") + kSearchedFor,
-                  "check cable and power; `firmware-updater list --wait 10` waits for a device");
+  if (!found.empty()) {
+    throw Refusal{ExitCode::NoDevice, "unusable-device", "none of the USB devices can be used",
+                  "`firmware-updater list` shows every obstacle"};
   }
-  return Refuse(machine, ExitCode::NoDevice, "there is no USB device that can be used",
-                "an adapter is used only when it is named; this is what is there:", connected);
+  if (const std::string adapters = Names(connected); !adapters.empty()) {
+    throw Refusal{ExitCode::NoDevice, "no-device", "no USB device is connected",
+                  "an adapter is used only when it is selected: " + adapters};
+  }
+  throw Refusal{ExitCode::NoDevice, "no-device",
+                std::string("no device found (looked for ") + kSearchedFor + ")",
+                "check the cable and the power; `firmware-updater list --wait 10` waits for a "
+                "device"};
 }
 
-TargetChoice Choose(const Machine& machine, const TargetOptionsValues& named,
-                    const Devices& connected) {
-  if (!named.usbPort.empty()) return Named(machine, {TransportKind::Usb, named.usbPort}, connected);
-  if (named.ftdiSerial.empty()) return OnlyOne(machine, connected);
-  return Named(machine, {TransportKind::Ftdi, named.ftdiSerial, named.baudRate, named.echo},
-               connected);
+Target Choose(const TargetOptionsValues& named, const Devices& connected) {
+  if (!named.usbPort.empty()) return Named({TransportKind::Usb, named.usbPort}, connected);
+  if (named.ftdiSerial.empty()) return OnlyOne(connected);
+  return Named({TransportKind::Ftdi, named.ftdiSerial, named.baudRate, named.echo}, connected);
 }
 
 }  // namespace
@@ -107,13 +106,17 @@ void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to) {
   command.Flag("--echo", to.echo, "The adapter's line gives back every byte sent").Needs(ftdi);
 }
 
-TargetChoice ChooseTarget(const Machine& machine, const TargetOptionsValues& named) {
+Target ChooseTarget(const Machine& machine, const TargetOptionsValues& named) {
   std::string trouble;
   const Devices connected = SurveyDevices(machine, &trouble);
-  if (!trouble.empty()) Complain(machine, trouble, {});
-  TargetChoice choice = Choose(machine, named, connected);
-  if (!choice.target && !trouble.empty()) choice.text = trouble + "; " + choice.text;
-  return choice;
+  try {
+    const Target target = Choose(named, connected);
+    if (!trouble.empty()) Complain(machine, trouble, {});
+    return target;
+  } catch (Refusal& refusal) {
+    if (!trouble.empty()) refusal.text = trouble + "; " + refusal.text;
+    throw;
+  }
 }
 
 }  // namespace tavo::tool

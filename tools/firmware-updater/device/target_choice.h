@@ -1,15 +1,13 @@
-// Which device a command works on: the one that the user names, or the only one there is. An
-// adapter is never taken unless it is named: a lone adapter may be anybody's.
+// The device that a command works on: the one that the user selects, or the only one connected. An
+// adapter is used only when it is selected: a lone adapter may belong to anything.
 //
 //   auto values = std::make_shared<TargetOptionsValues>();
 //   AddTargetOptions(command, *values);
 //   ...
-//   const TargetChoice choice = ChooseTarget(machine, *values);
-//   if (!choice.target) return choice.exit;  // the user has been told why
+//   const Target target = ChooseTarget(machine, *values);
 #pragma once
 
 #include <cstdint>
-#include <optional>
 #include <string>
 
 #include "device/target.h"
@@ -18,7 +16,7 @@
 
 namespace tavo::tool {
 
-// What the user wrote; at most one of the two names is not empty.
+// At most one of the two names is not empty.
 struct TargetOptionsValues {
   std::string usbPort{};
   std::string ftdiSerial{};
@@ -29,15 +27,8 @@ struct TargetOptionsValues {
 // --usb, or --ftdi with --baud and --echo. `to` must outlive the parsing.
 void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to);
 
-struct TargetChoice {
-  std::optional<Target> target;
-  ExitCode exit = ExitCode::Done;  // without a target: how the command is to end,
-  std::string text{};              // and why, in one sentence
-  std::string hint{};              // what to do; names the devices that are there
-};
-
-// Looks at what is connected, opens nothing for good, sends nothing. After a refusal it has
-// complained already.
-TargetChoice ChooseTarget(const Machine& machine, const TargetOptionsValues& named);
+// Looks at what is connected; sends nothing, and opens nothing for longer than a moment. Throws a
+// Refusal when it finds no device, none that is usable, or several to choose from.
+Target ChooseTarget(const Machine& machine, const TargetOptionsValues& named);
 
 }  // namespace tavo::tool

@@ -10,8 +10,6 @@ namespace tavo::tool {
 namespace {
 
 constexpr const char* kNoFile = "/dev/null";
-constexpr char kRedraw = '\b';
-constexpr char kBarBegin = '[';
 
 std::filesystem::path StateFolder() {
   if (const char* const state = std::getenv("XDG_STATE_HOME"); state != nullptr && *state != '\0') {
@@ -28,8 +26,6 @@ LogPlatform::LogPlatform(Platform& machine, std::string path, std::ostream* echo
     : m_machine(machine), m_path(std::move(path)), m_echo(echo) {}
 
 void LogPlatform::Print(std::string_view text) {
-  const bool bar = !text.empty() && (text.front() == kRedraw || text.front() == kBarBegin);
-  if (bar) return;
   if (m_echo != nullptr) *m_echo << text << std::flush;
   if (m_path.empty()) return;
   if (const FileHandle file = m_machine.OpenFile(m_path, "a")) {

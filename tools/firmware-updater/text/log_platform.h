@@ -1,6 +1,6 @@
-// The machine, with the library's voice led into a log file: what it would print on the console, its
-// own log lines among it, is appended to one file, and with --verbose shown on a stream as well. The
-// tool tells the user itself how things stand.
+// The platform, with the library's console led into a log file: its lines, those of its own log among
+// them, are appended to one file, and with --verbose shown on a stream as well. The tool reports to the
+// user itself.
 //
 // Every write opens the file and closes it again, as the library's log does: it is complete after
 // each line and may be moved away at any time.
@@ -24,7 +24,6 @@ class LogPlatform final : public Platform {
   void Sleep(std::chrono::milliseconds duration) override { m_machine.Sleep(duration); }
   std::string ExecutablePath() override { return m_machine.ExecutablePath(); }
 
-  // Leaves the progress bar out: it is drawn anew again and again, and the tool has its own.
   void Print(std::string_view text) override;
   // The library's log file: the same lines come by Print.
   FileHandle OpenFile(const std::string& path, const char* mode) override;

@@ -10,4 +10,10 @@ void Complain(const Machine& machine, std::string_view text, std::string_view hi
   machine.err << std::flush;
 }
 
+ExitCode Complain(const Machine& machine, const Refusal& refusal) {
+  const std::string next = refusal.command.empty() ? "" : "; run: " + refusal.command;
+  Complain(machine, refusal.text, refusal.hint + next);
+  return refusal.exit;
+}
+
 }  // namespace tavo::tool

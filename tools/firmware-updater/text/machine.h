@@ -4,7 +4,7 @@
 #include <iosfwd>
 #include <string_view>
 
-#include "text/exit_code.h"
+#include "text/refusal.h"
 
 namespace tavo {
 class D2xx;
@@ -28,5 +28,8 @@ struct Machine {
 
 // Writes one line "firmware-updater: TEXT" and, unless empty, one line "hint: HINT" to `err`.
 void Complain(const Machine& machine, std::string_view text, std::string_view hint);
+
+// The same for a refusal; returns its exit code.
+ExitCode Complain(const Machine& machine, const Refusal& refusal);
 
 }  // namespace tavo::tool

@@ -6,7 +6,7 @@
 namespace tavo::tool {
 namespace {
 
-// What gets the device going.
+// The command that helps.
 enum class Cure { None, Update, Recover };
 
 struct ConditionRow {
@@ -20,7 +20,7 @@ struct ConditionRow {
 // clang-format off
 constexpr std::array kConditions{
   ConditionRow{DeviceCondition::Untouched, "untouched",
-      "The device was not heard from, and its flash was not changed.",
+      "The device did not respond; its flash was not changed.",
       Cure::Update, ExitCode::FailedUnknown},
   ConditionRow{DeviceCondition::OldApplicationRuns, "old-application-runs",
       "The device runs its old firmware; nothing was written.",
@@ -29,10 +29,10 @@ constexpr std::array kConditions{
       "The device runs the new firmware, verified.",
       Cure::None, ExitCode::FailedRuns},
   ConditionRow{DeviceCondition::UpdatedNotVerified, "updated-not-verified",
-      "The device runs the new firmware; nothing has verified its flash.",
+      "The device runs the new firmware; its flash is not verified.",
       Cure::Update, ExitCode::FailedRuns},
   ConditionRow{DeviceCondition::RunsIncomplete, "runs-incomplete",
-      "The device runs the new firmware, verified; whether its label and modules are right is unknown.",
+      "The device runs the new firmware, verified; the state of its label and modules is unknown.",
       Cure::Update, ExitCode::FailedRuns},
   ConditionRow{DeviceCondition::BootloaderAsFound, "bootloader-as-found",
       "The device is in its bootloader, as it was found; its flash was not changed.",
@@ -44,7 +44,7 @@ constexpr std::array kConditions{
       "The device is in its bootloader; its application is erased or partly written.",
       Cure::Recover, ExitCode::FailedInBootloader},
   ConditionRow{DeviceCondition::Unknown, "unknown",
-      "The state of the device is unknown: an answer that would tell is missing.",
+      "The state of the device is unknown: an answer that would show it is missing.",
       Cure::Recover, ExitCode::FailedUnknown},
 };
 // clang-format on
@@ -80,19 +80,19 @@ ExitCode ExitOf(const ConditionRow& row, Ending ending) {
   return row.exit;
 }
 
-std::string Flags(const UpdateFlags& flags, Cure cure) {
+std::string Flags(const Task& task) {
   std::string text;
-  if (!flags.checkIdentity) text += " --skip-identity-check";
-  if (flags.extendedErase) text += " --extended-erase";
-  if (flags.bootloaderOnly && cure == Cure::Update) text += " --bootloader-only";
-  if (flags.dryRun && cure == Cure::Update) text += " --dry-run";
+  if (!task.flags.checkIdentity) text += " --skip-identity-check";
+  if (task.flags.extendedErase) text += " --extended-erase";
+  if (task.purpose == Purpose::Recover) return text;
+  if (task.flags.bootloaderOnly) text += " --bootloader-only";
+  if (task.flags.dryRun) text += " --dry-run";
   return text;
 }
 
-std::string CommandFor(Cure cure, const Task& task, const std::string& file) {
-  const char* const verb = cure == Cure::Recover ? "recover " : "update ";
-  return "firmware-updater " + (verb + file) + " " + TargetOptions(task.target) +
-         Flags(task.flags, cure);
+std::string CommandWith(const Task& task, const std::string& file) {
+  return std::string("firmware-updater ") + NameOf(task.purpose) + " " + file + " " +
+         TargetOptions(task.target) + Flags(task);
 }
 
 // One that begins with a hyphen would be taken for an option.
@@ -100,22 +100,20 @@ std::string FileWord(const std::string& file) {
   return ShellWord(file.starts_with('-') ? "./" + file : file);
 }
 
-bool FirmwareDoesNotFit(ErrorCode failure) {
-  constexpr std::array kCodes{ErrorCode::HardwareId, ErrorCode::ApplicationSize,
-                              ErrorCode::Firmware};
-  return std::ranges::count(kCodes, failure) > 0;
-}
-
-std::string CommandOf(const ConditionRow& row, Ending ending, ErrorCode failure, const Task& task) {
+std::string CommandOf(const ConditionRow& row, Ending ending, Advice advice, Task task) {
   if (row.cure == Cure::None || ending == Ending::Succeeded) return {};
   // A dry run begins by leading the device back to its application, so that another one may do it;
   // where it has failed to, there is no application.
   const bool again = task.flags.dryRun && row.condition != DeviceCondition::BootloaderAsFound;
-  const Cure cure = again ? Cure::Update : row.cure;
-  if (ending != Ending::Failed || !FirmwareDoesNotFit(failure)) {
-    return CommandFor(cure, task, FileWord(task.file));
+  task.purpose = again || row.cure == Cure::Update ? Purpose::Update : Purpose::Recover;
+  switch (advice) {
+    case Advice::Again: break;
+    case Advice::SkipIdentity: task.flags.checkIdentity = false; break;
+    case Advice::OpenTunnel: task.flags.bootloaderOnly = false; break;
+    case Advice::AnotherFile:
+      return task.purpose == Purpose::Recover ? CommandWith(task, "FILE") : std::string();
   }
-  return cure == Cure::Recover ? CommandFor(cure, task, "FILE") : std::string();
+  return CommandLine(task);
 }
 
 }  // namespace
@@ -128,8 +126,14 @@ std::string_view NameOf(DeviceCondition condition) { return RowOf(condition).nam
 
 std::string_view SentenceOf(DeviceCondition condition) { return RowOf(condition).sentence; }
 
+const char* NameOf(Purpose purpose) { return purpose == Purpose::Update ? "update" : "recover"; }
+
+std::string CommandLine(const Task& task) { return CommandWith(task, FileWord(task.file)); }
+
 std::string RecoverCommand(const Task& task) {
-  return CommandFor(task.flags.dryRun ? Cure::Update : Cure::Recover, task, FileWord(task.file));
+  Task next = task;
+  next.purpose = task.flags.dryRun ? Purpose::Update : Purpose::Recover;
+  return CommandLine(next);
 }
 
 DeviceCondition Following(DeviceCondition earlier, DeviceCondition later) {
@@ -147,20 +151,19 @@ DeviceCondition Following(DeviceCondition earlier, DeviceCondition later) {
 
 std::string ClosingState::Line() const {
   if (command.empty()) return sentence;
-  const bool mayRun = exit == ExitCode::FailedRuns ||
-                      device == NameOf(DeviceCondition::OldApplicationRuns) ||
-                      device == NameOf(DeviceCondition::Untouched);
-  return sentence + (mayRun ? " To try again: " : " To get it going: ") + command;
+  return sentence + (tries ? " To try again, run: " : " To recover it, run: ") + command;
 }
 
-ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, ErrorCode failure,
+ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, Advice advice,
                        const Task& task) {
   const ConditionRow& row = RowOf(evidence.device);
-  ClosingState state{.device = std::string(row.name),
-                     .tunnel = std::string(TunnelName(evidence.tunnel)),
-                     .sentence = std::string(row.sentence),
-                     .command = CommandOf(row, ending, failure, task),
-                     .exit = ExitOf(row, ending)};
+  ClosingState state{
+      .device = std::string(row.name),
+      .tunnel = std::string(TunnelName(evidence.tunnel)),
+      .sentence = std::string(row.sentence),
+      .command = CommandOf(row, ending, advice, task),
+      .tries = RunsApplication(row.condition) || row.condition == DeviceCondition::Untouched,
+      .exit = ExitOf(row, ending)};
   if (evidence.tunnel == TunnelCondition::LeftOpen) {
     state.sentence += " The tunnel to it is still open; the next update closes it.";
   }

@@ -1,6 +1,6 @@
-// The last thing that every command says that may have changed a device: what state it is in, and
-// which command gets it going. It rests on the engine's evidence alone; what that leaves open is
-// called unknown.
+// The last line of every command that may have changed a device: the state of the device, and the
+// command that recovers it or tries again. It rests on the engine's evidence, and on answers to questions
+// asked afterwards; what they leave open is called unknown.
 #pragma once
 
 #include <string>
@@ -13,11 +13,25 @@ namespace tavo::tool {
 
 enum class Ending { Succeeded, Failed, Stopped };
 
-// What the command was asked to do, as far as the next one has to be asked the same.
+enum class Purpose { Update, Recover };
+
+// "update", "recover": the command's name, and stable for scripts.
+const char* NameOf(Purpose purpose);
+
+// What a command was asked to do, so that the next one can be asked the same.
 struct Task {
+  Purpose purpose = Purpose::Update;
   std::string file{};
   Target target{};
   UpdateFlags flags{};
+};
+
+// The next command, if there is one.
+enum class Advice {
+  Again,         // with the same file
+  SkipIdentity,  // the same, without the identity check
+  OpenTunnel,    // the same, with all of the plan
+  AnotherFile,   // only a device that is in its bootloader needs a command, with another file
 };
 
 struct ClosingState {
@@ -25,21 +39,23 @@ struct ClosingState {
   std::string tunnel;    // the same: "closed", "left-open", "not-asked", "unknown"
   std::string sentence;  // what a person reads: "The device runs its old firmware."
   std::string command;   // what to run next; empty when there is nothing to do
+  bool tries = false;    // the command tries again, rather than recovers the device
   ExitCode exit = ExitCode::FailedUnknown;
 
   // Sentence and command in one line.
   std::string Line() const;
 };
 
-// `failure` is that of the update; a firmware that does not fit the device is not recommended again.
-ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, ErrorCode failure,
+ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, Advice advice,
                        const Task& task);
 
-// The command that gets a device going of which nothing is known.
+// The task as a command line.
+std::string CommandLine(const Task& task);
+
+// The command for a device of which nothing is known.
 std::string RecoverCommand(const Task& task);
 
-// A run that has come to know no better than `later`, after one that left the device as `earlier`: by
-// itself the later one knows only what it has done.
+// The condition after two runs. The later one alone knows only what it has done itself.
 DeviceCondition Following(DeviceCondition earlier, DeviceCondition later);
 
 // Whether the device is known to run an application, old or new.

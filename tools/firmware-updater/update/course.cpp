@@ -14,7 +14,7 @@ struct StepRow {
   Phase phase;
 };
 
-// Steps that are not named here belong to the phase that is under way.
+// Steps that are not listed here belong to the phase under way.
 constexpr std::array kSteps{
     StepRow{&U::CheckFirmware, Phase::Contact},  StepRow{&U::CallBootloader, Phase::Bootloader},
     StepRow{&U::EraseApplication, Phase::Erase}, StepRow{&U::WriteBlock, Phase::Write},
@@ -31,6 +31,7 @@ Phase PhaseOf(const Step& step, Phase current) {
 
 void Course::StepCalled(const Step& step, StepPhase phase) {
   if (m_stopping) return m_stop();
+  m_asksIdentity = step.run == &U::RequestDeviceId || step.run == &U::RequestDeviceIdAdmin;
   if (m_failure == ErrorCode::None) Enter(PhaseOf(step, m_phase));
   // Silence is the ordinary answer of a running application to the request to leave the bootloader.
   const bool expected = step.run == &U::LeaveBootloader;
@@ -44,6 +45,7 @@ void Course::StatusReported(const StatusMessage& message) {
     case StatusKind::UpdateBegins:
       m_failure = ErrorCode::None;
       m_failureText.clear();
+      m_identityMissing = false;
       m_earlier = Written();
       m_transfer = {};
       break;
@@ -52,6 +54,7 @@ void Course::StatusReported(const StatusMessage& message) {
       if (message.value == 0 || m_failure != ErrorCode::None || m_stopping) break;
       m_failure = static_cast<ErrorCode>(message.value);
       m_failureText = message.text;
+      m_identityMissing = m_asksIdentity && m_failure == ErrorCode::Timeout;
       Leave(PhaseEnd::Failed);
       Enter(Phase::BringBack);
       break;

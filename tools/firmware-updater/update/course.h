@@ -1,6 +1,6 @@
-// The course of an update as a person follows it: a handful of phases instead of some twenty steps,
-// with how long each took, what was written and what had to be asked again. It listens to the
-// engine, and tells a view what there is to show.
+// The course of an update as a person follows it: a handful of phases instead of some twenty steps, the
+// time that each took, the bytes written and the requests repeated. It listens to the engine and feeds a
+// view.
 #pragma once
 
 #include <array>
@@ -69,12 +69,12 @@ class Course final : public UpdateObserver {
 
   void StepCalled(const Step& step, StepPhase phase) override;
   void StatusReported(const StatusMessage& message) override;
-  // The update is over; `end` is said of the phase that was under way.
+  // The update is over; `end` is that of the phase under way.
   void End(PhaseEnd end) { Leave(end); }
 
   // From any thread, as Stop is.
   Phase Current() const { return m_phase; }
-  // The user wants an end, before the next step. What the engine then calls a failure is none.
+  // The user wants an end, before the next step; the engine's failure that follows is none.
   void Stop() { m_stopping = true; }
   bool IsStopping() const { return m_stopping; }
 
@@ -91,6 +91,8 @@ class Course final : public UpdateObserver {
   // The first failure of the current update: what follows it may only be its consequence.
   ErrorCode Failure() const { return m_failure; }
   const std::string& FailureText() const { return m_failureText; }
+  // Whether that failure was a device that gave no id.
+  bool FailedForIdentity() const { return m_identityMissing; }
 
  private:
   void Enter(Phase phase);
@@ -108,6 +110,8 @@ class Course final : public UpdateObserver {
   int m_retries = 0;
   bool m_mayHaveErased = false;
   ErrorCode m_failure = ErrorCode::None;
+  bool m_asksIdentity = false;  // the step under way does
+  bool m_identityMissing = false;
   std::string m_failureText;
 };
 

@@ -7,33 +7,57 @@
 namespace tavo::tool {
 namespace {
 
+// The table of error codes names two causes where a code has two; the text of the first says that a
+// request could not be sent.
+struct SecondCause {
+  ErrorCode code;
+  std::string_view notSent;
+  std::string_view otherwise;
+};
+
+constexpr std::string_view kNotSent = "A request could not be sent to the device.";
+
+constexpr std::array kSecondCauses{
+    SecondCause{ErrorCode::BootloaderVersion, "Error: Bootloader Version Request",
+                "The bootloader is incompatible."},
+    SecondCause{ErrorCode::HardwareId, "Error: Sending Hardware ID Request",
+                "The file is not for this device."},
+    SecondCause{ErrorCode::ApplicationSize, "Error: Sending Application Size Request",
+                "The firmware does not have the size of the device's application."},
+    SecondCause{ErrorCode::Verify, "Error: Sending Verify Request",
+                "The checksums differ: the flash does not hold the firmware."},
+    SecondCause{ErrorCode::Firmware, "-", "No firmware in the file is for this device."},
+};
+
+std::string SentenceOf(ErrorCode code, const std::string& text) {
+  const auto row = std::ranges::find(kSecondCauses, code, &SecondCause::code);
+  if (row != kSecondCauses.end()) {
+    return std::string(text == row->notSent ? kNotSent : row->otherwise);
+  }
+  return std::string(kErrorTable[static_cast<std::size_t>(code)].meaning);
+}
+
 struct HintRow {
   ErrorCode code;
   std::string_view hint;
 };
 
-constexpr std::string_view kLine =
-    "Check the cable, the power and the line, then run the command below.";
+constexpr std::string_view kLine = "Check the cable, the power and the line.";
 constexpr std::string_view kFile =
-    "Take the update file for this device; `firmware-updater inspect FILE` tells what a file fits, "
-    "`firmware-updater info` what the device is.";
+    "Use the update file for this device: `firmware-updater inspect FILE` shows which devices a "
+    "file is "
+    "for.";
 
 constexpr std::array kHints{
     HintRow{ErrorCode::Timeout,
-            "Check power, line and baud rate; a device that hangs may need its power switched off "
-            "and on. Then run the command below."},
-    HintRow{
-        ErrorCode::BootloaderVersion,
-        "A device with bootloader version 0 cannot be updated with this tool; behind an adapter "
-        "it may be the line that gives back what is sent: try --echo. Otherwise check the cable "
-        "and try again."},
+            "Check the power, the line and the baud rate. A device that hangs may need its power "
+            "switched off and on."},
+    HintRow{ErrorCode::BootloaderVersion, "This tool cannot update a device with this bootloader."},
     HintRow{ErrorCode::HardwareId, kFile},
     HintRow{ErrorCode::ApplicationSize, kFile},
     HintRow{ErrorCode::Firmware, kFile},
-    HintRow{ErrorCode::Verify,
-            "The flash content is wrong: write it again with the command below."},
-    HintRow{ErrorCode::SetLabel,
-            "The new firmware runs without its label: run the full update again."},
+    HintRow{ErrorCode::Verify, "Write the flash again."},
+    HintRow{ErrorCode::SetLabel, "The new firmware runs without its label: run the update again."},
 };
 
 std::string_view HintOf(ErrorCode code) {
@@ -45,7 +69,7 @@ std::string_view HintOf(ErrorCode code) {
 
 Failure FailureOf(ErrorCode code, const std::string& text) {
   const ErrorDescription& row = kErrorTable[static_cast<std::size_t>(code)];
-  std::string sentence(row.meaning);
+  std::string sentence = SentenceOf(code, text);
   if (!text.empty()) sentence += " (" + text + ")";
   return {.name = std::string(row.name),
           .code = static_cast<int>(code),

@@ -1,4 +1,4 @@
-// A failure of the library as the tool tells it: a stable name, what happened, and what to do next.
+// A failure of the library in the tool's words: a stable name, what happened, and what to do next.
 #pragma once
 
 #include <string>
@@ -8,7 +8,7 @@
 
 namespace tavo::tool {
 
-// `text` is what the library said of it; empty where it said nothing.
+// `text` is the library's own; empty where it has none.
 Failure FailureOf(ErrorCode code, const std::string& text);
 
 }  // namespace tavo::tool

@@ -1,5 +1,5 @@
-// What is known when a command that updates has ended, on whatever way: the record that a production
-// line keeps, and from which every view takes its last lines.
+// All that is known when a command that updates has ended: the record that a production line keeps, and
+// from which every view takes its last lines.
 #pragma once
 
 #include <chrono>
@@ -14,23 +14,22 @@
 namespace tavo::tool {
 
 struct Failure {
-  std::string name;   // stable, for scripts
-  int code = 0;       // the library's; 0 for what was found out without it
-  std::string text;   // one sentence or two
-  std::string hint;   // what to do next
-  bool told = false;  // on standard error, with more than fits here
+  std::string name;  // stable, for scripts
+  int code = 0;      // the library's; 0 for what was found out without it
+  std::string text;  // one sentence or two
+  std::string hint;  // what to do next
 };
 
 struct Record {
-  std::string command;  // "update" or "recover"
+  Purpose purpose = Purpose::Update;
   std::string file;
-  std::string sha256;  // of the file, in hexadecimal; empty when it cannot be read
-  bool dryRun = false;
+  UpdateFlags flags{};
+  std::string sha256{};            // of the file, in hexadecimal; empty when it cannot be read
   std::optional<Target> target{};  // none: the command ended before one was chosen
   Ending ending = Ending::Failed;
   std::optional<Failure> failure{};
   ClosingState state{};
-  DeviceFacts before{};                // what the device told before it was written
+  DeviceFacts before{};                // as the device reported before it was written
   std::optional<DeviceFacts> after{};  // asked again once it ran
   Transfer transfer{};
   int retries = 0;

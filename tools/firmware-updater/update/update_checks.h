@@ -1,38 +1,25 @@
-// What a command that updates makes sure of before it opens a device: that the file can be written,
-// that log and record can be, and which device it is for. In this order; what is wrong ends the
-// command by a Refusal.
+// The checks of a command that updates, before it opens a device: the update file is usable, log and
+// record can be written, and the device is chosen. They run in this order and throw a Refusal.
 #pragma once
 
 #include <string>
 
+#include "device/target.h"
 #include "file/package_report.h"
-#include "text/machine.h"
-#include "update/record.h"
+#include "text/refusal.h"
 #include "update/update_run.h"
 #include "update/views.h"
 
 namespace tavo::tool {
 
-// Thrown to end a command before its update begins.
-struct Refusal {
-  Failure failure;
-  ClosingState state;
-};
-
-// No device was opened.
-[[noreturn]] void Refuse(ExitCode exit, Failure failure);
-
 PackageReport CheckedFile(const std::string& file);
 
-// Log and record that the user names are opened for a moment. They must not be the update file, which
-// they would destroy.
+// Opens for a moment the log and the record that the user has named. They must not be the update file,
+// which they would destroy.
 void CheckOutputs(const Machine& machine, const UpdateOptions& options);
 
-// Empty: none is kept, and the user is told so. A place that nobody has named must not keep an update
-// from being done.
+// Empty: no log is kept, and the user is told so. An update must not fail for the lack of a place that
+// nobody has named.
 std::string LogPath(const Machine& machine, const UpdateOptions& options, UpdateView& view);
-
-// The user has been told when there is none.
-Target ChosenTarget(const Machine& machine, const UpdateOptions& options);
 
 }  // namespace tavo::tool

@@ -3,17 +3,25 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <utility>
+#include <vector>
 
+#include "device/inquiry.h"
 #include "device/session.h"
 #include "file/digest.h"
+#include "file/package_report.h"
 #include "package/file_reading.h"
+#include "platform/platform.h"
 #include "text/log_platform.h"
 #include "update/failure.h"
+#include "update/fit.h"
 #include "update/interrupts.h"
 #include "update/update_checks.h"
 #include "update/views.h"
@@ -22,7 +30,20 @@
 namespace tavo::tool {
 namespace {
 
-// What the flash holds if the update ends in this phase; `written`: an earlier run has written all.
+constexpr std::uint8_t kLabellingAdbType = 5;
+
+// As the engine does, this goes by the first image. {-1, -1}: no tunnel.
+TunnelRoute RouteOf(const PackageReport& report) {
+  return report.images.empty() ? TunnelRoute{-1, -1} : report.images.front().route;
+}
+
+bool NeedsTunnel(const PackageReport& report) { return RouteOf(report).master != -1; }
+
+bool SetsLabel(const PackageReport& report) {
+  return std::ranges::count(report.images, kLabellingAdbType, &ImageReport::adbType) > 0;
+}
+
+// The content of the flash if the update ends in this phase; `written`: an earlier run has written all.
 std::string_view FlashIn(Phase phase, bool written) {
   switch (phase) {
     case Phase::Erase:
@@ -43,19 +64,41 @@ bool TakesText(int descriptor) {
   return poll(&screen, 1, kPatienceMs) == 1;
 }
 
-// To the screen past every buffer and lock: whoever holds them may wait for ever.
+// Goes to the screen past every buffer and lock: their owner may wait for ever.
 void SayLast(const std::string& text) {
   if (TakesText(STDERR_FILENO) && write(STDERR_FILENO, text.data(), text.size()) < 0) {
-    return;  // nobody hears it
+    return;  // nobody reads it
   }
+}
+
+std::int32_t OrUnknown(std::optional<std::uint32_t> value) {
+  return value ? static_cast<std::int32_t>(*value) : -1;
+}
+
+DeviceFacts FactsOf(const DeviceReport& device) {
+  return {.deviceId = OrUnknown(device.deviceId),
+          .softwareId = OrUnknown(device.softwareId),
+          .bootloaderVersion = OrUnknown(device.bootloaderVersion),
+          .blockSize = OrUnknown(device.blockSize),
+          .processorId = OrUnknown(device.processorId),
+          .hardwareId = OrUnknown(device.hardwareId),
+          .applicationKiB = OrUnknown(device.applicationKiB)};
+}
+
+ClosingState NothingChanged(const char* sentence) {
+  return {.device = std::string(NameOf(DeviceCondition::Untouched)),
+          .tunnel = "not-asked",
+          .sentence = sentence,
+          .command = ""};
 }
 
 // Everything that lives while one command works on one open device.
 class Work {
  public:
-  Work(const Machine& machine, const UpdateOptions& options, const Target& target,
-       const std::string& log, UpdateView& view)
-      : m_task{options.file, target, options.flags},
+  Work(const Machine& machine, const UpdateOptions& options, const Task& task,
+       const PackageReport& report, const std::string& log, UpdateView& view)
+      : m_task(task),
+        m_report(report),
         m_view(view),
         m_platform(machine.platform, log, options.verbose ? &machine.err : nullptr),
         m_recorder(m_platform, options.record, options.recordFirmware),
@@ -64,51 +107,53 @@ class Work {
         m_course(machine.platform, view, [this] { m_engine.RequestStop(); }),
         m_interrupts([this](int number) { OnInterrupt(number); }) {
     m_engine.SetObserver(&m_course);
-  }
-
-  std::string Open() { return m_session.Open(m_task.target); }
-  Inquiry Ask() { return {m_session.Transport(), m_platform}; }
-  void RecordImages(const PackageReport& report) {
+    m_engine.ShowProgressBar(false);
     for (const ImageReport& image : report.images) m_recorder.AddImage(image.image);
   }
 
-  // A tunnel that somebody has left open on the right road would be used as it stands, and the
-  // devices behind it do not answer any more: it has to be opened afresh. On a wrong road, what is
-  // sent would reach another device. False when it stays open.
-  bool CloseOpenTunnel(Inquiry& inquiry) {
-    if (inquiry.OpenTunnel().value_or(0) == 0) return true;
-    m_view.Note("A tunnel was left open; closing it first.");
-    inquiry.CloseTunnel();
-    return inquiry.OpenTunnel().value_or(0) == 0;
+  void Open() { m_session.Open(m_task.target); }
+
+  // The echo needs no device, so it is the first thing to know: without it, our own requests would be
+  // taken for answers, and with too much of it, answers for echoes.
+  void CheckEcho() {
+    if (m_task.target.kind != TransportKind::Ftdi) return;
+    const bool echoes = Ask().LineEchoes();
+    if (echoes == m_task.target.echo) return;
+    Task corrected = m_task;
+    corrected.target.echo = echoes;
+    throw EchoRefusal(echoes, CommandLine(corrected));
   }
 
-  bool Run(const UpdateFlags& flags) {
-    if (m_course.IsStopping()) return false;
-    const FirmwareUpdater::Run run(m_engine);
-    m_engine.SetFlags(flags);
-    m_recorder.RunBegins(flags);
-    m_engine.Start(run, m_task.file);
-    m_recorder.RunEnds(OutcomeOf(m_engine));
-    m_course.End(HowItEnded());
-    const DeviceEvidence evidence = m_engine.DeviceState();
-    m_evidence = {Following(m_evidence.device, evidence.device), evidence.tunnel};
-    m_written = RunsNewFirmware(m_evidence.device);
-    if (!m_before) m_before = m_engine.Facts();
-    return m_engine.Succeeded();
+  // Closes a tunnel that was left open, and looks who answers. False: the file is not for the device,
+  // and the reason is kept for the record.
+  bool Prepare() {
+    Inquiry inquiry = Ask();
+    if (m_task.purpose == Purpose::Recover || UsesTunnel()) CloseOpenTunnel(inquiry);
+    m_found = AskWhoAnswers(inquiry, Patience::Brief);
+    if (m_found.tunnel.value_or(0) != 0 && !m_task.flags.bootloaderOnly) {
+      CloseOpenTunnel(inquiry);
+      m_found = AskWhoAnswers(inquiry, Patience::Brief);
+    }
+    if (m_task.purpose == Purpose::Recover && NeedsTunnel(m_report)) {
+      // Some masters give the id of a device that cannot.
+      m_found.deviceId = AskValue(inquiry, kRequestDeviceId);
+      if (!m_found.deviceId) m_found.deviceId = AskValue(inquiry, kRequestDeviceIdAdmin);
+    }
+    return !FindMisfit(inquiry);
+  }
+
+  bool Perform() {
+    return std::ranges::all_of(Runs(), [this](const UpdateFlags& flags) { return Run(flags); });
   }
 
   void Fill(Record& record, bool succeeded) {
-    const ErrorCode failure = FailureCode();
-    record.ending = succeeded                    ? Ending::Succeeded
-                    : failure == ErrorCode::None ? Ending::Stopped
-                                                 : Ending::Failed;
+    Advice advice = Advice::Again;
+    record.ending = HowItEnded(succeeded);
     if (record.ending == Ending::Failed) {
-      record.failure = FailureOf(failure, m_course.FailureText());
-      const bool open = m_evidence.device == DeviceCondition::Untouched ||
-                        m_evidence.device == DeviceCondition::Unknown;
-      if (open && !m_course.MayHaveErased()) LookIntoBootloader();
+      advice = Explain();
+      record.failure = m_failure;
     }
-    record.before = m_before.value_or(DeviceFacts{});
+    record.before = m_before.value_or(FactsOf(m_found));
     record.transfer = m_course.Written();
     record.retries = m_course.Retries();
     for (const PhaseDescription& row : kPhaseTable) {
@@ -120,32 +165,200 @@ class Work {
                m_engine.ResettedModule(static_cast<std::uint32_t>(record.resetModules.size()))) {
       record.resetModules.push_back(*name);
     }
-    record.state = CloseWith(m_evidence, record.ending, failure, m_task);
+    record.state = CloseWith(m_evidence, record.ending, advice, m_task);
+  }
+
+  // The ids of the application that runs now.
+  DeviceFacts AskApplication() {
+    Inquiry inquiry = Ask();
+    Command softwareId = kRequestSoftwareId;
+    softwareId.id = m_report.images.front().requestId;
+    return {.deviceId = OrUnknown(AskValue(inquiry, kRequestDeviceId)),
+            .softwareId = OrUnknown(AskValue(inquiry, softwareId))};
   }
 
  private:
+  Inquiry Ask() {
+    return {m_session.Transport(), m_platform,
+            [this](const std::string& text) { m_view.Note(text); }};
+  }
+
+  bool UsesTunnel() const { return NeedsTunnel(m_report) && !m_task.flags.bootloaderOnly; }
+
+  // A tunnel that was left open on the right road would be used as it stands, and the devices behind it
+  // do not answer any more: it has to be opened afresh. On a wrong road, requests would reach another
+  // device; a recovery must not write there.
+  void CloseOpenTunnel(Inquiry& inquiry) {
+    if (inquiry.OpenTunnel().value_or(0) == 0) return;
+    m_view.Note("A tunnel was left open; closing it first.");
+    inquiry.CloseTunnel();
+    if (inquiry.OpenTunnel().value_or(0) == 0 || m_task.purpose == Purpose::Update) return;
+    throw Refusal{ExitCode::FailedUnknown, "tunnel-open",
+                  "a tunnel to another device is open and cannot be closed",
+                  "switch the master's power off and on, then run the command again",
+                  RecoverCommand(m_task)};
+  }
+
+  // True: the file is not for the device. Only answers count here; silence is left to the engine, which
+  // is more patient.
+  bool FindMisfit(Inquiry& inquiry) {
+    const bool behind = NeedsTunnel(m_report);
+    const bool unexpected = m_found.IsMaster() && (!behind || m_task.flags.bootloaderOnly);
+    if (unexpected) m_found = AskWhoAnswers(inquiry, Patience::Full);
+    if (unexpected && m_found.IsMaster()) {
+      return Reject(behind ? TunnelNeeded() : WrongRoad(RouteOf(m_report)));
+    }
+    if (!m_found.inBootloader) return false;
+    if (behind && m_found.tunnel.value_or(0) == 0) return Reject(WrongRoad(RouteOf(m_report)));
+    AskBootloaderFacts(inquiry, m_found);
+    const auto misfit = Misfit(m_report, FactsOf(m_found), m_task.flags);
+    return misfit && Reject(*misfit);
+  }
+
+  static constexpr const char* kTunnelNeeded = "tunnel-needed";
+
+  static Failure TunnelNeeded() {
+    return {.name = kTunnelNeeded,
+            .code = 0,
+            .text = "the device is behind a master module, and --bootloader-only opens no tunnel",
+            .hint = "leave out --bootloader-only"};
+  }
+  bool TunnelIsMissing() const { return m_failure->name == kTunnelNeeded; }
+
+  bool Reject(const Failure& failure) {
+    m_failure = failure;
+    m_evidence.device = m_found.inBootloader        ? DeviceCondition::BootloaderAsFound
+                        : m_found.RunsApplication() ? DeviceCondition::OldApplicationRuns
+                                                    : DeviceCondition::Untouched;
+    return true;
+  }
+
+  // A device in its bootloader cannot give its ids, and needs only the bootloader's part of the plan;
+  // behind a tunnel, which that part does not open, all but the ids. With its application back it may
+  // still lack its label, which the full plan sets.
+  std::vector<UpdateFlags> Runs() const {
+    UpdateFlags flags = m_task.flags;
+    if (flags.bootloaderOnly) flags.checkHardware = flags.checkIdentity;
+    const bool tunnel = NeedsTunnel(m_report);
+    const bool asUsual = m_task.purpose == Purpose::Update ||
+                         (tunnel ? m_found.deviceId.has_value() : !m_found.inBootloader);
+    if (asUsual) return {flags};
+    UpdateFlags reduced = flags;
+    reduced.checkHardware = flags.checkIdentity;
+    reduced.checkIdentity = flags.checkIdentity && !tunnel;
+    reduced.bootloaderOnly = !tunnel;
+    return SetsLabel(m_report) ? std::vector{reduced, flags} : std::vector{reduced};
+  }
+
+  bool Run(const UpdateFlags& flags) {
+    if (m_course.IsStopping()) return false;
+    const FirmwareUpdater::Run run(m_engine);
+    m_engine.SetFlags(flags);
+    m_recorder.RunBegins(flags);
+    m_engine.Start(run, m_task.file);
+    m_recorder.RunEnds(OutcomeOf(m_engine));
+    m_course.End(LastPhaseEnd());
+    const DeviceEvidence evidence = m_engine.DeviceState();
+    m_evidence = {Following(m_evidence.device, evidence.device), evidence.tunnel};
+    m_written = RunsNewFirmware(m_evidence.device);
+    if (!m_before) m_before = m_engine.Facts();
+    return m_engine.Succeeded();
+  }
+
   static bool RunsNewFirmware(DeviceCondition condition) {
     return RunsApplication(condition) && condition != DeviceCondition::OldApplicationRuns;
   }
 
-  // None: there was no failure but a stop.
-  ErrorCode FailureCode() const {
-    if (m_course.Failure() != ErrorCode::None) return m_course.Failure();
-    return m_course.IsStopping() ? ErrorCode::None : m_engine.LastError();
+  Ending HowItEnded(bool succeeded) const {
+    if (succeeded) return Ending::Succeeded;
+    const bool failed = m_failure || m_course.Failure() != ErrorCode::None;
+    return m_course.IsStopping() && !failed ? Ending::Stopped : Ending::Failed;
   }
 
-  // A device without an application answers nothing that an update asks first. One question tells
-  // whether it sits in its bootloader.
-  void LookIntoBootloader() {
-    Inquiry inquiry = Ask();
-    if (inquiry.Ask(kCheckVersion)) m_evidence.device = DeviceCondition::BootloaderAsFound;
-  }
-
-  // Of the last phase: after a failure, that is the way back to an application.
-  PhaseEnd HowItEnded() const {
+  // After a failure the last phase is the way back to an application.
+  PhaseEnd LastPhaseEnd() const {
     if (m_engine.Succeeded()) return PhaseEnd::Ok;
     if (m_course.Failure() == ErrorCode::None && m_course.IsStopping()) return PhaseEnd::Stopped;
     return RunsApplication(m_engine.DeviceState().device) ? PhaseEnd::Ok : PhaseEnd::Failed;
+  }
+
+  // --- after a failure ---
+
+  // Finds out what the engine's failure leaves open, as far as questions can.
+  Advice Explain() {
+    if (m_failure) return TunnelIsMissing() ? Advice::OpenTunnel : Advice::AnotherFile;
+    const ErrorCode code =
+        m_course.Failure() == ErrorCode::None ? m_engine.LastError() : m_course.Failure();
+    m_failure = FailureOf(code, m_course.FailureText());
+    const auto misfit = Misfit(m_report, m_engine.Facts(), m_task.flags);
+    if (misfit && misfit->code == m_failure->code) m_failure->text = misfit->text;
+    if (!m_course.MayHaveErased()) LookAround();
+    if (m_failure->code == 0 || misfit) return Advice::AnotherFile;
+    const bool onlyIdMissing = m_course.FailedForIdentity() && RunsApplication(m_evidence.device);
+    return onlyIdMissing ? ExplainNoId() : Advice::Again;
+  }
+
+  // Where the hardware fits, the id decides on the label alone; and the bootloader knows the hardware.
+  Advice ExplainNoId() {
+    m_view.Note("The device reports no id; checking its hardware in its bootloader.");
+    UpdateFlags flags = m_task.flags;
+    flags.checkIdentity = false;
+    flags.checkHardware = true;
+    flags.dryRun = true;
+    const bool fits = Run(flags);
+    if (!fits) LookAround();
+    const auto misfit = Misfit(m_report, m_engine.Facts(), m_task.flags);
+    if (misfit && !fits) m_failure = misfit;
+    if (!fits) return misfit ? Advice::AnotherFile : Advice::Again;
+    m_failure->text = "the device runs its application, but does not report its device id";
+    m_failure->hint = "Its hardware fits the file. Update it without the id; no label is set then.";
+    return Advice::SkipIdentity;
+  }
+
+  // Nothing has been erased, so the device still holds its old application, wherever it is.
+  void LookAround() {
+    const bool settled = RunsApplication(m_evidence.device) && !NeedsTunnel(m_report);
+    if (settled) return;
+    Inquiry inquiry = Ask();
+    m_found = AskWhoAnswers(inquiry, Patience::Full);
+    if (!NeedsTunnel(m_report)) {
+      if (m_found.inBootloader) m_evidence.device = DeviceCondition::BootloaderAsFound;
+      if (m_found.IsMaster()) m_failure = WrongRoad(RouteOf(m_report));
+    } else if (m_found.IsMaster()) {
+      BringBackBehindTunnel(inquiry);
+    } else if (m_found.AnythingAnswered()) {
+      Reject(WrongRoad(RouteOf(m_report)));
+    }
+  }
+
+  // The engine closes its tunnel before it starts the application again, so that a device behind it
+  // stays in its bootloader.
+  void BringBackBehindTunnel(Inquiry& inquiry) {
+    const TunnelRoute route = RouteOf(m_report);
+    m_view.Note("Looking for the device behind " + RouteText(route) + ".");
+    if (!inquiry.OpenTunnelTo(route)) return;
+    const DeviceReport behind = AskWhoAnswers(inquiry, Patience::Full);
+    if (behind.inBootloader)
+      m_view.Note("The device is in its bootloader; starting its application.");
+    const bool runs =
+        behind.RunsApplication() || (behind.inBootloader && inquiry.StartApplication());
+    if (runs) {
+      m_evidence.device = DeviceCondition::OldApplicationRuns;
+    } else if (behind.inBootloader) {
+      m_evidence.device = DeviceCondition::BootloaderAsFound;
+    } else {
+      m_evidence.device = DeviceCondition::Untouched;
+      m_failure = Failure{.name = "nobody-behind-tunnel",
+                          .code = 0,
+                          .text = "the file is for a device behind " + RouteText(route) +
+                                  "; no device responds there",
+                          .hint =
+                              "Check that device and its connection to the master, or use the "
+                              "update file for the device that is there."};
+    }
+    inquiry.CloseTunnel();
+    m_evidence.tunnel =
+        inquiry.OpenTunnel().value_or(0) == 0 ? TunnelCondition::Closed : TunnelCondition::LeftOpen;
   }
 
   // In another thread, which must wait for nothing that the update may hold.
@@ -156,99 +369,66 @@ class Work {
       if (!TakesText(STDOUT_FILENO)) return;
       m_view.Note("Stopping before the next request; " +
                   std::string(FlashIn(m_course.Current(), m_written)) +
-                  ". Ctrl-C again ends the program at once, in the middle of whatever it does.");
+                  ". Ctrl-C again ends the program at once, in the middle of its work.");
       return;
     }
-    SayLast("\nEnded at once: the state of the device is unknown. To get it going: " +
+    SayLast("\nEnded at once: the state of the device is unknown. To recover it, run: " +
             RecoverCommand(m_task) + "\n");
     std::_Exit(static_cast<int>(ExitCode::Stopped));
   }
 
   const Task m_task;
+  const PackageReport& m_report;
   UpdateView& m_view;
   LogPlatform m_platform;
   WireRecorder m_recorder;
   Session m_session;
   FirmwareUpdater m_engine;
   Course m_course;
+  DeviceReport m_found;       // who answered when we looked
   DeviceEvidence m_evidence;  // over all runs
+  std::optional<Failure> m_failure;
   std::optional<DeviceFacts> m_before;
   std::atomic<bool> m_written = false;
   Interrupts m_interrupts;  // the last to be made: it uses all the others
 };
 
-std::int32_t IdOf(std::optional<std::uint16_t> value) { return value ? *value : -1; }
-
-DeviceFacts AskApplication(Inquiry& inquiry, std::uint16_t requestId) {
-  Command softwareId = kRequestSoftwareId;
-  softwareId.id = requestId;
-  return {.deviceId = IdOf(AskValue(inquiry, kRequestDeviceId)),
-          .softwareId = IdOf(AskValue(inquiry, softwareId))};
-}
-
-void OpenDevice(Work& work) {
-  const std::string problem = work.Open();
-  if (problem.empty()) return;
-  Refuse(ExitCode::NoDevice, {.name = "not-opened",
-                              .code = 0,
-                              .text = problem,
-                              .hint = "`firmware-updater list` tells what stands in the way."});
-}
-
-// What a recovery sends would reach the device behind the tunnel.
-[[noreturn]] void RefuseToRecover(const Task& task) {
-  throw Refusal{{.name = "tunnel-open",
-                 .code = 0,
-                 .text = "a tunnel to another device is open and cannot be closed",
-                 .hint = "switch the master's power off and on, then run the command below"},
-                {.device = std::string(NameOf(DeviceCondition::Unknown)),
-                 .tunnel = "left-open",
-                 .sentence = "Nothing was written; the state of the device is unknown.",
-                 .command = RecoverCommand(task),
-                 .exit = ExitCode::FailedUnknown}};
-}
-
-// From the check of the file to what is known of the device in the end; all of it goes into the record.
-// Then calls `conclude`, while Ctrl-C is still no sudden end. Or throws a Refusal.
-void UpdateChosen(const Machine& machine, const UpdateOptions& options, const Procedure& procedure,
+// From the check of the file to the state of the device at the end; all of it goes into the record.
+// Then calls `conclude`, while Ctrl-C is still handled. Or throws a Refusal.
+void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& options,
                   UpdateView& view, Record& record, const std::function<void()>& conclude) {
+  record.state = NothingChanged("No device was opened; nothing was changed.");
   const PackageReport report = CheckedFile(options.file);
   record.sha256 = Sha256(ReadWholeFile(options.file));
   CheckOutputs(machine, options);
   const std::string log = LogPath(machine, options, view);
-  record.target = ChosenTarget(machine, options);
+  record.target = ChooseTarget(machine, options.target);
 
-  Work work(machine, options, *record.target, log, view);
-  OpenDevice(work);
-  Inquiry inquiry = work.Ask();
-  const bool recovering = record.command == "recover";
-  const bool mayBeMisled = recovering || (NeedsTunnel(report) && !options.flags.bootloaderOnly);
-  if (mayBeMisled && !work.CloseOpenTunnel(inquiry) && recovering) {
-    RefuseToRecover({options.file, *record.target, options.flags});
+  Work work(machine, options, {purpose, options.file, *record.target, options.flags}, report, log,
+            view);
+  work.Open();
+  record.state = NothingChanged("The device was only asked questions; nothing was changed.");
+  work.CheckEcho();
+  if (!options.flags.checkIdentity) {
+    view.Note("The hardware check is left out: nothing ensures that the file is for this device.");
   }
-  work.RecordImages(report);
-  const bool succeeded =
-      procedure(report, inquiry, [&work](const UpdateFlags& flags) { return work.Run(flags); });
+  const bool succeeded = work.Prepare() && work.Perform();
   work.Fill(record, succeeded);
-  // Behind a tunnel, which is closed by now, there is nobody to ask.
-  if (succeeded && options.json && !record.dryRun && !NeedsTunnel(report)) {
-    record.after = AskApplication(inquiry, report.images.front().requestId);
+  // Behind a tunnel, which is closed by now, nobody can be asked.
+  if (succeeded && options.json && !options.flags.dryRun && !NeedsTunnel(report)) {
+    record.after = work.AskApplication();
   }
   conclude();
 }
 
-// The result itself is lost when nobody can read it, and that is no success.
+// Lost output is no success.
 ExitCode ExitOf(const Machine& machine, const ClosingState& state) {
   if (machine.out) return state.exit;
-  Complain(machine, "standard output cannot be written; the result is lost", state.Line());
+  Complain(machine, "standard output cannot be written; the result was lost", state.Line());
   return state.exit == ExitCode::Done ? ExitCode::FailedRuns : state.exit;
 }
 
 }  // namespace
-
-bool NeedsTunnel(const PackageReport& report) {
-  return !report.images.empty() && report.images.front().route.master != -1;
-}
 
 void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
   command.Value("FILE", to.file, "Update file: .hex, or .zip with .hex files inside").Required();
@@ -271,23 +451,24 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
   command.Flag("--verbose", to.verbose, "Show the library's log as well");
 }
 
-ExitCode RunUpdate(const Machine& machine, const char* command, const UpdateOptions& options,
-                   const Procedure& procedure) {
+ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options) {
   // A reader that goes away must not end the program in the middle of an update.
   std::signal(SIGPIPE, SIG_IGN);
   const auto view = MakeView(machine, options.json, options.verbose);
   const std::chrono::milliseconds begin = machine.platform.MonotonicNow();
-  Record record{
-      .command = command, .file = options.file, .sha256 = "", .dryRun = options.flags.dryRun};
+  Record record{.purpose = purpose, .file = options.file, .flags = options.flags};
   const auto conclude = [&] {
     record.elapsed = machine.platform.MonotonicNow() - begin;
     view->Show(record);
   };
   try {
-    UpdateChosen(machine, options, procedure, *view, record, conclude);
+    UpdateChosen(machine, purpose, options, *view, record, conclude);
   } catch (const Refusal& refusal) {
-    record.failure = refusal.failure;
-    record.state = refusal.state;
+    record.failure =
+        Failure{.name = refusal.name, .code = 0, .text = refusal.text, .hint = refusal.hint};
+    record.state.exit = refusal.exit;
+    record.state.command = refusal.command;
+    record.state.tries = true;
     conclude();
   }
   return ExitOf(machine, record.state);

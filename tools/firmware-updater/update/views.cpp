@@ -81,7 +81,7 @@ class TextView : public UpdateView {
   explicit TextView(const Machine& machine) : m_machine(machine) {}
 
   void Show(const Record& record) override {
-    if (record.failure && !record.failure->told) {
+    if (record.failure) {
       Complain(m_machine, record.failure->name + ": " + record.failure->text, record.failure->hint);
     }
     for (const std::string& name : record.resetModules) {
@@ -103,9 +103,9 @@ class TextView : public UpdateView {
 
  private:
   static std::string Summary(const Record& record) {
-    const char* const what = record.dryRun                 ? "Dry run: nothing was written"
-                             : record.command == "recover" ? "Recovered"
-                                                           : "Updated";
+    const char* const what = record.flags.dryRun                  ? "Dry run: nothing was written"
+                             : record.purpose == Purpose::Recover ? "Recovered"
+                                                                  : "Updated";
     return Format("%s in %.1f s.", what, Seconds(record.elapsed));
   }
 };
@@ -244,10 +244,10 @@ Json AsJson(const Record& record) {
   for (const auto& [phase, time] : record.durations) {
     durations.Set(DescriptionOf(phase).name, Seconds(time));
   }
-  return {{"command", record.command},
+  return {{"command", NameOf(record.purpose)},
           {"file", record.file},
           {"sha256", record.sha256.empty() ? Json() : Json(record.sha256)},
-          {"dryRun", record.dryRun},
+          {"dryRun", record.flags.dryRun},
           {"target", AsJson(record.target)},
           {"ending", NameOf(record.ending)},
           {"exit", static_cast<int>(record.state.exit)},

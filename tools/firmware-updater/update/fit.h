@@ -1,0 +1,24 @@
+// Whether an update file is for a device, said in numbers: what the file is for, and what the device is.
+// The engine judges the same by the same rules, but keeps the numbers to its log.
+#pragma once
+
+#include <optional>
+
+#include "file/package_report.h"
+#include "update/record.h"
+
+namespace tavo::tool {
+
+// None: nothing that the device has reported speaks against the file. `flags` leave checks out as they
+// do in an update.
+std::optional<Failure> Misfit(const PackageReport& report, const DeviceFacts& device,
+                              const UpdateFlags& flags);
+
+// The file is for a device behind this master, or for one that is connected directly; the device on
+// the line is not.
+Failure WrongRoad(const TunnelRoute& fileIsFor);
+
+// "master 4, slave 1"
+std::string RouteText(const TunnelRoute& route);
+
+}  // namespace tavo::tool
