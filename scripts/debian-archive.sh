@@ -29,8 +29,8 @@ make_system() {
   make_architecture=$1
   make_folder=$2
   shift 2
-  debootstrap --arch="$make_architecture" --variant=minbase ${keyring:+"--keyring=$keyring"} \
-    "$codename" "$make_folder" "$mirror" &&
+  debootstrap --force-check-gpg ${keyring:+"--keyring=$keyring"} --variant=minbase \
+    --arch="$make_architecture" "$codename" "$make_folder" "$mirror" &&
     chroot "$make_folder" env DEBIAN_FRONTEND=noninteractive \
       apt-get -qq install -y --no-install-recommends "$@" &&
     chroot "$make_folder" apt-get clean

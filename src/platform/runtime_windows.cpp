@@ -1,4 +1,4 @@
-// The parts of the compiler's runtime that the DLL replaces.
+// Replaces parts of the compiler's runtime in the DLL.
 #include <windows.h>
 
 #include <cstdint>
@@ -6,9 +6,9 @@
 
 namespace __gnu_cxx {
 
-// Part of GCC's runtime, without a header: frees the memory that it keeps for exceptions thrown when
-// there is none left. A process that loads and unloads the DLL again and again would otherwise lose
-// 70 KiB each time.
+// A function of GCC's runtime without a header: releases the memory that the runtime reserves for
+// exceptions thrown when memory has run out. A process that loads and unloads the DLL again and again
+// would otherwise lose 70 KiB each time.
 void __freeres() noexcept;
 
 }  // namespace __gnu_cxx
@@ -19,7 +19,7 @@ struct FreeExceptionMemory {
   ~FreeExceptionMemory() { __gnu_cxx::__freeres(); }
 };
 
-// Ends after every other object of the DLL that may still throw.
+// Destroyed after every other object of the DLL that may still throw.
 [[gnu::init_priority(101)]] const FreeExceptionMemory freeExceptionMemory;
 
 }  // namespace
