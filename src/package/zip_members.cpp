@@ -9,6 +9,7 @@
 
 #include "miniz.h"
 #include "platform/file.h"
+#include "platform/memory.h"
 
 namespace tavo {
 namespace {
@@ -94,6 +95,7 @@ class ZipReader {
   MemberFate Unpack(mz_uint index, Unpacked& text) try {
     text.size = ClaimedSize(index);
     text.bytes = std::make_unique_for_overwrite<std::uint8_t[]>(text.size);
+    WillBeFilled(text.bytes.get(), text.size);
     // The unpacker itself leaves unsaid that the packed bytes make no sense.
     mz_zip_set_last_error(&m_archive, MZ_ZIP_DECOMPRESSION_FAILED);
     if (mz_zip_reader_extract_to_mem(&m_archive, index, text.bytes.get(), text.size, 0) != 0) {
