@@ -376,7 +376,7 @@ class LibftdiD2xx final : public D2xx {
     // Writes end only when the adapter has taken the bytes, and no events are asked for.
     *transmitQueue = 0;
     *eventState = 0;
-    return IoStatus(adapter.Input().Failed());
+    return IoStatus(adapter.Input().Interrupted());
   }
 
   D2xxStatus Read(D2xxHandle handle, std::span<std::uint8_t> buffer,

@@ -75,6 +75,8 @@ class FtdiInputStream {
 
   bool InFlight() const { return m_state == State::InFlight || m_state == State::Stopping; }
   bool Failed() const { return m_state == State::Failed; }
+  // For a pause after a failure, or for good.
+  bool Interrupted() const { return Failed() || m_state == State::Pausing; }
   std::uint32_t Waiting() const { return static_cast<std::uint32_t>(m_queue.size()); }
 
   // Moves the oldest bytes into `buffer`, as many as there are; returns their number.

@@ -54,6 +54,7 @@ bool CCommFTDI::Open(std::uint32_t deviceRef) {
   Close();
   const D2xxStatus status = OpenAdapter(deviceRef);
   m_isOpen = status == kD2xxOk;
+  m_inputInterrupted = false;
   if (m_isOpen) return true;
   m_platform.Print("FTDI Open Error " + std::to_string(static_cast<std::int32_t>(status)));
   Close();
@@ -127,12 +128,18 @@ bool CCommFTDI::ReceiveRawData(std::uint8_t* buffer, std::int32_t* length) {
   return waiting == 0 || Fetch(buffer, std::min(waiting, capacity), length);
 }
 
-// A status that cannot be read counts as silence: the timeout of the awaited answer ends it.
+// A failed status is logged once and counts as silence: input may come again, and if it does not, the
+// timeout of the awaited answer ends the wait.
 std::uint32_t CCommFTDI::BytesWaiting() {
   std::uint32_t waiting = 0;
   std::uint32_t transmitQueue = 0;
   std::uint32_t eventState = 0;
-  m_d2xx.GetStatus(m_handle, &waiting, &transmitQueue, &eventState);
+  const D2xxStatus status = m_d2xx.GetStatus(m_handle, &waiting, &transmitQueue, &eventState);
+  const bool interrupted = status != kD2xxOk;
+  if (interrupted && !m_inputInterrupted) {
+    m_log.LogWarn("CCommFTDI: Input interrupted, Error: %d", static_cast<std::int32_t>(status));
+  }
+  m_inputInterrupted = interrupted;
   return waiting;
 }
 

@@ -62,6 +62,7 @@ class CCommFTDI : public ICommInterface {
   D2xxHandle m_handle = nullptr;
   std::vector<CCommDevDesc> m_devices;
   bool m_isOpen = false;
+  bool m_inputInterrupted = false;  // at the last look
   LineSettings m_lineSettings;
   std::string m_serialNumber;
 };

@@ -156,6 +156,7 @@ TEST(WholeUpdate, AGlitchOnTheAdaptersInputCostsNoUpdate) {
     EXPECT_TRUE(station.UpdateOverFtdi());
     EXPECT_EQ(station.Requests(), kPlainUpdate) << "the adapter has kept the answer";
     EXPECT_TRUE(done);
+    EXPECT_TRUE(station.platform.ConsoleHas("WARN CCommFTDI: Input interrupted, Error: 4\n"));
   }
 }
 

@@ -23,7 +23,7 @@ class SimulatedD2xx : public D2xx {
         m_adapter(adapter),
         m_serialNumber(std::move(serialNumber)) {}
 
-  // What a test may put in the way: true makes the call fail.
+  // Faults that a test may inject: true makes the call fail.
   std::function<bool()> failSend = [] { return false; };
   std::function<bool()> failReceive = [] { return false; };
   // Ends the input transfer in flight in this way, without data.
@@ -85,7 +85,7 @@ class SimulatedD2xx : public D2xx {
     if (Gone()) return kD2xxIoError;
     Fetch();
     *receiveQueue = m_input->Waiting();
-    return kD2xxOk;
+    return m_input->Interrupted() ? kD2xxIoError : kD2xxOk;
   }
   D2xxStatus Read(D2xxHandle /*handle*/, std::span<std::uint8_t> buffer,
                   std::uint32_t* received) override {

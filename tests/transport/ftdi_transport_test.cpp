@@ -129,6 +129,8 @@ TEST_F(FtdiTransportTest, ASilentReadWaitsAMomentAndReadsNothing) {
   m_d2xx.status["GetStatus"] = kD2xxIoError;
   EXPECT_EQ(ReadFrom(m_transport), (RawRead{true, {}})) << "an unknown count is no input";
   EXPECT_EQ(m_d2xx.waits, std::vector(2, std::chrono::milliseconds(10)));
+  EXPECT_EQ(m_platform.Console(),
+            "2024.03.01 - 12:00:00 WARN CCommFTDI: Input interrupted, Error: 4\n");
 }
 
 TEST_F(FtdiTransportTest, WhatComesDuringTheWaitIsReadAsFarAsItFits) {
