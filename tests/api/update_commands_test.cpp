@@ -43,7 +43,7 @@ TEST_F(UpdateCommands, OfSeveralDevicesTheFirstIsTakenAndTheLogNamesIt) {
   EXPECT_TRUE(other.Journal().empty());
 }
 
-TEST_F(UpdateCommands, WithoutAnyDeviceThatIsSaid) {
+TEST_F(UpdateCommands, WithoutAnyDeviceItSaysSo) {
   station.device.Unplug(SimNow(station.platform), std::nullopt);
   EXPECT_FALSE(UpdateDevice(Context(), {TransportKind::Usb, ""}, File(), {}));
   EXPECT_TRUE(Console().ends_with("\nNo device connected!"));
@@ -52,7 +52,7 @@ TEST_F(UpdateCommands, WithoutAnyDeviceThatIsSaid) {
   EXPECT_EQ(Console(), "Firmware-Updater\nFirmware: " + File() + "\nNo device connected!");
 }
 
-TEST_F(UpdateCommands, AnUnknownNameIsSaidAndTheUpdateDoesNotBegin) {
+TEST_F(UpdateCommands, AnUnknownNameIsReportedAndTheUpdateDoesNotBegin) {
   EXPECT_FALSE(UpdateDevice(Context(), {TransportKind::Usb, "3-9"}, File(), {}));
   EXPECT_TRUE(station.platform.ConsoleHas("USB-Port: 3-9\nPort 3-9 isnt found\n"));
   EXPECT_FALSE(UpdateDevice(Context(), Adapter("tavo0001"), File(), {}));

@@ -1,5 +1,5 @@
-// What the engine concludes of a device from the requests that were answered and those that were
-// not: no more than the answers prove.
+// The engine's conclusions about a device, from answered and unanswered requests: no more than the
+// answers prove.
 #include "engine/evidence.h"
 
 #include <gtest/gtest.h>

@@ -12,14 +12,14 @@ using namespace std::chrono_literals;
 
 class StatusHandlerTest : public testing::Test {
  protected:
-  // What handling this message prints.
+  // The text that handling this message prints.
   std::string Printed(const StatusMessage& message) {
     m_platform.ClearConsole();
     m_handler.Handle(message);
     return m_platform.Console();
   }
 
-  // What is drawn for `current` of `total` bytes, as the first line.
+  // The first bar drawn, for `current` of `total` bytes.
   std::string Bar(std::int32_t current, std::int32_t total) {
     m_handler.Handle({StatusKind::TransferBegins, total});
     return Printed({StatusKind::TransferProgress, current});

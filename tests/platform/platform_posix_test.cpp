@@ -18,8 +18,8 @@ namespace {
 
 using namespace std::chrono_literals;
 
-// What becomes of a process that does `work` with its standard output closed or on a full disk; its
-// exit code is 0 when it came to the end.
+// The exit status of a process that does `work` with its standard output closed or on a full disk: 0
+// when it has completed.
 int ExitStatusWithOutput(const char* output, const std::function<void()>& work) {
   const pid_t child = fork();
   if (child == 0) {

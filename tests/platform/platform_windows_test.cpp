@@ -81,7 +81,7 @@ TEST(WindowsCodePage, APathInItOpensToo) {
   std::filesystem::remove(file);
 }
 
-TEST_F(WindowsPaths, WhatIsNoFileIsNotWaitedFor) {
+TEST_F(WindowsPaths, AnythingButAFileIsRefusedWithoutWaiting) {
   const std::wstring pipeName = L"\\\\.\\pipe\\tavo_test.hex";
   const HANDLE pipe =
       CreateNamedPipeW(pipeName.c_str(), PIPE_ACCESS_DUPLEX, PIPE_TYPE_BYTE, 1, 64, 64, 0, nullptr);
@@ -106,7 +106,7 @@ TEST_F(WindowsPaths, TheLogIsAppendedUnderAnyName) {
   EXPECT_EQ(SystemPlatform().OpenFile(path + "/none/a.log", "a"), nullptr);
 }
 
-TEST(PlatformWindows, PrintsToWhateverTheHostHasAsOutput) {
+TEST(PlatformWindows, PrintsToTheOutputOfTheHost) {
   const HANDLE console = GetStdHandle(STD_OUTPUT_HANDLE);
   for (const HANDLE none : {static_cast<HANDLE>(nullptr), INVALID_HANDLE_VALUE}) {
     SetStdHandle(STD_OUTPUT_HANDLE, none);

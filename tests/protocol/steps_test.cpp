@@ -1,5 +1,5 @@
-// What the steps send and make of the answers where a whole update does not show it, and how long
-// they go on without an answer.
+// Requests of the steps and their reactions to answers, where a whole update does not show them, and
+// how long they continue without an answer.
 #include <gtest/gtest.h>
 
 #include "tests/support/engine_rig.h"

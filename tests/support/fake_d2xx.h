@@ -115,7 +115,7 @@ class FakeD2xx : public D2xx {
     return found == status.end() ? kD2xxOk : found->second;
   }
 
-  // What lies behind the zero byte of a short text is not the vendor's concern.
+  // The vendor does not define the bytes behind the zero byte of a short text.
   template <std::size_t kCapacity>
   static void Fill(const std::string& text, std::array<char, kCapacity>& field) {
     field.fill('#');

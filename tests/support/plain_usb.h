@@ -1,6 +1,5 @@
-// libusb calls of a machine on which nothing stands in the way of a device: one context, one bus, no
-// driver of the kernel, every interface free. What devices there are, and what they do, derived
-// classes say.
+// libusb calls of a machine without obstacles: one context, one bus, no kernel driver, every interface
+// free. Derived classes add the devices.
 #pragma once
 
 #include "platform/libusb_api.h"

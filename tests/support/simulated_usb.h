@@ -75,7 +75,7 @@ class SimulatedUsb : public PlainUsb {
   }
   int OpenHandles() const { return m_opened; }
 
-  // What a test may put in the way of a transfer: true makes it fail.
+  // Faults that a test may inject: true makes the transfer fail.
   std::function<bool()> failSend = [] { return false; };
   std::function<bool()> failReceive = [] { return false; };
   // Called while a device is being opened.

@@ -1,5 +1,5 @@
-// What a test compares of an update: the requests that reach the device and the lines that a person
-// reads, and the sequences that are expected of them. Used on the virtual clock and with processes.
+// The parts of an update that tests compare: the requests that reach the device and the lines that a
+// person reads, with the expected sequences. Used on the virtual clock and with processes.
 #pragma once
 
 #include <sstream>

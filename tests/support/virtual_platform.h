@@ -1,4 +1,4 @@
-// A machine without a wall: its clocks stand still until somebody sleeps or a test advances them,
+// A machine with a virtual clock: it stands still until somebody sleeps or a test advances it,
 // its console is a string and its executable lies in a folder of its own that is empty at first. A
 // test that waits 25 seconds on it takes microseconds.
 //
@@ -73,7 +73,7 @@ class VirtualPlatform : public Platform {
     m_now += duration;
   }
 
-  // What TickCount tells at time 0; near the end of its range it soon wraps.
+  // The value of TickCount at time 0; near the end of its range it soon wraps.
   void SetTickOffset(std::uint32_t offset) { m_tickOffset = offset; }
 
   void SetExecutablePath(std::string path) { m_executablePath = std::move(path); }

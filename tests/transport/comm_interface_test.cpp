@@ -88,7 +88,7 @@ class CommInterfaceTest : public testing::Test {
     EXPECT_EQ(PollAfter(10ms), Polled::Nothing);
   }
 
-  // What is left of a read of these bytes.
+  // The bytes that a read of these delivers.
   Bytes Received(const Bytes& bytes) {
     DeviceSends(bytes);
     return ReadFrom(m_transport).bytes;
@@ -114,7 +114,7 @@ TEST_F(CommInterfaceTest, ARequestGoesOutAsAFrameAndItsAnswerComesBackOnce) {
   EXPECT_TRUE(Request(0x120, {3, 0x40}));
   EXPECT_EQ(m_transport.sent.back(), Frame(0x120, {3, 0x40}));
   EXPECT_EQ(Poll(), Polled::Nothing);
-  DeviceAnswers(0x121);  // to somebody else's request
+  DeviceAnswers(0x121);  // the answer to another request
   EXPECT_EQ(Poll(), Polled::Nothing);
   DeviceAnswers(0x120);
   ASSERT_EQ(Poll(), Polled::Answer);
@@ -238,7 +238,7 @@ TEST_F(CommInterfaceTest, NothingOfAnEarlierUpdateIsLeftAfterDiscarding) {
   ExpectTimeoutAfter(4000ms);
 }
 
-TEST_F(CommInterfaceTest, EndlessInputKeepsNobodyForever) {
+TEST_F(CommInterfaceTest, EndlessInputDoesNotBlockForever) {
   m_transport.endlessInput = {0xA3};
   EXPECT_LE(TimeFor(&ICommInterface::DiscardLeftovers), 1s);
   Poll();

@@ -63,7 +63,7 @@ TEST_F(FrameAssemblerTest, FramesMayBeCutAnywhere) {
   }
 }
 
-TEST_F(FrameAssemblerTest, WhatIsNoFrameIsDroppedAndTheNextFrameReceived) {
+TEST_F(FrameAssemblerTest, BytesThatAreNoFrameAreDroppedAndTheNextFrameIsReceived) {
   EXPECT_EQ(Batch(Bytes{0x00, 0x0A, 0x9F, 0xB0, 0xFF} + Frame(0x120)), 0x120) << "no header byte";
   const Bytes kDamagedOrTooShort[] = {{0xA3, 0x83, 0x04, 0xF8},
                                       {0xA4, 0x01, 0x05, 0x01, 0x36},
@@ -85,7 +85,7 @@ TEST_F(FrameAssemblerTest, AfterALostByteAssemblyGoesOnAtTheNextHeader) {
   EXPECT_EQ(ByteByByte(Bytes{0xA5} + Frame(0x122, 8)), std::vector{0x122}) << "a stray header";
 }
 
-TEST_F(FrameAssemblerTest, WhatLiesBehindAFrameInItsBatchIsDropped) {
+TEST_F(FrameAssemblerTest, BytesBehindAFrameInItsBatchAreDropped) {
   EXPECT_EQ(Batch(Frame(0x120) + Frame(0x121)), 0x120);
   EXPECT_EQ(Batch({}), -1);
   EXPECT_EQ(Batch(Frame(0x120, 128) + Bytes(500, 0x55)), 0x120) << "more than the buffer holds";

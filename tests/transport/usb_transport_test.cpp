@@ -128,7 +128,7 @@ TEST_F(UsbTransportTest, GivesTheDeviceBackToItsDriverOnEveryRoadOut) {
 
   m_usb.results.erase("Control 32 0");
   OpenFirst();
-  m_usb.results.erase("KernelDriverActive 0");  // it has been detached and nobody else attaches it
+  m_usb.results.erase("KernelDriverActive 0");  // detached, and not attached by anyone
   EXPECT_TRUE(Transport().Reconnect());
   const Calls calls = m_usb.TakeCalls();
   EXPECT_EQ(std::count(calls.begin(), calls.end(), "AttachKernelDriver 0"), 0);

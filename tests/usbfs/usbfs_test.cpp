@@ -115,7 +115,7 @@ const Place kPlaces[] = {
 
 void PrintTo(const Place& place, std::ostream* out) { *out << place.name; }
 
-// Of this process.
+// The number of threads of this process.
 std::ptrdiff_t Threads() {
   return std::ranges::distance(std::filesystem::directory_iterator("/proc/self/task"),
                                std::filesystem::directory_iterator());
