@@ -120,8 +120,8 @@ void StateDirectory::Update(SimTime now) {
   const DeviceState state = m_device.State(now);
   if (m_device.Journal().empty() && state == m_lastState) return;
   m_lastState = state;
-  Snapshot snapshot = m_device.Save();
-  if (!Same(snapshot, m_saved)) Save(std::move(snapshot));
+  const Snapshot snapshot = m_device.Save();
+  if (!Same(snapshot, m_saved)) Save(snapshot);
   // The journal comes last, so a reader that waits for a line in it finds the files up to date.
   std::string lines;
   for (const Exchange& exchange : m_device.Journal()) lines += Line(exchange) + '\n';

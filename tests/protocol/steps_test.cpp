@@ -145,7 +145,7 @@ TEST(Writing, SendsTheBlocksInOrderAndLeavesOutBlankOnesAfterTheFirst) {
     Texts expected;
     for (const std::uint32_t block : row.written) {
       const auto begin =
-          rig.access.selected->data.begin() + static_cast<std::ptrdiff_t>(block * 64);
+          rig.access.selected->data.begin() + static_cast<std::ptrdiff_t>(block) * 64;
       expected.push_back(Positioning(0x4000 + block * 64));
       expected.push_back(ScriptedTransport::Text(0x134, Bytes(begin, begin + 64)));
     }

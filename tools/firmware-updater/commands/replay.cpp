@@ -179,6 +179,7 @@ class RecordedFile {
     if (descriptor >= 0) close(descriptor);
     m_path = name;
     std::vector<tavosim::ZipMember> members;
+    members.reserve(images.size());
     for (const FirmwareImage& image : images) {
       members.push_back({Format("%05zu.hex", members.size()),
                          tavosim::HexText({image.data, image.startAddress, 0})});
