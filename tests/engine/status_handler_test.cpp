@@ -8,8 +8,6 @@
 namespace tavo::test {
 namespace {
 
-using namespace std::chrono_literals;
-
 class StatusHandlerTest : public testing::Test {
  protected:
   // The text that handling this message prints.
@@ -31,25 +29,6 @@ class StatusHandlerTest : public testing::Test {
   FirmwareUpdater m_engine{m_platform, m_log, m_holder};
   StatusHandler m_handler{m_platform, m_engine};
 };
-
-TEST_F(StatusHandlerTest, EveryKindPrintsItsTextAndOneKindWaits) {
-  const struct {
-    StatusMessage message;
-    const char* text;
-  } kRows[] = {
-      {{StatusKind::UpdateBegins}, "Preparing Device\n"},
-      {{StatusKind::UpdateSucceeded}, "Firmwareupdate successfull\n"},
-      {{StatusKind::UpdateFailed, 15, ""}, "Firmwareupdate Error: 15\n"},
-      {{StatusKind::UpdateFailed, 15, "100 %s off"}, "100 %s off\n"},
-      {{StatusKind::TransferBegins, 1000}, "Transferring Firmware\n"},
-      {{StatusKind::TransferEnded}, "\n"},
-      {{StatusKind::WaitAndResume, kTunnelCloses, {}, 5000ms}, "Closing Tunnel\n"},
-      {{StatusKind::WaitAndResume, kRetryStep, {}, 1000ms}, ""},
-      {{StatusKind{1123}}, "Unknown Message\n"},
-  };
-  for (const auto& row : kRows) EXPECT_EQ(Printed(row.message), row.text);
-  EXPECT_EQ(m_platform.Sleeps(), (std::vector{5000ms, 1000ms}));
-}
 
 TEST_F(StatusHandlerTest, TheBarGrowsByOneMarkEveryFivePercent) {
   const struct {

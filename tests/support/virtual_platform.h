@@ -84,6 +84,10 @@ class VirtualPlatform : public Platform {
   // Console and Sleeps are for when no other thread is at work any more.
   const std::string& Console() const { return m_console; }
   void ClearConsole() { m_console.clear(); }
+  void ClearRecords() {
+    ClearConsole();
+    m_sleeps = {};
+  }
   bool ConsoleHas(std::string_view text) const { return m_console.find(text) != std::string::npos; }
 
   // Every sleep so far, in order.

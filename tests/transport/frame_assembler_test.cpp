@@ -50,19 +50,6 @@ class FrameAssemblerTest : public testing::Test {
   FrameAssembler m_assembler;
 };
 
-TEST_F(FrameAssemblerTest, FramesMayBeCutAnywhere) {
-  std::mt19937 random(1);
-  for (std::uint16_t id = 0; id < 300; ++id) {
-    const Bytes frame = Frame(id, random() % 129);
-    const auto cut = frame.begin() + static_cast<std::ptrdiff_t>(1 + random() % (frame.size() - 1));
-    EXPECT_EQ(Batch(frame), id);
-    EXPECT_EQ(Batch({}), -1) << "a message is handed out once";
-    EXPECT_EQ(Batch({frame.begin(), cut}), -1);
-    EXPECT_EQ(Batch({cut, frame.end()}), id);
-    EXPECT_EQ(ByteByByte(frame), std::vector<int>{id});
-  }
-}
-
 TEST_F(FrameAssemblerTest, BytesThatAreNoFrameAreDroppedAndTheNextFrameIsReceived) {
   EXPECT_EQ(Batch(Bytes{0x00, 0x0A, 0x9F, 0xB0, 0xFF} + Frame(0x120)), 0x120) << "no header byte";
   const Bytes kDamagedOrTooShort[] = {{0xA3, 0x83, 0x04, 0xF8},
@@ -83,13 +70,6 @@ TEST_F(FrameAssemblerTest, AfterALostByteAssemblyGoesOnAtTheNextHeader) {
   EXPECT_EQ(Batch(bytes), -1) << "one frame is examined per batch";
   EXPECT_EQ(Batch({}), 0x121);
   EXPECT_EQ(ByteByByte(Bytes{0xA5} + Frame(0x122, 8)), std::vector{0x122}) << "a stray header";
-}
-
-TEST_F(FrameAssemblerTest, BytesBehindAFrameInItsBatchAreDropped) {
-  EXPECT_EQ(Batch(Frame(0x120) + Frame(0x121)), 0x120);
-  EXPECT_EQ(Batch({}), -1);
-  EXPECT_EQ(Batch(Frame(0x120, 128) + Bytes(500, 0x55)), 0x120) << "more than the buffer holds";
-  EXPECT_TRUE(m_assembler.IsIdle());
 }
 
 TEST_F(FrameAssemblerTest, AnUnfinishedFrameIsDroppedAfterFourSecondsOfSilence) {
