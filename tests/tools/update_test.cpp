@@ -141,6 +141,9 @@ TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDevice
       {"recover @firmware.hex --record @./firmware.hex", Usage, "is the update file itself"},
       {"update @firmware.hex --log @both --record @both", Usage, "the same file"},
       {"update @firmware.hex --record \"\"", Usage, "--record: is empty"},
+      {"update @firmware.hex --log /dev/full", Usage, "the log cannot be written"},
+      {"update @firmware.hex --record /dev/full", Usage, "the record of the traffic cannot be"},
+      {"update @firmware.hex --tag unit", Usage, "NAME=VALUE"},
       {"replay /dev/zero", BadFile, "is a device, not a file"},
   };
   for (const auto& row : kRows) {
@@ -340,13 +343,17 @@ TEST(Replay, EveryKeptRecordIsFollowed) {
 
 TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
   Desk desk(Options("plain"), false, {"lose:id=0x134:3"});
-  EXPECT_EQ(desk.Update(" --json"), Done) << desk.run.Out();
+  EXPECT_EQ(desk.Update(" --json --tag unit=4711"), Done) << desk.run.Out();
   EXPECT_EQ(desk.run.Err(), "");
   const Json last = Json::Parse(desk.run.LastLine());
   EXPECT_EQ(last["event"], "result");
   EXPECT_EQ(last["ending"], "succeeded");
   EXPECT_EQ(last["state"]["device"], "updated-and-verified");
   EXPECT_EQ(last["retries"], 1);
+  EXPECT_EQ(last["tags"]["unit"], "4711");
+  EXPECT_EQ(last["bytes"]["written"], last["bytes"]["due"]);
+  EXPECT_FALSE(last["verification"]["expected"].IsNull());
+  EXPECT_EQ(last["verification"]["calculated"], last["verification"]["expected"]);
   EXPECT_EQ(last["before"]["deviceId"], 0x0101);
   EXPECT_EQ(last["before"]["hardwareId"], 0x8410);
   EXPECT_EQ(last["before"]["bootloaderVersion"], 3);

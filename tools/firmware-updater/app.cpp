@@ -166,7 +166,7 @@ ExitCode WithOutput(ExitCode exit, const Machine& machine) {
   if (machine.out || exit != ExitCode::Done) return exit;
   Complain(machine, "standard output cannot be written; the output was lost",
            "check the disk, or the program that reads the output, then run the command again");
-  return ExitCode::FailedUnknown;
+  return ExitCode::EvidenceLost;
 }
 
 }  // namespace

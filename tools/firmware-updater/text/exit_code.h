@@ -11,10 +11,11 @@ enum class ExitCode : int {
   FailedRuns = 1,          // failed; the device runs an application
   Usage = 2,               // the command line is wrong
   NoDevice = 3,            // no such device, or it cannot be used
-  BadFile = 4,             // the update file could never be written
+  BadFile = 4,             // no device can accept the update file
   FailedInBootloader = 5,  // failed; the device is in its bootloader
   Stopped = 6,             // stopped by the user
-  FailedUnknown = 7,       // failed; nobody knows what state the device is in
+  FailedUnknown = 7,       // failed; the state of the device is unknown
+  EvidenceLost = 8,        // done; the log, the record or the output was lost
 };
 
 struct ExitDescription {
@@ -23,7 +24,7 @@ struct ExitDescription {
 };
 
 // In the order of the numbers; the manual prints it.
-inline constexpr std::array<ExitDescription, 8> kExitTable{{
+inline constexpr std::array<ExitDescription, 9> kExitTable{{
     {ExitCode::Done, "done"},
     {ExitCode::FailedRuns, "failed, and the device runs an application"},
     {ExitCode::Usage, "the command line is wrong"},
@@ -32,6 +33,7 @@ inline constexpr std::array<ExitDescription, 8> kExitTable{{
     {ExitCode::FailedInBootloader, "failed, and the device is in its bootloader"},
     {ExitCode::Stopped, "stopped by the user"},
     {ExitCode::FailedUnknown, "failed, and the state of the device is unknown"},
+    {ExitCode::EvidenceLost, "done, but the log, the record or the output was lost"},
 }};
 
 }  // namespace tavo::tool

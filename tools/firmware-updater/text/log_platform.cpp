@@ -28,9 +28,11 @@ LogPlatform::LogPlatform(Platform& machine, std::string path, std::ostream* echo
 void LogPlatform::Print(std::string_view text) {
   if (m_echo != nullptr) *m_echo << text << std::flush;
   if (m_path.empty()) return;
-  if (const FileHandle file = m_machine.OpenFile(m_path, "a")) {
-    std::fwrite(text.data(), 1, text.size(), file.get());
-  }
+  const FileHandle file = m_machine.OpenFile(m_path, "a");
+  const bool written = file &&
+                       std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
+                       std::fflush(file.get()) == 0;
+  m_lost |= !written;
 }
 
 FileHandle LogPlatform::OpenFile(const std::string& /*path*/, const char* mode) {

@@ -28,12 +28,14 @@ class LogPlatform final : public Platform {
   // The library's log file: the same lines come by Print.
   FileHandle OpenFile(const std::string& path, const char* mode) override;
 
-  const std::string& Path() const { return m_path; }
+  // Whether a line could not be written to the file.
+  bool HasLost() const { return m_lost; }
 
  private:
   Platform& m_machine;
   std::string m_path;
   std::ostream* m_echo;
+  bool m_lost = false;
 };
 
 // Where the log goes when the user names no file: firmware-updater/firmware-updater.log in

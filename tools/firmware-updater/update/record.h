@@ -22,8 +22,11 @@ struct Failure {
 
 struct Record {
   Purpose purpose = Purpose::Update;
-  std::string file;
+  std::string file;  // absolute
   UpdateFlags flags{};
+  std::vector<std::string> tags{};  // "NAME=VALUE"
+  std::chrono::system_clock::time_point begin{};
+  std::chrono::system_clock::time_point end{};
   std::string sha256{};            // of the file, in hexadecimal; empty when it cannot be read
   std::optional<Target> target{};  // none: the command ended before one was chosen
   Ending ending = Ending::Failed;
@@ -36,6 +39,7 @@ struct Record {
   std::vector<std::pair<Phase, std::chrono::milliseconds>> durations{};  // of the phases passed
   std::chrono::milliseconds elapsed{0};
   std::vector<std::string> resetModules{};
+  std::string lost{};  // evidence that could not be written, in one sentence
 };
 
 }  // namespace tavo::tool

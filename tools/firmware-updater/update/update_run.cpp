@@ -5,11 +5,14 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -111,6 +114,22 @@ class Work {
     for (const ImageReport& image : report.images) m_recorder.AddImage(image.image);
   }
 
+  // A first line goes into the log, and shows whether there is room for more. A log that nobody has
+  // named must not prevent an update.
+  void CheckEvidence(bool logIsNamed) {
+    m_platform.Print("firmware-updater " TAVO_VERSION ": " + CommandLine(m_task) + "\n");
+    if (m_recorder.HasLost() || (logIsNamed && m_platform.HasLost())) {
+      throw Refusal{ExitCode::Usage, "unwritable-file", EvidenceLost(),
+                    "name another file with --log or --record"};
+    }
+  }
+
+  // Empty, or what was lost in one sentence.
+  std::string EvidenceLost() {
+    if (m_recorder.HasLost()) return "the record of the traffic cannot be written";
+    return m_platform.HasLost() ? "the log cannot be written" : "";
+  }
+
   void Open() { m_session.Open(m_task.target); }
 
   // The echo needs no device, so it is the first thing to know: without it, our own requests would be
@@ -166,6 +185,10 @@ class Work {
       record.resetModules.push_back(*name);
     }
     record.state = CloseWith(m_evidence, record.ending, advice, m_task);
+    record.lost = EvidenceLost();
+    if (record.lost.empty()) return;
+    m_view.Note("Warning: " + record.lost + " any more.");
+    if (record.state.exit == ExitCode::Done) record.state.exit = ExitCode::EvidenceLost;
   }
 
   // The ids of the application that runs now.
@@ -406,6 +429,7 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
 
   Work work(machine, options, {purpose, options.file, *record.target, options.flags}, report, log,
             view);
+  work.CheckEvidence(!options.log.empty());
   work.Open();
   record.state = NothingChanged("The device was only asked questions; nothing was changed.");
   work.CheckEcho();
@@ -421,11 +445,17 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
   conclude();
 }
 
+std::string AbsolutePath(const std::string& path) {
+  std::error_code error;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, error);
+  return error ? path : absolute.lexically_normal().string();
+}
+
 // Lost output is no success.
 ExitCode ExitOf(const Machine& machine, const ClosingState& state) {
   if (machine.out) return state.exit;
   Complain(machine, "standard output cannot be written; the result was lost", state.Line());
-  return state.exit == ExitCode::Done ? ExitCode::FailedRuns : state.exit;
+  return state.exit == ExitCode::Done ? ExitCode::EvidenceLost : state.exit;
 }
 
 }  // namespace
@@ -448,6 +478,11 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
                                 "replay; the firmware is left out");
   record.Shown("FILE").NotEmpty();
   command.Flag("--record-firmware", to.recordFirmware, "Record the firmware too").Needs(record);
+  command.Values("--tag", to.tags, "NAME=VALUE to add to the result of --json; repeatable")
+      .Shown("NAME=VALUE")
+      .Checked([](const std::string& tag) {
+        return tag.find('=') + 1 > 1 ? "" : "is written NAME=VALUE";
+      });
   command.Flag("--verbose", to.verbose, "Show the library's log as well");
 }
 
@@ -456,8 +491,13 @@ ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions&
   std::signal(SIGPIPE, SIG_IGN);
   const auto view = MakeView(machine, options.json, options.verbose);
   const std::chrono::milliseconds begin = machine.platform.MonotonicNow();
-  Record record{.purpose = purpose, .file = options.file, .flags = options.flags};
+  Record record{.purpose = purpose,
+                .file = AbsolutePath(options.file),
+                .flags = options.flags,
+                .tags = options.tags,
+                .begin = std::chrono::system_clock::now()};
   const auto conclude = [&] {
+    record.end = std::chrono::system_clock::now();
     record.elapsed = machine.platform.MonotonicNow() - begin;
     view->Show(record);
   };

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "device/target_choice.h"
 #include "engine/firmware_updater.h"
@@ -21,6 +22,7 @@ struct UpdateOptions {
   std::string log{};
   std::string record{};
   bool recordFirmware = false;
+  std::vector<std::string> tags{};  // "NAME=VALUE"
 };
 
 // The options that both commands have.

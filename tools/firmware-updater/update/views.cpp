@@ -1,6 +1,8 @@
 #include "update/views.h"
 
 #include <algorithm>
+#include <chrono>
+#include <ctime>
 #include <mutex>
 #include <ostream>
 #include <thread>
@@ -46,7 +48,8 @@ int Percent(const Transfer& transfer) {
 
 std::string Rate(const Transfer& transfer) {
   if (transfer.elapsed < kRateNeeds) return {};
-  return Format("%.1f KiB/s", KiB(transfer.done) / Seconds(transfer.elapsed));
+  return Format("%.1f KiB/s",
+                KiB(std::min(transfer.done, transfer.total)) / Seconds(transfer.elapsed));
 }
 
 std::string TimeLeft(const Transfer& transfer) {
@@ -68,7 +71,8 @@ const char* NameOf(PhaseEnd end) {
 
 std::string PhaseResult(Phase phase, PhaseEnd end, milliseconds elapsed, const Transfer& transfer) {
   std::string line = Format("%-8s%7.1f s", NameOf(end), Seconds(elapsed));
-  if (phase == Phase::Write) line += Format("   %.1f KiB", KiB(transfer.done));
+  if (phase == Phase::Write)
+    line += Format("   %.1f KiB", KiB(std::min(transfer.done, transfer.total)));
   if (const std::string rate = Rate(transfer); phase == Phase::Write && !rate.empty()) {
     line += ", " + rate;
   }
@@ -239,6 +243,42 @@ const char* NameOf(Ending ending) {
   return "stopped";
 }
 
+// Blank blocks that had to be written too are not counted: the count ends where it said that it would.
+std::int64_t ContentWritten(const Transfer& transfer) {
+  return std::min(transfer.done, transfer.total);
+}
+
+Json BytesJson(const Transfer& transfer) {
+  return {{"written", ContentWritten(transfer)}, {"due", transfer.total}};
+}
+
+// RFC 3339, in UTC.
+std::string TimeText(std::chrono::system_clock::time_point time) {
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
+  std::tm utc{};
+  gmtime_r(&seconds, &utc);
+  return Format("%04d-%02d-%02dT%02d:%02d:%02dZ", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
+                utc.tm_hour, utc.tm_min, utc.tm_sec);
+}
+
+Json AsJson(const UpdateFlags& flags) {
+  return {{"skipIdentityCheck", !flags.checkIdentity},
+          {"extendedErase", flags.extendedErase},
+          {"bootloaderOnly", flags.bootloaderOnly},
+          {"dryRun", flags.dryRun}};
+}
+
+Json TagsJson(const std::vector<std::string>& tags) {
+  Json json = Json::Object();
+  for (const std::string& tag : tags) {
+    const std::size_t equals = tag.find('=');
+    json.Set(tag.substr(0, equals), tag.substr(equals + 1));
+  }
+  return json;
+}
+
+Json ChecksumJson(std::int64_t value) { return value < 0 ? Json() : Json(value); }
+
 Json AsJson(const Record& record) {
   Json durations = Json::Object();
   for (const auto& [phase, time] : record.durations) {
@@ -248,6 +288,11 @@ Json AsJson(const Record& record) {
           {"file", record.file},
           {"sha256", record.sha256.empty() ? Json() : Json(record.sha256)},
           {"dryRun", record.flags.dryRun},
+          {"flags", AsJson(record.flags)},
+          {"tags", TagsJson(record.tags)},
+          {"tool", TAVO_VERSION},
+          {"begin", TimeText(record.begin)},
+          {"end", TimeText(record.end)},
           {"target", AsJson(record.target)},
           {"ending", NameOf(record.ending)},
           {"exit", static_cast<int>(record.state.exit)},
@@ -259,10 +304,14 @@ Json AsJson(const Record& record) {
             {"next", record.state.command.empty() ? Json() : Json(record.state.command)}}},
           {"before", AsJson(record.before)},
           {"after", record.after ? AsJson(*record.after) : Json()},
-          {"bytes", {{"written", record.transfer.done}, {"due", record.transfer.total}}},
+          {"verification",
+           {{"calculated", ChecksumJson(record.before.checksum)},
+            {"expected", ChecksumJson(record.before.expectedChecksum)}}},
+          {"bytes", BytesJson(record.transfer)},
           {"retries", record.retries},
           {"resetModules", record.resetModules},
           {"durations", durations},
+          {"lost", record.lost.empty() ? Json() : Json(record.lost)},
           {"seconds", Seconds(record.elapsed)}};
 }
 
@@ -277,7 +326,7 @@ class JsonView final : public UpdateView {
     const int percent = Percent(transfer);
     if (percent == m_lastPercent) return;
     m_lastPercent = percent;
-    Line("bytes", {{"written", transfer.done}, {"due", transfer.total}});
+    Line("bytes", BytesJson(transfer));
   }
   void PhaseEnds(Phase phase, PhaseEnd end, milliseconds elapsed, const Transfer&) override {
     Line("phase", {{"phase", DescriptionOf(phase).name},

@@ -225,6 +225,11 @@ WireRecorder::WireRecorder(Platform& platform, const std::string& path, bool wit
   m_file << Json{{"version", kVersion}, {"event", "recording"}} << '\n';
 }
 
+bool WireRecorder::HasLost() {
+  const std::lock_guard lock(m_lock);
+  return m_file.is_open() && !m_file.flush();
+}
+
 double WireRecorder::Now() const {
   return std::chrono::duration<double>(m_platform.MonotonicNow() - m_begin).count();
 }

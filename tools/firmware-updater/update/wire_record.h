@@ -86,6 +86,8 @@ class WireRecorder final : public TransportObserver {
   void RunBegins(const UpdateFlags& flags);
   void RunEnds(const RunOutcome& outcome);
   void Stop();  // from any thread
+  // Whether a line could not be written to the file.
+  bool HasLost();
 
   void BytesSent(bool ok, Bytes bytes) override { Add(WireEvent::Kind::Out, ok, bytes); }
   void BytesReceived(bool ok, Bytes bytes, std::chrono::milliseconds) override {
