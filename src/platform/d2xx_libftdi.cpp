@@ -281,6 +281,7 @@ class Adapter {
 // For FT2232C and D chips, where libftdi1 leaves the channel out of this request. The divisor of
 // 3 MHz counts eighths, which have codes.
 int SetBaudRateOf2232C(ftdi_context* ftdi, std::uint32_t baudRate) {
+  constexpr std::uint8_t kVendorRequest = LIBUSB_REQUEST_TYPE_VENDOR;
   constexpr std::uint32_t kEighthsPerSecond = 8 * 3'000'000;
   constexpr std::uint32_t kSlowest = 184;
   constexpr std::uint32_t kFastest = 1'500'000;
@@ -290,7 +291,7 @@ int SetBaudRateOf2232C(ftdi_context* ftdi, std::uint32_t baudRate) {
   const std::uint32_t code = kCodes[eighths % 8];
   const std::uint32_t value = (eighths / 8) | (code & 3) << 14;
   const std::uint32_t index = (code >> 2) << 8 | static_cast<std::uint32_t>(ftdi->index);
-  return libusb_control_transfer(ftdi->usb_dev, FTDI_DEVICE_OUT_REQTYPE, SIO_SET_BAUDRATE_REQUEST,
+  return libusb_control_transfer(ftdi->usb_dev, kVendorRequest, SIO_SET_BAUDRATE_REQUEST,
                                  static_cast<std::uint16_t>(value),
                                  static_cast<std::uint16_t>(index), nullptr, 0,
                                  static_cast<unsigned>(ftdi->usb_write_timeout));
