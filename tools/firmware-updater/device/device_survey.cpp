@@ -110,7 +110,7 @@ std::vector<UsbFinding> LookAtUsb(LibUsb& usb, std::string* trouble) {
   return findings;
 }
 
-// --- what stands in the way ---
+// --- obstacles ---
 
 std::string UdevRule(const UsbKind& kind) {
   return Format(
@@ -144,7 +144,7 @@ std::optional<Obstacle> ObstacleOf(LibUsb& usb, const UsbFinding& finding) {
 }
 
 Obstacle NoPortPath() {
-  return {"no-port-path", "the system does not tell which USB port it is at",
+  return {"no-port-path", "the system does not report its USB port",
           "plug it into another port or hub"};
 }
 
@@ -155,7 +155,7 @@ Obstacle AmbiguousPort(unsigned otherBus) {
 }
 
 Obstacle NoSerialNumber() {
-  return {"no-serial-number", "it tells no serial number by which it could be named",
+  return {"no-serial-number", "it reports no serial number, so it cannot be selected",
           "use another adapter, or write a serial number into its memory"};
 }
 
@@ -166,7 +166,7 @@ Obstacle AmbiguousSerialNumber() {
 
 // --- devices ---
 
-// Devices and libraries may tell anything; a terminal must not obey it.
+// Devices and libraries may report anything; a terminal must not obey it.
 std::string Printable(std::string text) {
   std::ranges::replace_if(
       text, [](char c) { return c < ' ' || c > '~'; }, '?');

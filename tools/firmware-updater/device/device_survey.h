@@ -12,7 +12,7 @@
 
 namespace tavo::tool {
 
-// Why a device that is there cannot be used.
+// The reason why a connected device cannot be used.
 struct Obstacle {
   std::string name;  // stable, for scripts: "no-permission", "no-port-path", "ambiguous-port", ...
   std::string text;  // one sentence
