@@ -74,8 +74,8 @@ ExitCode List(const Machine& machine, const Options& options) {
   if (!outcome.trouble.empty()) Complain(machine, outcome.trouble, {});
   if (outcome.AnyUsable()) return ExitCode::Done;
   if (outcome.devices.empty()) {
-    Complain(machine, std::string("nothing found: looked for ") + kSearchedFor,
-             "check cable and power; --wait 10 waits for a device to be plugged in");
+    Complain(machine, std::string("no device found: looked for ") + kSearchedFor,
+             "check the cable and the power; --wait 10 waits for a device to be plugged in");
   } else {
     Complain(machine, "no device can be used",
              options.json ? "see \"obstacles\"" : "see the hints above");
