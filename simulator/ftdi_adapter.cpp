@@ -116,7 +116,7 @@ std::vector<std::uint8_t> FtdiAdapter::ConfigurationDescriptor() const {
 
 // Requests name their channel, from 1.
 bool FtdiAdapter::IsForDevice(const SetupPacket& setup) const {
-  return m_options.channels == 1 || (setup.index & 0xFFU) == m_options.deviceChannel + 1;
+  return m_options.channels == 1 || (setup.index & 0xFFU) == m_options.channels;
 }
 
 UsbResult FtdiAdapter::FunctionRequest(const SetupPacket& setup, std::span<const std::uint8_t>) {
@@ -166,7 +166,7 @@ void FtdiAdapter::AgreeOnLine() {
 // Nothing is connected to the other channels: bytes vanish.
 UsbResult FtdiAdapter::Out(std::uint8_t endpoint, std::span<const std::uint8_t> data, SimTime now) {
   if (m_options.channels == 1) return UsbFront::Out(endpoint, data, now);
-  if (endpoint == kBulkOut + 2 * m_options.deviceChannel) {
+  if (endpoint == kBulkOut + 2 * (m_options.channels - 1)) {
     return UsbFront::Out(kBulkOut, data, now);
   }
   return {Connected(now) ? UsbStatus::Done : UsbStatus::Gone};
@@ -174,7 +174,7 @@ UsbResult FtdiAdapter::Out(std::uint8_t endpoint, std::span<const std::uint8_t> 
 
 UsbResult FtdiAdapter::Read(std::uint8_t endpoint, std::size_t capacity, SimTime now) {
   if (capacity < kStatus.size()) return {UsbStatus::Stall};
-  if (endpoint != kBulkIn + 2 * m_options.deviceChannel) return {UsbStatus::NotReady};
+  if (endpoint != kBulkIn + 2 * (m_options.channels - 1)) return {UsbStatus::NotReady};
   // A transfer ends when it is full or with a packet that is not; before the latency timer has run
   // out all packets are full.
   const auto packets = std::max<std::size_t>(capacity / kPacketSize, 1);

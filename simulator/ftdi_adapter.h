@@ -18,8 +18,7 @@ struct FtdiOptions {
   // The device's baud rate. At another rate (3 % apart or more), or at anything but 8N1, no bytes get
   // across. 0 = any rate works.
   std::uint32_t deviceBaud = 19200;
-  unsigned channels = 1;       // 1, 2 or 4
-  unsigned deviceChannel = 0;  // the one with the device, from 0
+  unsigned channels = 1;  // 1, 2 or 4; the device is on the last one
 };
 
 class FtdiAdapter : public UsbFront {

@@ -103,7 +103,7 @@ std::unique_ptr<UsbDevice> MakeFront(Device& device, const SimulatorArguments& f
   Override(strings.serialNumber, from.serial);
   Override(strings.product, from.description);
   if (!from.ftdi) return std::make_unique<CdcFunction>(device, line, strings);
-  FtdiOptions options{.strings = strings};
+  FtdiOptions options{.strings = strings, .channels = from.channels};
   Override(options.deviceBaud, from.baud);
   auto adapter = std::make_unique<FtdiAdapter>(device, line, options);
   if (from.latencyMs)

@@ -36,6 +36,7 @@ struct SimulatorArguments {
   bool kernelDriver = false;
   std::optional<std::uint32_t> baud{};
   std::optional<std::uint32_t> latencyMs{};
+  unsigned channels = 1;
   bool echo = false;
   std::optional<std::uint32_t> processor{};
   std::optional<std::uint32_t> hardwareId{};

@@ -43,6 +43,21 @@ TEST(EndToEndTool, AnInterruptWhileItWritesIsExplainedAndTheCommandItNamesBrings
   }
 }
 
+TEST(EndToEndTool, EachChannelOfAnAdapterIsAnAdapter) {
+  ProcessStation station;
+  ASSERT_TRUE(station.MakeFirmware("plain"));
+  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--ftdi", "--channels", "4"}));
+  const Result list = station.Run("firmware-updater", {"list"});
+  for (const char channel : {'A', 'B', 'C', 'D'}) {
+    EXPECT_NE(list.console.find(std::string("--ftdi TAVO0001") + channel), std::string::npos)
+        << list.console;
+  }
+  const Result update =
+      station.Run("firmware-updater", {"update", "firmware.hex", "--ftdi", "TAVO0001D"});
+  EXPECT_EQ(update.exitCode, 0) << update.console;
+  EXPECT_TRUE(station.FlashHoldsFirmware());
+}
+
 TEST(EndToEndTool, ASecondInterruptEndsItAtOnce) {
   ProcessStation station;
   ASSERT_TRUE(station.MakeFirmware("plain"));

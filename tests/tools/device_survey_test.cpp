@@ -122,6 +122,16 @@ TEST_F(DeviceSurvey, ListSaysWhatAddressesADeviceAndWhatStandsInTheWay) {
   EXPECT_EQ(run.Err(), "");
 }
 
+TEST_F(DeviceSurvey, AnUpdateOfADeviceThatCannotBeOpenedEndsAsOneThatIsMissing) {
+  run.Write("firmware.hex",
+            tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(tavosim::kFamilies[0]))));
+  usb.devices = {{.ports = {1}}};
+  for (const int error : {LIBUSB_ERROR_BUSY, LIBUSB_ERROR_ACCESS}) {
+    usb.results["Open 1"] = error;
+    EXPECT_EQ(run("update @firmware.hex --usb 1 --log @tool.log"), ExitCode::NoDevice) << error;
+  }
+}
+
 TEST_F(DeviceSurvey, JsonIsOneDocumentWhateverAnAdapterCallsItself) {
   usb.devices = {kDevice, kTwin};
   adapters.adapters = {{"\xFF\x01", "\xC3"}};

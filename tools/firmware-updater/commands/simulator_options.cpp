@@ -88,6 +88,9 @@ void AddLine(CommandOptions& command, SimulatorArguments& to) {
   command.Value("--latency", to.latencyMs, "Latency timer of the adapter at the start, in ms")
       .Between(1U, kMaxByte)
       .Needs("--ftdi");
+  command.Value("--channels", to.channels, "Channels of the adapter; the device is on the last one")
+      .OneOf({"1", "2", "4"})
+      .Needs("--ftdi");
   command.Flag("--echo", to.echo, "The host receives the bytes it sends, as on a one-wire bus");
 }
 
