@@ -38,7 +38,8 @@ StepResult FirmwareUpdater::TunnelStatus(StepPhase phase) {
       m_log.LogInfo("FirmwareUpdater: Tunnel Status: Master: %d | Slave %d.",
                     m_rxMessage.payload[1], m_rxMessage.payload[0]);
       tunnel = AnswerValue();
-      m_evidence.TunnelReported(IsOpen(tunnel));
+      // An answer without slave and master counts as "none open" for the plan, but proves nothing.
+      if (m_rxMessage.length >= 2) m_evidence.TunnelReported(IsOpen(tunnel));
       break;
     case StepPhase::Timeout: OnTimeout(kTunnelStatus); break;
   }

@@ -1,17 +1,22 @@
 #!/usr/bin/env python3
 """A day of production: many updates, one tool process each, on several devices with random faults.
 
-The devices are simulated. Every update brings other firmware than the device holds. When it fails,
-the command that its record recommends is run, until the device is updated; a lasting fault is
-mended before, as a person would.
+Every simulated device, and every run of the tool, is a process of its own; the tool finds the device
+through the build's substitute libusb. Every update brings other firmware than the device holds. After
+a failure the command that the record recommends is run, until the device is updated; a lasting fault
+is removed first, as a person would. After a kill `firmware-updater info` names that command.
 
-Every record is held against what happened: exit code, device, flash, bytes, times, SHA-256.
+Every record is compared with exit code, device, flash, bytes, times and SHA-256.
 """
 
 import argparse
 import hashlib
 import json
+import os
 import random
+import shlex
+import signal
+import subprocess
 import sys
 import tempfile
 import time
@@ -20,18 +25,161 @@ from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass
 from pathlib import Path
 
-from simulated_device import BrokenPromise, Device, Ended, Kind, Words, promise, recommended
+PROMPT_SECONDS = 20.0  # for anything but an update
+LONGEST_SECONDS = 300.0  # two engine runs that wait wherever they can, on a busy machine
+POLL_SECONDS = 0.002
+
+Words = list[str]
+
+
+class BrokenPromise(Exception):
+    """The tool, or its output, is wrong."""
+
+
+def promise(kept: bool, text: str) -> None:
+    if not kept:
+        raise BrokenPromise(text)
+
+
+@dataclass(frozen=True)
+class Stop:
+    """A signal that a run of the tool gets: SIGINT, as from Ctrl-C, or SIGKILL."""
+
+    after: float
+    signal: signal.Signals
+
+
+@dataclass(frozen=True)
+class Ended:
+    """How a run of the tool has ended."""
+
+    words: Words
+    exit: int
+    out: str
+    err: str
+    seconds: float
+
+    def __str__(self) -> str:
+        return f"{shlex.join(self.words)}: exit {self.exit}\n{self.out}{self.err}"
+
+
+@dataclass(frozen=True)
+class Kind:
+    """A family of devices and the way it is connected."""
+
+    family: str
+    ftdi: bool = False
+
+    @property
+    def name(self) -> str:
+        return f"{self.family}/{'ftdi' if self.ftdi else 'usb'}"
+
+    @property
+    def target(self) -> Words:
+        """The options that name the device."""
+        return ["--ftdi", "TAVO0001"] if self.ftdi else ["--usb", "1"]
+
+
+class Device:
+    """One simulated device, its folder and the tool beside it.
+
+    The state lives in files, so that the device outlives its simulator: it can be plugged in again
+    with other faults.
+    """
+
+    def __init__(self, build: Path, folder: Path, kind: Kind) -> None:
+        self.build = build
+        self.folder = folder
+        self.kind = kind
+        self._simulator: subprocess.Popen[bytes] | None = None
+        self._environment = dict(os.environ)
+        self._environment["LD_LIBRARY_PATH"] = str(build / "substitute")
+        self._environment["XDG_STATE_HOME"] = str(folder / "log")
+        folder.mkdir(parents=True)
+
+    def __enter__(self) -> "Device":
+        return self
+
+    def __exit__(self, *_: object) -> None:
+        self.switch_off()
+
+    def make_firmware(self, name: str, seed: int) -> bytes:
+        """Writes NAME.hex, and returns what the flash holds after an update with it."""
+        done = self.run(["pack", "--family", self.kind.family, "--seed", str(seed),
+                         "--raw", f"{name}.bin", "-o", f"{name}.hex"])
+        promise(done.exit == 0, f"no firmware: {done}")
+        return (self.folder / f"{name}.bin").read_bytes()
+
+    def plug_in(self, options: Words) -> None:
+        self.switch_off()
+        port_file = self.folder / "port"
+        port_file.unlink(missing_ok=True)
+        words = [str(self.build / "bin/firmware-updater"), "simulate", "--family", self.kind.family,
+                 "--state", "device", "--port-file", "port", *options]
+        if self.kind.ftdi:
+            words.append("--ftdi")
+        with (self.folder / "simulator.txt").open("ab") as console:
+            self._simulator = subprocess.Popen(
+                words, cwd=self.folder, env=self._environment, stdin=subprocess.DEVNULL,
+                stdout=console, stderr=console)
+        deadline = time.monotonic() + PROMPT_SECONDS
+        while not port_file.exists():
+            promise(time.monotonic() < deadline, f"no simulator: {shlex.join(words)}")
+            time.sleep(POLL_SECONDS)
+        self._environment["TAVO_SIMULATORS"] = "127.0.0.1:" + port_file.read_text().strip()
+
+    def switch_off(self) -> None:
+        if self._simulator is None:
+            return
+        self._simulator.terminate()
+        simulator, self._simulator = self._simulator, None
+        promise(simulator.wait(PROMPT_SECONDS) == 0, "the simulator did not end well")
+
+    def run(self, words: Words, stop: "Stop | None" = None) -> Ended:
+        """Runs the tool to its end, or until it is interrupted or killed."""
+        begin = time.monotonic()
+        tool = subprocess.Popen([str(self.build / "bin/firmware-updater"), *words],
+                                cwd=self.folder, env=self._environment, text=True,
+                                stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                stderr=subprocess.PIPE)
+        if stop is not None:
+            try:
+                tool.wait(stop.after)
+            except subprocess.TimeoutExpired:
+                tool.send_signal(stop.signal)
+        try:
+            out, err = tool.communicate(timeout=LONGEST_SECONDS)
+        except subprocess.TimeoutExpired:
+            tool.kill()
+            out, err = tool.communicate()
+            raise BrokenPromise(f"no end within {LONGEST_SECONDS:.0f} s: {words}\n{out}") from None
+        return Ended(words, tool.returncode, out, err, time.monotonic() - begin)
+
+    def flash(self) -> bytes:
+        return (self.folder / "device/flash.bin").read_bytes()
+
+    def state(self) -> dict:
+        return json.loads((self.folder / "device/state.json").read_text(encoding="utf-8"))
+
+
+def recommended(text: str) -> Words:
+    """The command that ends a text, as words without the tool itself; or none."""
+    _, _, command = text.rpartition("firmware-updater ")
+    return shlex.split(command)
+
 
 KINDS = [Kind("plain"), Kind("labelled", ftdi=True), Kind("tunnel"), Kind("gateway", ftdi=True),
          Kind("plain", ftdi=True), Kind("labelled"), Kind("variant"), Kind("tunnel", ftdi=True)]
 MOST_RECOVERIES = 3  # an update has two faults at most, and each spoils one run
+MOST_LOOKS = 3
 CLOCK_SLACK = 3.0  # seconds; starting a process takes its time on a busy machine
 REPLUG_SECONDS = 3.0  # longer than any cable is out
 
 # Names that a fault can have in the tables; how often each is drawn.
 FAULTS = {"none": 3, "lose": 3, "cut": 2, "delay": 2, "repeat": 2, "damage": 1, "powercut": 4,
-          "unplug": 3, "silence": 1, "gone": 2, "ctrl-c": 2}
+          "unplug": 3, "silence": 1, "gone": 2, "ctrl-c": 2, "kill": 3}
 LASTING = {"silence", "gone"}
+SIGNALS = {"ctrl-c": signal.SIGINT, "kill": signal.SIGKILL}
 
 # Half of the faults meet one of the few requests that matter most, the others any request.
 KEY_REQUESTS = ["0x100:1", "0x100:2", "0x100:3", "0x100:4", "0x100:5", "0x120:1", "0x121:1",
@@ -50,7 +198,7 @@ class Plan:
 
     names: Words
     options: Words
-    interrupt_after: float | None
+    stop: Stop | None
 
     @property
     def lasts(self) -> bool:
@@ -75,8 +223,8 @@ def draw_plan(dice: random.Random) -> Plan:
                "repeat": f"repeat:{where}:{dice.choice([0, 20, 300])}ms",
                "unplug": f"unplug:{where}:{dice.choice([300, 1000, 2000])}ms",
                "silence": f"lose:{where}+", "gone": f"unplug:{where}"}
-        if name == "ctrl-c":
-            plan.interrupt_after = dice.uniform(0.5, 9.0)
+        if name in SIGNALS:
+            plan.stop = Stop(dice.uniform(0.5, 9.0), SIGNALS[name])
         elif name != "none":
             plan.options += ["--fault", how.get(name, f"{name}:{where}")]
     return plan
@@ -155,7 +303,6 @@ class Lane:
         self.device = device
         self.dice = random.Random(f"{seed}/{number}")
         self.firmware = [self.make_firmware(seed) for seed in (2, 3)]
-        # What it has seen.
         self.processes: Counter[str] = Counter()  # by command and ending
         self.left: Counter[str] = Counter()  # states in which failures have left the device
         self.recoveries: Counter[int] = Counter()  # how many commands an update took besides
@@ -167,10 +314,13 @@ class Lane:
         content = (self.device.folder / f"{name}.hex").read_bytes()
         return Firmware(name, image, hashlib.sha256(content).hexdigest())
 
-    def run(self, words: Words, firmware: Firmware, interrupt_after: float | None) -> dict:
-        flash = self.device.folder / "device/flash.bin"
-        before = flash.read_bytes()
-        run = self.device.run([*words, "--json"], interrupt_after)
+    def run(self, words: Words, firmware: Firmware, stop: Stop | None = None) -> tuple[bool, Words]:
+        """Whether the device was updated, and the command to run next."""
+        before = self.device.flash()
+        run = self.device.run([*words, "--json"], stop)
+        if run.exit == -signal.SIGKILL:
+            self.processes[f"{words[0]} killed"] += 1
+            return False, []
         try:
             result = result_of(run)
             check_record(run, result, firmware)
@@ -178,39 +328,52 @@ class Lane:
         except (BrokenPromise, ValueError, KeyError, IndexError) as broken:
             raise BrokenPromise(f"{type(broken).__name__}: {broken}\n{run}") from broken
         self.processes[f"{result['command']} {result['ending']}"] += 1
-        if result["ending"] != "succeeded":
-            self.left[result["state"]["device"]] += 1
-        return result
+        if result["ending"] == "succeeded":
+            return True, []
+        self.left[result["state"]["device"]] += 1
+        return False, recommended(result["state"]["next"] or "") or words
 
-    def revive(self, first: Words, result: dict, firmware: Firmware, plan: Plan) -> int:
-        """Runs what the records recommend; the number of runs until the device was updated."""
-        words = first
+    def command_of_info(self, firmware: Firmware) -> Words:
+        """The command that info recommends, for a device behind a tunnel after a second look."""
+        words = ["info", *self.device.kind.target]
+        for _ in range(MOST_LOOKS):
+            told = self.device.run([*words, "--json"])
+            following = recommended(json.loads(told.out or "{}").get("next") or "")
+            promise(following != [], f"info recommends nothing: {told}")
+            words = [f"{firmware.name}.hex" if word == "FILE" else word for word in following]
+            if words[0] != "info":
+                return words
+        raise BrokenPromise(f"info recommends itself: {told}")
+
+    def recover(self, words: Words, firmware: Firmware, plan: Plan) -> int:
+        """Runs the recommended commands; returns how many it took."""
         if plan.lasts:
             self.device.plug_in([])
         else:
             time.sleep(REPLUG_SECONDS)
+        words = words or self.command_of_info(firmware)
         for number in range(1, MOST_RECOVERIES + 1):
-            words = recommended(result["state"]["next"] or "") or words
-            result = self.run(words, firmware, None)
-            if result["ending"] == "succeeded":
+            updated, words = self.run(words, firmware)
+            if updated:
                 return number
-        raise BrokenPromise(f"not revived by {MOST_RECOVERIES} recommended commands")
+        raise BrokenPromise(f"not recovered by {MOST_RECOVERIES} recommended commands")
 
     def update(self, firmware: Firmware) -> None:
         plan = draw_plan(self.dice)
         self.device.plug_in(plan.options)
-        words = ["update", f"{firmware.name}.hex", *self.device.kind.target]
         recoveries = 0
         try:
-            result = self.run(words, firmware, plan.interrupt_after)
-            if result["ending"] != "succeeded":
-                recoveries = self.revive(words, result, firmware, plan)
+            updated, words = self.run(["update", f"{firmware.name}.hex", *self.device.kind.target],
+                                      firmware, plan.stop)
+            if not updated:
+                recoveries = self.recover(words, firmware, plan)
+            promise(self.device.flash() == firmware.image, "the flash does not hold the firmware")
             label = self.device.state()["label"]
             promise((label is not None) == (self.device.kind.family == "labelled"), "the label")
             self.recoveries[recoveries] += 1
         except BrokenPromise as broken:
             self.broken.append(f"device {self.number} ({self.device.kind.name}), {plan.options} "
-                               f"{plan.interrupt_after}: {broken}")
+                               f"{plan.stop}: {broken}")
 
 
 def main() -> int:

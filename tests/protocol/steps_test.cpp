@@ -183,6 +183,17 @@ TEST(Writing, AsksAgainForWhatWasLostAndForgetsTheCountAfterAnAnswer) {
   EXPECT_EQ(rig.access.retryCount, 0);
 }
 
+TEST(Tunnel, AStatusAnswerWithoutContentProvesNothing) {
+  for (const Bytes& answer : {Bytes{}, Bytes{0}, Bytes{0, 0}}) {
+    EngineRig rig;
+    rig.Load(ImageWithAdb(2, 0x8150));
+    rig.device->On("0x100 EB 00", Answer(answer));
+    rig.Run({&U::InitTunnel, &U::TunnelStatus});
+    EXPECT_EQ(rig.engine.DeviceState().tunnel,
+              answer.size() == 2 ? TunnelCondition::Closed : TunnelCondition::LeftOpen);
+  }
+}
+
 TEST(Modules, OfTheLastUpdateAreForgottenAndMayBeNone) {
   EngineRig rig;
   rig.device->On("0x814", Answer(LowHigh(0x0443)), Answer(LowHigh(0x633A)), Answer({0, 0}));
