@@ -1,4 +1,4 @@
-# What both toolchain files for Windows have in common; `mingw_target` names the target.
+# Shared by both toolchain files for Windows; `mingw_target` names the target.
 set(CMAKE_SYSTEM_NAME Windows)
 set(CMAKE_C_COMPILER ${mingw_target}-gcc-posix)
 set(CMAKE_CXX_COMPILER ${mingw_target}-g++-posix)

@@ -66,7 +66,7 @@ struct DeviceFacts {
   std::int32_t processorId = -1;
   std::int32_t hardwareId = -1;
   std::int32_t applicationKiB = -1;
-  // Of the last verification, as calculated and as the firmware says.
+  // Checksums of the last verification, as calculated and as the firmware says.
   std::int64_t checksum = -1;
   std::int64_t expectedChecksum = -1;
 };

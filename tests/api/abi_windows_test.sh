@@ -1,5 +1,5 @@
 #!/bin/sh
-# What the built DLL shows to a loader: exactly its seven functions, undecorated and each with its
+# The built DLL shows a loader exactly its seven functions, undecorated and each with its
 # ordinal, and that it needs nothing beside it but libusb.
 #
 # usage: abi_windows_test.sh DLL

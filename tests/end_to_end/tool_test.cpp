@@ -73,7 +73,7 @@ TEST(EndToEndTool, ASecondInterruptEndsItAtOnce) {
   EXPECT_TRUE(said("Ctrl-C again ends the program at once"));
   tool.Send(SIGINT);
   EXPECT_EQ(tool.Wait(std::chrono::seconds(3)), kStopped);
-  EXPECT_TRUE(said("To get it going: firmware-updater recover firmware.hex --usb 1\n"))
+  EXPECT_TRUE(said("To recover it, run: firmware-updater recover firmware.hex --usb 1\n"))
       << tool.Output();
 }
 

@@ -47,7 +47,7 @@ class CommandRun {
   bool Says(const std::string& text) const { return Out().find(text) != std::string::npos; }
   bool Complains(const std::string& text) const { return Err().find(text) != std::string::npos; }
 
-  // What an update closes with, and the command that is named there; empty when there is none.
+  // The closing line of an update, and the command named in it; empty when there is none.
   std::string LastLine() const { return test::LinesOf(Out()).back(); }
   std::string Recommended() const {
     const std::string line = LastLine();

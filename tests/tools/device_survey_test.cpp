@@ -1,4 +1,4 @@
-// What list finds and says, and that looking changes nothing.
+// list finds every device, reports why one cannot be used, and changes nothing.
 #include "device/device_survey.h"
 
 #include <gtest/gtest.h>

@@ -1,4 +1,4 @@
-// What inspect says of good and bad update files, and that its report is what the engine gets and
+// The report of inspect on good and bad update files, and that its report is what the engine gets and
 // its block map what the engine writes.
 #include <gtest/gtest.h>
 #include <sys/stat.h>

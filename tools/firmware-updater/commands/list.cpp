@@ -1,4 +1,4 @@
-// list: what is connected, and what stands in the way of using it.
+// list: the connected devices, and the obstacles to using them.
 #include <algorithm>
 #include <charconv>
 #include <chrono>
@@ -33,7 +33,7 @@ struct Outcome {
   bool AnyUsable() const { return std::ranges::any_of(devices, &FoundDevice::IsUsable); }
 };
 
-// Until a usable device is there or the time is up.
+// Returns once a usable device is connected, or when the time is up.
 Outcome Look(const Machine& machine, milliseconds wait) {
   const milliseconds end = machine.platform.MonotonicNow() + wait;
   for (;;) {
@@ -87,7 +87,7 @@ std::string CheckWait(const std::string& text) {
   double seconds = -1;
   const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
   const bool isNumber = error == std::errc() && end == text.data() + text.size();
-  // Not a number is in no range.
+  // A value that is not a number is out of range.
   const bool fits = isNumber && seconds >= 0 && seconds <= kLongestWaitSeconds;
   return fits ? "" : "takes 0 to 86400 seconds, not " + text;
 }

@@ -1,5 +1,5 @@
 // firmware-updater replay: runs the engine against a recorded update, without a device and without
-// waiting, and tells whether it decides as it did then.
+// waiting, and reports whether it decides as it did then.
 #include <stdlib.h>
 #include <unistd.h>
 
@@ -24,7 +24,7 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// The largest firmware, 64 MiB, in hexadecimal, and what stands around its blocks in a record.
+// The largest firmware, 64 MiB, in hexadecimal, with the text around its blocks in a record.
 constexpr std::uintmax_t kMaxRecordBytes = 256 * 1024 * 1024;
 
 constexpr const char* kExamples =
@@ -32,7 +32,7 @@ constexpr const char* kExamples =
     "  firmware-updater update firmware.hex --record failure.ndjson\n"
     "  firmware-updater replay failure.ndjson";
 
-// A clock that moves when somebody waits.
+// A clock that a wait moves forward.
 class ReplayPlatform final : public Platform {
  public:
   milliseconds MonotonicNow() override { return m_now; }
@@ -49,8 +49,8 @@ class ReplayPlatform final : public Platform {
   milliseconds m_now{0};
 };
 
-// The device as the record has it: it hears what the engine sends, which must be what was sent then,
-// and answers after the same time as it did then.
+// The recorded device: it expects the requests that were sent then, and answers after the same time as
+// it did then.
 class RecordedDevice final : public ICommInterface {
  public:
   RecordedDevice(TavoLink& link, Platform& platform, Logger& log, const RecordedRun& run)
@@ -99,12 +99,12 @@ class RecordedDevice final : public ICommInterface {
     return m_open;
   }
 
-  // Whether the moment has come at which the user asked for an end.
+  // Whether the user had requested the stop by now.
   bool StopIsDue() const {
     return m_run.stop && m_platform.MonotonicNow() - m_shift >= *m_run.stop;
   }
 
-  // Where the engine left the record; empty when it has followed it to its end.
+  // The place where the engine left the record; empty when it followed the record to its end.
   std::string Divergence() const {
     const auto rest = m_run.events.begin() + static_cast<std::ptrdiff_t>(m_position);
     const bool silent = std::any_of(rest, m_run.events.end(), [](const WireEvent& event) {
@@ -153,7 +153,7 @@ class RecordedDevice final : public ICommInterface {
   std::string m_divergence;
 };
 
-// The engine's observer is called before every step: early enough for a stop that was asked for then.
+// The engine calls its observer before every step: early enough for a recorded stop.
 class StopAtItsTime final : public UpdateObserver {
  public:
   StopAtItsTime(FirmwareUpdater& engine, const TransportHolder& holder)
@@ -199,7 +199,7 @@ class RecordedFile {
   std::string m_path;
 };
 
-// Empty when the engine has decided as in the record; else how it has not.
+// Empty when the engine decided as in the record, otherwise the difference.
 std::string Replay(const RecordedRun& run, const std::string& file, std::ostream& out) {
   ReplayPlatform platform;
   Logger log(platform);

@@ -39,10 +39,10 @@ struct UsbFinding {
   const UsbKind* kind = nullptr;
   std::string port{};
   unsigned bus = 0;
-  int result = 0;  // of trying it out: a libusb error, 0 = it can be used
+  int result = 0;  // of the trial: a libusb error, 0 = usable
 };
 
-// The devices of the moment. Has a libusb context of its own, which ends with it.
+// The devices connected now, in a libusb context of its own.
 class UsbList {
  public:
   explicit UsbList(LibUsb& usb) : m_usb(usb), m_result(usb.Init(&m_context)) {
@@ -57,7 +57,7 @@ class UsbList {
     if (m_inContext) m_usb.Exit(m_context);
   }
 
-  // Negative: a libusb error, and nothing is listed.
+  // Negative: a libusb error; the list is empty.
   std::ptrdiff_t Result() const { return m_result; }
   std::span<libusb_device* const> Devices() const {
     return {m_list, static_cast<std::size_t>(std::max<std::ptrdiff_t>(m_result, 0))};
@@ -80,8 +80,8 @@ const UsbKind* KindOf(LibUsb& usb, libusb_device* device) {
   return kind == kUsbKinds.end() ? nullptr : &*kind;
 }
 
-// A driver of the kernel is no obstacle, an update detaches it; until then the interface is its own.
-// Without one, an interface that cannot be had belongs to another program. Closing gives it back.
+// A kernel driver is no obstacle, because an update detaches it. Without one, an interface that cannot
+// be claimed belongs to another program. Closing releases it.
 int TryOut(LibUsb& usb, libusb_device* device, int dataInterface) {
   libusb_device_handle* handle = nullptr;
   if (const int result = usb.Open(device, &handle); result < 0) return result;
@@ -188,8 +188,8 @@ void AddUsbDevice(LibUsb& usb, std::span<const UsbFinding> all, const UsbFinding
   devices.push_back(std::move(device));
 }
 
-// What USB tells of adapter number `index`. The adapters' library lists them in the order of USB; when
-// one has come or gone in between nothing is certain.
+// The USB finding of adapter number `index`. The adapters' library lists them in the order of USB; if one
+// was plugged or unplugged in between, nothing is certain.
 const UsbFinding* FindingOf(std::size_t index, std::size_t adapters,
                             std::span<const UsbFinding> all) {
   std::vector<const UsbFinding*> findings;

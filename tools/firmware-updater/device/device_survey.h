@@ -1,6 +1,6 @@
-// What is connected: every device of both kinds, how it is addressed, and what stands in the way of
-// using it. Looking changes nothing: no driver is detached, nothing is sent to a device, and what is
-// opened to learn whether it can be opened is closed again at once.
+// Every connected device of both kinds: its address, and the obstacles to using it. Looking changes
+// nothing: no driver is detached, nothing is sent to a device, and a device that is opened for a trial is
+// closed again at once.
 #pragma once
 
 #include <iosfwd>
@@ -28,14 +28,14 @@ struct FoundDevice {
   bool IsUsable() const { return obstacles.empty(); }
 };
 
-// What a search looks for, as messages put it.
+// The wanted devices, as messages name them.
 inline constexpr const char* kSearchedFor = "USB devices 03eb:2404 and FTDI adapters";
 
 // USB devices first, then adapters, each in the order in which the system lists them. `trouble`,
-// unless null, tells in one sentence why the search itself did not work; empty when it did.
+// unless null, says in one sentence why the search itself failed; empty when it worked.
 std::vector<FoundDevice> SurveyDevices(const Machine& machine, std::string* trouble = nullptr);
 
-// One aligned line per device, what addresses it first; below an unusable one, why and what to do.
+// One aligned line per device, its address first; below an unusable one, the reason and the remedy.
 void PrintDevices(std::ostream& to, const std::vector<FoundDevice>& devices);
 
 }  // namespace tavo::tool

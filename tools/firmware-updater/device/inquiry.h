@@ -102,10 +102,10 @@ struct DeviceReport {
   bool IsMaster() const { return AnythingAnswered() && !RunsApplication() && !inBootloader; }
 };
 
-// Who answers, in a second if an application or a bootloader does, and after ten otherwise.
+// Finds out who answers: within a second if an application or a bootloader does, within ten otherwise.
 DeviceReport AskWhoAnswers(Inquiry& inquiry, Patience patience);
 
-// What only a bootloader knows of its device: processor, hardware id and size.
+// The facts that only a bootloader knows: processor, hardware id and size.
 void AskBootloaderFacts(Inquiry& inquiry, DeviceReport& report);
 
 // The same as AskWhoAnswers with all identities; half a minute at most, when nobody answers.

@@ -1,4 +1,4 @@
-// What the commands work with, and the way they complain.
+// The machine as commands see it, and the one way to complain.
 #pragma once
 
 #include <iosfwd>

@@ -18,7 +18,7 @@ enum class Purpose { Update, Recover };
 // "update", "recover": the command's name, and stable for scripts.
 const char* NameOf(Purpose purpose);
 
-// What a command was asked to do, so that the next one can be asked the same.
+// A command's request, so that the next command can repeat it.
 struct Task {
   Purpose purpose = Purpose::Update;
   std::string file{};

@@ -25,8 +25,8 @@ constexpr const char* kRed = "\x1B[31m";
 constexpr const char* kPlain = "\x1B[0m";
 constexpr const char* kEraseLine = "\r\x1B[K";
 
-// A note may come from a thread that must not wait for long for one that writes to a blocked screen.
-// Nothing when the lock is not to be had.
+// A note may come from a thread that must not wait long for another one writing to a blocked screen.
+// Returns no lock when that one does not let go in time.
 std::unique_lock<std::mutex> LockForNote(std::mutex& mutex) {
   constexpr int kTries = 20;
   constexpr milliseconds kPause{10};
@@ -79,7 +79,7 @@ std::string PhaseResult(Phase phase, PhaseEnd end, milliseconds elapsed, const T
   return line;
 }
 
-// What the terminal and the plain view have in common: the last lines.
+// The last lines, which the terminal and the plain view share.
 class TextView : public UpdateView {
  public:
   explicit TextView(const Machine& machine) : m_machine(machine) {}
@@ -188,7 +188,7 @@ class TerminalView final : public TextView {
   }
 
  private:
-  // What a line that is redrawn may hold: one that reaches the edge goes on below, where it stays.
+  // Characters in a redrawn line: one that reaches the edge would wrap, and its rest would stay.
   std::size_t Room() const { return static_cast<std::size_t>(std::max(m_machine.width(), 2) - 1); }
 
   bool Fits(const std::string& part) const {
@@ -243,7 +243,7 @@ const char* NameOf(Ending ending) {
   return "stopped";
 }
 
-// Blank blocks that had to be written too are not counted: the count ends where it said that it would.
+// Leaves out blank blocks that had to be written, so that the count ends at the announced total.
 std::int64_t ContentWritten(const Transfer& transfer) {
   return std::min(transfer.done, transfer.total);
 }

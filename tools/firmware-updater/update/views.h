@@ -12,7 +12,7 @@ namespace tavo::tool {
 
 class UpdateView : public View {
  public:
-  // What the user should know besides: that a tunnel is closed first, that a stop was asked for.
+  // Further news for the user: a tunnel is closed first, a stop was requested.
   virtual void Note(const std::string& text) = 0;
   // The last call: the outcome, and the state of the device.
   virtual void Show(const Record& record) = 0;

@@ -7,6 +7,7 @@
 
 #include "package/adb_view.h"
 #include "protocol/commands.h"
+#include "text/text_format.h"
 #include "transport/frame_codec.h"
 #include "update/closing_state.h"
 
@@ -28,12 +29,8 @@ constexpr double kMaxSeconds = 1e6;
 // --- bytes as text ---
 
 std::string Hexadecimal(std::span<const std::uint8_t> bytes) {
-  constexpr const char* kDigits = "0123456789ABCDEF";
   std::string text;
-  for (const std::uint8_t byte : bytes) {
-    text += kDigits[byte >> 4];
-    text += kDigits[byte & 0xF];
-  }
+  for (const std::uint8_t byte : bytes) text += Format("%02X", byte);
   return text;
 }
 
@@ -137,7 +134,7 @@ void TakeLine(const Json& line, WireRecord& record) {
 
 // --- what describes a firmware ---
 
-// Copies what lies at an address of the image, as far as it lies in it.
+// Copies the bytes at an address of the image, as far as the image reaches.
 void Keep(const FirmwareImage& from, FirmwareImage& to, std::int64_t address, std::int64_t bytes) {
   const auto size = static_cast<std::int64_t>(from.data.size());
   const std::int64_t begin = std::clamp<std::int64_t>(address - from.startAddress, 0, size);

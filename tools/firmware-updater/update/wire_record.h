@@ -1,4 +1,4 @@
-// A recorded update: what went over the line and when, and what the engine made of it. `update
+// A recorded update: the traffic on the line with its times, and the outcome. `update
 // --record` writes one, `replay` runs the engine against it, without a device and without waiting.
 //
 // The file has one JSON object a line:
@@ -11,9 +11,9 @@
 //   stop        the user asked for an end
 //   ended       the run is over: its outcome
 //
-// Of the firmware a record holds no more than the engine's decisions need, unless all of it is asked
-// for: the part that describes it, and which bytes are blank. Every other byte is 0, and blocks on
-// the line are only counted.
+// Unless the firmware is requested too, a record holds only as much of it as the engine's decisions
+// need: its descriptor, and which bytes are blank. Every other byte is 0, and blocks on the line are
+// only counted.
 #pragma once
 
 #include <chrono>
@@ -49,7 +49,7 @@ struct RunOutcome {
   bool operator==(const RunOutcome&) const = default;
 };
 
-// What an engine's last run came to.
+// The outcome of an engine's last run.
 RunOutcome OutcomeOf(const FirmwareUpdater& engine);
 // "failed with code 1, device bootloader-flash-erased".
 std::string Describe(const RunOutcome& outcome);
@@ -66,11 +66,11 @@ struct WireRecord {
   std::vector<RecordedRun> runs{};
 };
 
-// Empty when `record` has been read; else what is wrong with the file, in one sentence. `path` is that
-// of an ordinary file of bearable size.
+// Empty when `record` has been read, otherwise the fault of the file in one sentence. `path` must name
+// a regular file of bounded size.
 std::string ReadWireRecord(const std::string& path, WireRecord& record);
 
-// The image with every byte that no decision rests on turned to 0, unless it is blank.
+// The image with every byte set to 0 that no decision depends on and that is not blank.
 FirmwareImage WithoutProgram(const FirmwareImage& image);
 
 // Whether a frame carries a block of firmware.
@@ -78,11 +78,11 @@ bool CarriesFirmware(std::span<const std::uint8_t> frame);
 
 class WireRecorder final : public TransportObserver {
  public:
-  // Takes the file over, empty; without a path nothing is recorded. `platform` gives the times.
+  // Truncates the file; without a path nothing is recorded. `platform` supplies the times.
   WireRecorder(Platform& platform, const std::string& path, bool withFirmware);
 
   void AddImage(const FirmwareImage& image);
-  // What is between two runs is not recorded.
+  // Traffic between two runs is not recorded.
   void RunBegins(const UpdateFlags& flags);
   void RunEnds(const RunOutcome& outcome);
   void Stop();  // from any thread
