@@ -11,7 +11,7 @@
 #include <string_view>
 #include <vector>
 
-#include "tests/tools/desk.h"
+#include "tests/tools/tool_station.h"
 
 namespace tavo::tool {
 namespace {
@@ -72,19 +72,20 @@ class Trial {
  public:
   explicit Trial(const Situation& situation)
       : m_situation(situation),
-        m_desk(OptionsOf(situation), situation.line->echoes),
-        m_before(m_desk.device.Save()) {
-    m_desk.run.Write("right.hex", m_desk.run.Read("firmware.hex"));
-    m_desk.TakeFileOf(situation.file->name.data());
+        m_station(OptionsOf(situation), situation.line->echoes),
+        m_before(m_station.device.Save()) {
+    m_station.run.Write("right.hex", m_station.run.Read("firmware.hex"));
+    m_station.TakeFileOf(situation.file->name.data());
   }
 
   // The reasons why this situation is not in order; none: it is.
   std::vector<std::string> Run() {
     std::string command = std::string(m_situation.command) + " " + m_situation.line->options;
     for (int i = 0; !command.empty() && i < kMostCommands; ++i) {
-      const std::string last = command + m_desk.run.Read("firmware.hex");
+      const std::string last = command + m_station.run.Read("firmware.hex");
       command = Step(command);
-      if (command + m_desk.run.Read("firmware.hex") == last) Blame("recommends itself: " + command);
+      if (command + m_station.run.Read("firmware.hex") == last)
+        Blame("recommends itself: " + command);
     }
     if (!command.empty()) Blame("still recommends " + command);
     JudgeEnd();
@@ -97,21 +98,21 @@ class Trial {
   void Blame(const std::string& what) { m_faults.push_back(what); }
 
   bool FileIsRight() const {
-    return m_desk.run.Read("firmware.hex") == m_desk.run.Read("right.hex");
+    return m_station.run.Read("firmware.hex") == m_station.run.Read("right.hex");
   }
-  bool FlashUnchanged() const { return m_desk.Flash() == m_before.flash; }
+  bool FlashUnchanged() const { return m_station.Flash() == m_before.flash; }
   bool InBootloader() {
-    return m_desk.device.State(test::SimNow(m_desk.platform)) == DeviceState::Bootloader;
+    return m_station.device.State(test::SimNow(m_station.platform)) == DeviceState::Bootloader;
   }
 
   // Runs one command, judges it and returns the next one.
   std::string Step(std::string command) {
-    const auto begin = m_desk.platform.MonotonicNow();
-    const bool runs = m_desk.ApplicationRuns();
-    m_exit =
-        m_desk.run(command + " --json" + (command.starts_with("info") ? "" : " --log @tool.log"));
-    if (m_desk.platform.MonotonicNow() - begin > kLongestCommand) Blame("takes too long");
-    const std::vector<std::string> lines = test::LinesOf(m_desk.run.Out());
+    const auto begin = m_station.platform.MonotonicNow();
+    const bool runs = m_station.ApplicationRuns();
+    m_exit = m_station.run(command + " --json" +
+                           (command.starts_with("info") ? "" : " --log @tool.log"));
+    if (m_station.platform.MonotonicNow() - begin > kLongestCommand) Blame("takes too long");
+    const std::vector<std::string> lines = test::LinesOf(m_station.run.Out());
     m_story += (m_story.empty() ? "" : " > ") + std::to_string(static_cast<int>(m_exit));
     if (command.starts_with("info")) return JudgeInfo();
     const Json result = Json::Parse(lines.empty() ? "null" : lines.back());
@@ -120,12 +121,12 @@ class Trial {
   }
 
   std::string JudgeInfo() {
-    if (m_desk.run.Out().empty()) return Next(Recommended(), {});
-    const Json report = Json::Parse(m_desk.run.Out());
+    if (m_station.run.Out().empty()) return Next(Recommended(), {});
+    const Json report = Json::Parse(m_station.run.Out());
     const bool hidden = m_situation.device->route != 0;
-    const std::string state = hidden                     ? "master"
-                              : m_desk.ApplicationRuns() ? "application"
-                                                         : "bootloader";
+    const std::string state = hidden                        ? "master"
+                              : m_station.ApplicationRuns() ? "application"
+                                                            : "bootloader";
     m_story += " " + Plain(report["state"]);
     if (!(report["state"] == state)) Blame("info says " + Plain(report["state"]));
     if (!FlashUnchanged()) Blame("info changes the device");
@@ -139,18 +140,18 @@ class Trial {
     const bool claimsApplication = state == "old-application-runs" || state == "runs-incomplete" ||
                                    state.starts_with("updated");
     const bool claimsNew = claimsApplication && state != "old-application-runs";
-    if (claimsApplication && !m_desk.ApplicationRuns()) Blame("no application runs: " + state);
-    if (claimsNew && !m_desk.FlashHoldsFirmware()) Blame("the firmware is not new: " + state);
+    if (claimsApplication && !m_station.ApplicationRuns()) Blame("no application runs: " + state);
+    if (claimsNew && !m_station.FlashHoldsFirmware()) Blame("the firmware is not new: " + state);
     if (state == "old-application-runs" && !FlashUnchanged()) Blame("the firmware is not old");
     if (state == "untouched" && !FlashUnchanged()) Blame("touched");
     if (state.starts_with("bootloader") && !InBootloader())
       Blame("not in its bootloader: " + state);
     if (!FileIsRight() && !FlashUnchanged()) Blame("a wrong file was written");
     if (dryRun && !FlashUnchanged()) Blame("a dry run has written");
-    if (ranBefore && m_exit != ExitCode::Done && FlashUnchanged() && !m_desk.ApplicationRuns()) {
+    if (ranBefore && m_exit != ExitCode::Done && FlashUnchanged() && !m_station.ApplicationRuns()) {
       Blame("a device that ran does not run any more");
     }
-    if (m_desk.device.OpenTunnel() != 0 && Plain(result["state"]["tunnel"]) != "left-open") {
+    if (m_station.device.OpenTunnel() != 0 && Plain(result["state"]["tunnel"]) != "left-open") {
       Blame("a tunnel is open");
     }
     if ((m_exit == ExitCode::Done) != (Plain(result["ending"]) == "succeeded")) Blame("exit code");
@@ -164,12 +165,12 @@ class Trial {
     if (file == std::string::npos) return command;
     command.replace(file + 1, 4, "@firmware.hex");
     if (FileIsRight()) Blame("asks for another file after " + Plain(failure));
-    m_desk.run.Write("firmware.hex", m_desk.run.Read("right.hex"));
+    m_station.run.Write("firmware.hex", m_station.run.Read("right.hex"));
     return command;
   }
 
   Json Recommended() const {
-    const std::string text = m_desk.run.Err();
+    const std::string text = m_station.run.Err();
     const std::size_t at = text.rfind("; run: ");
     return at == std::string::npos ? Json()
                                    : Json(text.substr(at + 7, text.find('\n', at) - at - 7));
@@ -180,7 +181,7 @@ class Trial {
     const bool asked = std::string_view(m_situation.command) != "info";
     if (asked && FileIsRight() && m_exit != ExitCode::Done) Blame("never succeeds");
     if (m_situation.condition->intact && m_situation.condition->start == DeviceState::Application &&
-        !m_desk.ApplicationRuns()) {
+        !m_station.ApplicationRuns()) {
       Blame("does not run at the end");
     }
   }
@@ -192,7 +193,7 @@ class Trial {
   }
 
   const Situation m_situation;
-  Desk m_desk;
+  ToolStation m_station;
   const tavosim::Snapshot m_before;
   ExitCode m_exit = ExitCode::Done;
   std::string m_story;

@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/child_process.h"
-#include "tests/tools/desk.h"
+#include "tests/tools/tool_station.h"
 
 namespace tavo::tool {
 namespace {
@@ -37,8 +37,8 @@ class CommandLineTest : public testing::Test {
     return output;
   }
 
-  BareDesk desk;
-  CommandRun& run = desk.run;
+  ToolMachine station;
+  CommandRun& run = station.run;
   std::string output;
 };
 

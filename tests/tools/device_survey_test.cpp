@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/tools/desk.h"
+#include "tests/tools/tool_station.h"
 
 namespace tavo::tool {
 namespace {
@@ -92,19 +92,19 @@ const ObstacleCase kObstacleCases[] = {
 TEST(DeviceSurveyTable, EveryObstacleIsFoundAndNothingIsTouched) {
   for (const ObstacleCase& row : kObstacleCases) {
     SCOPED_TRACE(row.what);
-    BareDesk desk;
-    desk.usb.devices = row.devices;
-    desk.usb.results = row.results;
-    desk.adapters.adapters = row.adapters;
-    EXPECT_EQ(Summary(SurveyDevices(desk.run.machine)), row.found);
-    for (const std::string& call : desk.usb.calls) {
+    ToolMachine station;
+    station.usb.devices = row.devices;
+    station.usb.results = row.results;
+    station.adapters.adapters = row.adapters;
+    EXPECT_EQ(Summary(SurveyDevices(station.run.machine)), row.found);
+    for (const std::string& call : station.usb.calls) {
       EXPECT_FALSE(call.starts_with("Detach") || call.starts_with("Control")) << call;
     }
-    EXPECT_TRUE(desk.usb.sent.empty());
-    for (const std::string& call : desk.adapters.calls) {
+    EXPECT_TRUE(station.usb.sent.empty());
+    for (const std::string& call : station.adapters.calls) {
       EXPECT_TRUE(call.ends_with("DeviceInfoList")) << call;
     }
-    EXPECT_EQ(desk.platform.Console(), "");
+    EXPECT_EQ(station.platform.Console(), "");
   }
 }
 

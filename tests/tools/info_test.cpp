@@ -8,7 +8,7 @@
 #include "device/session.h"
 #include "device/target_choice.h"
 #include "tests/support/child_process.h"
-#include "tests/tools/desk.h"
+#include "tests/tools/tool_station.h"
 
 namespace tavo::tool {
 namespace {
@@ -43,12 +43,12 @@ TEST(Info, TellsEveryFamilyInEitherStateAndLeavesItThere) {
     for (const DeviceState state : {DeviceState::Application, DeviceState::Bootloader}) {
       const bool runs = state == DeviceState::Application;
       SCOPED_TRACE(std::string(family.name) + (runs ? " runs" : " in its bootloader"));
-      Desk desk(OptionsOf(family.name.data(), state));
-      const tavosim::Snapshot before = desk.device.Save();
-      EXPECT_EQ(desk.run("info --usb 1-4-2 --json"), ExitCode::Done);
-      const Json document = Json::Parse(desk.run.Out());
+      ToolStation station(OptionsOf(family.name.data(), state));
+      const tavosim::Snapshot before = station.device.Save();
+      EXPECT_EQ(station.run("info --usb 1-4-2 --json"), ExitCode::Done);
+      const Json document = Json::Parse(station.run.Out());
       EXPECT_EQ(document["state"], runs ? "application" : "bootloader");
-      ExpectUntouched(desk, before);
+      ExpectUntouched(station, before);
       if (runs) {
         EXPECT_EQ(document["softwareId"], family.softwareId);
         EXPECT_EQ(document["deviceId"], family.deviceId);
@@ -68,9 +68,9 @@ TEST(Info, TellsEveryFamilyInEitherStateAndLeavesItThere) {
 }
 
 TEST(Info, TheScreenHoldsTheFactsAndNothingOfTheLibrary) {
-  Desk desk(OptionsOf("plain", DeviceState::Bootloader), true);
-  EXPECT_EQ(desk.run("info --ftdi TAVO0001 --echo"), ExitCode::Done);
-  EXPECT_EQ(desk.run.Out(),
+  ToolStation station(OptionsOf("plain", DeviceState::Bootloader), true);
+  EXPECT_EQ(station.run("info --ftdi TAVO0001 --echo"), ExitCode::Done);
+  EXPECT_EQ(station.run.Out(),
             "device       --ftdi TAVO0001 --echo\n"
             "bootloader   version 3, blocks of 128 bytes\n"
             "processor    0x1E9748 (MCU-ID 0x100)\n"
@@ -78,28 +78,28 @@ TEST(Info, TheScreenHoldsTheFactsAndNothingOfTheLibrary) {
             "hardware id  0x8410 (Serie 8, Type 4, Module 1, Variant 0)\n"
             "It is in its bootloader. To recover it, run: firmware-updater recover FILE --ftdi "
             "TAVO0001 --echo\n");
-  EXPECT_EQ(desk.run.Err(), "Waiting up to 4 s for an answer from a master module.\n");
-  EXPECT_EQ(desk.platform.Console(), "");
-  EXPECT_EQ(desk.Log(), "");
-  EXPECT_EQ(desk.usb.OpenHandles(), 0);
+  EXPECT_EQ(station.run.Err(), "Waiting up to 4 s for an answer from a master module.\n");
+  EXPECT_EQ(station.platform.Console(), "");
+  EXPECT_EQ(station.Log(), "");
+  EXPECT_EQ(station.usb.OpenHandles(), 0);
 }
 
 TEST(Info, AMasterAnsweringForItsDeviceIsNotTakenForAnApplication) {
   auto options = OptionsOf("tunnel", DeviceState::Bootloader);
   options.openTunnel = 0;
-  Desk desk(options);
-  EXPECT_EQ(desk.run("info --json"), ExitCode::Done);
-  EXPECT_EQ(Json::Parse(desk.run.Out())["state"], "master");
-  EXPECT_EQ(desk.device.OpenTunnel(), 0);
+  ToolStation station(options);
+  EXPECT_EQ(station.run("info --json"), ExitCode::Done);
+  EXPECT_EQ(Json::Parse(station.run.Out())["state"], "master");
+  EXPECT_EQ(station.device.OpenTunnel(), 0);
 }
 
 TEST(Info, ADeviceThatIsSilentOrPulledOutEndsInTimeWithItsStateUnknown) {
   for (const char* fault : {"lose:*", "unplug:1"}) {
-    Desk desk(OptionsOf("plain", DeviceState::Application), false, {fault});
-    EXPECT_EQ(desk.run("info --json"), ExitCode::FailedUnknown);
-    EXPECT_EQ(Json::Parse(desk.run.Out())["state"], "silent");
-    EXPECT_TRUE(desk.run.Complains("hint: "));
-    EXPECT_LT(desk.platform.MonotonicNow(), 40s);
+    ToolStation station(OptionsOf("plain", DeviceState::Application), false, {fault});
+    EXPECT_EQ(station.run("info --json"), ExitCode::FailedUnknown);
+    EXPECT_EQ(Json::Parse(station.run.Out())["state"], "silent");
+    EXPECT_TRUE(station.run.Complains("hint: "));
+    EXPECT_LT(station.platform.MonotonicNow(), 40s);
   }
 }
 
@@ -109,15 +109,15 @@ TEST(Inquiry, ClosesATunnelWhetherOrNotTheMasterSaysSo) {
     auto options = Options("tunnel");
     options.answersCloseTunnel = answers;
     options.openTunnel = static_cast<std::uint16_t>(open);
-    Desk desk(options);
-    Session session(desk.run.machine, desk.platform);
+    ToolStation station(options);
+    Session session(station.run.machine, station.platform);
     session.Open({TransportKind::Usb, Station::kPort});
-    Inquiry inquiry(session.Transport(), desk.platform);
+    Inquiry inquiry(session.Transport(), station.platform);
     EXPECT_EQ(inquiry.OpenTunnel(), told) << "16, 16 means none";
-    const auto start = desk.platform.MonotonicNow();
+    const auto start = station.platform.MonotonicNow();
     inquiry.CloseTunnel();
-    EXPECT_GE(desk.platform.MonotonicNow() - start, 5s);
-    EXPECT_LT(desk.platform.MonotonicNow() - start, 10s);
+    EXPECT_GE(station.platform.MonotonicNow() - start, 5s);
+    EXPECT_LT(station.platform.MonotonicNow() - start, 10s);
     EXPECT_EQ(inquiry.OpenTunnel(), 0);
   }
 }
@@ -148,11 +148,11 @@ TEST(TargetChoice, TakesTheSelectedOrTheOnlyUsbDevice) {
   };
   for (const auto& row : cases) {
     SCOPED_TRACE(row.what);
-    BareDesk desk;
-    for (const test::Bytes& ports : row.ports) desk.usb.devices.push_back({.ports = ports});
-    desk.adapters.adapters = {{"A1", "x"}};
+    ToolMachine station;
+    for (const test::Bytes& ports : row.ports) station.usb.devices.push_back({.ports = ports});
+    station.adapters.adapters = {{"A1", "x"}};
     try {
-      EXPECT_EQ(TargetOptions(ChooseTarget(desk.run.machine, row.named)), row.chosen);
+      EXPECT_EQ(TargetOptions(ChooseTarget(station.run.machine, row.named)), row.chosen);
     } catch (const Refusal& refusal) {
       EXPECT_EQ(row.chosen, "") << refusal.text;
       EXPECT_EQ(refusal.name, row.name);
@@ -179,13 +179,13 @@ TEST(ShellWord, IsOneLineOfTextThatAShellReadsBack) {
 }
 
 TEST(TargetChoice, OptionsThatDoNotGoTogetherAreRefused) {
-  Desk desk(OptionsOf("plain", DeviceState::Application));
+  ToolStation station(OptionsOf("plain", DeviceState::Application));
   for (const char* const arguments :
        {"--usb 1-4-2 --ftdi TAVO0001", "--baud 9600", "--echo", "--usb \"\"", "--ftdi \"\"",
         "--ftdi TAVO0001 --baud 0", "--ftdi TAVO0001 --baud fast"}) {
-    EXPECT_EQ(desk.run(std::string("info ") + arguments), ExitCode::Usage) << arguments;
+    EXPECT_EQ(station.run(std::string("info ") + arguments), ExitCode::Usage) << arguments;
   }
-  EXPECT_TRUE(desk.Requests().empty());
+  EXPECT_TRUE(station.Requests().empty());
 }
 
 }  // namespace

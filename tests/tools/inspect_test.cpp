@@ -7,7 +7,7 @@
 #include "file/block_map.h"
 #include "file/hex_survey.h"
 #include "file/package_report.h"
-#include "tests/tools/desk.h"
+#include "tests/tools/tool_station.h"
 
 namespace tavo::tool {
 namespace {
@@ -64,8 +64,8 @@ struct Inspect : testing::Test {
     return Json::Parse(run.Out());
   }
 
-  BareDesk desk;
-  CommandRun& run = desk.run;
+  ToolMachine station;
+  CommandRun& run = station.run;
 };
 
 TEST_F(Inspect, FilesThatCouldNeverBeWrittenAreCalledByTheirFault) {
@@ -206,7 +206,7 @@ TEST_F(Inspect, ScreensAreNarrow) {
                                   {"b.hex", With(HexOf("plain"), 3, 'x')}}));
   EXPECT_EQ(run("inspect @fw.zip --block-size 1"), ExitCode::Done);
   for (const std::string& line : test::LinesOf(run.Out())) {
-    const bool namesPath = line.find(desk.platform.Folder()) != std::string::npos;
+    const bool namesPath = line.find(station.platform.Folder()) != std::string::npos;
     EXPECT_TRUE(namesPath || line.size() <= 100) << line;
   }
 }

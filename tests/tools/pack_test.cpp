@@ -5,7 +5,7 @@
 #include "file/package_report.h"
 #include "package/adb_view.h"
 #include "simulator/new_file.h"
-#include "tests/tools/desk.h"
+#include "tests/tools/tool_station.h"
 
 namespace tavo::tool {
 namespace {
@@ -34,8 +34,8 @@ class Pack : public testing::Test {
     return std::distance(begin(files), end(files));
   }
 
-  BareDesk desk;
-  CommandRun& run = desk.run;
+  ToolMachine station;
+  CommandRun& run = station.run;
 };
 
 TEST_F(Pack, EveryAdbTypeAndAddressWidthComesBackAsItWasAskedFor) {

@@ -7,7 +7,7 @@
 #include <cstdlib>
 
 #include "package/adb_view.h"
-#include "tests/tools/desk.h"
+#include "tests/tools/tool_station.h"
 #include "update/closing_state.h"
 #include "update/wire_record.h"
 
@@ -22,17 +22,17 @@ using test::Lines;
 TEST(UpdateCommand, UpdatesEveryFamilyAndSaysSo) {
   for (const tavosim::Family& family : tavosim::kFamilies) {
     SCOPED_TRACE(family.name);
-    Desk desk(tavosim::OptionsFor(family));
-    EXPECT_EQ(desk.Update(), Done) << desk.run.Err();
-    EXPECT_TRUE(desk.UpdatedAndRuns());
+    ToolStation station(tavosim::OptionsFor(family));
+    EXPECT_EQ(station.Update(), Done) << station.run.Err();
+    EXPECT_TRUE(station.UpdatedAndRuns());
     const bool verifies = family.bootloaderVersion >= 3;
-    EXPECT_TRUE(desk.run.LastLine().starts_with(
+    EXPECT_TRUE(station.run.LastLine().starts_with(
         verifies ? "The device runs the new firmware, verified."
                  : "The device runs the new firmware; its flash is"))
-        << desk.run.Out();
-    EXPECT_EQ(desk.run.Recommended(), "");
-    EXPECT_FALSE(desk.run.Says("\b"));
-    EXPECT_NE(desk.run.Read("tool.log").find("FirmwareUpdater: Start."), std::string::npos);
+        << station.run.Out();
+    EXPECT_EQ(station.run.Recommended(), "");
+    EXPECT_FALSE(station.run.Says("\b"));
+    EXPECT_NE(station.run.Read("tool.log").find("FirmwareUpdater: Start."), std::string::npos);
   }
 }
 
@@ -59,37 +59,37 @@ const Trouble kTroubles[] = {
 TEST(UpdateCommand, ATroubleIsToldAsItIsAndTheRecommendedCommandEndsIt) {
   for (const Trouble& trouble : kTroubles) {
     SCOPED_TRACE(std::string(trouble.family) + " " + trouble.fault);
-    Desk desk(Options(trouble.family), false, {trouble.fault});
-    EXPECT_EQ(desk.Update(), trouble.exit) << desk.run.Out() << desk.run.Err();
-    EXPECT_TRUE(desk.run.Err().starts_with("firmware-updater: timeout: ")) << desk.run.Err();
-    EXPECT_TRUE(desk.run.Complains("\nhint: "));
-    EXPECT_TRUE(desk.run.LastLine().starts_with(SentenceOf(trouble.condition)))
-        << desk.run.LastLine();
+    ToolStation station(Options(trouble.family), false, {trouble.fault});
+    EXPECT_EQ(station.Update(), trouble.exit) << station.run.Out() << station.run.Err();
+    EXPECT_TRUE(station.run.Err().starts_with("firmware-updater: timeout: ")) << station.run.Err();
+    EXPECT_TRUE(station.run.Complains("\nhint: "));
+    EXPECT_TRUE(station.run.LastLine().starts_with(SentenceOf(trouble.condition)))
+        << station.run.LastLine();
     if (trouble.condition != Unknown) {
-      EXPECT_EQ(desk.ApplicationRuns(), trouble.exit == FailedRuns);
+      EXPECT_EQ(station.ApplicationRuns(), trouble.exit == FailedRuns);
       const bool isNew =
           trouble.condition == UpdatedNotVerified || trouble.condition == RunsIncomplete;
-      EXPECT_EQ(desk.FlashHoldsFirmware(), isNew);
+      EXPECT_EQ(station.FlashHoldsFirmware(), isNew);
     }
 
-    desk.device.ClearFaults();
-    const std::string next = desk.run.Recommended();
-    EXPECT_EQ(desk.run(next + " --log @tool.log"), Done) << next << "\n" << desk.run.Err();
-    EXPECT_TRUE(desk.UpdatedAndRuns());
-    EXPECT_EQ(desk.device.OpenTunnel(), 0);
-    EXPECT_EQ(desk.device.Label().has_value(), desk.device.Options().family.adbType == 5);
+    station.device.ClearFaults();
+    const std::string next = station.run.Recommended();
+    EXPECT_EQ(station.run(next + " --log @tool.log"), Done) << next << "\n" << station.run.Err();
+    EXPECT_TRUE(station.UpdatedAndRuns());
+    EXPECT_EQ(station.device.OpenTunnel(), 0);
+    EXPECT_EQ(station.device.Label().has_value(), station.device.Options().family.adbType == 5);
   }
 }
 
 TEST(UpdateCommand, ADryRunWritesNothingAndLeavesTheApplicationRunning) {
   for (const char* family : {"plain", "tunnel", "labelled"}) {
-    Desk desk(Options(family));
-    const std::vector<std::uint8_t> before = desk.Flash();
-    EXPECT_EQ(desk.Update(" --dry-run"), Done) << desk.run.Err();
-    EXPECT_EQ(desk.Flash(), before);
-    EXPECT_TRUE(desk.ApplicationRuns());
-    EXPECT_TRUE(desk.run.Says("nothing was written")) << desk.run.Out();
-    for (const std::string& request : desk.Requests()) {
+    ToolStation station(Options(family));
+    const std::vector<std::uint8_t> before = station.Flash();
+    EXPECT_EQ(station.Update(" --dry-run"), Done) << station.run.Err();
+    EXPECT_EQ(station.Flash(), before);
+    EXPECT_TRUE(station.ApplicationRuns());
+    EXPECT_TRUE(station.run.Says("nothing was written")) << station.run.Out();
+    for (const std::string& request : station.Requests()) {
       for (const char* changing : {"0x130", "0x133", "0x134"}) {
         EXPECT_FALSE(request.starts_with(changing));
       }
@@ -101,23 +101,23 @@ TEST(UpdateCommand, AfterADryRunOfADeviceWithoutAnApplicationTheNamedCommandGets
   tavosim::DeviceOptions options = Options("plain");
   options.applicationIntact = false;
   options.start = DeviceState::Bootloader;
-  Desk desk(options);
-  const std::vector<std::uint8_t> before = desk.Flash();
-  EXPECT_EQ(desk.Update(" --dry-run"), FailedInBootloader);
-  EXPECT_EQ(desk.Flash(), before);
-  const std::string next = desk.run.Recommended();
-  EXPECT_EQ(desk.run(next + " --log @tool.log"), Done) << next;
-  EXPECT_TRUE(desk.UpdatedAndRuns());
+  ToolStation station(options);
+  const std::vector<std::uint8_t> before = station.Flash();
+  EXPECT_EQ(station.Update(" --dry-run"), FailedInBootloader);
+  EXPECT_EQ(station.Flash(), before);
+  const std::string next = station.run.Recommended();
+  EXPECT_EQ(station.run(next + " --log @tool.log"), Done) << next;
+  EXPECT_TRUE(station.UpdatedAndRuns());
 }
 
 TEST(UpdateCommand, ATunnelFoundOpenIsClosedAndTheUpdateWorksAtOnce) {
   for (const std::uint16_t open : {std::uint16_t{0x0401}, std::uint16_t{0x0402}}) {
     tavosim::DeviceOptions options = Options("tunnel");
     options.openTunnel = open;
-    Desk desk(options);
-    EXPECT_EQ(desk.Update(), Done) << desk.run.Out() << desk.run.Err();
-    EXPECT_TRUE(desk.UpdatedAndRuns());
-    EXPECT_EQ(desk.device.OpenTunnel(), 0);
+    ToolStation station(options);
+    EXPECT_EQ(station.Update(), Done) << station.run.Out() << station.run.Err();
+    EXPECT_TRUE(station.UpdatedAndRuns());
+    EXPECT_EQ(station.device.OpenTunnel(), 0);
   }
 }
 
@@ -148,13 +148,13 @@ TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDevice
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.line);
-    Desk desk(Options("plain"));
-    const std::string firmware = desk.run.Read("firmware.hex");
-    EXPECT_EQ(desk.run(row.line), row.exit);
-    EXPECT_TRUE(desk.run.Complains(row.phrase)) << desk.run.Err();
-    EXPECT_EQ(desk.Requests(), Lines());
-    EXPECT_EQ(desk.usb.OpenHandles(), 0);
-    EXPECT_EQ(desk.run.Read("firmware.hex"), firmware);
+    ToolStation station(Options("plain"));
+    const std::string firmware = station.run.Read("firmware.hex");
+    EXPECT_EQ(station.run(row.line), row.exit);
+    EXPECT_TRUE(station.run.Complains(row.phrase)) << station.run.Err();
+    EXPECT_EQ(station.Requests(), Lines());
+    EXPECT_EQ(station.usb.OpenHandles(), 0);
+    EXPECT_EQ(station.run.Read("firmware.hex"), firmware);
   }
 }
 
@@ -162,9 +162,9 @@ TEST(UpdateCommand, ALogThatNobodyAskedForKeepsNoUpdateFromBeingDone) {
   const char* const state = std::getenv("XDG_STATE_HOME");
   const std::string before = state == nullptr ? "" : state;
   setenv("XDG_STATE_HOME", "/proc/nowhere", 1);
-  Desk desk(Options("plain"));
-  EXPECT_EQ(desk.run("update @firmware.hex"), Done) << desk.run.Err();
-  EXPECT_TRUE(desk.run.Says("No log is kept")) << desk.run.Out();
+  ToolStation station(Options("plain"));
+  EXPECT_EQ(station.run("update @firmware.hex"), Done) << station.run.Err();
+  EXPECT_TRUE(station.run.Says("No log is kept")) << station.run.Out();
   setenv("XDG_STATE_HOME", before.c_str(), 1);
 }
 
@@ -174,11 +174,11 @@ TEST(UpdateCommand, OnATerminalTheLineInHandIsNarrowerThanTheTerminal) {
                              [] { return 100; }};
   for (const auto width : widths) {
     SCOPED_TRACE(width());
-    Desk desk(Options("plain"));
-    desk.run.machine.terminal = true;
-    desk.run.machine.width = width;
-    EXPECT_EQ(desk.Update(), Done) << desk.run.Err();
-    const std::string screen = desk.run.Out();
+    ToolStation station(Options("plain"));
+    station.run.machine.terminal = true;
+    station.run.machine.width = width;
+    EXPECT_EQ(station.Update(), Done) << station.run.Err();
+    const std::string screen = station.run.Out();
     const std::string erase = "\r\x1B[K";
     for (std::size_t at = screen.find(erase); at != std::string::npos;) {
       const std::size_t begin = at + erase.size();
@@ -188,8 +188,8 @@ TEST(UpdateCommand, OnATerminalTheLineInHandIsNarrowerThanTheTerminal) {
       if (line.find('\n') != std::string::npos) continue;
       EXPECT_LE(line.size(), room) << line;
     }
-    EXPECT_EQ(desk.run.Says("[####################] 100 %  13.0/13.0 KiB"), width() == 100);
-    EXPECT_EQ(desk.run.Says(" 100 %"), width() >= 45);
+    EXPECT_EQ(station.run.Says("[####################] 100 %  13.0/13.0 KiB"), width() == 100);
+    EXPECT_EQ(station.run.Says(" 100 %"), width() >= 45);
   }
 }
 
@@ -199,10 +199,10 @@ TEST(RecoverCommand, RevivesADeviceLeftErasedAndGivesItItsLabel) {
     tavosim::DeviceOptions options = tavosim::OptionsFor(family);
     options.applicationIntact = false;
     options.start = DeviceState::Bootloader;
-    Desk desk(options);
-    EXPECT_EQ(desk.Recover(), Done) << desk.run.Out() << desk.run.Err();
-    EXPECT_TRUE(desk.UpdatedAndRuns());
-    EXPECT_EQ(desk.device.Label().has_value(), family.adbType == 5);
+    ToolStation station(options);
+    EXPECT_EQ(station.Recover(), Done) << station.run.Out() << station.run.Err();
+    EXPECT_TRUE(station.UpdatedAndRuns());
+    EXPECT_EQ(station.device.Label().has_value(), family.adbType == 5);
   }
 }
 
@@ -227,26 +227,26 @@ TEST(UpdateCommand, SaysTheTruthHoweverTheDeviceIsFoundAndWhicheverFileItGets) {
         options.family.hardwareId = 0x8990;
         options.start = found.start;
         options.applicationIntact = found.intact;
-        Desk desk(options);
-        const std::vector<std::uint8_t> before = desk.Flash();
-        if (wrong) desk.TakeFileOf(wrong);
-        const ExitCode exit = recover ? desk.Recover(" --usb 1-4-2") : desk.Update();
+        ToolStation station(options);
+        const std::vector<std::uint8_t> before = station.Flash();
+        if (wrong) station.TakeFileOf(wrong);
+        const ExitCode exit = recover ? station.Recover(" --usb 1-4-2") : station.Update();
         const bool revives = found.intact || recover;
-        EXPECT_EQ(exit == Done, !wrong && revives) << desk.run.Out() << desk.run.Err();
+        EXPECT_EQ(exit == Done, !wrong && revives) << station.run.Out() << station.run.Err();
         if (exit == Done) {
-          EXPECT_TRUE(desk.UpdatedAndRuns());
+          EXPECT_TRUE(station.UpdatedAndRuns());
           continue;
         }
-        EXPECT_EQ(desk.Flash(), before);
-        EXPECT_EQ(exit, desk.ApplicationRuns() ? FailedRuns : FailedInBootloader);
+        EXPECT_EQ(station.Flash(), before);
+        EXPECT_EQ(exit, station.ApplicationRuns() ? FailedRuns : FailedInBootloader);
         if (!wrong) {
-          const std::string next = desk.run.Recommended();
-          EXPECT_EQ(desk.run(next + " --log @tool.log"), Done) << next;
-          EXPECT_TRUE(desk.UpdatedAndRuns());
+          const std::string next = station.run.Recommended();
+          EXPECT_EQ(station.run(next + " --log @tool.log"), Done) << next;
+          EXPECT_TRUE(station.UpdatedAndRuns());
         } else if (revives) {
-          EXPECT_TRUE(desk.run.Err().starts_with("firmware-updater: hardware-id: "))
-              << desk.run.Err();
-          EXPECT_EQ(desk.run.LastLine().find("firmware.hex"), std::string::npos)
+          EXPECT_TRUE(station.run.Err().starts_with("firmware-updater: hardware-id: "))
+              << station.run.Err();
+          EXPECT_EQ(station.run.LastLine().find("firmware.hex"), std::string::npos)
               << "the wrong file is not recommended again";
         }
       }
@@ -259,26 +259,26 @@ TEST(RecoverCommand, DoesNotWriteThroughATunnelThatWasLeftOpen) {
   options.family.processorId = 0x1E9748;
   options.applicationIntact = false;
   options.openTunnel = 0x0401;
-  Desk desk(options);
-  const std::vector<std::uint8_t> before = desk.Flash();
-  desk.TakeFileOf("plain");
-  EXPECT_NE(desk.Recover(" --usb 1-4-2"), Done);
-  EXPECT_EQ(desk.Flash(), before);
-  EXPECT_EQ(desk.device.OpenTunnel(), 0);
+  ToolStation station(options);
+  const std::vector<std::uint8_t> before = station.Flash();
+  station.TakeFileOf("plain");
+  EXPECT_NE(station.Recover(" --usb 1-4-2"), Done);
+  EXPECT_EQ(station.Flash(), before);
+  EXPECT_EQ(station.device.OpenTunnel(), 0);
 }
 
 TEST(Replay, FollowsWhatWasRecordedAndNoticesWhatWasNot) {
   for (const char* fault : {"lose:id=0x134:3", "lose:id=0x130:1", "powercut:id=0x134:9",
                             "unplug:id=0x134:5:300ms", "damage:id=0x121:1"}) {
     SCOPED_TRACE(fault);
-    Desk desk(Options("plain"), false, {fault});
-    desk.Update(" --record @record.ndjson");
-    EXPECT_EQ(desk.run("replay @record.ndjson"), Done) << desk.run.Out() << desk.run.Err();
-    std::string record = desk.run.Read("record.ndjson");
+    ToolStation station(Options("plain"), false, {fault});
+    station.Update(" --record @record.ndjson");
+    EXPECT_EQ(station.run("replay @record.ndjson"), Done) << station.run.Out() << station.run.Err();
+    std::string record = station.run.Read("record.ndjson");
     EXPECT_EQ(record.find("A8D304"), std::string::npos) << "no block of the firmware";
     record.replace(record.rfind("\"device\":\"") + 10, 1, "x");
-    desk.run.Write("record.ndjson", record);
-    EXPECT_EQ(desk.run("replay @record.ndjson"), FailedRuns) << desk.run.Out();
+    station.run.Write("record.ndjson", record);
+    EXPECT_EQ(station.run("replay @record.ndjson"), FailedRuns) << station.run.Out();
   }
 }
 
@@ -297,15 +297,15 @@ TEST(Replay, TellsABrokenRecordFromOneThatIsNotFollowed) {
       {"1B1B1B", "1B1B1", BadFile, "is no line of a record"},
       {"1B1B1B", "-11B1B", BadFile, "is no line of a record"},
   };
-  Desk desk(Options("plain"));
-  desk.Update(" --record @whole.ndjson");
+  ToolStation station(Options("plain"));
+  station.Update(" --record @whole.ndjson");
   for (const Row& row : rows) {
     SCOPED_TRACE(row.to);
-    std::string record = desk.run.Read("whole.ndjson");
+    std::string record = station.run.Read("whole.ndjson");
     record.replace(record.find(row.from), std::string(row.from).size(), row.to);
-    desk.run.Write("record.ndjson", record);
-    EXPECT_EQ(desk.run("replay @record.ndjson"), row.exit) << desk.run.Out();
-    EXPECT_TRUE(desk.run.Complains(row.says)) << desk.run.Err();
+    station.run.Write("record.ndjson", record);
+    EXPECT_EQ(station.run("replay @record.ndjson"), row.exit) << station.run.Out();
+    EXPECT_TRUE(station.run.Complains(row.says)) << station.run.Err();
   }
 }
 
@@ -334,18 +334,18 @@ TEST(Replay, EveryKeptRecordIsFollowed) {
   int records = 0;
   for (const auto& entry :
        std::filesystem::directory_iterator(TAVO_SOURCE_DIR "/tests/tools/records")) {
-    BareDesk desk;
-    EXPECT_EQ(desk.run("replay " + entry.path().string()), Done) << desk.run.Out();
+    ToolMachine station;
+    EXPECT_EQ(station.run("replay " + entry.path().string()), Done) << station.run.Out();
     ++records;
   }
   EXPECT_GT(records, 0);
 }
 
 TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
-  Desk desk(Options("plain"), false, {"lose:id=0x134:3"});
-  EXPECT_EQ(desk.Update(" --json --tag unit=4711"), Done) << desk.run.Out();
-  EXPECT_EQ(desk.run.Err(), "");
-  const Json last = Json::Parse(desk.run.LastLine());
+  ToolStation station(Options("plain"), false, {"lose:id=0x134:3"});
+  EXPECT_EQ(station.Update(" --json --tag unit=4711"), Done) << station.run.Out();
+  EXPECT_EQ(station.run.Err(), "");
+  const Json last = Json::Parse(station.run.LastLine());
   EXPECT_EQ(last["event"], "result");
   EXPECT_EQ(last["ending"], "succeeded");
   EXPECT_EQ(last["state"]["device"], "updated-and-verified");
@@ -360,11 +360,11 @@ TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
   EXPECT_EQ(last["after"]["softwareId"], 0x1234);
   EXPECT_EQ(last["sha256"].Text().size(), 66U);
 
-  EXPECT_EQ(desk.run("update none.hex --json"), BadFile);
-  EXPECT_EQ(Json::Parse(desk.run.Out())["failure"]["name"], "bad-file");
+  EXPECT_EQ(station.run("update none.hex --json"), BadFile);
+  EXPECT_EQ(Json::Parse(station.run.Out())["failure"]["name"], "bad-file");
 
-  EXPECT_EQ(desk.run("update @firmware.hex --usb 3-9 --json --log @tool.log"), NoDevice);
-  const Json failure = Json::Parse(desk.run.Out())["failure"];
+  EXPECT_EQ(station.run("update @firmware.hex --usb 3-9 --json --log @tool.log"), NoDevice);
+  const Json failure = Json::Parse(station.run.Out())["failure"];
   EXPECT_EQ(failure["text"], "--usb 3-9 is not connected");
   EXPECT_EQ(failure["hint"],
             "check the cable and the power, or select one of these: --usb 1-4-2, --ftdi TAVO0001");

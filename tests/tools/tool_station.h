@@ -9,7 +9,7 @@
 
 namespace tavo::tool {
 
-struct BareDesk {
+struct ToolMachine {
   test::VirtualPlatform platform{};
   test::FakeLibUsb usb{};
   test::FakeD2xx adapters{};
@@ -17,7 +17,7 @@ struct BareDesk {
 };
 
 // The device is at --usb 1-4-2 and behind --ftdi TAVO0001; its firmware is in firmware.hex.
-struct Desk : test::Station {
+struct ToolStation : test::Station {
   using Station::Station;
 
   ExitCode Update(const std::string& options = "") {
