@@ -37,6 +37,12 @@ std::atomic<std::size_t> largestAllocation{std::numeric_limits<std::size_t>::max
 [[gnu::noinline]] void operator delete(void* block, std::size_t /*size*/) noexcept {
   std::free(block);
 }
+// A sanitizer's own versions of these would not come by the ones above.
+[[gnu::noinline]] void* operator new[](std::size_t size) { return operator new(size); }
+[[gnu::noinline]] void operator delete[](void* block) noexcept { std::free(block); }
+[[gnu::noinline]] void operator delete[](void* block, std::size_t /*size*/) noexcept {
+  std::free(block);
+}
 
 namespace tavo {
 namespace {
