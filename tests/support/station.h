@@ -95,6 +95,7 @@ class Station {
  private:
   static std::vector<tavosim::Fault> ParseFaults(const std::vector<std::string>& texts) {
     std::vector<tavosim::Fault> faults;
+    faults.reserve(texts.size());
     for (const std::string& text : texts) faults.push_back(tavosim::ParseFault(text).fault.value());
     return faults;
   }

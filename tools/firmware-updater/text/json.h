@@ -23,6 +23,8 @@ class Json {
   using Object = std::vector<Member>;  // in the order in which they are written
 
   Json() = default;  // null
+  // Implicit, so that a document is written down as it will look.
+  // NOLINTBEGIN(google-explicit-constructor)
   Json(bool value) : m_value(value) {}
   Json(std::integral auto value) : m_value(static_cast<std::int64_t>(value)) {}
   Json(double value) : m_value(value) {}
@@ -36,6 +38,7 @@ class Json {
   Json(const std::vector<Value>& items) : m_value(Array(items.begin(), items.end())) {}
   template <typename Value>
   Json(const std::optional<Value>& value) : Json(value ? Json(*value) : Json()) {}
+  // NOLINTEND(google-explicit-constructor)
 
   // Throws std::exception when the text is none.
   static Json Parse(const std::string& text);
