@@ -1,5 +1,5 @@
-# The API reference from the public header: the target api_reference. The header is the only input, so
-# that what is documented there is all that a host needs.
+# The target api_reference makes the API reference. The public header is its only input, so the header
+# has to document everything that a host needs.
 find_package(Doxygen QUIET)
 if(DOXYGEN_FOUND)
   configure_file(${PROJECT_SOURCE_DIR}/docs/Doxyfile.in ${CMAKE_BINARY_DIR}/Doxyfile @ONLY)

@@ -43,7 +43,7 @@ install(TARGETS firmware-updater COMPONENT tool)
 install(TARGETS tavo_substitute_libusb LIBRARY
   DESTINATION lib/firmware-updater/substitute COMPONENT tool NAMELINK_SKIP)
 
-# The manual pages are made from the help texts; the completions ask the tool as they are used.
+# help2man makes the manual pages from the help texts; the completions ask the tool at run time.
 find_program(HELP2MAN_EXECUTABLE help2man REQUIRED)
 set(manual ${CMAKE_CURRENT_BINARY_DIR}/manual)
 add_custom_command(OUTPUT ${manual}/firmware-updater.1.gz

@@ -1,5 +1,5 @@
 # Provides the target libusb::libusb. On Windows it is built here, as libusb-1.0.dll, from the source
-# that scripts/get-libusb has fetched (or the folder named with -DLIBUSB_SOURCE_DIR=... or in
+# that scripts/get-libusb fetched (or the folder given with -DLIBUSB_SOURCE_DIR=... or in
 # $LIBUSB_DIR); elsewhere it is the one that is installed.
 if(NOT WIN32)
   find_package(PkgConfig REQUIRED)
@@ -19,7 +19,7 @@ if(NOT EXISTS "${libusb_source}/libusb.h")
                       "or give -DLIBUSB_SOURCE_DIR=<folder with the unpacked source>")
 endif()
 
-# The settings that libusb's own configure script would find for this compiler.
+# The settings that libusb's own configure script finds for this compiler.
 file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/libusb/config.h @ONLY CONTENT [[
 #define DEFAULT_VISIBILITY
 #define ENABLE_LOGGING 1

@@ -16,7 +16,7 @@ function(tavo_build_miniz folder)
   # Under glibc miniz would otherwise open archives with the 32-bit file calls of older systems.
   target_compile_definitions(tavo_miniz PRIVATE MINIZ_NO_ZLIB_COMPATIBLE_NAMES
                                                 $<$<PLATFORM_ID:Linux>:_LARGEFILE64_SOURCE=1>)
-  # Its warnings are not ours to mend, and it reads unaligned words on purpose where that is cheap.
+  # Third-party code: no warnings, and it reads unaligned words on purpose where that is cheap.
   target_compile_options(tavo_miniz PRIVATE -w)
   if(NOT MINGW)
     target_compile_options(tavo_miniz PRIVATE -fno-sanitize=undefined)

@@ -1,4 +1,4 @@
-# Completion of firmware-updater for bash. The tool itself knows what fits.
+# Completion of firmware-updater for bash. The tool itself lists the candidates.
 _firmware_updater() {
   local current=${COMP_WORDS[COMP_CWORD]} found
   [[ $current != = ]] || current=

@@ -1,5 +1,5 @@
 #compdef firmware-updater
-# Completion of firmware-updater for zsh. The tool itself knows what fits.
+# Completion of firmware-updater for zsh. The tool itself lists the candidates.
 local -a found=("${(@f)$($words[1] complete "${(@)words[2,CURRENT]}" 2>/dev/null)}")
 compset -P '--*='
 case $found[1] in

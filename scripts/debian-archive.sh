@@ -5,8 +5,8 @@
 
 archive_suite=bookworm
 
-# Sets `mirror` and `keyring` (a path, or empty for apt's own) from the machine's entry for its own
-# release, which is known even before the first apt-get update. Fails without one.
+# Sets `mirror` and `keyring` (a path, or empty for apt's own) from this machine's apt entry for its own
+# release, which exists even before the first apt-get update. Fails without one.
 find_mirror() {
   command -v apt-get >/dev/null || return 1
   codename=$(sed -n 's/^VERSION_CODENAME=//p' /etc/os-release)
