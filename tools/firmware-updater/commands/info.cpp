@@ -1,7 +1,6 @@
 // info: asks one device for its identity and state, and leaves it as it was.
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -10,9 +9,9 @@
 
 #include "commands/commands.h"
 #include "device/inquiry.h"
+#include "device/place.h"
 #include "device/session.h"
 #include "device/target_choice.h"
-#include "file/package_report.h"
 #include "package/hardware_identity.h"
 #include "text/json.h"
 #include "text/log_platform.h"
@@ -31,21 +30,6 @@ struct Options {
   std::string file{};
   std::string through{};
   bool json = false;
-};
-
-// Everything that the answers come from.
-struct Place {
-  Target target;
-  std::optional<TunnelRoute> behind;  // a master, through this tunnel
-
-  std::string Options() const {
-    std::string options = TargetOptions(target);
-    if (behind) {
-      options +=
-          " --through " + std::to_string(behind->master) + "." + std::to_string(behind->slave);
-    }
-    return options;
-  }
 };
 
 enum class State { Application, Bootloader, Master, Silent };
@@ -215,39 +199,6 @@ ExitCode Report(const Machine& machine, const Options& options, const Place& pla
   return ExitCode::Done;
 }
 
-// "4.1"; none for any other text.
-std::optional<TunnelRoute> ParseRoute(const std::string& text) {
-  int master = -1;
-  int slave = -1;
-  int length = 0;
-  const bool whole = std::sscanf(text.c_str(), "%3d.%3d%n", &master, &slave, &length) == 2 &&
-                     static_cast<std::size_t>(length) == text.size();
-  const bool inRange = master >= 0 && master <= 255 && slave >= 0 && slave <= 255;
-  return whole && inRange ? std::optional(TunnelRoute{master, slave}) : std::nullopt;
-}
-
-std::string CheckRoute(const std::string& text) {
-  return ParseRoute(text) ? "" : "is written MASTER.SLAVE, for example 4.1";
-}
-
-std::optional<TunnelRoute> RouteBehind(const Options& options) {
-  if (options.file.empty()) return ParseRoute(options.through);
-  const PackageReport report = ReportOn(options.file);
-  if (!report.CouldBeWritten()) {
-    throw Refusal{ExitCode::BadFile, "bad-file", options.file + ": " + report.problem, report.hint};
-  }
-  const TunnelRoute route = report.images.front().route;
-  return route.master == -1 ? std::nullopt : std::optional(route);
-}
-
-void CheckEcho(Inquiry& inquiry, const Place& place) {
-  const bool echo = place.target.echo;
-  if (place.target.kind != TransportKind::Ftdi || inquiry.LineEchoes() == echo) return;
-  Place corrected = place;
-  corrected.target.echo = !echo;
-  throw EchoRefusal(!echo, "firmware-updater info " + corrected.Options());
-}
-
 // A tunnel that is opened here is closed again.
 DeviceReport AskBehind(Inquiry& inquiry, const TunnelRoute& route) {
   DeviceReport report;
@@ -259,14 +210,14 @@ DeviceReport AskBehind(Inquiry& inquiry, const TunnelRoute& route) {
 }
 
 ExitCode Info(const Machine& machine, const Options& options) {
-  const std::optional<TunnelRoute> route = RouteBehind(options);
+  const std::optional<TunnelRoute> route = RouteBehind(options.file, options.through);
   Place place{ChooseTarget(machine, options.target), std::nullopt};
   LogPlatform quiet(machine.platform, {}, nullptr);
   Session session(machine, quiet);
   session.Open(place.target);
   Inquiry inquiry(session.Transport(), quiet,
                   [&](const std::string& text) { machine.err << text << std::endl; });
-  CheckEcho(inquiry, place);
+  CheckEcho(inquiry, place, "info");
   DeviceReport report = AskWho(inquiry);
   if (route && report.IsMaster()) {
     place.behind = route;
@@ -284,10 +235,7 @@ void AddInfoCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
                               "Update file of the device: a tunnel that it needs is opened for the "
                               "questions and closed again");
   AddTargetOptions(command, options->target);
-  command.Value("--through", options->through, "Look behind the master: the tunnel to open")
-      .Shown("MASTER.SLAVE")
-      .Checked(CheckRoute)
-      .Excludes(file);
+  AddThroughOption(command, options->through).Excludes(file);
   command.Flag("--json", options->json, "Write one JSON document");
   command.Footer(
       "Without --usb and --ftdi the only connected USB device is asked.\n\n"
