@@ -83,8 +83,8 @@ class LoggingPlatform : public Platform {
   void Sleep(std::chrono::milliseconds duration) override { m_machine.Sleep(duration); }
   std::string ExecutablePath() override { return FilePath("host"); }
   void Print(std::string_view) override {}
-  FileHandle OpenFile(const std::string& path, const char* mode) override {
-    return m_machine.OpenFile(path, mode);
+  FileHandle OpenLog(const std::string& path, Links links) override {
+    return m_machine.OpenLog(path, links);
   }
 
  private:

@@ -133,8 +133,8 @@ class ScriptedUsb : public test::PlainUsb {
 // The log is written, but nobody keeps it.
 class FuzzPlatform : public test::VirtualPlatform {
  public:
-  FileHandle OpenFile(const std::string& /*path*/, const char* mode) override {
-    return FileHandle(std::fopen("/dev/null", mode));
+  FileHandle OpenLog(const std::string& /*path*/, Links links) override {
+    return VirtualPlatform::OpenLog("/dev/null", links);
   }
 };
 

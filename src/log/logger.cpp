@@ -57,7 +57,7 @@ void Logger::WriteLine(LogLevel level, const char* message) {
   const std::lock_guard lock(m_lock);
   const std::string line =
       Timestamp(m_platform.LocalTime()) + " " + Tag(level) + " " + message + "\n";
-  const FileHandle file = m_platform.OpenFile(path, "a");
+  const FileHandle file = m_platform.OpenLog(path, Links::Refuse);
   if (!file) m_platform.Print("Error during open log file \"" + path + "\"\n");
   m_platform.Print(line);
   if (file) std::fwrite(line.data(), 1, line.size(), file.get());

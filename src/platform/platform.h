@@ -41,8 +41,10 @@ class Platform {
   // text.
   virtual void Print(std::string_view text) = 0;
 
-  // Opens a file as std::fopen does; `path` is UTF-8. Null when it cannot be opened.
-  virtual FileHandle OpenFile(const std::string& path, const char* mode) = 0;
+  // Opens a log to append text to and creates it if it is missing; `path` is UTF-8. Null when that
+  // fails, and for anything but a regular file or a character device, such as a pipe. Never waits.
+  // Processes that the host starts do not inherit the file.
+  virtual FileHandle OpenLog(const std::string& path, Links links) = 0;
 };
 
 // The machine this process runs on.

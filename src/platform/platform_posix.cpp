@@ -56,6 +56,16 @@ FileHandle AsFile(int descriptor, const char* mode) {
   return file;
 }
 
+// Opening a pipe waits for its other end without the first; the second keeps the file from programs
+// that the host starts.
+constexpr int kOpening = O_NONBLOCK | O_CLOEXEC;
+
+// 0 when there is no file.
+mode_t TypeOf(const FileHandle& file) {
+  struct stat status {};
+  return file && fstat(fileno(file.get()), &status) == 0 ? status.st_mode : 0;
+}
+
 class PosixPlatform final : public Platform {
  public:
   // Opens the null device in place of each standard stream that the host has closed. Otherwise the
@@ -100,11 +110,16 @@ class PosixPlatform final : public Platform {
     std::fflush(stdout);
   }
 
-  FileHandle OpenFile(const std::string& path, const char* mode) override {
-    FileHandle file(std::fopen(path.c_str(), mode));
-    if (!file || fileno(file.get()) > STDERR_FILENO) return file;
+  FileHandle OpenLog(const std::string& path, Links links) override {
+    constexpr mode_t kAsUmaskAllows = 0666;
+    const int flags = O_WRONLY | O_APPEND | O_CREAT | kOpening | O_NOCTTY |
+                      (links == Links::Refuse ? O_NOFOLLOW : 0);
+    FileHandle file = AsFile(open(path.c_str(), flags, kAsUmaskAllows), "a");
+    const mode_t type = TypeOf(file);
+    if (!S_ISREG(type) && !S_ISCHR(type)) return nullptr;
+    if (fileno(file.get()) > STDERR_FILENO) return file;
     // The host has closed a stream since, and the file has taken its number.
-    return AsFile(fcntl(fileno(file.get()), F_DUPFD_CLOEXEC, STDERR_FILENO + 1), mode);
+    return AsFile(fcntl(fileno(file.get()), F_DUPFD_CLOEXEC, STDERR_FILENO + 1), "a");
   }
 };
 
@@ -125,11 +140,8 @@ void WillBeFilled(void* block, std::size_t bytes) {
 }
 
 FileHandle OpenForReading(const std::string& path) {
-  // Without O_NONBLOCK, opening a pipe waits for a writer.
-  FileHandle file = AsFile(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC), "rb");
-  struct stat status {};
-  if (!file || fstat(fileno(file.get()), &status) != 0) return nullptr;
-  return S_ISREG(status.st_mode) ? std::move(file) : nullptr;
+  FileHandle file = AsFile(open(path.c_str(), O_RDONLY | kOpening), "rb");
+  return S_ISREG(TypeOf(file)) ? std::move(file) : nullptr;
 }
 
 }  // namespace tavo

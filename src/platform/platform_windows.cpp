@@ -65,6 +65,29 @@ std::string ToUtf8(std::wstring_view wide) {
   return text;
 }
 
+constexpr DWORD kSharing = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+
+// A symbolic link, or something else that leads to bytes elsewhere.
+bool IsReparsePoint(HANDLE handle) {
+  BY_HANDLE_FILE_INFORMATION information{};
+  return GetFileInformationByHandle(handle, &information) != 0 &&
+         (information.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0;
+}
+
+// Takes ownership of the handle; null for an invalid one and for one that is not acceptable.
+FileHandle AsFile(HANDLE handle, bool acceptable, int flags, const char* mode) {
+  if (handle == INVALID_HANDLE_VALUE) return nullptr;
+  const int descriptor =
+      acceptable ? _open_osfhandle(reinterpret_cast<std::intptr_t>(handle), flags) : -1;
+  if (descriptor < 0) {
+    CloseHandle(handle);
+    return nullptr;
+  }
+  FileHandle file(_fdopen(descriptor, mode));
+  if (!file) _close(descriptor);
+  return file;
+}
+
 class WindowsPlatform final : public Platform {
  public:
   milliseconds MonotonicNow() override {
@@ -115,8 +138,15 @@ class WindowsPlatform final : public Platform {
     }
   }
 
-  FileHandle OpenFile(const std::string& path, const char* mode) override {
-    return FileHandle(_wfopen(SystemPath(path).c_str(), WidenText(mode).c_str()));
+  FileHandle OpenLog(const std::string& path, Links links) override {
+    const bool refuseLinks = links == Links::Refuse;
+    const HANDLE handle = CreateFileW(
+        SystemPath(path).c_str(), GENERIC_WRITE, kSharing, nullptr, OPEN_ALWAYS,
+        FILE_ATTRIBUTE_NORMAL | (refuseLinks ? FILE_FLAG_OPEN_REPARSE_POINT : 0), nullptr);
+    const DWORD type = GetFileType(handle);
+    const bool acceptable = (type == FILE_TYPE_DISK || type == FILE_TYPE_CHAR) &&
+                            !(refuseLinks && IsReparsePoint(handle));
+    return AsFile(handle, acceptable, _O_APPEND | _O_TEXT, "a");
   }
 };
 
@@ -131,21 +161,10 @@ Platform& SystemPlatform() {
 void WillBeFilled(void* /*block*/, std::size_t /*bytes*/) {}
 
 FileHandle OpenForReading(const std::string& path) {
-  const HANDLE handle = CreateFileW(SystemPath(path).c_str(), GENERIC_READ,
-                                    FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+  const HANDLE handle = CreateFileW(SystemPath(path).c_str(), GENERIC_READ, kSharing, nullptr,
                                     OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-  if (handle == INVALID_HANDLE_VALUE) return nullptr;
   // Folders do not open. Pipes and consoles do, but might make a reader wait.
-  const int descriptor = GetFileType(handle) == FILE_TYPE_DISK
-                             ? _open_osfhandle(reinterpret_cast<std::intptr_t>(handle), _O_RDONLY)
-                             : -1;
-  if (descriptor < 0) {
-    CloseHandle(handle);
-    return nullptr;
-  }
-  FileHandle file(_fdopen(descriptor, "rb"));
-  if (!file) _close(descriptor);
-  return file;
+  return AsFile(handle, GetFileType(handle) == FILE_TYPE_DISK, _O_RDONLY, "rb");
 }
 
 AnyFunction FindLibraryFunction(const char* library, const char* function) {

@@ -1,6 +1,7 @@
 // The machine itself, as far as a test can see it without waiting or changing it.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -34,13 +35,10 @@ int ExitStatusWithOutput(const char* output, const std::function<void()>& work) 
   return status;
 }
 
-// This machine's console and files, and a folder for the log.
+// This machine's console, and a folder for the log.
 class RealConsole : public VirtualPlatform {
  public:
   void Print(std::string_view text) override { SystemPlatform().Print(text); }
-  FileHandle OpenFile(const std::string& path, const char* mode) override {
-    return SystemPlatform().OpenFile(path, mode);
-  }
 };
 
 TEST(PlatformPosix, AReaderThatHasGoneDoesNotEndTheHost) {
@@ -79,8 +77,26 @@ TEST(PlatformPosix, TellsThisExecutableAndATimeThatPasses) {
   }
 }
 
-TEST(PlatformPosix, NoFileIsNoFailure) {
-  EXPECT_EQ(SystemPlatform().OpenFile(testing::TempDir() + "tavo_missing/a.log", "a"), nullptr);
+// A pipe is refused with and without a reader: without one, opening it must not wait.
+TEST(PlatformPosix, TheLogOpensWithoutWaitingAndOnlyWhereALogBelongs) {
+  const TemporaryFolder temporary;
+  const auto in = [&](const char* name) { return (temporary.Path() / name).string(); };
+  ASSERT_EQ(mkfifo(in("pipe").c_str(), 0600), 0);
+  ASSERT_EQ(mkfifo(in("read pipe").c_str(), 0600), 0);
+  const int reader = open(in("read pipe").c_str(), O_RDONLY | O_NONBLOCK);
+  std::filesystem::create_directory(in("folder"));
+  std::filesystem::create_symlink("target", in("link"));
+  for (const char* name : {"pipe", "read pipe", "folder", "missing/a.log"}) {
+    EXPECT_EQ(SystemPlatform().OpenLog(in(name), Links::Follow), nullptr) << name;
+  }
+  EXPECT_EQ(SystemPlatform().OpenLog(in("link"), Links::Refuse), nullptr);
+  EXPECT_FALSE(std::filesystem::exists(in("target")));
+  for (const std::string& path : {in("link"), in("new.log"), std::string("/dev/null")}) {
+    const FileHandle file = SystemPlatform().OpenLog(path, Links::Follow);
+    ASSERT_NE(file, nullptr) << path;
+    EXPECT_NE(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC, 0) << path;
+  }
+  close(reader);
 }
 
 }  // namespace

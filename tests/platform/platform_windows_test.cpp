@@ -65,7 +65,7 @@ TEST_F(WindowsPaths, PathsLongerThanMostProgramsTakeOpenToo) {
   for (const std::wstring& path : {file, extended + file}) {
     EXPECT_EQ(FirstByte(InCodePage(CP_UTF8, path)), 7) << InCodePage(CP_UTF8, path);
   }
-  EXPECT_NE(SystemPlatform().OpenFile(InCodePage(CP_UTF8, file), "a"), nullptr);
+  EXPECT_NE(SystemPlatform().OpenLog(InCodePage(CP_UTF8, file), Links::Refuse), nullptr);
   DeleteFileW((extended + file).c_str());
   RemoveDirectoryW((extended + folder).c_str());
 }
@@ -98,12 +98,12 @@ TEST_F(WindowsPaths, AnythingButAFileIsRefusedWithoutWaiting) {
 TEST_F(WindowsPaths, TheLogIsAppendedUnderAnyName) {
   const std::string path = InCodePage(CP_UTF8, (m_folder / L"l\u00f6g.log").wstring());
   for (const char* text : {"one", "two"}) {
-    const FileHandle file = SystemPlatform().OpenFile(path, "a");
+    const FileHandle file = SystemPlatform().OpenLog(path, Links::Refuse);
     ASSERT_NE(file, nullptr);
     std::fputs(text, file.get());
   }
   EXPECT_EQ(FileText(m_folder / L"l\u00f6g.log"), "onetwo");
-  EXPECT_EQ(SystemPlatform().OpenFile(path + "/none/a.log", "a"), nullptr);
+  EXPECT_EQ(SystemPlatform().OpenLog(path + "/none/a.log", Links::Refuse), nullptr);
 }
 
 TEST(PlatformWindows, PrintsToTheOutputOfTheHost) {

@@ -12,7 +12,6 @@
 
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <ctime>
 #include <mutex>
 #include <string>
@@ -63,8 +62,8 @@ class VirtualPlatform : public Platform {
     m_console += text;
   }
 
-  FileHandle OpenFile(const std::string& path, const char* mode) override {
-    return FileHandle(std::fopen(path.c_str(), mode));
+  FileHandle OpenLog(const std::string& path, Links links) override {
+    return SystemPlatform().OpenLog(path, links);
   }
 
   // Time passes without a sleep.

@@ -41,8 +41,8 @@ class ReplayPlatform final : public Platform {
   void Sleep(milliseconds duration) override { m_now += duration; }
   std::string ExecutablePath() override { return {}; }
   void Print(std::string_view) override {}
-  FileHandle OpenFile(const std::string&, const char* mode) override {
-    return FileHandle(std::fopen("/dev/null", mode));
+  FileHandle OpenLog(const std::string&, Links links) override {
+    return SystemPlatform().OpenLog("/dev/null", links);
   }
 
  private:

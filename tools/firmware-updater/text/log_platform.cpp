@@ -1,5 +1,8 @@
 #include "text/log_platform.h"
 
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <cstdlib>
 #include <filesystem>
 #include <ostream>
@@ -9,43 +12,59 @@
 namespace tavo::tool {
 namespace {
 
+namespace fs = std::filesystem;
+
 constexpr const char* kNoFile = "/dev/null";
 
-std::filesystem::path StateFolder() {
-  if (const char* const state = std::getenv("XDG_STATE_HOME"); state != nullptr && *state != '\0') {
+fs::path StateFolder() {
+  // A relative path counts as none, as the convention for this variable demands.
+  if (const char* const state = std::getenv("XDG_STATE_HOME"); state != nullptr && *state == '/') {
     return state;
   }
   const char* const home = std::getenv("HOME");
   if (home == nullptr || *home == '\0') return {};
-  return std::filesystem::path(home) / ".local" / "state";
+  return fs::path(home) / ".local" / "state";
+}
+
+fs::path NearestExisting(fs::path folder) {
+  std::error_code ignored;
+  while (!fs::exists(folder, ignored) && folder.has_relative_path()) folder = folder.parent_path();
+  return folder;
+}
+
+// Files of ours in another user's folder would be in that user's way, and that user could replace them.
+bool IsOurs(const fs::path& folder) {
+  struct stat status {};
+  return stat(folder.c_str(), &status) == 0 && status.st_uid == geteuid();
 }
 
 }  // namespace
 
-LogPlatform::LogPlatform(Platform& machine, std::string path, std::ostream* echo)
-    : m_machine(machine), m_path(std::move(path)), m_echo(echo) {}
+LogPlatform::LogPlatform(Platform& machine, LogFile log, std::ostream* echo)
+    : m_machine(machine), m_log(std::move(log)), m_echo(echo) {}
 
 void LogPlatform::Print(std::string_view text) {
   if (m_echo != nullptr) *m_echo << text << std::flush;
-  if (m_path.empty()) return;
-  const FileHandle file = m_machine.OpenFile(m_path, "a");
+  if (m_log.path.empty()) return;
+  const FileHandle file = m_machine.OpenLog(m_log.path, m_log.links);
   const bool written = file &&
                        std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
                        std::fflush(file.get()) == 0;
   m_lost |= !written;
 }
 
-FileHandle LogPlatform::OpenFile(const std::string& /*path*/, const char* mode) {
-  return m_machine.OpenFile(kNoFile, mode);
+FileHandle LogPlatform::OpenLog(const std::string& /*path*/, Links links) {
+  return m_machine.OpenLog(kNoFile, links);
 }
 
-std::string DefaultLogPath() {
-  const std::filesystem::path state = StateFolder();
-  if (state.empty()) return {};
-  const std::filesystem::path folder = state / "firmware-updater";
+LogFile DefaultLog() {
+  const fs::path state = StateFolder();
+  if (!IsOurs(NearestExisting(state))) return {};
+  const fs::path folder = state / "firmware-updater";
   std::error_code error;
-  std::filesystem::create_directories(folder, error);
-  return error ? std::string() : (folder / "firmware-updater.log").string();
+  fs::create_directories(folder, error);
+  if (error || !IsOurs(folder)) return {};
+  return {(folder / "firmware-updater.log").string(), Links::Refuse};
 }
 
 }  // namespace tavo::tool

@@ -13,10 +13,16 @@
 
 namespace tavo::tool {
 
+// Where a log goes; an empty path: nowhere.
+struct LogFile {
+  std::string path{};
+  Links links = Links::Follow;
+};
+
 class LogPlatform final : public Platform {
  public:
-  // An empty path: no file. `echo` may be null.
-  LogPlatform(Platform& machine, std::string path, std::ostream* echo);
+  // `echo` may be null.
+  LogPlatform(Platform& machine, LogFile log, std::ostream* echo);
 
   std::chrono::milliseconds MonotonicNow() override { return m_machine.MonotonicNow(); }
   std::uint32_t TickCount() override { return m_machine.TickCount(); }
@@ -26,20 +32,21 @@ class LogPlatform final : public Platform {
 
   void Print(std::string_view text) override;
   // The library's log file: the same lines come by Print.
-  FileHandle OpenFile(const std::string& path, const char* mode) override;
+  FileHandle OpenLog(const std::string& path, Links links) override;
 
   // Whether a line could not be written to the file.
   bool HasLost() const { return m_lost; }
 
  private:
   Platform& m_machine;
-  std::string m_path;
+  LogFile m_log;
   std::ostream* m_echo;
   bool m_lost = false;
 };
 
 // Where the log goes when the user names no file: firmware-updater/firmware-updater.log in
-// $XDG_STATE_HOME, or in .local/state of $HOME. Makes the folders. Empty when they cannot be made.
-std::string DefaultLogPath();
+// $XDG_STATE_HOME, or in .local/state of $HOME. Makes the folders. Empty when they cannot be made, and
+// when they belong to another user, as under `sudo -E`.
+LogFile DefaultLog();
 
 }  // namespace tavo::tool

@@ -12,8 +12,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-bool CanBeWritten(const Machine& machine, const std::string& path) {
-  return path.empty() || machine.platform.OpenFile(path, "a");
+bool CanBeWritten(const Machine& machine, const LogFile& file) {
+  return file.path.empty() || machine.platform.OpenLog(file.path, file.links);
 }
 
 bool IsSameFile(const std::string& one, const std::string& other) {
@@ -39,15 +39,18 @@ void CheckOutputs(const Machine& machine, const UpdateOptions& options) {
     if (IsSameFile(file, options.file)) {
       throw unwritable(Displayable(file) + " is the update file itself");
     }
-    if (!CanBeWritten(machine, file)) throw unwritable(Displayable(file) + " cannot be written");
+    if (!CanBeWritten(machine, {file})) throw unwritable(Displayable(file) + " cannot be written");
   }
   if (IsSameFile(options.log, options.record)) throw unwritable("log and record are the same file");
 }
 
-std::string LogPath(const Machine& machine, const UpdateOptions& options, UpdateView& view) {
-  const std::string path = options.log.empty() ? DefaultLogPath() : options.log;
-  if (!path.empty() && CanBeWritten(machine, path)) return path;
-  view.Note("No log is kept: the user's state folder cannot be written. Name a file with --log.");
+LogFile LogOf(const Machine& machine, const UpdateOptions& options, UpdateView& view) {
+  const LogFile log = options.log.empty() ? DefaultLog() : LogFile{options.log};
+  if (!log.path.empty() && CanBeWritten(machine, log)) return log;
+  view.Note(
+      "No log is kept: the user's state folder cannot be written, or belongs to another user. Name "
+      "a "
+      "file with --log.");
   return {};
 }
 

@@ -6,6 +6,7 @@
 
 #include "device/target.h"
 #include "file/package_report.h"
+#include "text/log_platform.h"
 #include "text/refusal.h"
 #include "update/update_run.h"
 #include "update/views.h"
@@ -20,6 +21,6 @@ void CheckOutputs(const Machine& machine, const UpdateOptions& options);
 
 // Empty: no log is kept, and the user is told so. An update must not fail for the lack of a place that
 // nobody has named.
-std::string LogPath(const Machine& machine, const UpdateOptions& options, UpdateView& view);
+LogFile LogOf(const Machine& machine, const UpdateOptions& options, UpdateView& view);
 
 }  // namespace tavo::tool

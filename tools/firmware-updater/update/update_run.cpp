@@ -99,7 +99,7 @@ ClosingState NothingChanged(const char* sentence) {
 class Work {
  public:
   Work(const Machine& machine, const UpdateOptions& options, const Task& task,
-       const PackageReport& report, const std::string& log, UpdateView& view)
+       const PackageReport& report, const LogFile& log, UpdateView& view)
       : m_task(task),
         m_report(report),
         m_view(view),
@@ -424,7 +424,7 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
   const PackageReport report = CheckedFile(options.file);
   record.sha256 = Sha256(ReadWholeFile(options.file));
   CheckOutputs(machine, options);
-  const std::string log = LogPath(machine, options, view);
+  const LogFile log = LogOf(machine, options, view);
   record.target = ChooseTarget(machine, options.target);
 
   Work work(machine, options, {purpose, options.file, *record.target, options.flags}, report, log,
