@@ -10,10 +10,8 @@
 #include <set>
 #include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
-#include "tests/support/engine_rig.h"
 #include "tests/support/station.h"
 
 namespace tavo::test {
@@ -51,18 +49,15 @@ struct Run {
 // Why the protocol itself cannot keep a promise. Such a run is counted with its reason.
 enum class Limit { SharedId, SilenceTolerated, UnnoticedRestart };
 inline constexpr std::array<const char*, 3> kLimitTexts{
-    "an answer to another request with the same id was taken: answers carry nothing but the id",
-    "the device restarted into its bootloader after its last sign of life: silence at the module "
-    "request is tolerated, and the closing of a tunnel is not awaited",
-    "the device lost power and with it its tunnel, and the update ended before it could notice",
+    "an answer to another request with the same id was taken",
+    "the device restarted into its bootloader after its last sign of life",
+    "the device lost power and its tunnel, and the update ended before it could notice",
 };
 
 struct Outcome {
   bool succeeded = false;
   bool foreignAnswer = false;  // a step took the answer to another request
   bool unknown = false;        // the evidence reports an unknown state
-  std::pair<int, int> cell{};  // of the evidence table
-  std::string truth;           // the device's real state
   bool recovered = false;      // by a fault-free update
   bool thirdNeeded = false;
   std::chrono::milliseconds took{0};
@@ -164,14 +159,6 @@ class SweptUpdate : private TransportObserver {
     return false;
   }
 
-  void RemoveInterference() {
-    m_pending.clear();
-    m_station.device.ClearFaults();
-    if (!m_station.device.Connected(SimNow(m_station.platform))) {
-      m_station.device.Unplug(SimNow(m_station.platform), std::chrono::seconds(0));
-    }
-  }
-
   void Promise(bool kept, const std::string& promise, std::optional<Limit> limit = std::nullopt) {
     if (kept) return;
     if (m_limit) limit = m_limit;
@@ -258,12 +245,6 @@ class SweptUpdate : private TransportObserver {
     }
   }
 
-  std::string Truth() {
-    const std::string mode = Runs() ? "application" : "bootloader";
-    if (m_station.FlashHoldsFirmware()) return mode + ", new firmware";
-    return mode + (Flash() == m_before ? ", flash as before" : ", flash incomplete");
-  }
-
   bool Holds(DeviceCondition claim) {
     const bool unchanged = Flash() == m_before;
     switch (claim) {
@@ -283,8 +264,6 @@ class SweptUpdate : private TransportObserver {
   void CheckEvidence() {
     const DeviceEvidence evidence = m_station.engine.DeviceState();
     m_outcome.unknown = evidence.device == DeviceCondition::Unknown;
-    m_outcome.cell = EngineAccess::EvidenceCell(m_station.engine);
-    m_outcome.truth = Truth();
     Promise(Holds(evidence.device), "the reported state is true (" +
                                         std::to_string(static_cast<int>(evidence.device)) + ")");
     const bool open = m_station.device.OpenTunnel() != 0;
@@ -301,7 +280,8 @@ class SweptUpdate : private TransportObserver {
   }
 
   void UpdateAgain() {
-    RemoveInterference();
+    m_pending.clear();
+    m_station.Repair();
     // Two things may cost one more update: a tunnel left open on the right route, which is closed and
     // not opened again, and a late answer, which may come in one read with a later one; only the first
     // of two is taken.

@@ -20,12 +20,6 @@ class EngineAccess {
     engine.m_statusHandler = &engine.m_status;
   }
 
-  // Progress and Responder of the engine's evidence, as numbers.
-  static std::pair<int, int> EvidenceCell(const FirmwareUpdater& engine) {
-    return {static_cast<int>(engine.m_evidence.m_progress),
-            static_cast<int>(engine.m_evidence.m_responder)};
-  }
-
   void Await() { m_engine.PollUntilDone(); }
   void BeginPositioning(std::uint32_t offset) {
     m_engine.m_writeState = FirmwareUpdater::WriteState::Positioning;

@@ -73,6 +73,13 @@ class Station {
   }
   void ForgetRequests() { device.ClearJournal(); }
 
+  // The device has no more faults, and is plugged in.
+  void Repair() {
+    device.ClearFaults();
+    const tavosim::SimTime now = SimNow(platform);
+    if (!device.Connected(now)) device.Unplug(now, std::chrono::seconds(0));
+  }
+
   std::string Log() const { return FileText(platform.Folder() + "FirmwareUpdater.log"); }
 
   Lines Dialogue() const { return DialogueOf(platform.Console()); }
