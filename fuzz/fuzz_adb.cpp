@@ -1,7 +1,7 @@
-// Any image, its start address in the first four bytes: everything that can be asked of it.
+// An image with damage at any address: everything that can be asked of it.
 #include <limits>
 
-#include "fuzz/expect.h"
+#include "fuzz/input.h"
 #include "package/hardware_identity.h"
 
 namespace tavo::fuzz {
@@ -27,8 +27,8 @@ void AskForAll(const FirmwareImage& image) {
   view.McuId();
   for (std::int32_t index = -2; index <= 0x101; ++index) AskForEntry(view, index);
   for (const std::int32_t index : {Limits::min(), Limits::max()}) AskForEntry(view, index);
-  const std::int64_t ends[] = {0, image.startAddress, view.EndAddress()};
-  for (const std::int64_t end : ends) {
+  for (const std::int64_t end :
+       {std::int64_t{0}, std::int64_t{image.startAddress}, view.EndAddress()}) {
     for (std::int64_t address = end - 4; address <= end + 4; ++address) {
       view.ReadByte(address);
       view.ReadWord(address);
@@ -42,10 +42,12 @@ void AskForAll(const FirmwareImage& image) {
 }  // namespace
 }  // namespace tavo::fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
-  if (size < 4) return 0;
-  std::uint32_t startAddress = 0;
-  for (std::size_t i = 0; i < 4; ++i) startAddress |= std::uint32_t{input[i]} << (8 * i);
-  tavo::fuzz::AskForAll({{input + 4, input + size}, startAddress});
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+  tavo::fuzz::Input input(bytes, size);
+  const tavosim::Firmware firmware = tavo::fuzz::TakeFirmware(input);
+  const std::uint32_t moved = tavo::fuzz::TakeNumber(input, 4);
+  tavo::FirmwareImage image{firmware.data, firmware.startAddress ^ moved};
+  tavo::fuzz::Damage(image.data, input);
+  tavo::fuzz::AskForAll(image);
   return 0;
 }

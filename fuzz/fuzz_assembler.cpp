@@ -1,9 +1,8 @@
-// Any bytes in any cuts. The input is a row of batches: a length and as many bytes; a length of 0
+// Any bytes in any cuts. The input is a row of batches: a length and as many bytes, which are sent as
+// they are or, as the checksum of a frame is hard to guess, as the content of a good one. A length of 0
 // lets time pass instead, the next byte times 64 ms.
-#include <algorithm>
-#include <span>
-
-#include "fuzz/expect.h"
+#include "fuzz/input.h"
+#include "simulator/frame.h"
 #include "transport/frame_assembler.h"
 
 namespace tavo::fuzz {
@@ -24,15 +23,20 @@ void CheckMessage(const TavoMessage& message) {
 }  // namespace
 }  // namespace tavo::fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
   const tavo::FrameCodec& codec = tavo::kFrameCodecs[0];
   tavo::FrameAssembler assembler;
-  for (std::span rest(input, size); rest.size() >= 2;) {
-    const std::size_t length = std::min<std::size_t>(rest[0], rest.size() - 1);
-    for (const std::uint8_t byte : rest.subspan(1, length)) assembler.PutByte(byte, codec);
-    if (length == 0) assembler.Tick(static_cast<std::uint16_t>(rest[1] * 64));
+  for (tavo::fuzz::Input input(bytes, size); !input.empty();) {
+    const std::uint32_t length = tavo::fuzz::TakeNumber(input, 1);
+    const bool framed = length >= 0x80;
+    const tavo::fuzz::Input content = tavo::fuzz::Take(input, length % 0x80);
+    std::vector<std::uint8_t> batch(content.begin(), content.end());
+    if (framed) batch = tavosim::EncodeFrame({0x120, batch});
+    for (const std::uint8_t byte : batch) assembler.PutByte(byte, codec);
+    if (length == 0) {
+      assembler.Tick(static_cast<std::uint16_t>(tavo::fuzz::TakeNumber(input, 1) * 64));
+    }
     if (const auto message = assembler.TakeFrame(codec)) tavo::fuzz::CheckMessage(*message);
-    rest = rest.subspan(length == 0 ? 2 : 1 + length);
   }
   return 0;
 }

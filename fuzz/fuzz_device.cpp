@@ -1,180 +1,101 @@
-// A whole update over USB, on a virtual clock, of a device that says what it likes when it likes. When
-// its script is at its end the device is silent, and the update must come to its end too.
-#include <algorithm>
-#include <array>
+// A whole update over USB, on a virtual clock, of a simulated device that is tampered with. The input
+// names the family and the flags, then in turn an answer and the bytes that come in its place or, at any
+// moment, before it. After that the device goes on as ever, or is silent; the update must end.
 #include <optional>
-#include <span>
 
-#include "api/update_commands.h"
-#include "fuzz/device_script.h"
-#include "fuzz/expect.h"
-#include "simulator/firmware_builder.h"
+#include "fuzz/input.h"
 #include "simulator/frame.h"
-#include "tests/support/plain_usb.h"
-#include "tests/support/virtual_platform.h"
-#include "transport/comm_win_usb.h"
-#include "transport/transport_factory.h"
+#include "tests/support/station.h"
 
 namespace tavo::fuzz {
 namespace {
 
-using std::chrono::milliseconds;
 using namespace std::chrono_literals;
 
 // The time that a silent device may cost: seven tries of one request, then the closing plan with a
 // tunnel to close and seven signs of life, and the waits for a quiet line in between.
-constexpr milliseconds kSilenceBound = 180s;
+constexpr std::chrono::milliseconds kSilenceBound = 180s;
 // The same for a talkative one: each request of the update at the end of its tries.
-constexpr milliseconds kTimeBound = 1h;
-constexpr unsigned kCallBound = 200'000;
+constexpr std::chrono::milliseconds kTimeBound = 1h;
+constexpr unsigned kReadBound = 200'000;
 
-constexpr const char* kPort = "1";
+tavosim::DeviceOptions SmallDevice(std::uint32_t number) {
+  tavosim::Family family = tavosim::kFamilies[number % tavosim::kFamilies.size()];
+  family.applicationKiB = 1;  // a few blocks say as much as many
+  return tavosim::OptionsFor(family);
+}
 
-// One device at one port; whatever is sent to it is lost.
-class ScriptedUsb : public test::PlainUsb {
+class TamperedUpdate {
  public:
-  ScriptedUsb(test::VirtualPlatform& platform, std::span<const std::uint8_t> script)
-      : m_platform(platform), m_script(script) {
-    NextSaying();
-  }
-
-  milliseconds SilentFor() const {
-    return m_silentSince ? m_platform.MonotonicNow() - *m_silentSince : 0ms;
-  }
-  int OpenHandles() const { return m_openHandles; }
-
-  std::ptrdiff_t GetDeviceList(libusb_context* /*context*/, libusb_device*** list) override {
-    *list = m_list.data();
-    return 1;
-  }
-  int GetDeviceDescriptor(libusb_device* /*device*/, libusb_device_descriptor* to) override {
-    to->idVendor = 0x03EB;
-    to->idProduct = 0x2404;
-    return 0;
-  }
-  int GetPortNumbers(libusb_device* /*device*/, std::uint8_t* ports, int /*capacity*/) override {
-    ports[0] = 1;
-    return 1;
-  }
-  int Open(libusb_device* /*device*/, libusb_device_handle** handle) override {
-    *handle = reinterpret_cast<libusb_device_handle*>(this);
-    ++m_openHandles;
-    return 0;
-  }
-  void Close(libusb_device_handle* /*handle*/) override { --m_openHandles; }
-  int ControlTransfer(libusb_device_handle* /*handle*/, std::uint8_t /*requestType*/,
-                      std::uint8_t /*request*/, std::uint16_t /*value*/, std::uint16_t /*index*/,
-                      unsigned char* /*data*/, std::uint16_t length,
-                      unsigned /*timeoutMs*/) override {
-    return length;
-  }
-  int BulkTransfer(libusb_device_handle* /*handle*/, unsigned char endpoint, unsigned char* data,
-                   int length, int* transferred, unsigned timeoutMs) override {
-    Expect(++m_calls < kCallBound, "an update ends after so many transfers");
-    Expect(m_platform.MonotonicNow() < kTimeBound, "an update ends in time");
-    *transferred = 0;
-    if ((endpoint & LIBUSB_ENDPOINT_IN) != 0) {
-      return In({data, static_cast<std::size_t>(length)}, transferred, milliseconds(timeoutMs));
-    }
-    *transferred = length;
-    return 0;
+  explicit TamperedUpdate(Input input)
+      : m_input(input), m_station(SmallDevice(TakeNumber(m_input, 1))) {
+    const std::uint32_t flags = TakeNumber(m_input, 1);
+    m_fallsSilent = (flags & 8) != 0;
+    NextChange();
+    m_station.usb.failReceive = [this] { return Fails(); };
+    m_station.usb.tamper = [this](std::vector<std::uint8_t>& said) { Tamper(said); };
+    m_station.UpdateOverUsb({(flags & 1) == 0, (flags & 2) != 0, (flags & 4) != 0});
+    Expect(!m_silentSince || Now() - *m_silentSince <= kSilenceBound,
+           "an update ends soon after the device has become silent");
+    Expect(m_station.usb.OpenHandles() == 0, "the device is closed again");
   }
 
  private:
-  void NextSaying() {
-    if (m_script.size() < 2) {
-      m_script = {};
-      m_silentSince = m_platform.MonotonicNow();
-      return;
-    }
-    m_delay = DelayOf(m_script[0]);
-    m_fails = m_script[1] == kReadFails;
-    const bool framed = (m_script[1] & kFramed) != 0;
-    const std::size_t length = m_fails ? 0 : m_script[1] & kMaxSaid;
-    const auto bytes = m_script.subspan(2, std::min(length, m_script.size() - 2));
-    m_script = m_script.subspan(2 + bytes.size());
-    m_said = {bytes.begin(), bytes.end()};
-    if (framed && bytes.size() >= kMessageIdSize) {
-      const auto id = static_cast<std::uint16_t>(bytes[0] | bytes[1] << 8);
-      m_said = tavosim::EncodeFrame({id, {bytes.begin() + kMessageIdSize, bytes.end()}});
-    }
-    m_speaks = true;
+  // One change: the answers to leave alone before it, and what is said instead. The high bit of the
+  // count says that it does not wait for an answer. The bytes follow a length: 0x7F fails the read, and
+  // with the high bit they are an id and a payload, said as a good frame, whose checksum is hard to guess.
+  void NextChange() {
+    m_pending = !m_input.empty();
+    if (!m_pending && m_fallsSilent) m_silentSince = Now();
+    const std::uint32_t count = TakeNumber(m_input, 1);
+    const std::uint32_t length = TakeNumber(m_input, 1);
+    m_leaveAlone = count % 0x80;
+    m_waitsForAnswer = count < 0x80;
+    m_fails = length == 0x7F;
+    const Input bytes = Take(m_input, m_fails ? 0 : length % 0x80);
+    m_instead = {bytes.begin(), bytes.end()};
+    if (length < 0x80 || bytes.size() < 2) return;
+    const auto id = static_cast<std::uint16_t>(bytes[0] << 8 | bytes[1]);
+    m_instead = tavosim::EncodeFrame({id, {bytes.begin() + 2, bytes.end()}});
   }
 
-  int In(std::span<unsigned char> buffer, int* transferred, milliseconds timeout) {
-    const milliseconds waited = m_speaks ? std::min(m_delay, timeout) : timeout;
-    m_platform.Advance(waited);
-    m_delay -= m_speaks ? waited : 0ms;
-    if (!m_speaks || m_delay > 0ms) return LIBUSB_ERROR_TIMEOUT;
-    const std::size_t count = std::min(buffer.size(), m_said.size());
-    std::copy_n(m_said.begin(), count, buffer.begin());
-    *transferred = static_cast<int>(count);
-    m_said.erase(m_said.begin(), m_said.begin() + *transferred);
-    const bool fails = m_fails;
-    if (m_said.empty()) {
-      m_speaks = false;
-      NextSaying();
-    }
-    return fails ? LIBUSB_ERROR_IO : 0;
+  bool Fails() {
+    Expect(++m_reads < kReadBound, "an update ends after so many reads");
+    Expect(Now() < kTimeBound, "an update ends in time");
+    const bool fails = m_pending && m_leaveAlone == 0 && m_fails;
+    if (fails) NextChange();
+    return fails;
   }
 
-  test::VirtualPlatform& m_platform;
-  std::span<const std::uint8_t> m_script;
-  std::array<libusb_device*, 2> m_list{reinterpret_cast<libusb_device*>(this), nullptr};
-  std::vector<std::uint8_t> m_said;
-  milliseconds m_delay{0};
-  std::optional<milliseconds> m_silentSince{};  // none while there is something left to say
-  bool m_speaks = false;
+  void Tamper(std::vector<std::uint8_t>& said) {
+    if (m_silentSince) return said.clear();
+    if (!m_pending || (said.empty() && (m_waitsForAnswer || m_leaveAlone > 0))) return;
+    if (m_leaveAlone > 0) {
+      --m_leaveAlone;
+    } else {
+      said = m_instead;
+      NextChange();
+    }
+  }
+
+  std::chrono::milliseconds Now() { return m_station.platform.MonotonicNow(); }
+
+  Input m_input;
+  test::Station m_station;
+  bool m_fallsSilent = false;
+  std::optional<std::chrono::milliseconds> m_silentSince{};
+  bool m_pending = false;
+  std::uint32_t m_leaveAlone = 0;
+  bool m_waitsForAnswer = false;
   bool m_fails = false;
-  unsigned m_calls = 0;
-  int m_openHandles = 0;
+  std::vector<std::uint8_t> m_instead{};
+  unsigned m_reads = 0;
 };
-
-// The log is written, but nobody keeps it.
-class FuzzPlatform : public test::VirtualPlatform {
- public:
-  FileHandle OpenLog(const std::string& /*path*/, Links links) override {
-    return VirtualPlatform::OpenLog("/dev/null", links);
-  }
-};
-
-std::string UpdateFile(std::size_t number) {
-  static const test::VirtualPlatform platform;  // for its folder
-  static const std::vector<std::string> files = [] {
-    std::vector<std::string> paths;
-    for (const tavosim::Family& row : tavosim::kFamilies) {
-      paths.push_back(platform.Folder() + std::string(row.name) + ".hex");
-      const tavosim::Family family = SmallFamily(paths.size() - 1);
-      const tavosim::Firmware firmware = tavosim::BuildFirmware(tavosim::RecipeFor(family));
-      tavosim::WriteFile(paths.back(), tavosim::HexText(firmware));
-    }
-    return paths;
-  }();
-  return files[number % files.size()];
-}
-
-void Update(std::span<const std::uint8_t> input) {
-  FuzzPlatform platform;
-  ScriptedUsb usb(platform, input.subspan(kScriptHeader));
-  {
-    Logger log(platform);
-    TavoLink link;
-    TransportHolder holder(platform, [&](TransportKind) {
-      return std::make_unique<CCommWinUSB>(link, platform, log, usb);
-    });
-    FirmwareUpdater engine(platform, log, holder);
-    UpdateDevice({engine, holder, platform}, {TransportKind::Usb, kPort}, UpdateFile(input[0]),
-                 FlagsOf(input[1]));
-    Expect(usb.SilentFor() <= kSilenceBound,
-           "an update ends soon after the device has become silent");
-  }
-  Expect(usb.OpenHandles() == 0, "the device is closed again");
-}
 
 }  // namespace
 }  // namespace tavo::fuzz
 
-extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* input, std::size_t size) {
-  if (size >= tavo::fuzz::kScriptHeader) tavo::fuzz::Update({input, size});
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* bytes, std::size_t size) {
+  const tavo::fuzz::TamperedUpdate update({bytes, size});
   return 0;
 }

@@ -78,6 +78,8 @@ class SimulatedUsb : public PlainUsb {
   // Faults that a test may inject: true makes the transfer fail.
   std::function<bool()> failSend = [] { return false; };
   std::function<bool()> failReceive = [] { return false; };
+  // May change the bytes that a read delivers, also when there are none.
+  std::function<void(std::vector<std::uint8_t>&)> tamper = [](auto&) {};
   // Called while a device is being opened.
   std::function<void()> onOpening = [] {};
 
@@ -144,11 +146,11 @@ class SimulatedUsb : public PlainUsb {
     tavosim::CdcFunction& function = AsHandle(handle).port.function;
     while (!Gone(handle)) {
       if (failReceive()) return LIBUSB_ERROR_IO;
-      const auto result =
-          function.In(endpoint, static_cast<std::size_t>(length), SimNow(m_platform));
-      if (result.status == tavosim::UsbStatus::Done && !result.data.empty()) {
-        std::copy(result.data.begin(), result.data.end(), data);
-        *transferred = static_cast<int>(result.data.size());
+      auto said = function.In(endpoint, static_cast<std::size_t>(length), SimNow(m_platform)).data;
+      tamper(said);
+      if (!said.empty()) {
+        std::copy(said.begin(), said.end(), data);
+        *transferred = static_cast<int>(said.size());
         return LIBUSB_SUCCESS;
       }
       if (m_platform.MonotonicNow() >= end) return LIBUSB_ERROR_TIMEOUT;
