@@ -21,6 +21,14 @@ TEST(EndToEndTool, AnInterruptWhileItWritesIsExplainedAndTheCommandItNamesBrings
         WaitUntil([&] { return tool.Output().find("\"event\":\"bytes\"") != std::string::npos; },
                   ProcessStation::kPrompt));
     tool.Send(signal);
+    // Once the result is out, no further signal changes the exit code that it names.
+    EXPECT_TRUE(WaitUntil(
+        [&] {
+          const bool ended = tool.Output().find("\"event\":\"result\"") != std::string::npos;
+          if (ended) tool.Send(signal);
+          return ended;
+        },
+        ProcessStation::kPrompt));
     EXPECT_EQ(tool.Wait(ProcessStation::kPrompt), kStopped);
     const std::string console = tool.Output();
     EXPECT_NE(console.find("Stopping before the next request; "), std::string::npos) << console;

@@ -5,6 +5,8 @@
 //   EXPECT_EQ(run.Err(), "...");
 #pragma once
 
+#include <signal.h>
+
 #include <filesystem>
 #include <iomanip>
 #include <sstream>
@@ -39,7 +41,12 @@ class CommandRun {
     }
     std::vector<const char*> arguments;
     for (const std::string& word : words) arguments.push_back(word.c_str());
-    return ExitCode{RunTool(static_cast<int>(arguments.size()), arguments.data(), machine)};
+    // This process goes on after a command, so it still has to end by a signal.
+    sigset_t signals;
+    pthread_sigmask(SIG_SETMASK, nullptr, &signals);
+    const int exit = RunTool(static_cast<int>(arguments.size()), arguments.data(), machine);
+    pthread_sigmask(SIG_SETMASK, &signals, nullptr);
+    return ExitCode{exit};
   }
 
   std::string Out() const { return m_out.str(); }

@@ -2,6 +2,7 @@
 // the tool says at the end is held against what the device really is, and the command that it
 // recommends is run.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -173,6 +174,32 @@ TEST(UpdateCommand, ALogThatNobodyAskedForKeepsNoUpdateFromBeingDone) {
   }
   EXPECT_TRUE(std::filesystem::is_empty(others.Path()));
   setenv("XDG_STATE_HOME", before.c_str(), 1);
+}
+
+TEST(UpdateCommand, AFullDiskIsReportedAtOnceAndAtTheEnd) {
+  const struct {
+    const char* options;
+    rlim_t room;
+    const char* warning;
+    const char* lost;
+  } kRows[] = {{" --log @full", 2000, "Warning: the log cannot", "[\"log\"]"},
+               {" --log /dev/null --record @full", 9000, "Warning: the record of", "[\"record\"]"}};
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.options);
+    ToolStation station(Options("plain"));
+    rlimit before{};
+    getrlimit(RLIMIT_FSIZE, &before);
+    const rlimit full{row.room, before.rlim_max};
+    setrlimit(RLIMIT_FSIZE, &full);
+    EXPECT_EQ(station.run("update @firmware.hex --json" + std::string(row.options)), EvidenceLost);
+    setrlimit(RLIMIT_FSIZE, &before);
+    const Json last = Json::Parse(station.run.LastLine());
+    EXPECT_EQ(last["lost"].Text(), row.lost);
+    EXPECT_EQ(last["exit"], 8);
+    EXPECT_TRUE(station.UpdatedAndRuns());
+    const std::string screen = station.run.Out();
+    EXPECT_LT(screen.find(row.warning), screen.find("\"phase\":\"verify\"")) << screen;
+  }
 }
 
 // A line that reaches the edge of the terminal goes on in the next one, where it cannot be redrawn.

@@ -40,8 +40,9 @@ bool IsOurs(const fs::path& folder) {
 
 }  // namespace
 
-LogPlatform::LogPlatform(Platform& machine, LogFile log, std::ostream* echo)
-    : m_machine(machine), m_log(std::move(log)), m_echo(echo) {}
+LogPlatform::LogPlatform(Platform& machine, LogFile log, std::ostream* echo,
+                         std::function<void()> onLost)
+    : m_machine(machine), m_log(std::move(log)), m_echo(echo), m_onLost(std::move(onLost)) {}
 
 void LogPlatform::Print(std::string_view text) {
   if (m_echo != nullptr) *m_echo << text << std::flush;
@@ -50,7 +51,7 @@ void LogPlatform::Print(std::string_view text) {
   const bool written = file &&
                        std::fwrite(text.data(), 1, text.size(), file.get()) == text.size() &&
                        std::fflush(file.get()) == 0;
-  m_lost |= !written;
+  if (!written && !std::exchange(m_lost, true)) m_onLost();
 }
 
 FileHandle LogPlatform::OpenLog(const std::string& /*path*/, Links links) {

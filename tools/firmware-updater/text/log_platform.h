@@ -6,6 +6,7 @@
 // each line and may be moved away at any time.
 #pragma once
 
+#include <functional>
 #include <iosfwd>
 #include <string>
 
@@ -21,8 +22,10 @@ struct LogFile {
 
 class LogPlatform final : public Platform {
  public:
-  // `echo` may be null.
-  LogPlatform(Platform& machine, LogFile log, std::ostream* echo);
+  // `echo` may be null. `onLost` is called once, with the first line that could not be written to the
+  // file.
+  LogPlatform(
+      Platform& machine, LogFile log, std::ostream* echo, std::function<void()> onLost = [] {});
 
   std::chrono::milliseconds MonotonicNow() override { return m_machine.MonotonicNow(); }
   std::uint32_t TickCount() override { return m_machine.TickCount(); }
@@ -41,6 +44,7 @@ class LogPlatform final : public Platform {
   Platform& m_machine;
   LogFile m_log;
   std::ostream* m_echo;
+  std::function<void()> m_onLost;
   bool m_lost = false;
 };
 

@@ -36,7 +36,6 @@ Interrupts::~Interrupts() {
   m_ending = true;
   pthread_kill(m_thread.native_handle(), kWake);
   m_thread.join();
-  pthread_sigmask(SIG_UNBLOCK, &m_signals, nullptr);
 }
 
 void Interrupts::Listen() {

@@ -1,6 +1,7 @@
 // Ctrl-C, and a polite request to end. While one of these lives, the signals SIGINT, SIGTERM and
-// SIGHUP do not end the program but are counted, in a thread of its own. Those that the program was
-// started to ignore, as by nohup, stay ignored.
+// SIGHUP do not end the program but are counted, in a thread of its own. Afterwards they stay blocked:
+// the program is about to end with the exit code that its record names, and a late Ctrl-C must not
+// replace it. Signals that the program was started to ignore, as by nohup, stay ignored.
 #pragma once
 
 #include <signal.h>

@@ -39,7 +39,7 @@ struct Record {
   std::vector<std::pair<Phase, std::chrono::milliseconds>> durations{};  // of the phases passed
   std::chrono::milliseconds elapsed{0};
   std::vector<std::string> resetModules{};
-  std::string lost{};  // evidence that could not be written, in one sentence
+  std::vector<std::string> lost{};  // the evidence that could not be written: "log", "record"
 };
 
 }  // namespace tavo::tool

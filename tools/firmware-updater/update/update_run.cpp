@@ -103,8 +103,10 @@ class Work {
       : m_task(task),
         m_report(report),
         m_view(view),
-        m_platform(machine.platform, log, options.verbose ? &machine.err : nullptr),
-        m_recorder(m_platform, options.record, options.recordFirmware),
+        m_platform(machine.platform, log, options.verbose ? &machine.err : nullptr,
+                   [this] { WarnOfLoss(kLogLost); }),
+        m_recorder(m_platform, options.record, options.recordFirmware,
+                   [this] { WarnOfLoss(kRecordLost); }),
         m_session(machine, m_platform, &m_recorder),
         m_engine(m_platform, m_session.Log(), m_session.Holder()),
         m_course(machine.platform, view, [this] { m_engine.RequestStop(); }),
@@ -118,16 +120,13 @@ class Work {
   // named must not prevent an update.
   void CheckEvidence(bool logIsNamed) {
     m_platform.Print("firmware-updater " TAVO_VERSION ": " + CommandLine(m_task) + "\n");
+    m_checked = true;
     if (m_recorder.HasLost() || (logIsNamed && m_platform.HasLost())) {
-      throw Refusal{ExitCode::Usage, "unwritable-file", EvidenceLost(),
+      throw Refusal{ExitCode::Usage, "unwritable-file",
+                    m_recorder.HasLost() ? kRecordLost : kLogLost,
                     "name another file with --log or --record"};
     }
-  }
-
-  // Empty, or what was lost in one sentence.
-  std::string EvidenceLost() {
-    if (m_recorder.HasLost()) return "the record of the traffic cannot be written";
-    return m_platform.HasLost() ? "the log cannot be written" : "";
+    if (m_platform.HasLost()) WarnOfLoss(kLogLost);
   }
 
   void Open() { m_session.Open(m_task.target); }
@@ -185,11 +184,18 @@ class Work {
       record.resetModules.push_back(*name);
     }
     record.state = CloseWith(m_evidence, record.ending, advice, m_task);
-    record.lost = EvidenceLost();
-    if (record.lost.empty()) return;
-    m_view.Note("Warning: " + record.lost + " any more.");
-    if (record.state.exit == ExitCode::Done) record.state.exit = ExitCode::EvidenceLost;
   }
+
+  // Comes last: anything before it may lose more.
+  void AddLost(Record& record) const {
+    if (m_platform.HasLost()) record.lost.emplace_back("log");
+    if (m_recorder.HasLost()) record.lost.emplace_back("record");
+    const bool done = record.state.exit == ExitCode::Done;
+    if (done && !record.lost.empty()) record.state.exit = ExitCode::EvidenceLost;
+  }
+
+  // The exit code is decided and about to be written; no Ctrl-C changes it any more.
+  void Decide(ExitCode exit) { m_exit = static_cast<int>(exit); }
 
   // The ids of the application that runs now.
   DeviceFacts AskApplication() {
@@ -201,6 +207,14 @@ class Work {
   }
 
  private:
+  static constexpr const char* kLogLost = "the log cannot be written";
+  static constexpr const char* kRecordLost = "the record of the traffic cannot be written";
+
+  // Once the update is under way. Until then a loss may still be a refusal.
+  void WarnOfLoss(const char* what) {
+    if (m_checked) m_view.Note(std::string("Warning: ") + what + ".");
+  }
+
   Inquiry Ask() {
     return {m_session.Transport(), m_platform,
             [this](const std::string& text) { m_view.Note(text); }};
@@ -386,6 +400,10 @@ class Work {
 
   // In another thread, which must wait for nothing that the update may hold.
   void OnInterrupt(int number) {
+    if (m_exit >= 0) {
+      if (!TakesText(STDOUT_FILENO)) std::_Exit(m_exit);  // the record waits for a reader
+      return;
+    }
     if (number == 1) {
       m_course.Stop();
       m_recorder.Stop();
@@ -403,6 +421,7 @@ class Work {
   const Task m_task;
   const PackageReport& m_report;
   UpdateView& m_view;
+  bool m_checked = false;  // the evidence, by CheckEvidence
   LogPlatform m_platform;
   WireRecorder m_recorder;
   Session m_session;
@@ -413,7 +432,8 @@ class Work {
   std::optional<Failure> m_failure;
   std::optional<DeviceFacts> m_before;
   std::atomic<bool> m_written = false;
-  Interrupts m_interrupts;  // the last to be made: it uses all the others
+  std::atomic<int> m_exit = -1;  // -1: not decided
+  Interrupts m_interrupts;       // the last to be made: it uses all the others
 };
 
 // From the check of the file to the state of the device at the end; all of it goes into the record.
@@ -442,6 +462,8 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
   if (succeeded && options.json && !options.flags.dryRun && !NeedsTunnel(report)) {
     record.after = work.AskApplication();
   }
+  work.AddLost(record);
+  work.Decide(record.state.exit);
   conclude();
 }
 
@@ -487,8 +509,9 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
 }
 
 ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options) {
-  // A reader that goes away must not end the program in the middle of an update.
+  // Neither a reader that goes away nor a full quota may end the program in the middle of an update.
   std::signal(SIGPIPE, SIG_IGN);
+  std::signal(SIGXFSZ, SIG_IGN);
   const auto view = MakeView(machine, options.json, options.verbose);
   const std::chrono::milliseconds begin = machine.platform.MonotonicNow();
   Record record{.purpose = purpose,

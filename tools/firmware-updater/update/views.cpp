@@ -93,6 +93,7 @@ class TextView : public UpdateView {
     }
     const bool well = record.ending == Ending::Succeeded;
     if (well) m_machine.out << Coloured(kGreen, Summary(record)) << '\n';
+    for (const std::string& lost : record.lost) m_machine.out << "The " << lost << " is lost.\n";
     m_machine.out << record.state.Line() << std::endl;
   }
 
@@ -311,7 +312,7 @@ Json AsJson(const Record& record) {
           {"retries", record.retries},
           {"resetModules", record.resetModules},
           {"durations", durations},
-          {"lost", record.lost.empty() ? Json() : Json(record.lost)},
+          {"lost", record.lost},
           {"seconds", Seconds(record.elapsed)}};
 }
 

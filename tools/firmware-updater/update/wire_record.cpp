@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cmath>
 #include <nlohmann/json.hpp>
+#include <utility>
 
 #include "package/adb_view.h"
 #include "protocol/commands.h"
@@ -215,16 +216,18 @@ std::string ReadWireRecord(const std::string& path, WireRecord& record) {
   return whole ? "" : "the record breaks off before the end of its update";
 }
 
-WireRecorder::WireRecorder(Platform& platform, const std::string& path, bool withFirmware)
-    : m_platform(platform), m_withFirmware(withFirmware) {
+WireRecorder::WireRecorder(Platform& platform, const std::string& path, bool withFirmware,
+                           std::function<void()> onLost)
+    : m_platform(platform), m_withFirmware(withFirmware), m_onLost(std::move(onLost)) {
   if (path.empty()) return;
   m_file.open(path, std::ios::trunc);
-  m_file << Json{{"version", kVersion}, {"event", "recording"}} << '\n';
+  Write(Json{{"version", kVersion}, {"event", "recording"}}.dump());
 }
 
-bool WireRecorder::HasLost() {
-  const std::lock_guard lock(m_lock);
-  return m_file.is_open() && !m_file.flush();
+// Every line is flushed: a loss shows at once, and a record of a killed update ends in its last line.
+void WireRecorder::Write(const std::string& line) {
+  m_file << line << std::endl;
+  if (!m_file && !m_lost.exchange(true)) m_onLost();
 }
 
 double WireRecorder::Now() const {
@@ -234,26 +237,26 @@ double WireRecorder::Now() const {
 void WireRecorder::AddImage(const FirmwareImage& image) {
   if (!m_file.is_open()) return;
   const FirmwareImage shown = m_withFirmware ? image : WithoutProgram(image);
-  m_file << Json{{"event", "image"}, {"start", shown.startAddress}, {"runs", RunsOf(shown.data)}}
-         << '\n';
+  Write(
+      Json{{"event", "image"}, {"start", shown.startAddress}, {"runs", RunsOf(shown.data)}}.dump());
 }
 
 void WireRecorder::RunBegins(const UpdateFlags& flags) {
   const std::lock_guard lock(m_lock);
   m_running = m_file.is_open();
   m_begin = m_platform.MonotonicNow();
-  m_file << Json{{"event", "run"}, {"flags", AsJson(flags)}} << '\n';
+  if (m_running) Write(Json{{"event", "run"}, {"flags", AsJson(flags)}}.dump());
 }
 
 void WireRecorder::RunEnds(const RunOutcome& outcome) {
   const std::lock_guard lock(m_lock);
-  m_running = false;
-  m_file << Json{{"event", "ended"},
-                 {"t", Now()},
-                 {"succeeded", outcome.succeeded},
-                 {"code", outcome.code},
-                 {"device", outcome.device}}
-         << std::endl;
+  if (!std::exchange(m_running, false)) return;
+  Write(Json{{"event", "ended"},
+             {"t", Now()},
+             {"succeeded", outcome.succeeded},
+             {"code", outcome.code},
+             {"device", outcome.device}}
+            .dump());
 }
 
 void WireRecorder::Add(WireEvent::Kind kind, bool ok, Bytes bytes) {
@@ -267,12 +270,12 @@ void WireRecorder::Add(WireEvent::Kind kind, bool ok, Bytes bytes) {
   } else if (!bytes.empty()) {
     line["bytes"] = Hexadecimal(bytes);
   }
-  m_file << line << '\n';
+  Write(line.dump());
 }
 
 void WireRecorder::Stop() {
   const std::lock_guard lock(m_lock);
-  if (m_running) m_file << Json{{"event", "stop"}, {"t", Now()}} << '\n';
+  if (m_running) Write(Json{{"event", "stop"}, {"t", Now()}}.dump());
 }
 
 }  // namespace tavo::tool

@@ -16,9 +16,11 @@
 // only counted.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <optional>
 #include <span>
@@ -78,8 +80,11 @@ bool CarriesFirmware(std::span<const std::uint8_t> frame);
 
 class WireRecorder final : public TransportObserver {
  public:
-  // Truncates the file; without a path nothing is recorded. `platform` supplies the times.
-  WireRecorder(Platform& platform, const std::string& path, bool withFirmware);
+  // Truncates the file; without a path nothing is recorded. `platform` supplies the times. `onLost` is
+  // called once, with the first line that could not be written.
+  WireRecorder(
+      Platform& platform, const std::string& path, bool withFirmware,
+      std::function<void()> onLost = [] {});
 
   void AddImage(const FirmwareImage& image);
   // Traffic between two runs is not recorded.
@@ -87,7 +92,7 @@ class WireRecorder final : public TransportObserver {
   void RunEnds(const RunOutcome& outcome);
   void Stop();  // from any thread
   // Whether a line could not be written to the file.
-  bool HasLost();
+  bool HasLost() const { return m_lost; }
 
   void BytesSent(bool ok, Bytes bytes) override { Add(WireEvent::Kind::Out, ok, bytes); }
   void BytesReceived(bool ok, Bytes bytes, std::chrono::milliseconds) override {
@@ -97,11 +102,14 @@ class WireRecorder final : public TransportObserver {
 
  private:
   void Add(WireEvent::Kind kind, bool ok, Bytes bytes);
+  void Write(const std::string& line);
   double Now() const;
 
   Platform& m_platform;
   std::ofstream m_file;
   bool m_withFirmware;
+  std::function<void()> m_onLost;
+  std::atomic<bool> m_lost = false;
   std::mutex m_lock;  // a stop comes from another thread
   bool m_running = false;
   std::chrono::milliseconds m_begin{0};
