@@ -113,6 +113,15 @@ TEST_F(Inspect, FilesThatCouldNeverBeWrittenAreCalledByTheirFault) {
   }
 }
 
+TEST_F(Inspect, AFileWithoutAHardwareIdIsNotCalledUsable) {
+  FirmwareRecipe nobody = Recipe(0x100);
+  nobody.adbType = 5;
+  nobody.hardwareId = 0;
+  run.Write("nobody.hex", HexOf(nobody));
+  EXPECT_EQ(run("inspect @nobody.hex"), ExitCode::Done);
+  EXPECT_TRUE(run.Says("nobody.hex: usable only with --skip-identity-check\n")) << run.Out();
+}
+
 TEST_F(Inspect, WhatIsNoReadableFileIsNeitherOpenedNorWaitedFor) {
   ASSERT_EQ(mkfifo(run.Path("pipe.hex").c_str(), 0600), 0);
   std::filesystem::create_directory(run.Path("folder.zip"));

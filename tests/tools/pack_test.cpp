@@ -6,6 +6,7 @@
 #include "package/adb_view.h"
 #include "simulator/new_file.h"
 #include "tests/tools/tool_station.h"
+#include "text/text_format.h"
 
 namespace tavo::tool {
 namespace {
@@ -47,7 +48,7 @@ TEST_F(Pack, EveryAdbTypeAndAddressWidthComesBackAsItWasAskedFor) {
       SCOPED_TRACE(kind + " at " + std::to_string(address));
       ASSERT_EQ(
           (*this)("--force --image @app.bin -o @fw.zip --raw @raw.bin --size 4096 --address " +
-                  std::to_string(address) + " " + kind + Description(adbType)),
+                  Hex(address) + " " + kind + Description(adbType)),
           ExitCode::Done)
           << run.Err();
       const PackageReport report = ReportOn(run.Path("fw.zip").string());
@@ -93,8 +94,16 @@ TEST_F(Pack, ArchiveOfSeveralImagesAndFinishedBinaries) {
   ASSERT_EQ(report.images.size(), 2u);
   EXPECT_EQ(report.members[0].name, "b.hex");
   EXPECT_EQ(report.images[0].member, "a.hex");
+  EXPECT_TRUE(
+      run.Says("0x00004000 to 0x00007FFF, 16384 bytes, ADB type 6, MCU-ID 0x100, direct\n"
+               "  hardware 8.4.1.0\n"))
+      << run.Out();
   ASSERT_EQ((*this)("--image @a.bin --address 0x4000 -o @c.hex"), ExitCode::Done);
   EXPECT_EQ(run.Read("c.hex"), run.Read("a.hex"));
+  ASSERT_EQ((*this)("--family gateway -o @d.hex"), ExitCode::Done);
+  ASSERT_EQ((*this)("--add @a.hex --add @d.hex -o @mixed.zip"), ExitCode::Done);
+  EXPECT_TRUE(run.Says(" tunnel 4.0\n")) << run.Out();
+  EXPECT_TRUE(run.Says("warning: d.hex: route or message kind differs")) << run.Out();
 }
 
 TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
@@ -120,6 +129,7 @@ TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
       {"--family plain -o @missing/fw.hex", ExitCode::Usage, "cannot write"},
       {"--family plain -o @fw.hex --adb-type 3", ExitCode::Usage, "--adb-type requires --image"},
       {"--image @app.bin -o @fw.hex", ExitCode::Usage, "--image requires --address"},
+      {"--image @app.bin --address 4000 -o @fw.hex", ExitCode::Usage, "is written with 0x"},
       {"--family nobody -o @fw.hex", ExitCode::Usage, "nobody"},
       {"--add @a.hex -o @fw.hex", ExitCode::Usage, "added to an archive"},
       {"--add @a.hex --add @a.hex -o @fw.zip", ExitCode::Usage, "two files are called 'a.hex'"},
@@ -128,8 +138,8 @@ TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
       {"--add @page.hex -o @fw.zip", ExitCode::BadFile, "an HTML page"},
       {"--add @none.hex -o @fw.zip", ExitCode::BadFile, "no such file"},
       {"--add @app.bin -o @fw.zip", ExitCode::BadFile, "only .hex files"},
-      {"--image @none.bin --address 0 -o @fw.hex", ExitCode::BadFile, "no such file"},
-      {"--image @empty.bin --address 0 -o @fw.hex", ExitCode::BadFile, "the file is empty"},
+      {"--image @none.bin --address 0x0 -o @fw.hex", ExitCode::BadFile, "no such file"},
+      {"--image @empty.bin --address 0x0 -o @fw.hex", ExitCode::BadFile, "the file is empty"},
       {"--adb-type 8", ExitCode::Usage, "8"},
       {"--adb-type 6", ExitCode::Usage, "name one hardware id"},
       {"--adb-type 5 --hardware-id 0x8410", ExitCode::Usage, "name their hardware in entries"},

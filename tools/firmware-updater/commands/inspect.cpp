@@ -72,17 +72,6 @@ void PutMembers(std::ostream& out, const PackageReport& report) {
   }
 }
 
-std::string ListOfIds(const std::vector<std::uint16_t>& ids) {
-  constexpr std::size_t kMaxShown = 16;
-  std::string text;
-  for (std::size_t i = 0; i < std::min(ids.size(), kMaxShown); ++i) {
-    if (i > 0) text += ", ";
-    text += HardwareIdText(ids[i]);
-  }
-  if (ids.size() > kMaxShown) text += Format(" and %zu more", ids.size() - kMaxShown);
-  return text.empty() ? "none" : text;
-}
-
 class ImageScreen {
  public:
   ImageScreen(std::ostream& out, const ImageReport& image, std::uint32_t blockSize)
@@ -122,7 +111,7 @@ class ImageScreen {
     if (m_image.hasEntryTable) {
       PutEntries();
     } else {
-      Row("Hardware id", ListOfIds(m_image.hardwareIds));
+      Row("Hardware id", HardwareIdsText(m_image.hardwareIds));
     }
     Row("Route", m_image.route.master == -1 ? "direct, no tunnel"
                                             : Format("tunnel, master %d, slave %d",
@@ -146,7 +135,8 @@ class ImageScreen {
       const EntryReport& entry = m_image.entries[i];
       const std::string device =
           entry.deviceId ? Format("device 0x%04X", *entry.deviceId) : "device unknown";
-      const std::string ids = entry.readable ? ListOfIds(entry.hardwareIds) : "cannot be read";
+      const std::string ids =
+          entry.readable ? HardwareIdsText(entry.hardwareIds) : "cannot be read";
       Row("", Format("%3zu  %s  ", i, device.c_str()) + ids);
     }
   }
@@ -197,7 +187,7 @@ class ImageScreen {
                                    "the line above are for nothing",
                                    kMaxWritableBlockSize, m_map.blockSize));
     Row("Hardware id", m_image.hasEntryTable ? "one that the entry of the device's id lists"
-                                             : ListOfIds(m_image.hardwareIds));
+                                             : HardwareIdsText(m_image.hardwareIds));
     Row("", "(a 15 in a device's own hardware id fits any number in its place)");
   }
 
@@ -206,9 +196,13 @@ class ImageScreen {
   BlockMap m_map;
 };
 
+const char* Headline(const PackageReport& report) {
+  if (!report.CouldBeWritten()) return "no device can accept this file";
+  return report.PassesHardwareCheck() ? "usable" : "usable only with --skip-identity-check";
+}
+
 void PutScreen(std::ostream& out, const PackageReport& report, std::uint32_t blockSize) {
-  out << Displayable(report.path) << ": "
-      << (report.CouldBeWritten() ? "could be written" : "could never be written") << '\n';
+  out << Displayable(report.path) << ": " << Headline(report) << '\n';
   if (!report.members.empty()) PutMembers(out, report);
   for (std::size_t i = 0; i < report.images.size(); ++i) {
     out << "\nImage " << i + 1;
@@ -233,7 +227,8 @@ ExitCode Inspect(const Machine& machine, const Options& options) {
 }  // namespace
 
 void AddInspectCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  CommandOptions command(app, "inspect", "Tell everything about an update file");
+  CommandOptions command(app, "inspect",
+                         "Show the content of an update file, its faults and its devices");
   const auto options = std::make_shared<Options>();
   command.Value("FILE", options->file, "Update file, .hex or .zip").Required();
   command.Flag("--json", options->json, "One JSON document instead of the screen");
@@ -243,7 +238,7 @@ void AddInspectCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
       .Between(kMinBlockSize, kMaxWritableBlockSize)
       .WithDefault();
   command.Footer(
-      "Ends with exit code 4 when no device could ever take the file.\n\n"
+      "Ends with exit code 4 when no device can accept the file.\n\n"
       "Examples:\n"
       "  firmware-updater inspect firmware.zip\n"
       "  firmware-updater inspect --block-size 64 --json firmware.hex");

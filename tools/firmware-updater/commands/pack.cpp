@@ -226,6 +226,28 @@ void CheckOptions(const Options& options) {
   if (!options.raw.empty()) Refuse("--raw needs one image", "leave --raw out");
 }
 
+// "0x00004000 to 0x00007FFF, 16384 bytes", its ids and its road: typing errors show here first.
+void PutImage(std::ostream& out, const ImageReport& image) {
+  out << "  "
+      << Format("0x%08X to 0x%08llX, %zu bytes, ADB type %u", image.image.startAddress,
+                static_cast<unsigned long long>(image.endAddress - 1), image.image.data.size(),
+                image.adbType);
+  if (image.mcuId) out << ", MCU-ID " << Hex(static_cast<std::uint32_t>(*image.mcuId), 3);
+  if (image.route.master == -1) {
+    out << ", direct\n";
+  } else {
+    out << Format(", tunnel %d.%d\n", image.route.master, image.route.slave);
+  }
+  if (!image.hasEntryTable) out << "  hardware " << HardwareIdsText(image.hardwareIds) << '\n';
+  for (const EntryReport& entry : image.entries) {
+    out << "  device " << Hex(entry.deviceId.value_or(0)) << ", hardware "
+        << HardwareIdsText(entry.hardwareIds) << '\n';
+  }
+  for (const std::string& warning : image.warnings) {
+    out << "  warning: " << Displayable(image.member) << ": " << warning << '\n';
+  }
+}
+
 void Pack(const Machine& machine, const Options& options) {
   CheckOptions(options);
   NewFile output = Output(options.output, options.force);
@@ -259,6 +281,7 @@ void Pack(const Machine& machine, const Options& options) {
   if (raw) raw->Name();
   machine.out << options.output << ": " << report.images.size()
               << (report.images.size() == 1 ? " image\n" : " images\n");
+  for (const ImageReport& image : report.images) PutImage(machine.out, image);
 }
 
 ExitCode RunPack(const Machine& machine, const Options& options) try {
@@ -272,12 +295,19 @@ ExitCode RunPack(const Machine& machine, const Options& options) try {
   return ExitCode::Usage;
 }
 
+// 4000 means one thing to a person who reads addresses, and another to one who counts bytes.
+std::string CheckAddress(const std::string& text) {
+  return text.starts_with("0x") || text.starts_with("0X") ? "" : "is written with 0x, as 0x4000";
+}
+
 // All the others describe the raw binary.
 void AddImageOptions(CommandOptions& command, Options& options) {
   Option image =
       command.Value("--image", options.binary, "Raw binary to make an image of").Shown("FILE");
   const Option address =
-      command.Value("--address", options.address, "Device address of its first byte").Needs(image);
+      command.Value("--address", options.address, "Device address of its first byte, as 0x4000")
+          .Checked(CheckAddress)
+          .Needs(image);
   image.Needs(address);
   command
       .Value("--size", options.size,

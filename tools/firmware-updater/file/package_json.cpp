@@ -118,6 +118,7 @@ Json PackageJson(const PackageReport& report, std::uint32_t blockSize) {
           {"file", report.path},
           {"kind", KindName(report.kind)},
           {"canBeWritten", report.CouldBeWritten()},
+          {"passesHardwareCheck", report.PassesHardwareCheck()},
           {"problem", report.problem},
           {"hint", report.hint},
           {"members", members},

@@ -156,13 +156,6 @@ void WarnOfEntries(ImageReport& report) {
   }
 }
 
-bool NamesHardware(const ImageReport& report) {
-  if (!report.hasEntryTable) return !report.hardwareIds.empty();
-  return std::ranges::any_of(report.entries, [](const EntryReport& entry) {
-    return entry.deviceId && entry.readable && !entry.hardwareIds.empty();
-  });
-}
-
 ImageReport Describe(FirmwareImage&& image) {
   ImageReport report{.image = std::move(image)};
   const AdbView view(report.image);
@@ -178,7 +171,7 @@ ImageReport Describe(FirmwareImage&& image) {
   } else {
     view.HardwareIdList(0, report.hardwareIds);
   }
-  if (!NamesHardware(report)) {
+  if (!report.NamesHardware()) {
     report.warnings.push_back(
         "the image names no hardware id, so no device passes the hardware check");
   }
@@ -345,6 +338,19 @@ void ReadImages(PackageReport& report, std::span<const std::uint8_t> bytes) {
 }
 
 }  // namespace
+
+bool ImageReport::NamesHardware() const {
+  if (!hasEntryTable) return !hardwareIds.empty();
+  return std::ranges::any_of(entries, [](const EntryReport& entry) {
+    return entry.deviceId && entry.readable && !entry.hardwareIds.empty();
+  });
+}
+
+bool PackageReport::PassesHardwareCheck() const {
+  return CouldBeWritten() && std::ranges::any_of(images, [](const ImageReport& image) {
+           return image.obstacle.empty() && image.NamesHardware();
+         });
+}
 
 std::string_view VerdictName(Verdict verdict) {
   return kVerdictNames[static_cast<std::size_t>(verdict)];

@@ -75,6 +75,8 @@ struct ImageReport {
   std::string obstacle{};       // why no device can accept this image, in one sentence; else empty
   std::string remedy{};         // the way around the obstacle
   std::vector<std::string> warnings{};
+
+  bool NamesHardware() const;  // without, no device passes the hardware check
 };
 
 struct PackageReport {
@@ -86,6 +88,7 @@ struct PackageReport {
   std::vector<ImageReport> images{};    // in the order in which the engine holds them
 
   bool CouldBeWritten() const { return problem.empty(); }
+  bool PassesHardwareCheck() const;  // on some device
 };
 
 // Both throw std::bad_alloc when file and report do not fit into memory, nothing else.

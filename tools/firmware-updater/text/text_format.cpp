@@ -1,5 +1,6 @@
 #include "text/text_format.h"
 
+#include <algorithm>
 #include <array>
 #include <cstdarg>
 #include <cstdio>
@@ -30,6 +31,17 @@ std::string Displayable(std::string_view text, std::size_t maxLength) {
 std::string HardwareIdText(std::uint16_t hardwareId) {
   const HardwareIdRecord id = SplitHardwareId(hardwareId);
   return Format("%u.%u.%u.%u", id.serie, id.type, id.module, id.variant);
+}
+
+std::string HardwareIdsText(const std::vector<std::uint16_t>& ids) {
+  constexpr std::size_t kMaxShown = 16;
+  std::string text;
+  for (std::size_t i = 0; i < std::min(ids.size(), kMaxShown); ++i) {
+    if (i > 0) text += ", ";
+    text += HardwareIdText(ids[i]);
+  }
+  if (ids.size() > kMaxShown) text += Format(" and %zu more", ids.size() - kMaxShown);
+  return text.empty() ? "none" : text;
 }
 
 }  // namespace tavo::tool

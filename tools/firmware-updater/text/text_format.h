@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace tavo::tool {
 
@@ -19,5 +20,8 @@ std::string Displayable(std::string_view text, std::size_t maxLength = 200);
 
 // "8.4.1.0": Serie, Type, Module and Variant.
 std::string HardwareIdText(std::uint16_t hardwareId);
+
+// "8.4.1.0, 8.4.2.0", "none"; of many, the first ones and the number of the others.
+std::string HardwareIdsText(const std::vector<std::uint16_t>& ids);
 
 }  // namespace tavo::tool
