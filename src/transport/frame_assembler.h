@@ -30,16 +30,27 @@ class FrameAssembler {
   // Time has passed, in milliseconds. A frame left unfinished too long is dropped.
   void Tick(std::uint16_t elapsedMs);
 
-  void Reset() { *this = FrameAssembler(); }
+  // Drops a frame that has begun.
+  void Reset();
   bool IsIdle() const { return m_stored == 0; }
 
+  // The bytes that became no message since ForgetRefused, those of an unfinished frame included. A
+  // message that nobody awaits is refused by the caller.
+  RefusedBytes Refused() const;
+  void Refuse(const TavoMessage& message, std::uint16_t awaitedId);
+  void ForgetRefused() { m_refused = {}; }
+
  private:
-  void Resynchronise(const FrameCodec& codec);
+  void Resynchronise(const FrameCodec& codec, RefusalReason reason);
+  void Drop(std::size_t bytes, RefusalReason reason);
 
   FrameBuffer m_buffer{};
   std::size_t m_stored = 0;  // 0 = idle: a frame that has begun holds at least its header
   std::uint8_t m_frameEnd = 0;
   std::uint16_t m_interByteTimerMs = kInterByteTimeoutMs;
+  RefusedBytes m_refused;
+  // Of the bytes stored: what follows a damaged frame is most likely its rest.
+  RefusalReason m_ifUnfinished = RefusalReason::TooShort;
 };
 
 }  // namespace tavo

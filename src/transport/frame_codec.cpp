@@ -104,12 +104,7 @@ bool Encode(const TavoMessage& message, FrameBuffer& frame) {
   return true;
 }
 
-bool CheckFrame(const FrameBuffer& frame) {
-  const std::uint8_t code = SizeCode(frame[0]);
-  if (code < kExactCodeBase) return false;
-  return Crc8({frame.data(), FrameLength(code)}) == 0 &&
-         UnprotectId(IdentifierWord(frame)).has_value();
-}
+bool CheckFrame(const FrameBuffer& frame) { return !FaultOf(frame).has_value(); }
 
 void Decode(const FrameBuffer& frame, TavoMessage* message) {
   assert(CheckFrame(frame));
@@ -126,6 +121,14 @@ bool OddParity(std::uint16_t bits) { return std::popcount(bits) % 2 != 0; }
 
 const std::array<FrameCodec, 1> kFrameCodecs{
     {{IsHeaderByte, SizeCode, ParseHeader, Encode, CheckFrame, Decode}}};
+
+std::optional<RefusalReason> FaultOf(const FrameBuffer& frame) {
+  const std::uint8_t code = SizeCode(frame[0]);
+  if (code < kExactCodeBase) return RefusalReason::TooShort;
+  if (Crc8({frame.data(), FrameLength(code)}) != 0) return RefusalReason::Checksum;
+  if (!UnprotectId(IdentifierWord(frame))) return RefusalReason::Parity;
+  return std::nullopt;
+}
 
 std::uint16_t ProtectId(std::uint16_t id) {
   id &= kIdMask;

@@ -17,6 +17,7 @@
 #include <optional>
 #include <span>
 
+#include "transport/refused_bytes.h"
 #include "transport/tavo_message.h"
 
 namespace tavo {
@@ -52,6 +53,9 @@ struct FrameCodec {
 
 // Indexed by frame format; only format 0 exists.
 extern const std::array<FrameCodec, 1> kFrameCodecs;
+
+// Why a complete frame fails CheckFrame; none when it passes.
+std::optional<RefusalReason> FaultOf(const FrameBuffer& frame);
 
 // Parity over the even and over the odd identifier bits, in the two low bits of the word.
 std::uint16_t ProtectId(std::uint16_t id);

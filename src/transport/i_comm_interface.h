@@ -104,6 +104,9 @@ class ICommInterface {
   // says which one this is.
   std::optional<std::string> FirstPort();
 
+  // The bytes received since the last request began that became no answer.
+  RefusedBytes Refused() const { return m_link.Refused(); }
+
   // Forgets everything that an earlier update left: requests, answers, echo, received bytes.
   void DiscardLeftovers();
 

@@ -8,8 +8,11 @@ namespace tavo {
 
 void TavoLink::Reset() {
   std::deque<Response> responses = std::move(m_responseList);
+  FrameAssembler assembler = m_assembler;
+  assembler.Reset();
   *this = TavoLink();
   m_responseList = std::move(responses);
+  m_assembler = assembler;
 }
 
 void TavoLink::SetFrameFormat(std::uint8_t format) {
@@ -34,6 +37,8 @@ void TavoLink::LinkService() {
   if (message && AnswerIsAwaited() && message->id == m_expectedId) {
     PushResponse(message);
     Become(m_line == Line::Framed ? Line::Answered : Line::Free);
+  } else if (message) {
+    m_assembler.Refuse(*message, m_expectedId);
   }
   if (m_line == Line::Free && m_assembler.IsIdle() && m_queued > 0) StartNextRequest();
 }
@@ -48,6 +53,7 @@ void TavoLink::StartNextRequest() {
   assert(acceptable);
   m_transmitLength = std::size_t{frameEnd} + 1;
   m_expectedId = message.id;
+  m_assembler.ForgetRefused();
   m_lineTimerMs = kAnswerTimeoutMs;
   Become(Line::Framed);
 }

@@ -37,7 +37,7 @@ class TavoLink {
   static constexpr std::uint16_t kAnswerTimeoutMs = 4000;
   static constexpr std::uint16_t kQueueTimeoutMs = 5000;
 
-  // Clears everything but the ResponseList: nothing queued, sent, awaited or half received; frame
+  // Clears everything but the ResponseList and the refused bytes: nothing queued, sent, awaited or half received; frame
   // format 0.
   void Reset();
 
@@ -65,6 +65,9 @@ class TavoLink {
   // The oldest response; call it only when HasResponse.
   Response TakeResponse();
   void DropResponses() { m_responseList.clear(); }
+
+  // The bytes received since the last request began that became no answer.
+  RefusedBytes Refused() const { return m_assembler.Refused(); }
 
   // Nothing queued, awaited or half received: the next request goes out at once.
   bool IsQuiet() const;

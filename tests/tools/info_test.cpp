@@ -93,11 +93,22 @@ TEST(Info, AMasterAnsweringForItsDeviceIsNotTakenForAnApplication) {
   EXPECT_EQ(station.device.OpenTunnel(), 0);
 }
 
-TEST(Info, ADeviceThatIsSilentOrPulledOutEndsInTimeWithItsStateUnknown) {
-  for (const char* fault : {"lose:*", "unplug:1"}) {
+TEST(Info, WithoutAnAnswerItEndsInTimeAndNamesTheReason) {
+  const std::tuple<const char*, const char*, const char*> kRows[] = {
+      {"lose:*", "does not respond", "{}"},
+      {"unplug:1", "does not respond", "{}"},
+      {"damage:*:0.5", "no answer among them: no frame begins with them (32)",
+       R"({"noHeader":32,"tooShort":2})"},
+      {"damage:*:2.7", "no answer among them: checksum wrong", R"({"checksum":34})"},
+      {"otherid:*:0x001",
+       "id not awaited: 0x001 instead of 0x100, which is the same with its bytes swapped",
+       R"({"unawaited":34})"}};
+  for (const auto& [fault, complaint, refused] : kRows) {
     ToolStation station(OptionsOf("plain", DeviceState::Application), false, {fault});
     EXPECT_EQ(station.run("info --json"), ExitCode::FailedUnknown);
     EXPECT_EQ(Json::Parse(station.run.Out())["state"], "silent");
+    EXPECT_EQ(Json::Parse(station.run.Out())["refused"].Text(), refused);
+    EXPECT_TRUE(station.run.Complains(complaint)) << station.run.Err();
     EXPECT_TRUE(station.run.Complains("hint: "));
     EXPECT_LT(station.platform.MonotonicNow(), 40s);
   }

@@ -116,6 +116,7 @@ TEST_F(CommInterfaceTest, ARequestGoesOutAsAFrameAndItsAnswerComesBackOnce) {
   EXPECT_EQ(Poll(), Polled::Nothing);
   DeviceAnswers(0x121);  // the answer to another request
   EXPECT_EQ(Poll(), Polled::Nothing);
+  EXPECT_EQ(m_transport.Refused().Count(RefusalReason::Unawaited), 6U);
   DeviceAnswers(0x120);
   ASSERT_EQ(Poll(), Polled::Answer);
   EXPECT_EQ(m_answer.id, 0x120);

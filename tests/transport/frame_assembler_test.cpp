@@ -52,16 +52,22 @@ class FrameAssemblerTest : public testing::Test {
 
 TEST_F(FrameAssemblerTest, BytesThatAreNoFrameAreDroppedAndTheNextFrameIsReceived) {
   EXPECT_EQ(Batch(Bytes{0x00, 0x0A, 0x9F, 0xB0, 0xFF} + Frame(0x120)), 0x120) << "no header byte";
-  const Bytes kDamagedOrTooShort[] = {{0xA3, 0x83, 0x04, 0xF8},
-                                      {0xA4, 0x01, 0x05, 0x01, 0x36},
-                                      {0xA0},
-                                      {0xA1, 0},
-                                      {0xA2, 0xA0, 0xA3}};
-  for (const Bytes& bytes : kDamagedOrTooShort) {
+  EXPECT_EQ(m_assembler.Refused().Count(RefusalReason::NoHeader), 5U);
+  const std::pair<Bytes, RefusalReason> kRows[] = {
+      {{0xA3, 0x83, 0x04, 0xF8}, RefusalReason::Checksum},
+      {{0xA4, 0x01, 0x05, 0x01, 0xE5}, RefusalReason::Parity},
+      {{0xA0}, RefusalReason::TooShort},
+      {{0xA1, 0}, RefusalReason::TooShort},
+      {{0xA2, 0xA0, 0xA3}, RefusalReason::TooShort}};
+  for (const auto& [bytes, reason] : kRows) {
+    m_assembler.ForgetRefused();
     EXPECT_EQ(Batch(bytes), -1);
     EXPECT_TRUE(m_assembler.IsIdle());
+    EXPECT_EQ(m_assembler.Refused().Count(reason), bytes.size());
+    EXPECT_EQ(m_assembler.Refused().Total(), bytes.size());
   }
-  EXPECT_EQ(Batch(Frame(0x121)), 0x121);
+  EXPECT_EQ(Batch(Frame(0x121) + Bytes{1, 2}), 0x121);
+  EXPECT_EQ(m_assembler.Refused().Count(RefusalReason::Behind), 2U);
 }
 
 TEST_F(FrameAssemblerTest, AfterALostByteAssemblyGoesOnAtTheNextHeader) {
@@ -83,6 +89,7 @@ TEST_F(FrameAssemblerTest, AnUnfinishedFrameIsDroppedAfterFourSecondsOfSilence) 
     m_assembler.Tick(inTime ? 999 : 1000);
     EXPECT_EQ(Batch({frame[5]}), inTime ? 0x120 : -1);
   }
+  EXPECT_EQ(m_assembler.Refused().Count(RefusalReason::TooShort), 5U);
 }
 
 TEST_F(FrameAssemblerTest, AfterAnyNoiseAndASilenceAFrameIsReceived) {

@@ -10,6 +10,7 @@
 #include "commands/commands.h"
 #include "device/inquiry.h"
 #include "device/place.h"
+#include "device/refused_text.h"
 #include "device/session.h"
 #include "device/target_choice.h"
 #include "package/hardware_identity.h"
@@ -118,9 +119,14 @@ Facts FactsOf(const DeviceReport& report) {
   return facts;
 }
 
-void WriteText(std::ostream& to, const Place& place, const DeviceReport& report) {
+void WriteText(std::ostream& to, const Place& place, const DeviceReport& report,
+               const RefusedBytes& refused) {
   constexpr std::size_t kColumn = 13;
   Facts facts = FactsOf(report);
+  if (refused.Total() > 0) {
+    facts.emplace_back("refused",
+                       std::to_string(refused.Total()) + " bytes: " + ReasonsOf(refused));
+  }
   facts.emplace(facts.begin(), "device", place.Options());
   for (const auto& [name, value] : facts) {
     to << name << std::string(kColumn - name.size(), ' ') << value << '\n';
@@ -153,7 +159,8 @@ Json HardwareJson(std::uint16_t id) {
           {"variant", fields.variant}};
 }
 
-void WriteJson(std::ostream& to, const Place& place, const DeviceReport& report) {
+void WriteJson(std::ostream& to, const Place& place, const DeviceReport& report,
+               const RefusedBytes& refused) {
   const Description& description = DescriptionOf(report);
   const std::string next = NextCommand(description, place);
   const Json document{
@@ -172,6 +179,7 @@ void WriteJson(std::ostream& to, const Place& place, const DeviceReport& report)
       {"blockSize", report.blockSize},
       {"applicationKiB", report.applicationKiB},
       {"tunnel", report.tunnel ? TunnelJson(*report.tunnel) : Json()},
+      {"refused", RefusedJson(refused)},
       {"next", next.empty() ? Json() : Json(next)},
   };
   to << document.Text(2) << '\n';
@@ -189,13 +197,16 @@ std::string SilenceHint(const Place& place) {
 }
 
 ExitCode Report(const Machine& machine, const Options& options, const Place& place,
-                const DeviceReport& report) {
-  if (options.json) WriteJson(machine.out, place, report);
+                const DeviceReport& report, const RefusedBytes& refused) {
+  if (options.json) WriteJson(machine.out, place, report, refused);
   if (!report.AnythingAnswered()) {
-    Complain(machine, "the device at " + place.Options() + " does not respond", SilenceHint(place));
+    const std::string device = "the device at " + place.Options();
+    const bool silent = refused.Total() == 0;
+    Complain(machine, device + (silent ? " does not respond" : ": " + NoAnswerAmong(refused)),
+             silent ? SilenceHint(place) : HintOn(refused, place.target.kind));
     return ExitCode::FailedUnknown;
   }
-  if (!options.json) WriteText(machine.out, place, report);
+  if (!options.json) WriteText(machine.out, place, report, refused);
   return ExitCode::Done;
 }
 
@@ -223,7 +234,7 @@ ExitCode Info(const Machine& machine, const Options& options) {
     place.behind = route;
     report = AskBehind(inquiry, *route);
   }
-  return Report(machine, options, place, report);
+  return Report(machine, options, place, report, inquiry.Refused());
 }
 
 }  // namespace

@@ -133,7 +133,12 @@ std::optional<TavoMessage> Inquiry::Ask(const Command& command,
     m_transport.WaitUntilQuiet();
     return std::nullopt;
   }
-  const milliseconds longest = patience == Patience::Brief ? kBriefWait : kLongestWait;
+  auto answer = AwaitAnswer(command, patience == Patience::Brief ? kBriefWait : kLongestWait);
+  m_refused += m_transport.Refused();
+  return answer;
+}
+
+std::optional<TavoMessage> Inquiry::AwaitAnswer(const Command& command, milliseconds longest) {
   const milliseconds start = m_platform.MonotonicNow();
   bool announced = m_announce == nullptr;
   for (int poll = 0; poll < kMostPolls; ++poll) {
@@ -165,10 +170,12 @@ bool Inquiry::ReturnsRequests() {
 
 bool Inquiry::LineEchoes() {
   const bool echo = m_transport.GetEcho();
+  const RefusedBytes refused = m_refused;  // an answer behind its echo is none of them
   m_transport.SetEcho(false);
   const bool returned = ReturnsRequests();
   m_transport.DiscardLeftovers();
   m_transport.SetEcho(echo);
+  m_refused = refused;
   return returned;
 }
 

@@ -48,6 +48,9 @@ class Inquiry {
     return Ask(command, {}, patience);
   }
 
+  // The bytes that came meanwhile and became no answer.
+  const RefusedBytes& Refused() const { return m_refused; }
+
   // Whether the line returns the bytes sent, whatever the transport has been told. Takes a second at
   // most, and needs no device.
   bool LineEchoes();
@@ -67,11 +70,13 @@ class Inquiry {
 
  private:
   bool Send(const Command& command, std::span<const std::uint8_t> arguments);
+  std::optional<TavoMessage> AwaitAnswer(const Command& command, std::chrono::milliseconds longest);
   bool ReturnsRequests();
 
   ICommInterface& m_transport;
   Platform& m_platform;
   Announce m_announce;
+  RefusedBytes m_refused;
 };
 
 // The reason to end a command whose --echo is not as the line is; `command` is the right one.

@@ -33,11 +33,13 @@ void Course::StepCalled(const Step& step, StepPhase phase) {
   if (m_stopping) return m_stop();
   m_asksIdentity = step.run == &U::RequestDeviceId || step.run == &U::RequestDeviceIdAdmin;
   if (m_failure == ErrorCode::None) Enter(PhaseOf(step, m_phase));
+  m_lastRefused = phase == StepPhase::Start ? RefusedBytes() : m_askRefused();
+  m_refused += m_lastRefused;
   // Silence is the ordinary answer of a running application to the request to leave the bootloader.
   const bool expected = step.run == &U::LeaveBootloader;
   if (phase != StepPhase::Timeout || expected) return;
   ++m_retries;
-  m_view.Retried(step.logName);
+  m_view.Retried(step.logName, m_lastRefused);
 }
 
 void Course::StatusReported(const StatusMessage& message) {
@@ -45,6 +47,7 @@ void Course::StatusReported(const StatusMessage& message) {
     case StatusKind::UpdateBegins:
       m_failure = ErrorCode::None;
       m_failureText.clear();
+      m_failureRefused = {};
       m_identityMissing = false;
       m_earlier = Written();
       m_transfer = {};
@@ -54,6 +57,7 @@ void Course::StatusReported(const StatusMessage& message) {
       if (message.value == 0 || m_failure != ErrorCode::None || m_stopping) break;
       m_failure = static_cast<ErrorCode>(message.value);
       m_failureText = message.text;
+      if (m_failure == ErrorCode::Timeout) m_failureRefused = m_lastRefused;
       m_identityMissing = m_asksIdentity && m_failure == ErrorCode::Timeout;
       Leave(PhaseEnd::Failed);
       Enter(Phase::BringBack);

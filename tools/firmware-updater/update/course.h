@@ -14,6 +14,7 @@
 #include "engine/error_code.h"
 #include "engine/update_observer.h"
 #include "platform/platform.h"
+#include "transport/refused_bytes.h"
 
 namespace tavo::tool {
 
@@ -58,14 +59,20 @@ class View {
   // `transfer` is that of the update so far.
   virtual void PhaseEnds(Phase phase, PhaseEnd end, std::chrono::milliseconds elapsed,
                          const Transfer& transfer) = 0;
-  virtual void Retried(const char* request) = 0;
+  // `refused`: the bytes that came instead of an answer.
+  virtual void Retried(const char* request, const RefusedBytes& refused) = 0;
 };
 
 class Course final : public UpdateObserver {
  public:
-  // `stop` asks the engine for an end; it is called by the thread that runs the update.
-  Course(Platform& platform, View& view, std::function<void()> stop)
-      : m_platform(platform), m_view(view), m_stop(std::move(stop)) {}
+  // `stop` asks the engine for an end; `refused` returns the transport's refused bytes. The thread that
+  // runs the update calls them.
+  Course(Platform& platform, View& view, std::function<void()> stop,
+         std::function<RefusedBytes()> refused)
+      : m_platform(platform),
+        m_view(view),
+        m_stop(std::move(stop)),
+        m_askRefused(std::move(refused)) {}
 
   void StepCalled(const Step& step, StepPhase phase) override;
   void StatusReported(const StatusMessage& message) override;
@@ -83,6 +90,7 @@ class Course final : public UpdateObserver {
     return {m_earlier.done + m_transfer.done, m_earlier.total + m_transfer.total};
   }
   int Retries() const { return m_retries; }
+  RefusedBytes Refused() const { return m_refused; }
   std::chrono::milliseconds Duration(Phase phase) const {
     return m_durations[static_cast<std::size_t>(phase)];
   }
@@ -91,6 +99,8 @@ class Course final : public UpdateObserver {
   // The first failure of the current update: what follows it may only be its consequence.
   ErrorCode Failure() const { return m_failure; }
   const std::string& FailureText() const { return m_failureText; }
+  // The bytes that came instead of the answer whose lack was that failure.
+  const RefusedBytes& FailureRefused() const { return m_failureRefused; }
   // Whether that failure was a device that gave no id.
   bool FailedForIdentity() const { return m_identityMissing; }
 
@@ -105,6 +115,7 @@ class Course final : public UpdateObserver {
   std::chrono::milliseconds m_phaseBegin{0};
   std::array<std::chrono::milliseconds, kPhaseTable.size()> m_durations{};
   const std::function<void()> m_stop;
+  const std::function<RefusedBytes()> m_askRefused;
   Transfer m_transfer;
   Transfer m_earlier;  // of the updates before
   int m_retries = 0;
@@ -113,6 +124,9 @@ class Course final : public UpdateObserver {
   bool m_asksIdentity = false;  // the step under way does
   bool m_identityMissing = false;
   std::string m_failureText;
+  RefusedBytes m_refused;      // in all updates
+  RefusedBytes m_lastRefused;  // since the last request
+  RefusedBytes m_failureRefused;
 };
 
 }  // namespace tavo::tool

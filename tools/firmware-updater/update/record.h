@@ -36,6 +36,7 @@ struct Record {
   std::optional<DeviceFacts> after{};  // asked again once it ran
   Transfer transfer{};
   int retries = 0;
+  RefusedBytes refused{};                                                // over all requests
   std::vector<std::pair<Phase, std::chrono::milliseconds>> durations{};  // of the phases passed
   std::chrono::milliseconds elapsed{0};
   std::vector<std::string> resetModules{};

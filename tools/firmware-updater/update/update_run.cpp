@@ -17,6 +17,7 @@
 #include <vector>
 
 #include "device/inquiry.h"
+#include "device/refused_text.h"
 #include "device/session.h"
 #include "file/digest.h"
 #include "file/package_report.h"
@@ -109,7 +110,9 @@ class Work {
                    [this] { WarnOfLoss(kRecordLost); }),
         m_session(machine, m_platform, &m_recorder),
         m_engine(m_platform, m_session.Log(), m_session.Holder()),
-        m_course(machine.platform, view, [this] { m_engine.RequestStop(); }),
+        m_course(
+            machine.platform, view, [this] { m_engine.RequestStop(); },
+            [this] { return m_session.Transport().Refused(); }),
         m_interrupts([this](int number) { OnInterrupt(number); }) {
     m_engine.SetObserver(&m_course);
     m_engine.ShowProgressBar(false);
@@ -174,6 +177,7 @@ class Work {
     record.before = m_before.value_or(FactsOf(m_found));
     record.transfer = m_course.Written();
     record.retries = m_course.Retries();
+    record.refused = m_course.Refused();
     for (const PhaseDescription& row : kPhaseTable) {
       if (m_course.Duration(row.phase).count() > 0) {
         record.durations.emplace_back(row.phase, m_course.Duration(row.phase));
@@ -184,6 +188,9 @@ class Work {
       record.resetModules.push_back(*name);
     }
     record.state = CloseWith(m_evidence, record.ending, advice, m_task);
+    if (m_evidence.device == DeviceCondition::Untouched && record.refused.Total() > 0) {
+      record.state.sentence = "The device sent bytes, but no answer; its flash was not changed.";
+    }
   }
 
   // Comes last: anything before it may lose more.
@@ -327,6 +334,10 @@ class Work {
     const ErrorCode code =
         m_course.Failure() == ErrorCode::None ? m_engine.LastError() : m_course.Failure();
     m_failure = FailureOf(code, m_course.FailureText());
+    if (const std::string came = NoAnswerAmong(m_course.FailureRefused()); !came.empty()) {
+      m_failure->text += " " + came + ".";
+      m_failure->hint = HintOn(m_course.FailureRefused(), m_task.target.kind);
+    }
     const auto misfit = Misfit(m_report, m_engine.Facts(), m_task.flags);
     if (misfit && misfit->code == m_failure->code) m_failure->text = misfit->text;
     if (!m_course.MayHaveErased()) LookAround();

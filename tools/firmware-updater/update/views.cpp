@@ -7,6 +7,7 @@
 #include <ostream>
 #include <thread>
 
+#include "device/refused_text.h"
 #include "text/json.h"
 #include "text/text_format.h"
 
@@ -79,6 +80,11 @@ std::string PhaseResult(Phase phase, PhaseEnd end, milliseconds elapsed, const T
   return line;
 }
 
+std::string NoAnswerTo(const char* request, const RefusedBytes& refused) {
+  const std::string came = NoAnswerAmong(refused);
+  return std::string("no answer to: ") + request + (came.empty() ? "" : "; " + came);
+}
+
 // The last lines, which the terminal and the plain view share.
 class TextView : public UpdateView {
  public:
@@ -127,9 +133,9 @@ class PlainView final : public TextView {
     m_machine.out << Format("%-22s", DescriptionOf(phase).title)
                   << PhaseResult(phase, end, elapsed, transfer) << std::endl;
   }
-  void Retried(const char* request) override {
+  void Retried(const char* request, const RefusedBytes& refused) override {
     const std::lock_guard lock(m_lock);
-    m_machine.out << "no answer to: " << request << std::endl;
+    m_machine.out << NoAnswerTo(request, refused) << std::endl;
   }
   void Note(const std::string& text) override {
     const std::unique_lock lock = LockForNote(m_lock);
@@ -176,9 +182,9 @@ class TerminalView final : public TextView {
                   << std::endl;
     m_title.clear();
   }
-  void Retried(const char* request) override {
+  void Retried(const char* request, const RefusedBytes& refused) override {
     const std::lock_guard lock(m_lock);
-    m_state = "no answer to: " + std::string(request);
+    m_state = NoAnswerTo(request, refused);
     Redraw();
   }
   void Note(const std::string& text) override {
@@ -310,6 +316,7 @@ Json AsJson(const Record& record) {
             {"expected", ChecksumJson(record.before.expectedChecksum)}}},
           {"bytes", BytesJson(record.transfer)},
           {"retries", record.retries},
+          {"refused", RefusedJson(record.refused)},
           {"resetModules", record.resetModules},
           {"durations", durations},
           {"lost", record.lost},
@@ -334,7 +341,9 @@ class JsonView final : public UpdateView {
                    {"state", NameOf(end)},
                    {"seconds", Seconds(elapsed)}});
   }
-  void Retried(const char* request) override { Line("retry", {{"request", request}}); }
+  void Retried(const char* request, const RefusedBytes& refused) override {
+    Line("retry", {{"request", request}, {"refused", RefusedJson(refused)}});
+  }
   void Note(const std::string& text) override {
     const std::unique_lock lock = LockForNote(m_lock);
     if (lock) Write("note", {{"text", text}});
