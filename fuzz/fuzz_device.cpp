@@ -37,7 +37,7 @@ class TamperedUpdate {
     m_station.UpdateOverUsb({(flags & 1) == 0, (flags & 2) != 0, (flags & 4) != 0});
     Expect(!m_silentSince || Now() - *m_silentSince <= kSilenceBound,
            "an update ends soon after the device has become silent");
-    Expect(m_station.usb.OpenHandles() == 0, "the device is closed again");
+    Expect(m_station.usb.handles == 0, "the device is closed again");
   }
 
  private:

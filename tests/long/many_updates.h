@@ -84,7 +84,7 @@ class ManyUpdates : private TransportObserver {
     const bool stopped = m_station.platform.ConsoleHas("Firmwareupdate Error: 15\n");
     m_succeeded += succeeded;
     m_stopped += stopped;
-    Promise(m_station.usb.OpenHandles() == 0, "the device is closed again");
+    Promise(m_station.usb.handles == 0, "the device is closed again");
     Promise(!succeeded || (m_station.FlashHoldsFirmware() && m_station.ApplicationRuns()),
             "true means that the device holds the firmware and runs it");
     Promise(succeeded != stopped || faulty, "an update succeeds, or is stopped and reports it");

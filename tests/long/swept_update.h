@@ -228,7 +228,7 @@ class SweptUpdate : private TransportObserver {
     PromiseAlways(m_outcome.took <= kTimeBound, "returns within its bound of time");
     PromiseAlways(m_station.link.IsQuiet() && !m_station.link.HasResponse(),
                   "nothing is left pending");
-    PromiseAlways(m_station.usb.OpenHandles() == 0, "the device is closed again");
+    PromiseAlways(m_station.usb.handles == 0, "the device is closed again");
     if (OnlyGlitches()) Promise(m_outcome.succeeded, "a glitch costs no update");
     if (m_outcome.succeeded) {
       Promise(m_station.FlashHoldsFirmware() && Runs(),

@@ -8,10 +8,10 @@
 //   EXPECT_EQ(usb.calls.back(), "Close");
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
 #include <cstdint>
+#include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <string>
@@ -19,16 +19,26 @@
 #include <vector>
 
 #include "platform/libusb_api.h"
+#include "simulator/cdc_function.h"
 
 namespace tavo::test {
 
 using Bytes = std::vector<std::uint8_t>;
+
+// A caller that breaks a rule of libusb, or leaks, ends the test program.
+inline void Require(bool kept, const char* rule) {
+  if (kept) return;
+  std::fprintf(stderr, "libusb: %s\n", rule);
+  std::abort();
+}
 
 struct FakeUsbDevice {
   std::uint16_t vendor = 0x03EB;
   std::uint16_t product = 0x2404;
   Bytes ports{};
   std::uint8_t bus = 1;
+  tavosim::Device* device = nullptr;  // of a SimulatedUsb, with its face
+  tavosim::CdcFunction* function = nullptr;
 };
 
 struct FakeBulkResult {
@@ -50,9 +60,7 @@ class FakeLibUsb : public LibUsb {
   int contexts = 0, lists = 0, handles = 0;  // not yet released
 
   ~FakeLibUsb() override {
-    EXPECT_EQ(contexts, 0);
-    EXPECT_EQ(lists, 0);
-    EXPECT_EQ(handles, 0);
+    Require(contexts == 0 && lists == 0 && handles == 0, "everything is given back");
   }
 
   std::vector<std::string> TakeCalls() { return std::exchange(calls, {}); }
@@ -70,18 +78,18 @@ class FakeLibUsb : public LibUsb {
   std::ptrdiff_t GetDeviceList(libusb_context*, libusb_device*** list) override {
     const int result = Record("GetDeviceList");
     if (result < 0) return result;
-    EXPECT_EQ(lists++, 0) << "the older list is still held";
+    ++lists;
     m_listed = devices;
     m_entries.clear();
     for (FakeUsbDevice& device : m_listed) {
-      m_entries.push_back(reinterpret_cast<libusb_device*>(&device));
+      if (IsPlugged(device)) m_entries.push_back(reinterpret_cast<libusb_device*>(&device));
     }
     m_entries.push_back(nullptr);
     *list = m_entries.data();
-    return static_cast<std::ptrdiff_t>(devices.size());
+    return std::ssize(m_entries) - 1;
   }
   void FreeDeviceList(libusb_device** list, int unrefDevices) override {
-    EXPECT_EQ(unrefDevices, 1);
+    Require(unrefDevices == 1, "a list is freed with its devices");
     Release("FreeDeviceList", list, &lists);
   }
   int GetDeviceDescriptor(libusb_device* device, libusb_device_descriptor* descriptor) override {
@@ -93,7 +101,7 @@ class FakeLibUsb : public LibUsb {
   std::uint8_t GetBusNumber(libusb_device* device) override { return Listed(device).bus; }
   int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) override {
     const Bytes& path = Listed(device).ports;
-    EXPECT_LE(path.size(), static_cast<std::size_t>(capacity));
+    Require(std::ssize(path) <= capacity, "there is room for every port number");
     std::copy(path.begin(), path.end(), ports);
     return static_cast<int>(path.size());
   }
@@ -108,8 +116,7 @@ class FakeLibUsb : public LibUsb {
   }
   libusb_device_handle* OpenDeviceWithVidPid(libusb_context*, std::uint16_t vendor,
                                              std::uint16_t product) override {
-    EXPECT_EQ(vendor, 0x03EB);
-    EXPECT_EQ(product, 0x2404);
+    Require(vendor == 0x03EB && product == 0x2404, "the ids are the device's");
     return Record("OpenAny") < 0 ? nullptr : New<libusb_device_handle>(&handles);
   }
   void Close(libusb_device_handle* handle) override { Release("Close", handle, &handles); }
@@ -133,9 +140,8 @@ class FakeLibUsb : public LibUsb {
   int ControlTransfer(libusb_device_handle*, std::uint8_t requestType, std::uint8_t request,
                       std::uint16_t value, std::uint16_t index, unsigned char* data,
                       std::uint16_t length, unsigned timeoutMs) override {
-    EXPECT_EQ(requestType, 0x21);
-    EXPECT_EQ(index, 0);
-    EXPECT_EQ(timeoutMs, 5000u);
+    Require(requestType == 0x21 && index == 0, "a class request goes to the control interface");
+    Require(timeoutMs == 5000, "a control transfer takes 5 s at most");
     lastControlData.assign(data, data + length);
     const int result = Record("Control " + std::to_string(request) + " " + std::to_string(value));
     return result < 0 ? result : length;
@@ -143,19 +149,24 @@ class FakeLibUsb : public LibUsb {
   int BulkTransfer(libusb_device_handle*, unsigned char endpoint, unsigned char* data, int length,
                    int* transferred, unsigned timeoutMs) override {
     if (endpoint == 0x02) return TakeOutput({data, data + length}, transferred, timeoutMs);
-    EXPECT_EQ(endpoint, 0x81);
-    EXPECT_EQ(timeoutMs, 50u);
+    Require(endpoint == 0x81 && timeoutMs == 50, "a read takes 50 ms at most");
     *transferred = 0;
     if (input.empty()) return LIBUSB_ERROR_TIMEOUT;
     const FakeBulkResult next = input.front();
     input.pop_front();
-    EXPECT_LE(std::ssize(next.data), length);
+    Require(std::ssize(next.data) <= length, "there is room for the bytes");
     std::copy(next.data.begin(), next.data.end(), data);
     *transferred = static_cast<int>(next.data.size());
     return next.result;
   }
 
   const char* ErrorName(int code) override { return libusb_error_name(code); }
+
+ protected:
+  static const FakeUsbDevice& Listed(libusb_device* device) {
+    return *reinterpret_cast<const FakeUsbDevice*>(device);
+  }
+  virtual bool IsPlugged(const FakeUsbDevice& /*device*/) { return true; }
 
  private:
   int Record(const std::string& call) {
@@ -171,20 +182,16 @@ class FakeLibUsb : public LibUsb {
   }
 
   void Release(const std::string& call, const void* thing, int* count) {
-    EXPECT_NE(thing, nullptr);
+    Require(thing != nullptr, "only what exists is given back");
     Record(call);
     --*count;
   }
   int TakeOutput(const Bytes& data, int* transferred, unsigned timeoutMs) {
-    EXPECT_EQ(timeoutMs, 300u);
+    Require(timeoutMs == 300, "a bulk transfer takes 300 ms at most");
     sent.push_back(data);
     *transferred = static_cast<int>(std::min(data.size(), takesPerTransfer));
     const auto result = results.find("Out " + std::to_string(sent.size()));
     return result == results.end() ? 0 : result->second;
-  }
-
-  static const FakeUsbDevice& Listed(libusb_device* device) {
-    return *reinterpret_cast<const FakeUsbDevice*>(device);
   }
 
   std::vector<FakeUsbDevice> m_listed;

@@ -3,14 +3,12 @@
 #pragma once
 
 #include <algorithm>
-#include <cstring>
 #include <functional>
 #include <list>
 #include <string>
 #include <vector>
 
-#include "simulator/cdc_function.h"
-#include "tests/support/plain_usb.h"
+#include "tests/support/fake_libusb.h"
 #include "tests/support/virtual_platform.h"
 
 namespace tavo::test {
@@ -26,54 +24,29 @@ inline void AdvanceTo(VirtualPlatform& platform, std::optional<tavosim::SimTime>
   platform.Advance(std::clamp(until, milliseconds(1), bound));
 }
 
-class SimulatedUsb : public PlainUsb {
+class SimulatedUsb : public FakeLibUsb {
  public:
   explicit SimulatedUsb(VirtualPlatform& platform) : m_platform(platform) {}
 
   // Both must outlive this object.
-  void Plug(tavosim::Device& device, tavosim::CdcFunction& function,
-            std::vector<std::uint8_t> ports, std::uint8_t bus = 1) {
-    m_ports.push_back({device, function, std::move(ports), bus});
-  }
-
-  std::ptrdiff_t GetDeviceList(libusb_context* /*context*/, libusb_device*** list) override {
-    m_list.clear();
-    for (Port& port : m_ports) {
-      if (port.function.Connected(SimNow(m_platform))) {
-        m_list.push_back(reinterpret_cast<libusb_device*>(&port));
-      }
-    }
-    const auto count = static_cast<std::ptrdiff_t>(m_list.size());
-    m_list.push_back(nullptr);
-    *list = m_list.data();
-    return count;
-  }
-  int GetDeviceDescriptor(libusb_device* device, libusb_device_descriptor* descriptor) override {
-    const std::vector<std::uint8_t> bytes = AsPort(device).function.DeviceDescriptor();
-    std::memcpy(descriptor, bytes.data(), std::min(bytes.size(), sizeof *descriptor));
-    return LIBUSB_SUCCESS;
-  }
-  std::uint8_t GetBusNumber(libusb_device* device) override { return AsPort(device).bus; }
-  int GetPortNumbers(libusb_device* device, std::uint8_t* ports, int capacity) override {
-    const std::vector<std::uint8_t>& path = AsPort(device).path;
-    if (static_cast<int>(path.size()) > capacity) return LIBUSB_ERROR_OVERFLOW;
-    std::copy(path.begin(), path.end(), ports);
-    return static_cast<int>(path.size());
+  void Plug(tavosim::Device& device, tavosim::CdcFunction& function, Bytes ports,
+            std::uint8_t bus = 1) {
+    devices.push_back(
+        {.ports = std::move(ports), .bus = bus, .device = &device, .function = &function});
   }
 
   int Open(libusb_device* device, libusb_device_handle** handle) override {
-    Port& port = AsPort(device);
-    if (!port.function.Connected(SimNow(m_platform))) return LIBUSB_ERROR_NO_DEVICE;
-    m_handles.push_back({port, port.device.Unplugs()});
+    const FakeUsbDevice& listed = Listed(device);
+    if (!IsPlugged(listed)) return LIBUSB_ERROR_NO_DEVICE;
+    m_handles.push_back({listed.device, listed.function, listed.device->Unplugs()});
+    const int result = FakeLibUsb::Open(device, handle);
     *handle = reinterpret_cast<libusb_device_handle*>(&m_handles.back());
-    ++m_opened;
-    return LIBUSB_SUCCESS;
+    return result;
   }
   void Close(libusb_device_handle* handle) override {
-    AsHandle(handle).port.function.Released(SimNow(m_platform));
-    --m_opened;
+    AsHandle(handle).function->Released(SimNow(m_platform));
+    FakeLibUsb::Close(handle);
   }
-  int OpenHandles() const { return m_opened; }
 
   // Faults that a test may inject: true makes the transfer fail.
   std::function<bool()> failSend = [] { return false; };
@@ -83,20 +56,18 @@ class SimulatedUsb : public PlainUsb {
   // Called while a device is being opened.
   std::function<void()> onOpening = [] {};
 
-  int ClaimInterface(libusb_device_handle* handle, int /*interface*/) override {
-    return Gone(handle) ? static_cast<int>(LIBUSB_ERROR_NO_DEVICE) : 0;
+  int ClaimInterface(libusb_device_handle* handle, int interface) override {
+    return Gone(handle) ? LIBUSB_ERROR_NO_DEVICE : FakeLibUsb::ClaimInterface(handle, interface);
   }
-
   int ControlTransfer(libusb_device_handle* handle, std::uint8_t requestType, std::uint8_t request,
                       std::uint16_t value, std::uint16_t index, unsigned char* data,
                       std::uint16_t length, unsigned /*timeoutMs*/) override {
     if (Gone(handle)) return LIBUSB_ERROR_NO_DEVICE;
     onOpening();
-    const tavosim::UsbResult result = AsHandle(handle).port.function.Control(
+    const tavosim::UsbResult result = AsHandle(handle).function->Control(
         {requestType, request, value, index, length}, {data, length}, SimNow(m_platform));
     return result.status == tavosim::UsbStatus::Done ? int{length} : int{LIBUSB_ERROR_PIPE};
   }
-
   int BulkTransfer(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data,
                    int length, int* transferred, unsigned timeoutMs) override {
     *transferred = 0;
@@ -105,19 +76,18 @@ class SimulatedUsb : public PlainUsb {
                                          : Out(handle, endpoint, data, length, transferred);
   }
 
+ protected:
+  bool IsPlugged(const FakeUsbDevice& device) override {
+    return device.function->Connected(SimNow(m_platform));
+  }
+
  private:
-  struct Port {
-    tavosim::Device& device;
-    tavosim::CdcFunction& function;
-    std::vector<std::uint8_t> path;
-    std::uint8_t bus;
-  };
   struct Handle {
-    Port& port;
+    tavosim::Device* device;
+    tavosim::CdcFunction* function;
     unsigned unplugsAtOpen;
   };
 
-  static Port& AsPort(libusb_device* device) { return *reinterpret_cast<Port*>(device); }
   static Handle& AsHandle(libusb_device_handle* handle) {
     return *reinterpret_cast<Handle*>(handle);
   }
@@ -125,7 +95,7 @@ class SimulatedUsb : public PlainUsb {
   // A handle from before an unplug stays dead when the device is back.
   bool Gone(libusb_device_handle* handle) const {
     const Handle& opened = AsHandle(handle);
-    return opened.port.device.Unplugs() != opened.unplugsAtOpen;
+    return opened.device->Unplugs() != opened.unplugsAtOpen;
   }
 
   int Out(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data, int length,
@@ -133,8 +103,7 @@ class SimulatedUsb : public PlainUsb {
     if (Gone(handle)) return LIBUSB_ERROR_NO_DEVICE;
     if (failSend()) return LIBUSB_ERROR_IO;
     const std::size_t size = static_cast<std::size_t>(length);
-    const auto result =
-        AsHandle(handle).port.function.Out(endpoint, {data, size}, SimNow(m_platform));
+    const auto result = AsHandle(handle).function->Out(endpoint, {data, size}, SimNow(m_platform));
     if (result.status != tavosim::UsbStatus::Done) return LIBUSB_ERROR_TIMEOUT;
     *transferred = length;
     return LIBUSB_SUCCESS;
@@ -143,7 +112,7 @@ class SimulatedUsb : public PlainUsb {
   int In(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data, int length,
          int* transferred, std::chrono::milliseconds bound) {
     const auto end = m_platform.MonotonicNow() + bound;
-    tavosim::CdcFunction& function = AsHandle(handle).port.function;
+    tavosim::CdcFunction& function = *AsHandle(handle).function;
     while (!Gone(handle)) {
       if (failReceive()) return LIBUSB_ERROR_IO;
       auto said = function.In(endpoint, static_cast<std::size_t>(length), SimNow(m_platform)).data;
@@ -160,10 +129,7 @@ class SimulatedUsb : public PlainUsb {
   }
 
   VirtualPlatform& m_platform;
-  std::list<Port> m_ports;
   std::list<Handle> m_handles;
-  std::vector<libusb_device*> m_list;
-  int m_opened = 0;
 };
 
 }  // namespace tavo::test

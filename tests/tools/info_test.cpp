@@ -81,7 +81,7 @@ TEST(Info, TheScreenHoldsTheFactsAndNothingOfTheLibrary) {
   EXPECT_EQ(station.run.Err(), "Waiting up to 4 s for an answer from a master module.\n");
   EXPECT_EQ(station.platform.Console(), "");
   EXPECT_EQ(station.Log(), "");
-  EXPECT_EQ(station.usb.OpenHandles(), 0);
+  EXPECT_EQ(station.usb.handles, 0);
 }
 
 TEST(Info, AMasterAnsweringForItsDeviceIsNotTakenForAnApplication) {

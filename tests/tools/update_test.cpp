@@ -155,7 +155,7 @@ TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDevice
     EXPECT_EQ(station.run(row.line), row.exit);
     EXPECT_TRUE(station.run.Complains(row.phrase)) << station.run.Err();
     EXPECT_EQ(station.Requests(), Lines());
-    EXPECT_EQ(station.usb.OpenHandles(), 0);
+    EXPECT_EQ(station.usb.handles, 0);
     EXPECT_EQ(station.run.Read("firmware.hex"), firmware);
   }
 }
