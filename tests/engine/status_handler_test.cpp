@@ -2,35 +2,10 @@
 
 #include <gtest/gtest.h>
 
-#include "engine/firmware_updater.h"
-#include "tests/support/virtual_platform.h"
-
 namespace tavo::test {
 namespace {
 
-class StatusHandlerTest : public testing::Test {
- protected:
-  // The text that handling this message prints.
-  std::string Printed(const StatusMessage& message) {
-    m_platform.ClearConsole();
-    m_handler.Handle(message);
-    return m_platform.Console();
-  }
-
-  // The first bar drawn, for `current` of `total` bytes.
-  std::string Bar(std::int32_t current, std::int32_t total) {
-    m_handler.Handle({StatusKind::TransferBegins, total});
-    return Printed({StatusKind::TransferProgress, current});
-  }
-
-  VirtualPlatform m_platform;
-  Logger m_log{m_platform};
-  TransportHolder m_holder{m_platform, [](TransportKind) { return nullptr; }};
-  FirmwareUpdater m_engine{m_platform, m_log, m_holder};
-  StatusHandler m_handler{m_platform, m_engine};
-};
-
-TEST_F(StatusHandlerTest, TheBarGrowsByOneMarkEveryFivePercent) {
+TEST(ProgressBar, GrowsByOneMarkEveryFivePercent) {
   const struct {
     std::int32_t current, total;
     const char* line;
@@ -44,16 +19,19 @@ TEST_F(StatusHandlerTest, TheBarGrowsByOneMarkEveryFivePercent) {
       {30 << 20, 40 << 20, "[---------------     ]  75 %"},  // above 2^31 when times 100
       {2147483647, 1, "[--------------------] 214748364700 %"},
   };
-  for (const auto& row : kRows) EXPECT_EQ(Bar(row.current, row.total), row.line);
+  ProgressBar bar;
+  for (const auto& row : kRows) {
+    bar.Begin(row.total);
+    EXPECT_EQ(bar.Redraw(row.current), row.line) << "a new transfer erases nothing";
+  }
 }
 
-TEST_F(StatusHandlerTest, EachBarErasesExactlyTheOneBefore) {
-  Bar(0, 10);
-  EXPECT_EQ(Printed({StatusKind::TransferProgress, 150}),
-            std::string(28, '\b') + "[--------------------] 1500 %");
-  EXPECT_EQ(Printed({StatusKind::TransferProgress, 5}),
-            std::string(29, '\b') + "[----------          ]  50 %");
-  EXPECT_EQ(Bar(10, 10), "[--------------------] 100 %") << "a new transfer erases nothing";
+TEST(ProgressBar, ErasesExactlyTheOneBefore) {
+  ProgressBar bar;
+  bar.Begin(10);
+  bar.Redraw(0);
+  EXPECT_EQ(bar.Redraw(150), std::string(28, '\b') + "[--------------------] 1500 %");
+  EXPECT_EQ(bar.Redraw(5), std::string(29, '\b') + "[----------          ]  50 %");
 }
 
 }  // namespace

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "simulator/firmware_builder.h"
 
 namespace tavo {
@@ -48,21 +46,6 @@ TEST(HardwareIdentity, ImagesWithoutHardwareIdsGetTheDefaults) {
     EXPECT_EQ(FindTunnelRoute(image), (TunnelRoute{-1, -1}));
     EXPECT_EQ(FindBootloaderMessageKind(image), 0u);
   }
-}
-
-std::string RefusalOf(unsigned typeId, unsigned moduleId) {
-  try {
-    static_cast<void>(HardwareIdPattern(typeId, moduleId));
-    return "none";
-  } catch (const std::invalid_argument& refusal) {
-    return refusal.what();
-  }
-}
-
-TEST(HardwareIdentity, PatternRefusesIdsBeyondTheirField) {
-  EXPECT_EQ(RefusalOf(15, 15), "none");
-  EXPECT_EQ(RefusalOf(15, 16), "module ID must not be greater than 15");
-  EXPECT_EQ(RefusalOf(16, 16), "type ID must not be greater than 15");
 }
 
 }  // namespace

@@ -6,8 +6,6 @@
 #include <string_view>
 #include <vector>
 
-#include "simulator/firmware_builder.h"
-
 namespace tavo {
 namespace {
 
@@ -50,6 +48,7 @@ TEST(IntelHex, ConvertsWellFormedText) {
       {"nothing counts behind the end", kEnd + "\n:zz\n:0100000042BE\n", none, {}},
       {"bytes before the checksum are not data", ":0100000042FFFFBD\n", 0, {0x42}},
       {"data of an end record is not summed", ":02000001AABBFD\n", none, {}},
+      {"longest line", ":" + std::string(534, '0'), 0, {}},
       {"only two bytes of a base are summed",
        ":040000040001AABBF7\n:0100100042AD\n",
        0x10010,
@@ -99,23 +98,6 @@ TEST(IntelHex, RejectsWholeTextForOneBadRecord) {
     EXPECT_EQ(converter.Convert(TextBytes(":0100000042BD\n" + bad.text)), bad.result);
     EXPECT_EQ(converter.StartAddress(), CIntelHexConverter::kNoAddress);
     EXPECT_TRUE(converter.Data().empty());
-  }
-}
-
-TEST(IntelHex, AcceptsTheLongestLine) {
-  CIntelHexConverter converter;
-  EXPECT_EQ(converter.Convert(TextBytes(":" + std::string(534, '0'))), HexResult::Ok);
-}
-
-TEST(IntelHex, ReturnsTheBytesOfWholeFirmware) {
-  const tavosim::Firmware firmware = tavosim::BuildFirmware(
-      {.startAddress = 0xFF80, .size = 0x300, .fill = tavosim::FirmwareFill::NoBlank});
-  for (const std::size_t recordSize : {1u, 16u, 255u}) {
-    CIntelHexConverter converter;
-    EXPECT_EQ(converter.Convert(TextBytes(tavosim::HexText(firmware, recordSize, "\n"))),
-              HexResult::Ok);
-    EXPECT_EQ(converter.StartAddress(), firmware.startAddress);
-    EXPECT_EQ(converter.Data(), firmware.data);
   }
 }
 
