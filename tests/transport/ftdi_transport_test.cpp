@@ -68,12 +68,6 @@ TEST_F(FtdiTransportTest, AnAdapterThatCannotBeReadIsLoggedAndNotTaken) {
   EXPECT_EQ(m_d2xx.calls.at(m_d2xx.calls.size() - 3), "Open 4");
 }
 
-TEST_F(FtdiTransportTest, TheEndOfASessionForgetsTheListOfAdapters) {
-  OpenFirst();
-  m_transport.EndSession();
-  EXPECT_EQ(m_d2xx.TakeCalls(), (Calls{"Close", "ForgetDeviceInfoList"}));
-}
-
 TEST_F(FtdiTransportTest, OpensWithItsLineSettings) {
   EXPECT_TRUE(m_transport.Open(1));
   EXPECT_TRUE(m_transport.IsOpen());
@@ -86,6 +80,8 @@ TEST_F(FtdiTransportTest, OpensWithItsLineSettings) {
             (Calls{"Close", "Open 0", "SetBaudRate 57600", "SetDataCharacteristics 7 1 2"}));
   EXPECT_TRUE(m_transport.Reconnect());
   EXPECT_EQ(m_d2xx.TakeCalls(), Calls{});
+  m_transport.EndSession();
+  EXPECT_EQ(m_d2xx.TakeCalls(), (Calls{"Close", "ForgetDeviceInfoList"}));
 }
 
 TEST_F(FtdiTransportTest, AFailedOpenPrintsTheStatusAndLeavesNothingOpen) {
@@ -123,22 +119,24 @@ TEST_F(FtdiTransportTest, OnlyWhatWasWrittenComesBack) {
   EXPECT_EQ(m_platform.Console(), "");
 }
 
-TEST_F(FtdiTransportTest, ASilentReadWaitsAMomentAndReadsNothing) {
+TEST_F(FtdiTransportTest, ASilentReadWaitsAMomentAndReadsWhatCameAsFarAsItFits) {
   OpenFirst();
   EXPECT_EQ(ReadFrom(m_transport), (RawRead{true, {}}));
-  m_d2xx.status["GetStatus"] = kD2xxIoError;
-  EXPECT_EQ(ReadFrom(m_transport), (RawRead{true, {}})) << "an unknown count is no input";
-  EXPECT_EQ(m_d2xx.waits, std::vector(2, std::chrono::milliseconds(10)));
-  EXPECT_EQ(m_platform.Console(),
-            "2024.03.01 - 12:00:00 WARN CCommFTDI: Input interrupted, Error: 4\n");
-}
-
-TEST_F(FtdiTransportTest, WhatComesDuringTheWaitIsReadAsFarAsItFits) {
-  OpenFirst();
   m_d2xx.arrivesWhileWaiting = {1, 2, 3};
   EXPECT_EQ(ReadFrom(m_transport, 2), (RawRead{true, {1, 2}}));
   EXPECT_EQ(ReadFrom(m_transport, 2), (RawRead{true, {3}}));
-  EXPECT_EQ(m_d2xx.waits.size(), 1u) << "only for the first";
+  EXPECT_EQ(m_d2xx.waits, std::vector(2, std::chrono::milliseconds(10))) << "not for the third";
+  const std::string line = "2024.03.01 - 12:00:00 WARN CCommFTDI: Input interrupted, Error: 4\n";
+  for (const char* lines : {"once", "and anew after it has recovered"}) {
+    m_platform.ClearConsole();
+    m_d2xx.status["GetStatus"] = kD2xxIoError;
+    for (int read = 0; read < 2; ++read) {
+      EXPECT_EQ(ReadFrom(m_transport), (RawRead{true, {}})) << "an unknown count is no input";
+    }
+    EXPECT_EQ(m_platform.Console(), line) << lines;
+    m_d2xx.status.clear();
+    ReadFrom(m_transport);
+  }
 }
 
 TEST_F(FtdiTransportTest, LogsAFailedRead) {

@@ -37,7 +37,6 @@ class UsbTransportTest : public testing::Test {
   bool Send(const Bytes& bytes) {
     return Transport().SendRawData(bytes.data(), static_cast<std::int32_t>(bytes.size()));
   }
-
   RawRead Receive() { return ReadFrom(Transport()); }
 
   VirtualPlatform m_platform;
@@ -62,34 +61,26 @@ TEST_F(UsbTransportTest, ListsSupportedDevicesByTheirPortPath) {
   EXPECT_EQ(m_platform.Console(), "");
 }
 
-TEST_F(UsbTransportTest, OpensStepByStep) {
+TEST_F(UsbTransportTest, OpensStepByStepAndEndsItsSessionOnce) {
+  const Calls kOpening{"Init", "GetDeviceList", "SetDebug 0", "Open 2"};
+  const Calls kEnding{"Close", "FreeDeviceList", "Exit"};
+  for (int session = 0; session < 2; ++session) {
+    EXPECT_TRUE(Transport().OpenPort("2"));
+    EXPECT_TRUE(Transport().IsOpen());
+    EXPECT_EQ(m_usb.TakeCalls(), kOpening + kSetUp);
+    EXPECT_EQ(m_usb.lastControlData, (Bytes{0x00, 0x4B, 0x00, 0x00, 0, 0, 8}));
+    for (int twice = 0; twice < 2; ++twice) Transport().EndSession();
+    EXPECT_EQ(m_usb.TakeCalls(), kEnding);
+    EXPECT_FALSE(Transport().IsOpen());
+  }
   EXPECT_TRUE(Transport().OpenPort("2"));
-  EXPECT_TRUE(Transport().IsOpen());
-  EXPECT_EQ(m_usb.TakeCalls(), (Calls{"Init", "GetDeviceList", "SetDebug 0", "Open 2"} + kSetUp));
-  EXPECT_EQ(m_usb.lastControlData, (Bytes{0x00, 0x4B, 0x00, 0x00, 0, 0, 8}));
-
   m_transport.reset();
-  EXPECT_EQ(m_usb.TakeCalls(), (Calls{"Close", "FreeDeviceList", "Exit"}));
+  EXPECT_EQ(m_usb.TakeCalls(), kOpening + kSetUp + kEnding);
 
   EXPECT_TRUE(Transport().Reconnect()) << "no port named: any device will do";
   EXPECT_EQ(m_usb.TakeCalls(), (Calls{"Init", "SetDebug 0", "OpenAny"} + kSetUp));
   Transport().Close();
-  EXPECT_FALSE(Transport().IsOpen());
   EXPECT_EQ(m_usb.TakeCalls(), Calls{"Close"});
-}
-
-TEST_F(UsbTransportTest, AfterASessionTheNextUseBeginsAnother) {
-  EXPECT_TRUE(Transport().OpenPort("2"));
-  m_usb.TakeCalls();
-  for (int twice = 0; twice < 2; ++twice) Transport().EndSession();
-  EXPECT_EQ(m_usb.TakeCalls(), (Calls{"Close", "FreeDeviceList", "Exit"}));
-  EXPECT_FALSE(Transport().IsOpen());
-
-  EXPECT_TRUE(Transport().OpenPort("2"));
-  EXPECT_EQ(m_usb.TakeCalls(), (Calls{"Init", "GetDeviceList", "SetDebug 0", "Open 2"} + kSetUp));
-  Transport().EndSession();
-  EXPECT_TRUE(Transport().Open(0));
-  EXPECT_EQ(m_usb.calls.at(3), "Init");
 }
 
 TEST_F(UsbTransportTest, TakesTheDataInterfaceFromADriverThatIsOrMayBeAttached) {
@@ -166,11 +157,7 @@ TEST_F(UsbTransportTest, AFailedOpenLeavesNothingOpen) {
     EXPECT_TRUE(Transport().Open(failure.ref));
     Transport().Close();
   }
-}
-
-TEST_F(UsbTransportTest, ReferenceBehindTheListIsNoDevice) {
-  Transport().EnumerateDevices();
-  EXPECT_FALSE(Transport().Open(3));
+  EXPECT_FALSE(Transport().Open(3)) << "a reference behind the list";
   EXPECT_TRUE(m_platform.ConsoleHas("Error open device: LIBUSB_ERROR_NO_DEVICE"));
 }
 
@@ -194,31 +181,24 @@ TEST_F(UsbTransportTest, PrintsAPortThatIsNotThere) {
   }
 }
 
-TEST_F(UsbTransportTest, SendsByteByByteOrAtOnce) {
+TEST_F(UsbTransportTest, SendsByteByByteOrAtOnceAndReportsWhatTheDeviceDidNotTake) {
   OpenFirst();
   EXPECT_TRUE(Send({1, 2, 3}));
-  EXPECT_EQ(m_usb.sent, (std::vector<Bytes>{{1}, {2}, {3}}));
-  m_usb.sent.clear();
   Transport().SetSendMode(SendMode::Buffer);
   EXPECT_TRUE(Send({1, 2, 3}));
-  EXPECT_EQ(m_usb.sent, (std::vector<Bytes>{{1, 2, 3}}));
-}
+  EXPECT_EQ(m_usb.sent, (std::vector<Bytes>{{1}, {2}, {3}, {1, 2, 3}}));
 
-TEST_F(UsbTransportTest, ReportsWhatTheDeviceDidNotTake) {
-  OpenFirst();
-  m_usb.results["Out 2"] = LIBUSB_ERROR_TIMEOUT;
+  m_usb.takesPerTransfer = 2;
+  m_usb.results = {{"Out 5", LIBUSB_ERROR_PIPE}, {"Out 7", LIBUSB_ERROR_TIMEOUT}};
   EXPECT_FALSE(Send({1, 2, 3}));
-  EXPECT_EQ(m_usb.sent.size(), 2u) << "the rest stays here";
-  EXPECT_TRUE(m_platform.ConsoleHas(
+  EXPECT_TRUE(m_platform.Console().ends_with(
+      "WARN Error while sending data: Mode: BUFFER, Length: 2, Error: LIBUSB_ERROR_PIPE\n"));
+  Transport().SetSendMode(SendMode::Byte);
+  EXPECT_FALSE(Send({1, 2, 3}));
+  EXPECT_EQ(m_usb.sent.size(), 7u) << "the rest stays here";
+  EXPECT_TRUE(m_platform.Console().ends_with(
       "WARN CCommWinUSB: Error while sending data: Mode: BYTE, Length: 3, Error: "
       "LIBUSB_ERROR_TIMEOUT\n"));
-
-  Transport().SetSendMode(SendMode::Buffer);
-  m_usb.takesPerTransfer = 2;
-  m_usb.results["Out 3"] = LIBUSB_ERROR_PIPE;
-  EXPECT_FALSE(Send({1, 2, 3}));
-  EXPECT_TRUE(m_platform.ConsoleHas(
-      "WARN Error while sending data: Mode: BUFFER, Length: 2, Error: LIBUSB_ERROR_PIPE\n"));
 }
 
 TEST_F(UsbTransportTest, ReceivesWhatThereIs) {
@@ -255,24 +235,6 @@ TEST_F(UsbTransportTest, FindsItsPortAgain) {
   EXPECT_FALSE(Receive().ok) << "the first poll only reconnects";
   EXPECT_EQ(std::count(m_usb.calls.begin(), m_usb.calls.end(), "Open 1 4"), 1);
   EXPECT_TRUE(Receive().ok);
-}
-
-TEST_F(UsbTransportTest, NeverReconnectsToADeviceOfAnotherBus) {
-  m_usb.devices = {{.ports = {2}, .bus = 2}, {.ports = {2}, .bus = 1}};
-  EXPECT_TRUE(Transport().OpenPort("2"));
-  EXPECT_TRUE(m_platform.ConsoleHas(
-      "WARN CommInterface: 2 devices of this name: Taking port 2 on bus 2\n"));
-  m_platform.ClearConsole();
-  m_usb.devices = {{.ports = {2}, .bus = 1}};
-  EXPECT_FALSE(Transport().Reconnect());
-  EXPECT_FALSE(Receive().ok);
-  EXPECT_FALSE(Transport().IsOpen());
-  m_usb.devices = {{.ports = {2}, .bus = 1}, {.ports = {2}, .bus = 2}};
-  m_usb.calls.clear();
-  EXPECT_TRUE(Transport().Reconnect());
-  EXPECT_EQ(std::count(m_usb.calls.begin(), m_usb.calls.end(), "Open 2"), 1);
-  EXPECT_EQ(m_usb.lastOpenedBus, 2);
-  EXPECT_EQ(m_platform.Console(), "");
 }
 
 TEST_F(UsbTransportTest, FindsNothingWithoutLibusb) {
