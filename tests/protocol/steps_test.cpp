@@ -68,112 +68,82 @@ TEST(Steps, TheLabelIsTheFirstEntryForTheDevice) {
 }
 
 TEST(Steps, TheDeviceMayReportHardwareIdWildcardsTheFirmwareMayNot) {
+  using Ids = std::vector<std::uint16_t>;
   struct Case {
     std::uint16_t device;
-    std::vector<std::uint16_t> accepted;
+    Ids accepted;  // of the device's entry; the other entry accepts 0x8410
     bool fits;
+    std::int32_t deviceId = 0x0102;  // -1: the hardware check is asked for by itself
   };
   for (const Case& row : {
            Case{0x82E0, {0x82E0}, true}, {0x82E5, {0x82E0}, false}, {0x82EF, {0x82E0}, true},
            {0xF2E0, {0x82E0}, true},     {0x8FE0, {0x82E0}, true},  {0x82F0, {0x82E0}, true},
            {0xFFFF, {0x1234}, true},     {0x82E0, {0x82EF}, false}, {0x82EF, {0x82EF}, true},
            {0x82E0, {0x1111, 0x82E0, 0x2222}, true}, {0x82E0, {0x82E1, 0x92E0}, false}, {0x82E0, {}, false},
-           {0x82E0, {0x82D0, 0x81E0}, false}}) {
+           {0x82E0, {0x82D0, 0x81E0}, false}, {0x8410, {0x8420}, false},
+           {0x8410, {0x8420}, true, -1}, {0x8420, {0x8420}, true, -1}, {0x8430, {0x8420}, false, -1}}) {
     EngineRig rig;
-    rig.Load(ImageWithAdb(7, 0, {{0x0101, {0x9999}}, {0x0102, row.accepted}}));
-    rig.access.deviceId = 0x0102;
+    rig.Load(ImageWithAdb(7, 0, {{0x0101, {0x8410}}, {0x0102, row.accepted}}));
+    rig.engine.SetFlags({.checkIdentity = row.deviceId != -1, .checkHardware = true});
+    rig.access.deviceId = row.deviceId;
     rig.Receive(LowHigh(row.device));
     EXPECT_EQ(rig.Call(&U::CheckHardwareId, StepPhase::Answer), row.fits ? Done : Failed) << row.device;
-    EXPECT_EQ(rig.Count("INFO CheckHardwareIdList: HwList: "), row.accepted.size());
+    const std::size_t others = row.deviceId == -1 ? 1 : 0;
+    EXPECT_EQ(rig.Count("INFO CheckHardwareIdList: HwList: "), row.accepted.size() + others);
   }
 }
 // clang-format on
 
-// Without a device id the hardware may be any that the firmware is for; with one, only that device's.
-TEST(Steps, TheHardwareCheckCanBeAskedForByItself) {
-  struct Case {
-    std::int32_t deviceId;
-    std::uint16_t hardware;
-    StepResult result;
-  };
-  for (const Case& row : {Case{-1, 0x8410, Done}, Case{-1, 0x8420, Done}, Case{-1, 0x8430, Failed},
-                          Case{0x0102, 0x8420, Done}, Case{0x0102, 0x8410, Failed}}) {
-    EngineRig rig;
-    rig.Load(ImageWithAdb(7, 0, {{0x0101, {0x8410}}, {0x0102, {0x8420}}}));
-    rig.engine.SetFlags({.checkIdentity = false, .checkHardware = true});
-    rig.access.deviceId = row.deviceId;
-    rig.Receive(LowHigh(row.hardware));
-    EXPECT_EQ(rig.Call(&U::CheckHardwareId, StepPhase::Answer), row.result)
-        << row.deviceId << " " << row.hardware;
-  }
-}
-
-// A block of the image for each letter; '_' is a blank one.
-FirmwareImage ImageOfBlocks(const std::string& blocks, std::size_t blockSize) {
-  FirmwareImage image{{}, 0x4000};
-  for (const char block : blocks) {
-    image.data.insert(image.data.end(), blockSize,
-                      block == '_' ? std::uint8_t{0xFF} : static_cast<std::uint8_t>(block));
-  }
-  return image;
-}
-
-std::string Positioning(std::uint32_t address) {
+std::string Positioning(std::size_t address) {
   return ScriptedTransport::Text(
       0x133, Bytes{static_cast<std::uint8_t>(address), static_cast<std::uint8_t>(address >> 8),
                    static_cast<std::uint8_t>(address >> 16), 0});
 }
 
 TEST(Writing, SendsTheBlocksInOrderAndLeavesOutBlankOnesAfterTheFirst) {
+  constexpr std::size_t kBlock = 64;
   struct Case {
-    std::string blocks;
-    std::vector<std::uint32_t> written;  // block numbers, in order
-    std::uint32_t total;                 // bytes
+    std::string blocks;                // a letter for the bytes of each; '_' is a blank one
+    std::vector<std::size_t> written;  // block numbers, in order
+    std::uint32_t total;               // bytes
+    std::size_t missing = 0;           // bytes at the end of the last block
   };
   for (const Case& row : {Case{"ABC", {0, 1, 2}, 192},
                           {"A__D", {0, 1, 3}, 128},
                           {"_B", {0, 1}, 64},
                           {"__C", {0, 2}, 64},
                           {"A_C_", {0, 1, 2, 3}, 128},
-                          {"___", {0}, 0}}) {
+                          {"___", {0}, 0},
+                          {"AB", {0, 1}, 64, 28}}) {
     SCOPED_TRACE(row.blocks);
+    Bytes flash;  // as it is afterwards
+    for (const char block : row.blocks) {
+      flash.insert(flash.end(), kBlock, static_cast<std::uint8_t>(block == '_' ? 0xFF : block));
+    }
+    const std::size_t size = flash.size() - row.missing;
+    std::fill(flash.end() - static_cast<std::ptrdiff_t>(row.missing), flash.end(), 0xFF);
     EngineRig rig;
-    rig.Load(ImageOfBlocks(row.blocks, 64));
-    rig.access.blockSize = 64;
+    rig.Load(
+        {Bytes(flash.begin(), flash.end() - static_cast<std::ptrdiff_t>(row.missing)), 0x4000});
+    rig.access.blockSize = kBlock;
     rig.Run({&U::WriteBlock});
     EXPECT_TRUE(rig.engine.Succeeded());
     Texts expected;
-    for (const std::uint32_t block : row.written) {
-      const auto begin =
-          rig.access.selected->data.begin() + static_cast<std::ptrdiff_t>(block) * 64;
-      expected.push_back(Positioning(0x4000 + block * 64));
-      expected.push_back(ScriptedTransport::Text(0x134, Bytes(begin, begin + 64)));
+    for (const std::size_t block : row.written) {
+      expected.push_back(Positioning(0x4000 + block * kBlock));
+      expected.push_back(
+          ScriptedTransport::Text(0x134, std::span(flash).subspan(block * kBlock, kBlock)));
     }
-    const std::size_t size = row.blocks.size() * 64;
-    expected.push_back(Positioning(0x4000 + static_cast<std::uint32_t>(size)));
+    expected.push_back(Positioning(0x4000 + size));
     EXPECT_EQ(rig.device->requests, expected);
     EXPECT_EQ(rig.access.bytesTotal, row.total);
-    EXPECT_EQ(rig.access.bytesDone, row.written.size() * 64);
+    EXPECT_EQ(rig.access.bytesDone, row.written.size() * kBlock);
   }
-}
-
-TEST(Writing, FillsUpAShortLastBlockAndEndsBehindTheImage) {
-  EngineRig rig;
-  rig.Load({Bytes(100, 0x11), 0x4000});
-  rig.access.blockSize = 64;
-  rig.Run({&U::WriteBlock});
-  Bytes last(36, 0x11);
-  last.resize(64, 0xFF);
-  EXPECT_TRUE(rig.engine.Succeeded());
-  EXPECT_EQ(
-      rig.device->requests,
-      (Texts{Positioning(0x4000), ScriptedTransport::Text(0x134, Bytes(64, 0x11)),
-             Positioning(0x4040), ScriptedTransport::Text(0x134, last), Positioning(0x4064)}));
 }
 
 TEST(Writing, AsksAgainForWhatWasLostAndForgetsTheCountAfterAnAnswer) {
   EngineRig rig;
-  rig.Load(ImageOfBlocks("A", 4));
+  rig.Load({Bytes(4, 'A'), 0x4000});
   rig.access.blockSize = 4;
   rig.device->On("0x133", kSilence, kSilence, Answer({}));
   rig.device->On("0x134", kSilence, kSilence, kSilence, kSilence, kSilence, kSilence, Answer({}));
