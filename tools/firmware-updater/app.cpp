@@ -181,6 +181,7 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
   app.footer(Footer());
   AddListCommand(app, machine, exit);
   AddInfoCommand(app, machine, exit);
+  AddCheckDeviceCommand(app, machine, exit);
   AddUpdateCommand(app, machine, exit);
   AddRecoverCommand(app, machine, exit);
   AddInspectCommand(app, machine, exit);

@@ -36,16 +36,6 @@ std::string Listed(const std::set<std::string>& values) {
 
 std::string ProcessorText(std::uint32_t id) { return Hex(id, 6); }
 
-// The image that the engine selects for this processor; null when it selects none.
-const ImageReport* ImageFor(const PackageReport& report, std::uint32_t processorId) {
-  const ImageReport* general = nullptr;
-  for (const ImageReport& image : report.images) {
-    if (image.processorId == processorId) return &image;
-    if (!image.mcuId) general = &image;
-  }
-  return general;
-}
-
 std::string ProcessorsOf(const PackageReport& report) {
   std::set<std::string> names;
   for (const ImageReport& image : report.images) {
@@ -104,6 +94,15 @@ std::optional<Failure> SizeMisfit(const ImageReport& image, const DeviceFacts& d
 }
 
 }  // namespace
+
+const ImageReport* ImageFor(const PackageReport& report, std::uint32_t processorId) {
+  const ImageReport* general = nullptr;
+  for (const ImageReport& image : report.images) {
+    if (image.processorId == processorId) return &image;
+    if (!image.mcuId) general = &image;
+  }
+  return general;
+}
 
 std::optional<Failure> Misfit(const PackageReport& report, const DeviceFacts& device,
                               const UpdateFlags& flags) {

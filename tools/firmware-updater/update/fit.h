@@ -14,6 +14,9 @@ namespace tavo::tool {
 std::optional<Failure> Misfit(const PackageReport& report, const DeviceFacts& device,
                               const UpdateFlags& flags);
 
+// The image that the engine selects for this processor; null when it selects none.
+const ImageReport* ImageFor(const PackageReport& report, std::uint32_t processorId);
+
 // The file is for a device behind this master, or for one that is connected directly; the device on
 // the line is not.
 Failure WrongRoad(const TunnelRoute& fileIsFor);

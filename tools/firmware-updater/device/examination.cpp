@@ -1,0 +1,205 @@
+#include "device/examination.h"
+
+#include <algorithm>
+#include <array>
+
+#include "package/image_blocks.h"
+#include "text/text_format.h"
+#include "transport/frame_codec.h"
+
+namespace tavo::tool {
+namespace {
+
+using std::chrono::milliseconds;
+
+// Longer than an update waits: an answer that is just too late is seen as such.
+constexpr milliseconds kLateAnswer{6000};
+constexpr milliseconds kLateErase{60000};
+constexpr milliseconds kLongestStart{40000};
+constexpr milliseconds kSilence{500};
+
+constexpr std::array<std::uint8_t, 1> kNormalErase{0x01};
+constexpr std::uint32_t kVerifies = 3;  // the first version that knows the request
+constexpr std::uint32_t kTakesTransfers =
+    2;  // the first version that takes a frame in one transfer
+
+Command ForApplication(Command command, std::uint16_t id) {
+  command.id = id;
+  return command;
+}
+
+std::array<std::uint8_t, 4> LittleEndian(std::uint32_t value) {
+  return {static_cast<std::uint8_t>(value), static_cast<std::uint8_t>(value >> 8),
+          static_cast<std::uint8_t>(value >> 16), static_cast<std::uint8_t>(value >> 24)};
+}
+
+// A block that spoils the next one when it is written there too: it clears a bit that has to stay set.
+std::uint32_t BlockToRepeat(const ImageBlocks& blocks, std::uint32_t blockSize) {
+  const auto keeps = [](std::uint8_t byte, std::uint8_t next) { return (~byte & next) == 0; };
+  for (std::uint32_t at = 0; at + blockSize < blocks.ImageSize(); at = blocks.NextToWrite(at)) {
+    if (!std::ranges::equal(blocks.At(at), blocks.At(at + blockSize), keeps)) return at;
+  }
+  return 0;
+}
+
+}  // namespace
+
+const Asked* Findings::Find(std::string_view name) const {
+  const auto found = asked.find(name);
+  return found == asked.end() ? nullptr : &found->second;
+}
+
+std::uint32_t Findings::Value(std::string_view name, std::size_t first, std::size_t size) const {
+  const Asked* const found = Find(name);
+  if (found == nullptr || !found->answer) return 0;
+  std::uint32_t value = 0;
+  for (std::size_t i = size; i-- > 0;) value = value << 8 | found->answer->payload[first + i];
+  return value;
+}
+
+std::uint32_t Findings::Processor() const {
+  const std::uint32_t value = Value("processor", 0, 3);  // its most significant byte comes first
+  return (value & 0xFF) << 16 | (value & 0xFF00) | value >> 16;
+}
+
+bool Findings::Verified(std::string_view name) const {
+  const Asked* const found = Find(name);
+  return found != nullptr && found->answer && found->answer->length >= 8 &&
+         Value(name, 0, 4) == Value(name, 4, 4);
+}
+
+bool Findings::Written() const {
+  const Asked* const end = Find("end-position");
+  return end != nullptr && end->answer && (Find("verified") == nullptr || Verified("verified"));
+}
+
+bool Examination::Ask(std::string_view name, const Command& command, Arguments arguments,
+                      Patience patience) {
+  if (m_stopped()) return false;
+  Asked asked;
+  asked.answer = m_inquiry.Ask(command, arguments, patience);
+  asked.took = m_heard.SinceSent();
+  asked.place = m_place;
+  if (asked.answer || m_heard.count > 0 || patience == Patience::Brief) {
+    // So that bytes beside the answer are counted; blocks are too many to listen after each.
+    if (m_place.empty()) m_transport.DiscardInput();
+  } else {
+    ListenFor(command.bearing == Bearing::Erases ? kLateErase : kLateAnswer);
+    asked.late = m_heard.count > 0;
+    asked.took = m_heard.firstAfter;
+  }
+  asked.heard = m_heard.count;
+  return (m_findings.asked[name] = asked).answer || asked.late;
+}
+
+bool Examination::AskUntilAnswered(std::string_view name, const Command& command) {
+  const milliseconds start = m_platform.MonotonicNow();
+  milliseconds passed{0};
+  bool answered = false;
+  while (!answered && !m_stopped() && passed < kLongestStart) {
+    answered = Ask(name, command, {}, Patience::Brief);
+    m_findings.asked[name].took += passed;
+    passed = m_platform.MonotonicNow() - start;
+  }
+  return answered;
+}
+
+// VERSION with a bit turned over, in the identifier under a right checksum.
+void Examination::SendDamaged(std::string_view name, std::size_t byte) {
+  if (m_stopped()) return;
+  constexpr std::size_t kChecksum = kFrameOverhead - kCrcSize;
+  FrameBuffer frame{};
+  kFrameCodecs[0].Encode({.id = kCheckVersion.id}, frame);
+  frame[byte] ^= 1;
+  if (byte < kChecksum) frame[kChecksum] = Crc8({frame.data(), kChecksum});
+  m_transport.DiscardLeftovers();
+  if (!m_transport.SendRawData(frame.data(), kFrameOverhead)) return;
+  ListenFor(kSilence);
+  m_findings.asked[name].heard = m_heard.count;
+}
+
+void Examination::ListenFor(milliseconds bound) {
+  const milliseconds start = m_platform.MonotonicNow();
+  while (m_heard.count == 0 && m_platform.MonotonicNow() - start < bound)
+    m_transport.DiscardInput();
+}
+
+void Examination::AskApplication() {
+  Ask("sign-of-life", kWaitForApplication);
+  if (!Ask("device-id", kRequestDeviceId)) Ask("device-id", kRequestDeviceIdAdmin);
+  if (!Ask("software-id", kRequestSoftwareId) &&
+      Ask("software-id", ForApplication(kRequestSoftwareId, kAlternativeApplicationRequest))) {
+    m_applicationId = kAlternativeApplicationRequest;
+  }
+  Ask("application-silent", kCheckVersion, {}, Patience::Brief);
+  Ask("call", ForApplication(kCallBootloader, m_applicationId));
+}
+
+void Examination::AskBootloader(bool starting, bool usb) {
+  if (starting && !AskUntilAnswered("bootloader-start", kCheckVersion)) return;
+  if (!Ask("version", kCheckVersion)) return;
+  Ask("processor", kRequestProcessorId);
+  Ask("application-size", kCheckApplicationSize);
+  Ask("hardware-id", kCheckHardwareId);
+  if (m_findings.Version() >= kVerifies) Ask("checksums", kVerify);
+
+  const auto askBriefly = [this](std::string_view name, const Command& command) {
+    Ask(name, command, {}, Patience::Brief);
+  };
+  askBriefly("silent-to-alive", kWaitForApplication);
+  askBriefly("silent-to-device-id", kRequestDeviceId);
+  askBriefly("silent-to-software-id", ForApplication(kRequestSoftwareId, m_applicationId));
+  askBriefly("silent-to-call", ForApplication(kCallBootloader, m_applicationId));
+
+  m_transport.SendRawData(kEscapeSequence.data(), std::int32_t{kEscapeSequence.size()});
+  Ask("escape-bytes", kCheckVersion);
+  SendDamaged("wrong-checksum", kFrameOverhead - kCrcSize);
+  SendDamaged("wrong-parity", kHeaderSize);
+  Ask("after-damage", kCheckVersion);
+  if (!usb || m_findings.Version() < kTakesTransfers) return;
+  m_transport.SetSendMode(SendMode::Buffer);
+  if (!Ask("one-transfer", kCheckVersion)) m_transport.SetSendMode(SendMode::Byte);
+}
+
+void Examination::Write(const FirmwareImage& image) {
+  const bool verifies = m_findings.Version() >= kVerifies;
+  if (!Ask("erase", kEraseApplication, kNormalErase)) return;
+  if (verifies) Ask("erased-bytes", kVerify);
+  Ask("start-erased", kStartApplication);
+  if (!AskUntilAnswered("still-in-bootloader", kCheckVersion)) return;
+  if (!WriteBlocks(image, true) || !verifies) return;
+  Ask("verified", kVerify);
+  if (m_findings.Verified("verified")) return;
+  // Either the flash is wrong or the place of the repeated block: this shows which.
+  m_findings.asked["verified-with-repeat"] = m_findings.asked["verified"];
+  if (!Ask("erase", kEraseApplication, kNormalErase) || !WriteBlocks(image, false)) return;
+  Ask("verified", kVerify);
+}
+
+bool Examination::WriteBlocks(const FirmwareImage& image, bool repeatOne) {
+  const ImageBlocks blocks(image.data, m_findings.BlockSize());
+  const std::uint32_t repeated = BlockToRepeat(blocks, m_findings.BlockSize());
+  m_findings.blankBytes = image.data.size();
+  for (std::uint32_t at = 0; at < image.data.size(); at = blocks.NextToWrite(at)) {
+    if (!WriteOne(image.startAddress + at, blocks.At(at), repeatOne && at == repeated))
+      return false;
+    m_findings.blankBytes -= blocks.At(at).size();
+  }
+  m_place.clear();
+  const auto end = static_cast<std::uint32_t>(image.startAddress + image.data.size());
+  return Ask("end-position", kPositionFlash, LittleEndian(end));
+}
+
+bool Examination::WriteOne(std::uint32_t address, Arguments block, bool repeat) {
+  m_place = " at " + Hex(address, 8);
+  return Ask("position", kPositionFlash, LittleEndian(address)) &&
+         Ask("write", kWriteFlash, block) && (!repeat || Ask("repeated-write", kWriteFlash, block));
+}
+
+void Examination::StartApplication(bool written) {
+  m_stopped = [] { return false; };
+  Ask("start", written ? kStartApplication : kLeaveBootloader);
+  AskUntilAnswered("application-start", kWaitForApplication);
+}
+
+}  // namespace tavo::tool
