@@ -245,27 +245,12 @@ class SweptUpdate : private TransportObserver {
     }
   }
 
-  bool Holds(DeviceCondition claim) {
-    const bool unchanged = Flash() == m_before;
-    switch (claim) {
-      case DeviceCondition::Untouched: return unchanged;
-      case DeviceCondition::OldApplicationRuns: return unchanged && Runs();
-      case DeviceCondition::UpdatedAndVerified:
-      case DeviceCondition::UpdatedNotVerified:
-      case DeviceCondition::RunsIncomplete: return m_station.FlashHoldsFirmware() && Runs();
-      case DeviceCondition::BootloaderAsFound: return !Runs() && unchanged;
-      case DeviceCondition::BootloaderFlashIntact: return !Runs() && Intact();
-      case DeviceCondition::BootloaderFlashErased: return !Runs() && !Intact();
-      case DeviceCondition::Unknown: return true;
-    }
-    return false;
-  }
-
   void CheckEvidence() {
     const DeviceEvidence evidence = m_station.engine.DeviceState();
     m_outcome.unknown = evidence.device == DeviceCondition::Unknown;
-    Promise(Holds(evidence.device), "the reported state is true (" +
-                                        std::to_string(static_cast<int>(evidence.device)) + ")");
+    Promise(
+        m_station.Holds(evidence.device, m_before),
+        "the reported state is true (" + std::to_string(static_cast<int>(evidence.device)) + ")");
     const bool open = m_station.device.OpenTunnel() != 0;
     Promise(evidence.tunnel != TunnelCondition::Closed || !open, "a closed tunnel is closed");
     Promise(evidence.tunnel != TunnelCondition::LeftOpen || open, "an open tunnel is open",

@@ -64,6 +64,25 @@ class Station {
     return device.State(SimNow(platform)) == tavosim::DeviceState::Application;
   }
 
+  // Whether a claim is true, if the flash held `before` when the device was found.
+  bool Holds(DeviceCondition claim, const std::vector<std::uint8_t>& before) {
+    const bool unchanged = device.ApplicationFlash().Bytes() == before;
+    const bool intact = device.ApplicationFlash().Intact();
+    const bool runs = ApplicationRuns();
+    switch (claim) {
+      case DeviceCondition::Untouched: return unchanged;
+      case DeviceCondition::OldApplicationRuns: return unchanged && runs;
+      case DeviceCondition::UpdatedAndVerified:
+      case DeviceCondition::UpdatedNotVerified:
+      case DeviceCondition::RunsIncomplete: return FlashHoldsFirmware() && runs;
+      case DeviceCondition::BootloaderAsFound: return unchanged && !runs;
+      case DeviceCondition::BootloaderFlashIntact: return intact && !runs;
+      case DeviceCondition::BootloaderFlashErased: return !intact && !runs;
+      case DeviceCondition::Unknown: return true;
+    }
+    return false;
+  }
+
   // Every request since the last ForgetRequests, raw escape bytes included.
   Lines Requests() const {
     Lines requests;

@@ -6,11 +6,15 @@
 #pragma once
 
 #include <signal.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <iomanip>
 #include <sstream>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "app.h"
@@ -22,6 +26,12 @@
 namespace tavo::tool {
 
 inline void PrintTo(const Json& json, std::ostream* out) { *out << json.Text(2); }
+// A text without its quotation marks, or any other value.
+inline std::string Plain(const Json& json) {
+  std::string text = json.Text();
+  std::erase(text, '"');
+  return text;
+}
 inline void PrintTo(ExitCode code, std::ostream* out) { *out << "exit " << static_cast<int>(code); }
 
 class CommandRun {
@@ -31,7 +41,7 @@ class CommandRun {
 
   // Blanks divide the words; "" is an empty one. In a word "@" stands for the folder.
   ExitCode operator()(const std::string& line) {
-    m_out.str({});
+    m_text.str({});
     m_err.str({});
     std::vector<std::string> words{"firmware-updater"};
     std::istringstream stream(line);
@@ -49,7 +59,17 @@ class CommandRun {
     return ExitCode{exit};
   }
 
-  std::string Out() const { return m_out.str(); }
+  // Sends a signal to this process. True as soon as the tool has said something, false if it does not.
+  bool Signal(int number) const {
+    const int before = m_text.flushes;
+    kill(getpid(), number);
+    for (int tries = 0; tries < 200 && m_text.flushes == before; ++tries) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return m_text.flushes != before;
+  }
+
+  std::string Out() const { return m_text.str(); }
   std::string Err() const { return m_err.str(); }
   bool Says(const std::string& text) const { return Out().find(text) != std::string::npos; }
   bool Complains(const std::string& text) const { return Err().find(text) != std::string::npos; }
@@ -70,7 +90,15 @@ class CommandRun {
   std::string Read(const std::string& name) const { return test::FileText(Path(name)); }
 
  private:
-  std::ostringstream m_out{}, m_err{};
+  // Another thread may see that something was written.
+  struct CountedText : std::stringbuf {
+    int sync() override { return ++flushes, 0; }
+    std::atomic<int> flushes = 0;
+  };
+
+  CountedText m_text{};
+  std::ostream m_out{&m_text};
+  std::ostringstream m_err{};
 
  public:
   Machine machine;

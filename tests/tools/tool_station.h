@@ -6,6 +6,7 @@
 #include "tests/support/fake_libusb.h"
 #include "tests/support/station.h"
 #include "tests/tools/command_run.h"
+#include "update/closing_state.h"
 
 namespace tavo::tool {
 
@@ -29,11 +30,28 @@ struct ToolStation : test::Station {
   bool UpdatedAndRuns() { return FlashHoldsFirmware() && ApplicationRuns(); }
   const std::vector<std::uint8_t>& Flash() const { return device.ApplicationFlash().Bytes(); }
 
+  // Calls `act` when the device has received the request for the `number`th time and will answer.
+  void AtRequest(const std::string& request, int number, std::function<void()> act) {
+    usb.failReceive = [=, this, seen = std::size_t{0}]() mutable {
+      for (; seen < device.Journal().size(); ++seen) {
+        if (Describe(device.Journal()[seen]).starts_with(request) && --number == 0) act();
+      }
+      return false;
+    };
+  }
+
+  // Whether the device is in the state of this name, if its flash held `before` when it was found.
+  bool IsIn(std::string_view state, const std::vector<std::uint8_t>& before) {
+    for (int condition = 0; condition <= static_cast<int>(DeviceCondition::Unknown); ++condition) {
+      const DeviceCondition claim{condition};
+      if (NameOf(claim) == state) return Holds(claim, before);
+    }
+    return false;
+  }
+
   // From now on firmware.hex is that of another family.
-  void TakeFileOf(const char* family) {
-    run.Write(
-        "firmware.hex",
-        tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(*tavosim::FindFamily(family)))));
+  void TakeFileOf(const tavosim::Family& family) {
+    run.Write("firmware.hex", tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(family))));
   }
 
   CommandRun run{platform, usb, d2xx, platform.Folder()};

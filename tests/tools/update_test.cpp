@@ -6,10 +6,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <csignal>
 #include <cstdlib>
 
 #include "package/adb_view.h"
-#include "tests/tools/tool_station.h"
+#include "tests/tools/situation.h"
 #include "update/closing_state.h"
 #include "update/wire_record.h"
 
@@ -18,6 +19,7 @@ namespace {
 
 using enum DeviceCondition;
 using enum ExitCode;
+using namespace std::chrono_literals;
 using tavosim::DeviceState;
 using test::Lines;
 
@@ -80,46 +82,6 @@ TEST(UpdateCommand, ATroubleIsToldAsItIsAndTheRecommendedCommandEndsIt) {
     EXPECT_TRUE(station.UpdatedAndRuns());
     EXPECT_EQ(station.device.OpenTunnel(), 0);
     EXPECT_EQ(station.device.Label().has_value(), station.device.Options().family.adbType == 5);
-  }
-}
-
-TEST(UpdateCommand, ADryRunWritesNothingAndLeavesTheApplicationRunning) {
-  for (const char* family : {"plain", "tunnel", "labelled"}) {
-    ToolStation station(Options(family));
-    const std::vector<std::uint8_t> before = station.Flash();
-    EXPECT_EQ(station.Update(" --dry-run"), Done) << station.run.Err();
-    EXPECT_EQ(station.Flash(), before);
-    EXPECT_TRUE(station.ApplicationRuns());
-    EXPECT_TRUE(station.run.Says("nothing was written")) << station.run.Out();
-    for (const std::string& request : station.Requests()) {
-      for (const char* changing : {"0x130", "0x133", "0x134"}) {
-        EXPECT_FALSE(request.starts_with(changing));
-      }
-    }
-  }
-}
-
-TEST(UpdateCommand, AfterADryRunOfADeviceWithoutAnApplicationTheNamedCommandGetsItGoing) {
-  tavosim::DeviceOptions options = Options("plain");
-  options.applicationIntact = false;
-  options.start = DeviceState::Bootloader;
-  ToolStation station(options);
-  const std::vector<std::uint8_t> before = station.Flash();
-  EXPECT_EQ(station.Update(" --dry-run"), FailedInBootloader);
-  EXPECT_EQ(station.Flash(), before);
-  const std::string next = station.run.Recommended();
-  EXPECT_EQ(station.run(next + " --log @tool.log"), Done) << next;
-  EXPECT_TRUE(station.UpdatedAndRuns());
-}
-
-TEST(UpdateCommand, ATunnelFoundOpenIsClosedAndTheUpdateWorksAtOnce) {
-  for (const std::uint16_t open : {std::uint16_t{0x0401}, std::uint16_t{0x0402}}) {
-    tavosim::DeviceOptions options = Options("tunnel");
-    options.openTunnel = open;
-    ToolStation station(options);
-    EXPECT_EQ(station.Update(), Done) << station.run.Out() << station.run.Err();
-    EXPECT_TRUE(station.UpdatedAndRuns());
-    EXPECT_EQ(station.device.OpenTunnel(), 0);
   }
 }
 
@@ -202,6 +164,54 @@ TEST(UpdateCommand, AFullDiskIsReportedAtOnceAndAtTheEnd) {
   }
 }
 
+// The record of a stopped update can be followed too.
+TEST(UpdateCommand, ASignalStopsItBeforeTheNextRequestUnlessItIsIgnored) {
+  const struct {
+    const char* family;
+    const char* request;
+    int number;
+    int signal;
+    const char* says;  // empty: the signal changes nothing
+  } kRows[] = {
+      {"plain", "0x100 BB 0A", 1, SIGINT, "nothing has been written yet"},
+      {"plain", "0x130", 1, SIGTERM, "the application is erased or partly written"},
+      {"tunnel", "0x134", 9, SIGHUP, "The tunnel to it is still open"},
+      {"plain", "0x136", 1, SIGINT, "the firmware is completely written"},
+      {"labelled", "0x100 A0", 1, SIGINT, "its label may not be set"},
+      {"plain", "0x134", 9, SIGHUP, ""},
+      {"plain", "0x134", 9, SIGPIPE, ""},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(std::string(row.family) + " " + row.request);
+    const bool stops = *row.says != '\0';
+    std::signal(SIGHUP, stops ? SIG_DFL : SIG_IGN);
+    std::signal(SIGPIPE, SIG_DFL);
+    ToolStation station(Options(row.family));
+    const std::vector<std::uint8_t> before = station.Flash();
+    station.AtRequest(row.request, row.number,
+                      [&] { EXPECT_EQ(station.run.Signal(row.signal), stops); });
+    EXPECT_EQ(station.Update(" --json --record @record.ndjson"), stops ? Stopped : Done);
+    EXPECT_TRUE(station.run.Says(row.says)) << station.run.Out();
+    const Json last = Json::Parse(station.run.LastLine());
+    EXPECT_EQ(last["ending"], stops ? "stopped" : "succeeded");
+    EXPECT_TRUE(station.IsIn(Plain(last["state"]["device"]), before)) << station.run.LastLine();
+    EXPECT_EQ(station.run("replay @record.ndjson"), Done) << station.run.Err();
+  }
+}
+
+TEST(UpdateCommandDeathTest, ASecondSignalEndsItAtOnce) {
+  for (const auto& [options, next] : {std::pair{"", "recover"}, {" --dry-run", "update"}}) {
+    ToolStation station(Options("plain"));
+    station.AtRequest("0x122", 1, [&] {
+      station.run.Signal(SIGINT);
+      station.run.Signal(SIGINT);
+    });
+    EXPECT_EXIT(
+        station.Update(options), testing::ExitedWithCode(6),
+        std::string("Ended at once.* firmware-updater ") + next + " .*firmware.hex --usb 1-4-2");
+  }
+}
+
 // A line that reaches the edge of the terminal goes on in the next one, where it cannot be redrawn.
 TEST(UpdateCommand, OnATerminalTheLineInHandIsNarrowerThanTheTerminal) {
   int (*const widths[])() = {[] { return 1; }, [] { return 20; }, [] { return 45; },
@@ -227,78 +237,54 @@ TEST(UpdateCommand, OnATerminalTheLineInHandIsNarrowerThanTheTerminal) {
   }
 }
 
-TEST(RecoverCommand, RevivesADeviceLeftErasedAndGivesItItsLabel) {
-  for (const tavosim::Family& family : tavosim::kFamilies) {
-    SCOPED_TRACE(family.name);
-    tavosim::DeviceOptions options = tavosim::OptionsFor(family);
-    options.applicationIntact = false;
-    options.start = DeviceState::Bootloader;
-    ToolStation station(options);
-    EXPECT_EQ(station.Recover(), Done) << station.run.Out() << station.run.Err();
-    EXPECT_TRUE(station.UpdatedAndRuns());
-    EXPECT_EQ(station.device.Label().has_value(), family.adbType == 5);
-  }
-}
-
-// Every way in which a device may be found, met by the right file and by wrong ones: one without an
-// entry for the device, one for other hardware. What is said at the end is true, and a wrong firmware
-// is written over nothing.
-TEST(UpdateCommand, SaysTheTruthHoweverTheDeviceIsFoundAndWhicheverFileItGets) {
-  struct Found {
-    const char* how;
-    DeviceState start;
-    bool intact;
-  };
-  const Found founds[] = {{"application", DeviceState::Application, true},
-                          {"bootloader", DeviceState::Bootloader, true},
-                          {"erased", DeviceState::Bootloader, false}};
-  for (const Found& found : founds) {
-    for (const bool recover : {false, true}) {
-      for (const char* wrong : {static_cast<const char*>(nullptr), "labelled", "plain"}) {
-        SCOPED_TRACE(std::string(found.how) + (recover ? " recover " : " update ") +
-                     (wrong ? wrong : "right"));
-        tavosim::DeviceOptions options = Options("plain");
-        options.family.hardwareId = 0x8990;
-        options.start = found.start;
-        options.applicationIntact = found.intact;
-        ToolStation station(options);
-        const std::vector<std::uint8_t> before = station.Flash();
-        if (wrong) station.TakeFileOf(wrong);
-        const ExitCode exit = recover ? station.Recover(" --usb 1-4-2") : station.Update();
-        const bool revives = found.intact || recover;
-        EXPECT_EQ(exit == Done, !wrong && revives) << station.run.Out() << station.run.Err();
-        if (exit == Done) {
-          EXPECT_TRUE(station.UpdatedAndRuns());
-          continue;
-        }
-        EXPECT_EQ(station.Flash(), before);
-        EXPECT_EQ(exit, station.ApplicationRuns() ? FailedRuns : FailedInBootloader);
-        if (!wrong) {
-          const std::string next = station.run.Recommended();
-          EXPECT_EQ(station.run(next + " --log @tool.log"), Done) << next;
-          EXPECT_TRUE(station.UpdatedAndRuns());
-        } else if (revives) {
-          EXPECT_TRUE(station.run.Err().starts_with("firmware-updater: hardware-id: "))
-              << station.run.Err();
-          EXPECT_EQ(station.run.LastLine().find("firmware.hex"), std::string::npos)
-              << "the wrong file is not recommended again";
-        }
+// With the file for the device and, as far as that matters, with one for other hardware or another road.
+TEST(UpdateCommand, SaysTheTruthInEverySituationAndItsCommandsEndWell) {
+  tavosim::Family otherHardware = *tavosim::FindFamily("plain");
+  otherHardware.hardwareId = 0x8990;
+  tavosim::Family behindMaster = *tavosim::FindFamily("tunnel");
+  behindMaster.hardwareId = 0x8151;
+  behindMaster.adbType = 5;
+  std::vector<Situation> situations;
+  for (const tavosim::Family& device : {otherHardware, behindMaster}) {
+    for (const Condition& condition : kConditions) {
+      for (const char* const command : kCommands) {
+        situations.push_back({device, device, kLines[0], condition, command});
+        situations.push_back(
+            {device, *tavosim::FindFamily(device.name), kLines[0], condition, command});
       }
     }
   }
+  for (const tavosim::Family& family : tavosim::kFamilies) {
+    for (const Condition& erased : {kConditions[3], kConditions[4]}) {
+      situations.push_back({family, family, kLines[0], erased, "recover @firmware.hex"});
+    }
+  }
+  for (const Situation& situation : situations) {
+    Trial trial(situation);
+    EXPECT_EQ(trial.Run(), Lines()) << situation.device.name << ", " << situation.condition.name
+                                    << ", " << situation.command << ": " << trial.Story();
+  }
 }
 
-TEST(RecoverCommand, DoesNotWriteThroughATunnelThatWasLeftOpen) {
-  tavosim::DeviceOptions options = Options("tunnel");
-  options.family.processorId = 0x1E9748;
-  options.applicationIntact = false;
-  options.openTunnel = 0x0401;
-  ToolStation station(options);
-  const std::vector<std::uint8_t> before = station.Flash();
-  station.TakeFileOf("plain");
-  EXPECT_NE(station.Recover(" --usb 1-4-2"), Done);
-  EXPECT_EQ(station.Flash(), before);
-  EXPECT_EQ(station.device.OpenTunnel(), 0);
+TEST(RecoverCommand, DoesNotWriteThroughATunnelThatStaysOpen) {
+  for (const bool stays : {false, true}) {
+    tavosim::DeviceOptions options = Options("tunnel");
+    options.family.processorId = 0x1E9748;
+    options.applicationIntact = false;
+    options.openTunnel = 0x0401;
+    ToolStation station(options);
+    const std::vector<std::uint8_t> before = station.Flash();
+    station.TakeFileOf(*tavosim::FindFamily("plain"));
+    // The request to close it, for which the tool waits 5 s, cannot be sent.
+    station.usb.failSend = [&] {
+      return stays && station.Requests().size() == 3 && station.platform.MonotonicNow() < 4s;
+    };
+    EXPECT_EQ(station.Recover(" --usb 1-4-2"), FailedUnknown);
+    EXPECT_EQ(station.run.Complains("a tunnel to another device is open"), stays)
+        << station.run.Err();
+    EXPECT_EQ(station.Flash(), before);
+    EXPECT_EQ(station.device.OpenTunnel() != 0, stays);
+  }
 }
 
 TEST(Replay, FollowsWhatWasRecordedAndNoticesWhatWasNot) {

@@ -302,7 +302,11 @@ class Work {
     m_engine.Start(run, m_task.file);
     m_recorder.RunEnds(OutcomeOf(m_engine));
     m_course.End(LastPhaseEnd());
-    const DeviceEvidence evidence = m_engine.DeviceState();
+    DeviceEvidence evidence = m_engine.DeviceState();
+    // Behind a tunnel the id is the first question; without it, no other shows what runs there.
+    if (m_written && m_course.FailedForIdentity()) {
+      evidence.device = DeviceCondition::OldApplicationRuns;
+    }
     m_evidence = {Following(m_evidence.device, evidence.device), evidence.tunnel};
     m_written = RunsNewFirmware(m_evidence.device);
     if (!m_before) m_before = m_engine.Facts();
