@@ -50,6 +50,7 @@ struct ToolStation : test::Station {
   }
 
   // From now on firmware.hex is that of another family.
+  void TakeFileOf(const char* family) { TakeFileOf(*tavosim::FindFamily(family)); }
   void TakeFileOf(const tavosim::Family& family) {
     run.Write("firmware.hex", tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(family))));
   }

@@ -40,49 +40,103 @@ TEST(UpdateCommand, UpdatesEveryFamilyAndSaysSo) {
   }
 }
 
-// One thing that goes wrong, and what the tool must say of it.
+// One thing that goes wrong, and what the tool must say of it. A recovery begins with an erased device.
 struct Trouble {
   const char* family;
+  const char* command;
   const char* fault;
   ExitCode exit;
   DeviceCondition condition;
 };
 
 const Trouble kTroubles[] = {
-    {"plain", "lose:id=0x120:*", FailedRuns, OldApplicationRuns},
-    {"plain", "lose:id=0x130:1", FailedUnknown, Unknown},
-    {"plain", "lose:id=0x136:*", FailedRuns, UpdatedNotVerified},
-    {"plain", "lose:id=0x132:*", FailedRuns, OldApplicationRuns},
-    {"plain", "lose:id=0x134:*", FailedInBootloader, BootloaderFlashErased},
-    {"plain", "powercut:id=0x134:9", FailedInBootloader, BootloaderFlashErased},
-    {"labelled", "lose:id=0x12F:2", FailedRuns, RunsIncomplete},
-    {"tunnel", "lose:id=0x134:*", FailedInBootloader, BootloaderFlashErased},
-    {"drive", "lose:id=0x130:1", FailedUnknown, Unknown},
+    {"plain", "update", "lose:id=0x120:*", FailedRuns, OldApplicationRuns},
+    {"plain", "update", "lose:id=0x130:1", FailedUnknown, Unknown},
+    {"plain", "update", "lose:id=0x136:*", FailedRuns, UpdatedNotVerified},
+    {"plain", "update", "lose:id=0x132:*", FailedRuns, OldApplicationRuns},
+    {"plain", "update", "lose:id=0x134:*", FailedInBootloader, BootloaderFlashErased},
+    {"plain", "update", "powercut:id=0x134:9", FailedInBootloader, BootloaderFlashErased},
+    {"labelled", "update", "lose:id=0x12F:2", FailedRuns, RunsIncomplete},
+    {"tunnel", "update", "lose:id=0x134:*", FailedInBootloader, BootloaderFlashErased},
+    {"drive", "update", "lose:id=0x130:1", FailedUnknown, Unknown},
+    {"plain", "recover", "lose:id=0x134:*", FailedInBootloader, BootloaderFlashErased},
+    // The second run, which sets the label, fails.
+    {"labelled", "recover", "lose:id=0x121:3+", FailedRuns, RunsIncomplete},
+    {"labelled", "recover", "lose:260+", FailedUnknown, Unknown},
 };
 
 TEST(UpdateCommand, ATroubleIsToldAsItIsAndTheRecommendedCommandEndsIt) {
   for (const Trouble& trouble : kTroubles) {
     SCOPED_TRACE(std::string(trouble.family) + " " + trouble.fault);
-    ToolStation station(Options(trouble.family), false, {trouble.fault});
-    EXPECT_EQ(station.Update(), trouble.exit) << station.run.Out() << station.run.Err();
+    tavosim::DeviceOptions options = Options(trouble.family);
+    options.applicationIntact = trouble.command == std::string("update");
+    ToolStation station(options, false, {trouble.fault});
+    const std::vector<std::uint8_t> before = station.Flash();
+    const std::string arguments = " @firmware.hex --usb 1-4-2 --log @tool.log --extended-erase";
+    EXPECT_EQ(station.run(trouble.command + arguments), trouble.exit)
+        << station.run.Out() << station.run.Err();
     EXPECT_TRUE(station.run.Err().starts_with("firmware-updater: timeout: ")) << station.run.Err();
     EXPECT_TRUE(station.run.Complains("\nhint: "));
     EXPECT_TRUE(station.run.LastLine().starts_with(SentenceOf(trouble.condition)))
         << station.run.LastLine();
-    if (trouble.condition != Unknown) {
-      EXPECT_EQ(station.ApplicationRuns(), trouble.exit == FailedRuns);
-      const bool isNew =
-          trouble.condition == UpdatedNotVerified || trouble.condition == RunsIncomplete;
-      EXPECT_EQ(station.FlashHoldsFirmware(), isNew);
-    }
+    EXPECT_TRUE(station.Holds(trouble.condition, before));
 
     station.device.ClearFaults();
     const std::string next = station.run.Recommended();
+    EXPECT_TRUE(next.ends_with(" --extended-erase")) << next;
     EXPECT_EQ(station.run(next + " --log @tool.log"), Done) << next << "\n" << station.run.Err();
     EXPECT_TRUE(station.UpdatedAndRuns());
     EXPECT_EQ(station.device.OpenTunnel(), 0);
     EXPECT_EQ(station.device.Label().has_value(), station.device.Options().family.adbType == 5);
   }
+}
+
+// A device that differs from the one that the file is for.
+TEST(UpdateCommand, AFailureNamesItsCauseAndNotItsConsequence) {
+  const struct {
+    void (*change)(tavosim::Family& family);
+    const char* fault;
+    const char* options;
+    const char* says;
+  } kRows[] = {
+      {[](auto& family) { family.hardwareId = 0x8990; }, "lose:id=0x100:5+", "",
+       "hardware-id: the file is for hardware 8.4.1.0, the device is 8.9.9.0"},
+      {[](auto& family) { family.hardwareId = 0x8990; }, "lose:500", " --skip-identity-check", ""},
+      {[](auto& family) { family.applicationKiB = 32; }, "lose:500", "",
+       "application-size: the firmware has 16384 bytes, the device takes exactly 32768"},
+      {[](auto& family) { family.processorId = 0x1E9842; }, "lose:500", "",
+       "firmware: the file is for processor 0x1E9748, the device has 0x1E9842"},
+      {[](auto& family) { family.bootloaderVersion = 0; }, "lose:500", "",
+       "bootloader-version: The bootloader is incompatible."},
+  };
+  for (const bool inBootloader : {false, true}) {
+    for (const auto& row : kRows) {
+      tavosim::DeviceOptions options = Options("plain");
+      row.change(options.family);
+      options.start = inBootloader ? DeviceState::Bootloader : DeviceState::Application;
+      ToolStation station(options, false, {row.fault});
+      station.TakeFileOf("plain");
+      const std::string command = inBootloader ? "recover" : "update";
+      const ExitCode exit = station.run(command + " @firmware.hex --log @tool.log" + row.options);
+      EXPECT_EQ(exit == Done, *row.says == '\0') << station.run.Err();
+      EXPECT_TRUE(station.run.Complains(row.says)) << row.says << station.run.Err();
+    }
+  }
+  ToolStation station(Options("plain"));
+  station.usb.failSend = [&] {
+    const Lines requests = station.Requests();
+    return !requests.empty() && requests.back() == "0x132";
+  };
+  EXPECT_EQ(station.Update(), FailedUnknown);
+  EXPECT_TRUE(station.run.Complains("hardware-id: A request could not be sent"))
+      << station.run.Err();
+}
+
+TEST(ClosingState, HoldsForSeveralRunsAndAnyFileName) {
+  EXPECT_EQ(Following(UpdatedAndVerified, BootloaderAsFound), BootloaderFlashIntact);
+  EXPECT_EQ(Following(BootloaderFlashErased, BootloaderAsFound), BootloaderAsFound);
+  EXPECT_EQ(CommandLine({Purpose::Update, "-x.hex", {TransportKind::Usb, "1"}, {}}),
+            "firmware-updater update ./-x.hex --usb 1");
 }
 
 TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDeviceIsTaken) {
@@ -274,7 +328,7 @@ TEST(RecoverCommand, DoesNotWriteThroughATunnelThatStaysOpen) {
     options.openTunnel = 0x0401;
     ToolStation station(options);
     const std::vector<std::uint8_t> before = station.Flash();
-    station.TakeFileOf(*tavosim::FindFamily("plain"));
+    station.TakeFileOf("plain");
     // The request to close it, for which the tool waits 5 s, cannot be sent.
     station.usb.failSend = [&] {
       return stays && station.Requests().size() == 3 && station.platform.MonotonicNow() < 4s;
@@ -361,24 +415,49 @@ TEST(Replay, EveryKeptRecordIsFollowed) {
   EXPECT_GT(records, 0);
 }
 
+// A recovery of two runs is one record.
 TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
-  ToolStation station(Options("plain"), false, {"lose:id=0x134:3"});
-  EXPECT_EQ(station.Update(" --json --tag unit=4711"), Done) << station.run.Out();
+  tavosim::DeviceOptions options = Options("labelled");
+  options.applicationIntact = false;
+  ToolStation station(options, false, {"lose:id=0x134:3"});
+  const auto now = [] {
+    const std::time_t time = std::time(nullptr);
+    std::ostringstream text;
+    text << std::put_time(std::gmtime(&time), "%FT%TZ");
+    return text.str();
+  };
+  const std::string begin = now();
+  EXPECT_EQ(station.Recover(" --json --tag unit=4711"), Done) << station.run.Out();
   EXPECT_EQ(station.run.Err(), "");
+  const Lines lines = test::LinesOf(station.run.Out());
+  EXPECT_EQ(std::ranges::adjacent_find(lines), lines.end()) << "no line repeats the one before";
+  const auto count = [&](const char* text) {
+    return std::ranges::count_if(lines,
+                                 [=](auto& line) { return line.find(text) != std::string::npos; });
+  };
+  EXPECT_EQ(count("\"state\":\"begins\""), 13);
+  EXPECT_EQ(count("\"state\":\"ok\""), 13);
   const Json last = Json::Parse(station.run.LastLine());
-  EXPECT_EQ(last["event"], "result");
-  EXPECT_EQ(last["ending"], "succeeded");
+  const Json::Object expected = {{"event", "result"}, {"ending", "succeeded"}, {"retries", 2}};
+  for (const auto& [name, value] : expected) EXPECT_EQ(last[name], value) << name;
   EXPECT_EQ(last["state"]["device"], "updated-and-verified");
-  EXPECT_EQ(last["retries"], 1);
+  EXPECT_EQ(last["flags"]["skipIdentityCheck"], false);
   EXPECT_EQ(last["tags"]["unit"], "4711");
   EXPECT_EQ(last["bytes"]["written"], last["bytes"]["due"]);
+  EXPECT_EQ(last["bytes"]["due"], 2 * 13312);
   EXPECT_FALSE(last["verification"]["expected"].IsNull());
   EXPECT_EQ(last["verification"]["calculated"], last["verification"]["expected"]);
-  EXPECT_EQ(last["before"]["deviceId"], 0x0101);
-  EXPECT_EQ(last["before"]["hardwareId"], 0x8410);
+  EXPECT_TRUE(last["before"]["deviceId"].IsNull()) << "it was in its bootloader";
+  EXPECT_EQ(last["before"]["hardwareId"], 0x8430);
   EXPECT_EQ(last["before"]["bootloaderVersion"], 3);
-  EXPECT_EQ(last["after"]["softwareId"], 0x1234);
+  EXPECT_EQ(last["after"]["softwareId"], 0x5678);
+  EXPECT_EQ(last["after"]["deviceId"], 0x0503);
   EXPECT_EQ(last["sha256"].Text().size(), 66U);
+  EXPECT_FALSE(last["durations"]["write"].IsNull());
+  EXPECT_LE(begin, Plain(last["begin"]));
+  EXPECT_LE(Plain(last["end"]), now());
+
+  EXPECT_EQ(count("\"written\":128,\"due\":13312}"), 2) << "written and due of the first block";
 
   EXPECT_EQ(station.run("update none.hex --json"), BadFile);
   EXPECT_EQ(Json::Parse(station.run.Out())["failure"]["name"], "bad-file");
