@@ -1,6 +1,6 @@
-/* A host that loads and unloads the DLL again and again, finds its functions by ordinal, and has an
- * update fail in between: each time the DLL must be gone at once, with its memory and its threads. Only
- * the real libusb shows whether it is, since it runs a thread of its own.
+/* A host that loads and unloads the DLL again and again and has an update fail in between: each time the
+ * DLL must be gone at once, with its memory and its threads. Only the real libusb shows whether it is,
+ * since it runs a thread of its own.
  *
  * usage: reload_test DLL
  */
@@ -21,11 +21,6 @@ enum { kMaxLossPerRound = 4 * 1024 };
 
 typedef bool(__cdecl* update_usb_call)(const char*, const char*, bool, bool, bool);
 typedef void(__cdecl* list_devices_call)(void);
-
-static const char* const kNames[] = {"get_last_error",   "get_progress", "get_resetted_modules",
-                                     "list_devices",     "stop_update",  "update_ftdi_device",
-                                     "update_usb_device"};
-enum { kFunctions = sizeof kNames / sizeof kNames[0], kListDevices = 4, kUpdateUsb = 7 };
 
 static int threads(void) {
   THREADENTRY32 entry = {.dwSize = sizeof entry};
@@ -49,21 +44,14 @@ static int fail(const char* what, int round) {
   return 1;
 }
 
-/* The function by ordinal; null unless its name leads to the same one. */
-static void* function(HMODULE library, int ordinal) {
-  const FARPROC by_ordinal = GetProcAddress(library, MAKEINTRESOURCEA(ordinal));
-  if (by_ordinal != GetProcAddress(library, kNames[ordinal - 1])) return NULL;
-  return (void*)(uintptr_t)by_ordinal;
-}
-
 static int load_use_unload(const char* path, int round) {
   const HMODULE library = LoadLibraryA(path);
   if (library == NULL) return fail("it cannot be loaded", round);
-  for (int ordinal = 1; ordinal <= kFunctions; ++ordinal) {
-    if (function(library, ordinal) == NULL) return fail(kNames[ordinal - 1], round);
-  }
-  ((list_devices_call)(uintptr_t)function(library, kListDevices))();
-  const update_usb_call update = (update_usb_call)(uintptr_t)function(library, kUpdateUsb);
+  void* const list_devices = (void*)(uintptr_t)GetProcAddress(library, "list_devices");
+  void* const update_usb = (void*)(uintptr_t)GetProcAddress(library, "update_usb_device");
+  if (list_devices == NULL || update_usb == NULL) return fail("a function is missing", round);
+  ((list_devices_call)(uintptr_t)list_devices)();
+  const update_usb_call update = (update_usb_call)(uintptr_t)update_usb;
   if (update("9-9-9", "none.hex", false, false, false)) return fail("it updated nothing", round);
   if (!FreeLibrary(library)) return fail("it cannot be unloaded", round);
   if (GetModuleHandleA("FirmwareUpdater.dll") != NULL) return fail("it is still loaded", round);
