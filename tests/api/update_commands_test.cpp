@@ -64,12 +64,6 @@ TEST_F(UpdateCommands, AnUnknownNameIsReportedAndTheUpdateDoesNotBegin) {
   EXPECT_EQ(station.engine.LastError(), ErrorCode::None);
 }
 
-TEST_F(UpdateCommands, TheAdapterRunsAtTheBaudRateThatIsAskedFor) {
-  EXPECT_FALSE(UpdateDevice(Context(), {TransportKind::Ftdi, "TAVO0001", 9600}, File(), {}));
-  EXPECT_TRUE(station.Requests().empty()) << "the device listens at 19200 baud";
-  EXPECT_TRUE(UpdateDevice(Context(), {TransportKind::Ftdi, "TAVO0001", 19200}, File(), {}));
-}
-
 TEST_F(UpdateCommands, ASecondUpdateIsRefusedWhileOneRuns) {
   const FirmwareUpdater::Run running(station.engine);
   EXPECT_FALSE(UpdateDevice(Context(), Adapter(""), File(), {}));
