@@ -15,6 +15,7 @@ which holds firmware.hex, firmware.zip (of the family plain) and page.hex. Other
 
   <!-- file: NAME -->         is put into that folder
   <!-- copy of: FILE -->      is the same as this file of the sources
+  <!-- part of: FILE -->      stands in this file of the sources
   <!-- bytes of: NAME... -->  its lines are addresses and bytes of these HEX files
   <!-- wire: NAME -->         its lines are frames, and the record of an update has them in this order
 """
@@ -197,6 +198,9 @@ def check_block(block: Block, folder: Path, environment: dict[str, str]) -> None
     elif block.directive.startswith("copy of: "):
         name = block.directive.removeprefix("copy of: ")
         expect(block.text == (ROOT / name).read_text(encoding="utf-8"), f"it differs from {name}")
+    elif block.directive.startswith("part of: "):
+        name = block.directive.removeprefix("part of: ")
+        expect(block.text in (ROOT / name).read_text(encoding="utf-8"), f"it is not in {name}")
     elif block.directive.startswith("bytes of: "):
         check_bytes(block, folder)
     elif block.directive.startswith("wire: "):
