@@ -94,7 +94,7 @@ TEST(CheckDevice, ABadDeviceBreaksTheRuleThatNamesItsFault) {
       {"0 bytes instead of 8", "checksums", {"empty:id=0x136:*"}},
       {"not answered", "hardware-id", {"lose:id=0x122:*"}},
       {"answered after 5.0 s", "application-size", {"delay:id=0x132:*:5s"}},
-      {"checksum", "hardware-id", {"damage:id=0x122:*:0.0"}},
+      {"checksum wrong", "hardware-id", {"damage:id=0x122:*:3.0"}},
       {"id", "hardware-id", {"otherid:id=0x122:*:0x123"}},
       {"6 bytes beside the answer", "answers-once", {"repeat:id=0x122:1"}},
       {"2 bytes beside the answer", "answers-once", {"after:id=0x120:*:0000"}},

@@ -54,7 +54,7 @@ class DeviceCheck {
     const DeviceReport found = WhoAnswers(inquiry);
     Examination examination(inquiry, m_session.Transport(), m_heard, m_platform,
                             [this] { return m_stopped.load(); });
-    Examine(found.RunsApplication(), examination);
+    Examine(found.inBootloader, examination);
     if (m_place.behind) inquiry.CloseTunnel();
     return Conclude(found, examination.Results());
   }
@@ -77,11 +77,12 @@ class DeviceCheck {
 
   // The rules of each stage are shown before the next begins: above all the bootloader's values before
   // the application is started.
-  void Examine(bool runs, Examination& examination) {
+  void Examine(bool inBootloader, Examination& examination) {
     const Findings& findings = examination.Results();
-    if (runs) examination.AskApplication();
+    if (!inBootloader) examination.AskApplication();
     Show(Stage::Application, findings);
-    examination.AskBootloader(runs, m_place.target.kind == TransportKind::Usb);
+    const bool called = findings.Find("call") != nullptr;
+    examination.AskBootloader(called, m_place.target.kind == TransportKind::Usb);
     Show(Stage::Bootloader, findings);
     if (const FirmwareImage* const image = ImageToWrite(findings)) {
       Say("Erasing and writing.");
@@ -89,9 +90,7 @@ class DeviceCheck {
     }
     Show(Stage::Writing, findings);
     const bool erased = findings.Find("erase") != nullptr;
-    if (erased ? findings.Written() : findings.Find("call") != nullptr) {
-      examination.StartApplication(erased);
-    }
+    if (erased ? findings.Written() : called) examination.StartApplication(erased);
     Show(Stage::Start, findings);
   }
 

@@ -21,6 +21,12 @@ constexpr milliseconds kApplicationStart{25000};
 Ruling Pass(std::string text) { return {Mark::Pass, std::move(text)}; }
 Ruling Hint(std::string text) { return {Mark::Hint, std::move(text)}; }
 Ruling Fail(std::string text) { return {Mark::Fail, std::move(text)}; }
+Ruling NotAsked(Stage stage) {
+  constexpr std::array kWhen{"asked of a running application", "asked of a bootloader",
+                             "asked with --write",
+                             "asked when the application ran before, or with --write"};
+  return {Mark::NotAsked, kWhen[static_cast<std::size_t>(stage)]};
+}
 
 std::string Duration(milliseconds time) {
   return time < milliseconds(1000) ? Format("%d ms", static_cast<int>(time.count()))
@@ -102,7 +108,7 @@ Ruling Version(const Findings& findings, const Asked& asked) {
 }
 
 Ruling BlockSize(const Findings& findings, const Asked& asked) {
-  if (!asked.answer) return NotAnswered(asked);
+  if (!asked.answer) return NotAsked(Stage::Bootloader);
   const std::uint32_t block = findings.BlockSize();
   const std::uint32_t size = findings.ApplicationBytes();
   const std::string text = Bytes(block) + (size == 0 ? "" : " of " + std::to_string(size));
@@ -177,7 +183,8 @@ Ruling ApplicationStart(const Findings& /*findings*/, const Asked& asked) {
   return StartsWithin(asked, kApplicationStart);
 }
 
-Ruling AnswersOnce(const Findings& findings, const Asked& /*asked*/) {
+Ruling AnswersOnce(const Findings& findings, const Asked& version) {
+  if (!version.answer) return NotAsked(Stage::Bootloader);
   for (const auto& [name, asked] : findings.asked) {
     const std::size_t awaited = asked.answer ? FrameLength(*asked.answer) : asked.heard;
     if (asked.heard > awaited) {
@@ -251,10 +258,6 @@ constexpr std::array kRules{
   Rule{Start, "answers-once", "all of them",
        "the first is taken, the second is lost: answer once, and send nothing unasked", AnswersOnce, "version"},
 };
-
-// When the rules of a stage are asked.
-constexpr std::array kWhen{"asked of a running application", "asked of a bootloader", "asked with --write",
-                           "asked when the application ran before, or with --write"};
 // clang-format on
 
 }  // namespace
@@ -263,8 +266,7 @@ std::span<const Rule> Rules() { return kRules; }
 
 Ruling Judge(const Rule& rule, const Findings& findings) {
   const Asked* const asked = findings.Find(rule.question == nullptr ? rule.name : rule.question);
-  if (asked == nullptr) return {Mark::NotAsked, kWhen[static_cast<std::size_t>(rule.stage)]};
-  return rule.judge(findings, *asked);
+  return asked == nullptr ? NotAsked(rule.stage) : rule.judge(findings, *asked);
 }
 
 }  // namespace tavo::tool

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "device/refused_text.h"
 #include "package/image_blocks.h"
 #include "text/text_format.h"
 #include "transport/frame_codec.h"
@@ -80,6 +81,7 @@ bool Examination::Ask(std::string_view name, const Command& command, Arguments a
   asked.answer = m_inquiry.Ask(command, arguments, patience);
   asked.took = m_heard.SinceSent();
   asked.place = m_place;
+  asked.refused = NoAnswerAmong(m_transport.Refused());
   if (asked.answer || m_heard.count > 0 || patience == Patience::Brief) {
     // So that bytes beside the answer are counted; blocks are too many to listen after each.
     if (m_place.empty()) m_transport.DiscardInput();
@@ -125,7 +127,7 @@ void Examination::ListenFor(milliseconds bound) {
 }
 
 void Examination::AskApplication() {
-  Ask("sign-of-life", kWaitForApplication);
+  if (!Ask("sign-of-life", kWaitForApplication)) return;
   if (!Ask("device-id", kRequestDeviceId)) Ask("device-id", kRequestDeviceIdAdmin);
   if (!Ask("software-id", kRequestSoftwareId) &&
       Ask("software-id", ForApplication(kRequestSoftwareId, kAlternativeApplicationRequest))) {

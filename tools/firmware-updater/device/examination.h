@@ -83,7 +83,7 @@ class Examination {
         m_platform(platform),
         m_stopped(std::move(stopped)) {}
 
-  // A running application, and at last to start its bootloader.
+  // A running application, and at last to start its bootloader. Silence at first ends it.
   void AskApplication();
   // `starting`: it has been called and may take its time. `usb`: transfers can be tried.
   void AskBootloader(bool starting, bool usb);
