@@ -84,6 +84,8 @@ const ObstacleCase kObstacleCases[] = {
      "- no-permission"},
     {"a held adapter", {kFtdiChip}, {{"ClaimInterface 0", LIBUSB_ERROR_BUSY}}, {{"A1", "x"}},
      "A1 in-use"},
+    {"a second channel", {{.vendor = 0x0403, .product = 0x6010, .ports = {5}}},
+     {{"ClaimInterface 1", LIBUSB_ERROR_BUSY}}, {{"A1A", "x"}, {"A1B", "x"}}, "A1A ok, A1B in-use"},
     {"a chip that is no adapter yet", {kFtdiChip, kFtdiChip}, {{"Open 5", LIBUSB_ERROR_ACCESS}},
      {{"A1", "x"}}, "A1 ok"},
 };
@@ -152,6 +154,8 @@ TEST_F(DeviceSurvey, NothingFoundTellsWhatWasLookedForAndWhy) {
   EXPECT_TRUE(run.Complains("looked for USB devices 03eb:2404 and FTDI adapters"));
   EXPECT_EQ(run("list --json"), ExitCode::NoDevice);
   EXPECT_EQ(Json::Parse(run.Out())["devices"].Size(), 0u);
+  EXPECT_EQ(run("info"), ExitCode::NoDevice);
+  EXPECT_TRUE(run.Complains("LIBUSB_ERROR_OTHER; no device found")) << run.Err();
 }
 
 TEST_F(DeviceSurvey, WaitEndsWithAUsableDeviceOrWithItsTime) {
@@ -160,11 +164,15 @@ TEST_F(DeviceSurvey, WaitEndsWithAUsableDeviceOrWithItsTime) {
   }
   EXPECT_TRUE(usb.calls.empty());
   usb.devices = {kDevice};
-  usb.pluggedInAt = 2s;
+  usb.results["Open 4 2"] = LIBUSB_ERROR_BUSY;
+  EXPECT_EQ(run("list --wait 0.5"), ExitCode::NoDevice);
+  EXPECT_EQ(platform.MonotonicNow(), 500ms);
+  usb.results.clear();
+  usb.pluggedInAt = 2500ms;
   EXPECT_EQ(run("list --wait 1.25"), ExitCode::NoDevice);
-  EXPECT_EQ(platform.MonotonicNow(), 1250ms);
+  EXPECT_EQ(platform.MonotonicNow(), 1750ms);
   EXPECT_EQ(run("list --wait 1.5"), ExitCode::Done);
-  EXPECT_EQ(platform.MonotonicNow(), 2050ms);
+  EXPECT_EQ(platform.MonotonicNow(), 2550ms);
 }
 
 }  // namespace

@@ -53,6 +53,7 @@ TEST(Info, TellsEveryFamilyInEitherStateAndLeavesItThere) {
         EXPECT_EQ(document["softwareId"], family.softwareId);
         EXPECT_EQ(document["deviceId"], family.deviceId);
         EXPECT_EQ(document["tunnel"]["open"], family.route != 0);
+        EXPECT_TRUE(family.route == 0 || document["tunnel"]["master"] == family.route >> 8);
         EXPECT_TRUE(document["bootloaderVersion"].IsNull());
         continue;
       }
@@ -81,16 +82,21 @@ TEST(Info, TheScreenHoldsTheFactsAndNothingOfTheLibrary) {
   EXPECT_EQ(station.run.Err(), "Waiting up to 4 s for an answer from a master module.\n");
   EXPECT_EQ(station.platform.Console(), "");
   EXPECT_EQ(station.Log(), "");
-  EXPECT_EQ(station.usb.handles, 0);
+  EXPECT_EQ(station.run("info --ftdi TAVO0001"), ExitCode::Usage);
+  EXPECT_TRUE(station.run.Complains("; run: firmware-updater info --ftdi TAVO0001 --echo\n"));
 }
 
-TEST(Info, AMasterAnsweringForItsDeviceIsNotTakenForAnApplication) {
-  auto options = OptionsOf("tunnel", DeviceState::Bootloader);
-  options.openTunnel = 0;
-  ToolStation station(options);
-  EXPECT_EQ(station.run("info --json"), ExitCode::Done);
-  EXPECT_EQ(Json::Parse(station.run.Out())["state"], "master");
-  EXPECT_EQ(station.device.OpenTunnel(), 0);
+TEST(Info, LooksBehindAMasterAndClosesTheTunnelAgain) {
+  for (const std::string way : {"--through 4.1", "@firmware.hex"}) {
+    auto options = OptionsOf("tunnel", DeviceState::Bootloader);
+    options.openTunnel = 0;
+    ToolStation station(options);
+    EXPECT_EQ(station.run("info --json " + way), ExitCode::Done) << station.run.Err();
+    const Json document = Json::Parse(station.run.Out());
+    EXPECT_EQ(document["state"], "bootloader");
+    EXPECT_EQ(document["hardwareId"], options.family.hardwareId);
+    EXPECT_EQ(station.device.OpenTunnel(), 0);
+  }
 }
 
 TEST(Info, WithoutAnAnswerItEndsInTimeAndNamesTheReason) {
@@ -150,6 +156,7 @@ TEST(TargetChoice, TakesTheSelectedOrTheOnlyUsbDevice) {
       {"an adapter alone", {}, {}, "", "no-device", "only when it is selected: --ftdi A1"},
       {"a named port", {.usbPort = "4-2"}, {{1}, {4, 2}}, "--usb 4-2"},
       {"a wrong port", {.usbPort = "9"}, {{1}}, "", "no-device", "--usb 1, --ftdi A1"},
+      {"a port named as an adapter", {.usbPort = "A1"}, {{1}}, "", "no-device", "--ftdi A1"},
       {"twins", {.usbPort = "1"}, {{1}, {1}}, "", "unusable-device", "same port path"},
       {"a named adapter",
        {.ftdiSerial = "A1", .baudRate = 115200, .echo = true},
@@ -187,16 +194,6 @@ TEST(ShellWord, IsOneLineOfTextThatAShellReadsBack) {
     EXPECT_EQ(shell.Wait(20s), 0);
     EXPECT_EQ(shell.Output(), name) << word;
   }
-}
-
-TEST(TargetChoice, OptionsThatDoNotGoTogetherAreRefused) {
-  ToolStation station(OptionsOf("plain", DeviceState::Application));
-  for (const char* const arguments :
-       {"--usb 1-4-2 --ftdi TAVO0001", "--baud 9600", "--echo", "--usb \"\"", "--ftdi \"\"",
-        "--ftdi TAVO0001 --baud 0", "--ftdi TAVO0001 --baud fast"}) {
-    EXPECT_EQ(station.run(std::string("info ") + arguments), ExitCode::Usage) << arguments;
-  }
-  EXPECT_TRUE(station.Requests().empty());
 }
 
 }  // namespace

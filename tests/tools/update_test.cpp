@@ -36,6 +36,7 @@ TEST(UpdateCommand, UpdatesEveryFamilyAndSaysSo) {
         << station.run.Out();
     EXPECT_EQ(station.run.Recommended(), "");
     EXPECT_FALSE(station.run.Says("\b"));
+    EXPECT_EQ(station.usb.handles, 0);
     EXPECT_NE(station.run.Read("tool.log").find("FirmwareUpdater: Start."), std::string::npos);
   }
 }
@@ -162,6 +163,10 @@ TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDevice
       {"update @firmware.hex --log /dev/full", Usage, "the log cannot be written"},
       {"update @firmware.hex --record /dev/full", Usage, "the record of the traffic cannot be"},
       {"update @firmware.hex --tag unit", Usage, "NAME=VALUE"},
+      {"info --baud 9600", Usage},
+      {"info --usb \"\"", Usage},
+      {"info --ftdi TAVO0001 --baud 0", Usage},
+      {"info --ftdi TAVO0001 --baud fast", Usage},
       {"replay /dev/zero", BadFile, "is a device, not a file"},
   };
   for (const auto& row : kRows) {
@@ -189,6 +194,14 @@ TEST(UpdateCommand, ALogThatNobodyAskedForKeepsNoUpdateFromBeingDone) {
     EXPECT_TRUE(station.run.Says("No log is kept")) << folder << station.run.Out();
   }
   EXPECT_TRUE(std::filesystem::is_empty(others.Path()));
+  // Without a folder of that name, it is the one below HOME.
+  const std::string home = std::getenv("HOME");
+  ToolStation station(Options("plain"));
+  setenv("XDG_STATE_HOME", "", 1);
+  setenv("HOME", station.run.Path("").c_str(), 1);
+  EXPECT_EQ(station.run("update @firmware.hex"), Done) << station.run.Err();
+  EXPECT_NE(station.run.Read(".local/state/firmware-updater/firmware-updater.log"), "");
+  setenv("HOME", home.c_str(), 1);
   setenv("XDG_STATE_HOME", before.c_str(), 1);
 }
 
@@ -266,6 +279,19 @@ TEST(UpdateCommandDeathTest, ASecondSignalEndsItAtOnce) {
   }
 }
 
+// Standard output that fails, and a defect of the tool in the middle of an update.
+TEST(UpdateCommand, AResultThatIsLostIsNoSuccess) {
+  ToolStation station(Options("plain"));
+  station.run.machine.out.setstate(std::ios::badbit);
+  EXPECT_EQ(station.Update(), EvidenceLost);
+  EXPECT_TRUE(station.run.Complains("the result was lost\nhint: The device runs the new firmware"));
+  ToolStation defective(Options("plain"));
+  defective.run.machine.terminal = true;
+  defective.run.machine.width = []() -> int { throw std::runtime_error("a defect"); };
+  EXPECT_EQ(defective.Update(), FailedUnknown);
+  EXPECT_TRUE(defective.run.Complains("unexpected: a defect"));
+}
+
 // A line that reaches the edge of the terminal goes on in the next one, where it cannot be redrawn.
 TEST(UpdateCommand, OnATerminalTheLineInHandIsNarrowerThanTheTerminal) {
   int (*const widths[])() = {[] { return 1; }, [] { return 20; }, [] { return 45; },
@@ -275,7 +301,9 @@ TEST(UpdateCommand, OnATerminalTheLineInHandIsNarrowerThanTheTerminal) {
     ToolStation station(Options("plain"));
     station.run.machine.terminal = true;
     station.run.machine.width = width;
+    station.run.machine.colour = width() == 1;
     EXPECT_EQ(station.Update(), Done) << station.run.Err();
+    EXPECT_EQ(station.run.Says("\x1B[32mUpdated in"), width() == 1);
     const std::string screen = station.run.Out();
     const std::string erase = "\r\x1B[K";
     for (std::size_t at = screen.find(erase); at != std::string::npos;) {
@@ -318,6 +346,15 @@ TEST(UpdateCommand, SaysTheTruthInEverySituationAndItsCommandsEndWell) {
     EXPECT_EQ(trial.Run(), Lines()) << situation.device.name << ", " << situation.condition.name
                                     << ", " << situation.command << ": " << trial.Story();
   }
+}
+
+TEST(UpdateCommand, ASlowDeviceIsFoundInItsBootloader) {
+  tavosim::DeviceOptions options = Options("plain");
+  options.applicationIntact = false;
+  options.answerDelay = 700ms;
+  ToolStation station(options);
+  EXPECT_EQ(station.Update(), FailedInBootloader);
+  EXPECT_TRUE(station.run.LastLine().starts_with(SentenceOf(BootloaderAsFound)));
 }
 
 TEST(RecoverCommand, DoesNotWriteThroughATunnelThatStaysOpen) {
