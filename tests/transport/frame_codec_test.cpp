@@ -79,10 +79,12 @@ TEST(FrameCodecTest, DamageIsCaught) {
       EXPECT_FALSE(kCodec.CheckFrame(damaged)) << "payload " << length << ", bit " << bit;
     }
   }
-  FrameBuffer wrongParity = Encoded(Message(0x120, {}));
-  wrongParity[1] ^= 0x01;
-  wrongParity[3] = Crc8({wrongParity.data(), 3});
-  EXPECT_FALSE(kCodec.CheckFrame(wrongParity)) << "a right checksum does not excuse it";
+  for (const std::uint8_t parityBit : Bytes{0x01, 0x02}) {
+    FrameBuffer wrongParity = Encoded(Message(0x120, {}));
+    wrongParity[1] ^= parityBit;
+    wrongParity[3] = Crc8({wrongParity.data(), 3});
+    EXPECT_FALSE(kCodec.CheckFrame(wrongParity)) << "a right checksum does not excuse it";
+  }
 }
 
 }  // namespace
