@@ -40,6 +40,7 @@ const std::vector<Event> kErased{{B::CallsBootloader}, {B::Bootloader}, {B::Eras
 TEST(Evidence, ProvesNoMoreThanTheAnswersOnTheRoadToTheDevice) {
   using D = DeviceCondition;
   using T = TunnelCondition;
+  // clang-format off
   const Story stories[] = {
       {"nothing asked", false, {}, D::Untouched},
       {"an id", false, {{B::Identity}}, D::OldApplicationRuns},
@@ -48,30 +49,15 @@ TEST(Evidence, ProvesNoMoreThanTheAnswersOnTheRoadToTheDevice) {
       {"call answered", false, {{B::CallsBootloader}}, D::BootloaderFlashIntact},
       {"bootloader found", false, {{B::Bootloader}}, D::BootloaderAsFound},
       {"erased", false, kErased, D::BootloaderFlashErased},
-      {"erase unanswered, bootloader responds",
-       false,
-       {{B::CallsBootloader}, {B::Erases, false}, {B::Bootloader}},
-       D::Unknown},
-      {"silence after the bootloader agreed to start",
-       false,
-       {{B::CallsBootloader}, {B::StartsApplication}},
-       D::Unknown},
-      {"through a tunnel",
-       true,
-       {{B::OpensTunnel}, {B::CallsBootloader}},
-       D::BootloaderFlashIntact,
-       T::LeftOpen},
-      {"an answer after the tunnel closed is the master's",
-       true,
-       {{B::OpensTunnel}, {B::CallsBootloader}, {B::ClosesTunnel}, {B::Application}},
-       D::BootloaderFlashIntact,
-       T::Closed},
-      {"and after the request to close it, answered or not",
-       true,
-       {{B::OpensTunnel}, {B::CallsBootloader}, {B::ClosesTunnel, false}, {B::Application}},
-       D::BootloaderFlashIntact,
-       T::Unknown},
+      {"erase unanswered, bootloader responds", false, {{B::CallsBootloader}, {B::Erases, false}, {B::Bootloader}}, D::Unknown},
+      {"silence after the bootloader agreed to start", false, {{B::CallsBootloader}, {B::StartsApplication}}, D::Unknown},
+      {"through a tunnel", true, {{B::OpensTunnel}, {B::CallsBootloader}}, D::BootloaderFlashIntact, T::LeftOpen},
+      {"an answer after the tunnel closed is the master's", true,
+       {{B::OpensTunnel}, {B::CallsBootloader}, {B::ClosesTunnel}, {B::Application}}, D::BootloaderFlashIntact, T::Closed},
+      {"and after the request to close it, answered or not", true,
+       {{B::OpensTunnel}, {B::CallsBootloader}, {B::ClosesTunnel, false}, {B::Application}}, D::BootloaderFlashIntact, T::Unknown},
   };
+  // clang-format on
   for (const Story& story : stories) {
     const DeviceEvidence evidence = Tell(story.behindTunnel, story.events).Conclude();
     EXPECT_EQ(evidence.device, story.device) << story.name;

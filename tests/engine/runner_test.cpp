@@ -116,27 +116,26 @@ TEST(Stop, WinsOverTheClosingPlan) {
   EXPECT_EQ(rig.Count("\nFirmwareupdate Error: 15\n"), 1u);
 }
 
-TEST(Stop, AfterTheLastStepReleasesTheUpdateToo) {
+TEST(Stop, AfterTheLastStepReleasesTheUpdateTooAndWithoutAnUpdateAtOnce) {
   PlainRig rig;
   rig.afterLastStep = [&] { rig.engine.RequestStop(); };
-  rig.Update();
-  EXPECT_TRUE(rig.engine.Succeeded());
-  EXPECT_TRUE(rig.access.images.empty());
-  EXPECT_EQ(rig.access.selected, nullptr);
-}
-
-TEST(Stop, WithoutAnUpdateReleasesTheLastOneAtOnce) {
-  EngineRig rig;
-  rig.Load(ImageWithAdb(2, 0x8410));
-  rig.access.processorId = 0x1E9748;
-  rig.device->SetSendMode(SendMode::Buffer);
-  rig.engine.RequestStop();
-  rig.engine.RequestStop();
-  EXPECT_TRUE(rig.access.images.empty());
-  EXPECT_EQ(rig.access.selected, nullptr);
-  EXPECT_EQ(rig.access.processorId, -1);
-  EXPECT_EQ(rig.device->GetSendMode(), SendMode::Byte);
-  EXPECT_EQ(rig.Count("INFO FirmwareUpdater: Stopped.\n"), 1u);
+  for (const bool updates : {true, false}) {
+    if (updates) {
+      rig.Update();
+      EXPECT_TRUE(rig.engine.Succeeded());
+    } else {
+      rig.Load(ImageWithAdb(2, 0x8410));
+      rig.access.processorId = 0x1E9748;
+      rig.device->SetSendMode(SendMode::Buffer);
+      { const FirmwareUpdater::Run run(rig.engine); }  // forgets the last stop
+      for (int twice = 0; twice < 2; ++twice) rig.engine.RequestStop();
+    }
+    EXPECT_TRUE(rig.access.images.empty());
+    EXPECT_EQ(rig.access.selected, nullptr);
+    EXPECT_EQ(rig.access.processorId, -1);
+    EXPECT_EQ(rig.device->GetSendMode(), SendMode::Byte);
+    EXPECT_EQ(rig.Count("INFO FirmwareUpdater: Stopped.\n"), updates ? 1u : 2u);
+  }
 }
 
 TEST(Engine, ProgressAndCodeOutliveTheUpdateAndOnlyProgressBeginsAnew) {
@@ -159,6 +158,7 @@ TEST(Engine, AnUpdateBeginsWithoutAnyFactOfTheLastOne) {
   PlainRig rig;
   rig.device->On("0x100 BB 0A", Answer({0x03, 0x01}));
   rig.device->On("0x100 BB 02", Answer({0x00, 0xEE}));
+  rig.device->On("0x136", Answer(Bytes(8, 1)));
   rig.Update();
   EXPECT_EQ(rig.engine.Facts().deviceId, 0x0103);
   EXPECT_EQ(rig.engine.Facts().hardwareId, 0x8410);
@@ -170,8 +170,10 @@ TEST(Engine, AnUpdateBeginsWithoutAnyFactOfTheLastOne) {
   rig.device->onRequest = [&](const std::string&) {
     if (request++ > 0) return;
     const DeviceFacts facts = rig.engine.Facts();
-    for (const std::int32_t fact : {facts.deviceId, facts.softwareId, facts.bootloaderVersion,
-                                    facts.blockSize, facts.processorId, facts.hardwareId}) {
+    for (const std::int64_t fact : std::initializer_list<std::int64_t>{
+             facts.deviceId, facts.softwareId, facts.bootloaderVersion, facts.blockSize,
+             facts.processorId, facts.hardwareId, facts.applicationKiB, facts.checksum,
+             facts.expectedChecksum}) {
       EXPECT_EQ(fact, -1);
     }
     EXPECT_EQ(rig.access.retryCount, 0);

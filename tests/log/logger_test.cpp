@@ -18,13 +18,6 @@ class LoggerTest : public testing::Test {
  protected:
   std::string LogFile() const { return m_platform.Folder() + "FirmwareUpdater.log"; }
 
-  void WriteWithoutLevel(const char* format, ...) {
-    std::va_list arguments;
-    va_start(arguments, format);
-    m_log.Write(LogLevel{4}, format, arguments);
-    va_end(arguments);
-  }
-
   VirtualPlatform m_platform;
   Logger m_log{m_platform};
 };
@@ -36,14 +29,12 @@ TEST_F(LoggerTest, LinesCarryTimeAndLevelAndGoToConsoleAndFileAlike) {
   m_log.LogInfo("%d bytes", 42);
   m_log.LogWarn("100 %%");
   m_log.LogCrit("last");
-  WriteWithoutLevel("none");
 
   const std::string lines =
       "2024.03.01 - 12:00:00 DBG  first\n"
       "2024.03.01 - 13:02:03 INFO 42 bytes\n"
       "2024.03.01 - 13:02:03 WARN 100 %\n"
-      "2024.03.01 - 13:02:03 CRIT last\n"
-      "2024.03.01 - 13:02:03 ---- none\n";
+      "2024.03.01 - 13:02:03 CRIT last\n";
   EXPECT_EQ(m_platform.Console(), lines);
   EXPECT_EQ(FileText(LogFile()), "from an earlier day\n" + lines);
 }
