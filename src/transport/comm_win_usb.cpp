@@ -171,12 +171,19 @@ bool CCommWinUSB::ClaimInterfaces() {
 
 bool CCommWinUSB::SwitchSerialOn() {
   LineCoding coding = kLineCoding;
-  return m_usb.ControlTransfer(m_handle, kClassRequestToInterface, kSetControlLineState,
-                               kDtrAndRtsOn, kControlInterface, nullptr, 0,
-                               kControlTimeoutMs) >= 0 &&
-         m_usb.ControlTransfer(m_handle, kClassRequestToInterface, kSetLineCoding, 0,
-                               kControlInterface, coding.data(),
-                               static_cast<std::uint16_t>(coding.size()), kControlTimeoutMs) >= 0;
+  m_refusedControlRequest.clear();
+  return Control("SET_CONTROL_LINE_STATE", kSetControlLineState, kDtrAndRtsOn, {}) &&
+         Control("SET_LINE_CODING", kSetLineCoding, 0, coding);
+}
+
+bool CCommWinUSB::Control(const char* name, std::uint8_t request, std::uint16_t value,
+                          std::span<unsigned char> data) {
+  const int result = m_usb.ControlTransfer(
+      m_handle, kClassRequestToInterface, request, value, kControlInterface, data.data(),
+      static_cast<std::uint16_t>(data.size()), kControlTimeoutMs);
+  if (result >= 0) return true;
+  m_refusedControlRequest = std::string(name) + " (" + m_usb.ErrorName(result) + ")";
+  return false;
 }
 
 bool CCommWinUSB::OpenPort(const std::string& name) {

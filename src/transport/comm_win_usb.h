@@ -85,6 +85,8 @@ class CCommWinUSB : public ICommInterface {
   bool ClaimInterface(int number);
   bool ClaimInterfaces();
   bool SwitchSerialOn();
+  bool Control(const char* name, std::uint8_t request, std::uint16_t value,
+               std::span<unsigned char> data);
   void AttachDrivers();
   void ReleaseHandle();
 

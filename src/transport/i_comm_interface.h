@@ -107,6 +107,9 @@ class ICommInterface {
   // The bytes received since the last request began that became no answer.
   RefusedBytes Refused() const { return m_link.Refused(); }
 
+  // The request on the control pipe, with the error, for which the last opening failed; else empty.
+  const std::string& RefusedControlRequest() const { return m_refusedControlRequest; }
+
   // Forgets everything that an earlier update left: requests, answers, echo, received bytes.
   void DiscardLeftovers();
 
@@ -132,6 +135,7 @@ class ICommInterface {
   SendMode m_sendMode = SendMode::Byte;
   bool m_echo = false;
   std::chrono::milliseconds m_sendTimeoutMs{300};
+  std::string m_refusedControlRequest;
 
  private:
   void AdvanceTimers();

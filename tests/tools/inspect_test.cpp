@@ -99,7 +99,8 @@ TEST_F(Inspect, FilesThatCouldNeverBeWrittenAreCalledByTheirFault) {
       {"none.zip", ZipArchive({{"readme.txt", "x"}}), "no member ends in .hex"},
       {"damaged.zip", damaged, "'fw.hex': it is damaged: its CRC-32"},
       {"spoilt.zip", ZipArchive({{"a.hex", good}, {"b.hex", WithoutDescriptor()}}),
-       "'b.hex': the image has no valid descriptor block; this one member makes every update"},
+       "'b.hex': the image has no valid descriptor block: the trailer at 0x000043F4 points to "
+       "0x00000000, outside the image; this one member makes every update"},
       {"two.zip", ZipArchive({{"a.hex", ambiguous}, {"b.hex", ambiguous}}),
        "the update cannot choose"},
   };

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "commands/commands.h"
+#include "device/dialogue.h"
 #include "device/inquiry.h"
 #include "device/place.h"
 #include "device/refused_text.h"
@@ -31,6 +32,7 @@ struct Options {
   std::string file{};
   std::string through{};
   bool json = false;
+  bool trace = false;
 };
 
 enum class State { Application, Bootloader, Master, Silent };
@@ -224,7 +226,8 @@ ExitCode Info(const Machine& machine, const Options& options) {
   const std::optional<TunnelRoute> route = RouteBehind(options.file, options.through);
   Place place{ChooseTarget(machine, options.target), std::nullopt};
   LogPlatform quiet(machine.platform, {}, nullptr);
-  Session session(machine, quiet);
+  Dialogue dialogue([&] { return quiet.MonotonicNow(); }, options.trace ? &machine.err : nullptr);
+  Session session(machine, quiet, &dialogue);
   session.Open(place.target);
   Inquiry inquiry(session.Transport(), quiet,
                   [&](const std::string& text) { machine.err << text << std::endl; });
@@ -234,6 +237,7 @@ ExitCode Info(const Machine& machine, const Options& options) {
     place.behind = route;
     report = AskBehind(inquiry, *route);
   }
+  dialogue.End();
   return Report(machine, options, place, report, inquiry.Refused());
 }
 
@@ -248,6 +252,7 @@ void AddInfoCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
   AddTargetOptions(command, options->target);
   AddThroughOption(command, options->through).Excludes(file);
   command.Flag("--json", options->json, "Write one JSON document");
+  command.Flag("--trace", options->trace, kTraceHelp);
   command.Footer(
       "Without --usb and --ftdi the only connected USB device is asked.\n\n"
       "Examples:\n"

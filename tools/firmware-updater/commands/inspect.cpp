@@ -80,7 +80,7 @@ class ImageScreen {
   void Put() {
     PutAddresses();
     for (const std::string& warning : m_image.warnings) Row("Warning", warning);
-    if (m_image.adbType == 0) return Row("Descriptor", "none that is valid");
+    if (m_image.adbType == 0) return Row("Descriptor", m_image.obstacle);
     PutDescription();
     PutBlockMap();
     PutLine();

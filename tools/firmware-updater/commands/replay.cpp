@@ -9,6 +9,7 @@
 #include <ostream>
 
 #include "commands/commands.h"
+#include "device/dialogue.h"
 #include "engine/firmware_updater.h"
 #include "engine/update_observer.h"
 #include "file/file_check.h"
@@ -66,7 +67,7 @@ class RecordedDevice final : public ICommInterface {
     const std::span sent(data, static_cast<std::size_t>(length));
     const WireEvent* const event = Next(WireEvent::Kind::Out);
     if (event == nullptr || !Equal(*event, sent)) {
-      Diverge("the engine sends " + HexText(sent));
+      Diverge("the engine sends " + HexBytes(sent));
       return true;
     }
     m_shift = m_platform.MonotonicNow() - event->time;
@@ -131,17 +132,9 @@ class RecordedDevice final : public ICommInterface {
     return std::ranges::equal(event.bytes, sent);
   }
 
-  static std::string HexText(std::span<const std::uint8_t> bytes) {
-    std::string text;
-    for (const std::uint8_t byte : bytes.first(std::min<std::size_t>(bytes.size(), 12))) {
-      text += Format("%02X ", unsigned{byte});
-    }
-    return text;
-  }
-
   void Diverge(const std::string& what) {
     if (m_divergence.empty()) {
-      m_divergence = what + "after " + std::to_string(m_position) + " events of the record";
+      m_divergence = what + " after " + std::to_string(m_position) + " events of the record";
     }
   }
 
@@ -227,7 +220,33 @@ std::string Replay(const RecordedRun& run, const std::string& file, std::ostream
   return {};
 }
 
-ExitCode RunReplay(const Machine& machine, const std::string& path) try {
+void Decode(const RecordedRun& run, std::ostream& out) {
+  milliseconds now{0};
+  Dialogue dialogue([&] { return now; }, &out);
+  for (const WireEvent& event : run.events) {
+    now = event.time;
+    switch (event.kind) {
+      case WireEvent::Kind::Out:
+        if (event.hidden > 0) {
+          dialogue.HiddenBlockSent(event.ok, event.hidden);
+        } else {
+          dialogue.BytesSent(event.ok, event.bytes);
+        }
+        break;
+      case WireEvent::Kind::In: dialogue.BytesReceived(event.ok, event.bytes, {}); break;
+      case WireEvent::Kind::Reconnect: dialogue.Reconnected(event.ok); break;
+    }
+  }
+  dialogue.End();
+}
+
+struct Options {
+  std::string path{};
+  bool decode = false;
+};
+
+ExitCode RunReplay(const Machine& machine, const Options& options) try {
+  const std::string& path = options.path;
   const FileProblem obstacle = CheckReadable(path, kMaxRecordBytes);
   if (obstacle.Exists()) {
     Complain(machine, path + ": " + obstacle.text, obstacle.hint);
@@ -241,6 +260,11 @@ ExitCode RunReplay(const Machine& machine, const std::string& path) try {
   const RecordedFile file(record.images);
   for (std::size_t i = 0; i < record.runs.size(); ++i) {
     machine.out << "run " << i + 1 << " of " << record.runs.size() << ": ";
+    if (options.decode) {
+      machine.out << Describe(record.runs[i].outcome) << '\n';
+      Decode(record.runs[i], machine.out);
+      continue;
+    }
     const std::string difference = Replay(record.runs[i], file.Path(), machine.out);
     if (difference.empty()) continue;
     machine.out << "decided otherwise" << std::endl;
@@ -249,7 +273,7 @@ ExitCode RunReplay(const Machine& machine, const std::string& path) try {
   }
   return ExitCode::Done;
 } catch (const std::exception& error) {
-  Complain(machine, path + ": " + error.what(), "");
+  Complain(machine, options.path + ": " + error.what(), "");
   return ExitCode::BadFile;
 }
 
@@ -259,9 +283,10 @@ void AddReplayCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
   CommandOptions command(app, "replay",
                          "Run the engine against a recorded update, without a device");
   command.Footer(kExamples);
-  const auto path = std::make_shared<std::string>();
-  command.Value("FILE", *path, "Record of an update, from update --record").Required();
-  command.OnRun(exit, [&machine, path] { return RunReplay(machine, *path); });
+  const auto options = std::make_shared<Options>();
+  command.Value("FILE", options->path, "Record of an update, from update --record").Required();
+  command.Flag("--decode", options->decode, "Show the recorded dialogue, decoded; run nothing");
+  command.OnRun(exit, [&machine, options] { return RunReplay(machine, *options); });
 }
 
 }  // namespace tavo::tool

@@ -29,6 +29,7 @@ constexpr std::size_t kSizeUnit = 1024;
 constexpr std::size_t kMaxSizeUnits = 0xFFFF;
 
 constexpr std::size_t kCrcBytes = 4;
+constexpr std::int64_t kTrailerBytes = 12;
 
 // The lists of a damaged table may overlap and each be as long as the image.
 constexpr std::size_t kMaxHardwareIdsShown = 256;
@@ -189,6 +190,19 @@ constexpr const char* kFixWarnings =
 
 std::string Quoted(const std::string& name) { return "'" + Displayable(name) + "'"; }
 
+// Where the trailer points, and what stands there.
+std::string DescriptorFault(const FirmwareImage& image) {
+  const AdbView view(image);
+  const std::uint32_t address = view.AdbAddress();
+  const auto type = view.ReadByte(std::int64_t{address} + 1);
+  if (address != 0 && view.ReadByte(address) && type) {
+    return Format("the trailer points to 0x%08X, where the type is %u instead of 1 to 7", address,
+                  unsigned{*type});
+  }
+  return Format("the trailer at 0x%08llX points to 0x%08X, outside the image",
+                static_cast<unsigned long long>(view.EndAddress() - kTrailerBytes), address);
+}
+
 // Judges images as the engine chooses among them, for any device.
 class Judge {
  public:
@@ -217,7 +231,7 @@ class Judge {
     if (image.image.data.empty()) {
       return {"the file has no data records", "ask for the file again"};
     }
-    return {"the image has no valid descriptor block",
+    return {"the image has no valid descriptor block: " + DescriptorFault(image.image),
             "use firmware that describes itself, or build it with firmware-updater pack"};
   }
 

@@ -20,6 +20,18 @@ std::string Format(const char* format, ...) {
 
 std::string Hex(std::uint32_t value, int digits) { return Format("0x%0*X", digits, value); }
 
+double Seconds(std::chrono::milliseconds time) { return static_cast<double>(time.count()) / 1000; }
+
+std::string HexBytes(std::span<const std::uint8_t> bytes) {
+  constexpr std::size_t kMostShown = 12;
+  std::string text;
+  for (const std::uint8_t byte : bytes.first(std::min(bytes.size(), kMostShown))) {
+    text += Format(text.empty() ? "%02X" : " %02X", unsigned{byte});
+  }
+  return bytes.size() > kMostShown ? text + Format(" ... %zu more", bytes.size() - kMostShown)
+                                   : text;
+}
+
 std::string Displayable(std::string_view text, std::size_t maxLength) {
   std::string shown(text.substr(0, maxLength));
   for (char& c : shown) {

@@ -1,7 +1,9 @@
 // Small texts of facts, for screens and messages.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,6 +15,11 @@ namespace tavo::tool {
 
 // "0x08A0".
 std::string Hex(std::uint32_t value, int digits = 4);
+
+double Seconds(std::chrono::milliseconds time);
+
+// "A3 83 04 F9"; of many bytes the first ones, and how many they are.
+std::string HexBytes(std::span<const std::uint8_t> bytes);
 
 // A text from outside, such as a name in an archive, so that it can be shown on a terminal: control
 // characters become '?', and what is longer than `maxLength` bytes ends in "...".

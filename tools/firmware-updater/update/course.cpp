@@ -39,7 +39,7 @@ void Course::StepCalled(const Step& step, StepPhase phase) {
   const bool expected = step.run == &U::LeaveBootloader;
   if (phase != StepPhase::Timeout || expected) return;
   ++m_retries;
-  m_view.Retried(step.logName, m_lastRefused);
+  m_view.Retried(m_dialogue.LastRequest().text, m_lastRefused);
 }
 
 void Course::StatusReported(const StatusMessage& message) {
@@ -57,6 +57,7 @@ void Course::StatusReported(const StatusMessage& message) {
       if (message.value == 0 || m_failure != ErrorCode::None || m_stopping) break;
       m_failure = static_cast<ErrorCode>(message.value);
       m_failureText = message.text;
+      m_failureRequest = m_dialogue.LastRequest();
       if (m_failure == ErrorCode::Timeout) m_failureRefused = m_lastRefused;
       m_identityMissing = m_asksIdentity && m_failure == ErrorCode::Timeout;
       Leave(PhaseEnd::Failed);

@@ -11,6 +11,7 @@
 #include <string>
 #include <utility>
 
+#include "device/dialogue.h"
 #include "engine/error_code.h"
 #include "engine/update_observer.h"
 #include "platform/platform.h"
@@ -60,17 +61,18 @@ class View {
   virtual void PhaseEnds(Phase phase, PhaseEnd end, std::chrono::milliseconds elapsed,
                          const Transfer& transfer) = 0;
   // `refused`: the bytes that came instead of an answer.
-  virtual void Retried(const char* request, const RefusedBytes& refused) = 0;
+  virtual void Retried(const std::string& request, const RefusedBytes& refused) = 0;
 };
 
 class Course final : public UpdateObserver {
  public:
-  // `stop` asks the engine for an end; `refused` returns the transport's refused bytes. The thread that
-  // runs the update calls them.
-  Course(Platform& platform, View& view, std::function<void()> stop,
+  // `dialogue` observes the update's transport. `stop` asks the engine for an end; `refused` returns the
+  // transport's refused bytes. The thread that runs the update calls them.
+  Course(Platform& platform, View& view, const Dialogue& dialogue, std::function<void()> stop,
          std::function<RefusedBytes()> refused)
       : m_platform(platform),
         m_view(view),
+        m_dialogue(dialogue),
         m_stop(std::move(stop)),
         m_askRefused(std::move(refused)) {}
 
@@ -99,6 +101,8 @@ class Course final : public UpdateObserver {
   // The first failure of the current update: what follows it may only be its consequence.
   ErrorCode Failure() const { return m_failure; }
   const std::string& FailureText() const { return m_failureText; }
+  // The request that was sent last before it.
+  const SentRequest& FailureRequest() const { return m_failureRequest; }
   // The bytes that came instead of the answer whose lack was that failure.
   const RefusedBytes& FailureRefused() const { return m_failureRefused; }
   // Whether that failure was a device that gave no id.
@@ -110,6 +114,7 @@ class Course final : public UpdateObserver {
 
   Platform& m_platform;
   View& m_view;
+  const Dialogue& m_dialogue;
   std::atomic<Phase> m_phase = Phase::None;
   std::atomic<bool> m_stopping = false;
   std::chrono::milliseconds m_phaseBegin{0};
@@ -127,6 +132,7 @@ class Course final : public UpdateObserver {
   RefusedBytes m_refused;      // in all updates
   RefusedBytes m_lastRefused;  // since the last request
   RefusedBytes m_failureRefused;
+  SentRequest m_failureRequest;
 };
 
 }  // namespace tavo::tool

@@ -42,16 +42,16 @@ struct HintRow {
   std::string_view hint;
 };
 
-constexpr std::string_view kLine = "Check the cable, the power and the line.";
+std::string_view LineHint(TransportKind kind) {
+  return kind == TransportKind::Ftdi ? "Check the power, the line and --baud."
+                                     : "Check the cable and the power.";
+}
 constexpr std::string_view kFile =
     "Use the update file for this device: `firmware-updater inspect FILE` shows which devices a "
     "file is "
     "for.";
 
 constexpr std::array kHints{
-    HintRow{ErrorCode::Timeout,
-            "Check the power, the line and the baud rate. A device that hangs may need its power "
-            "switched off and on."},
     HintRow{ErrorCode::BootloaderVersion, "This tool cannot update a device with this bootloader."},
     HintRow{ErrorCode::HardwareId, kFile},
     HintRow{ErrorCode::ApplicationSize, kFile},
@@ -60,21 +60,21 @@ constexpr std::array kHints{
     HintRow{ErrorCode::SetLabel, "The new firmware runs without its label: run the update again."},
 };
 
-std::string_view HintOf(ErrorCode code) {
+std::string_view HintOf(ErrorCode code, TransportKind kind) {
   const auto row = std::ranges::find(kHints, code, &HintRow::code);
-  return row == kHints.end() ? kLine : row->hint;
+  return row == kHints.end() ? LineHint(kind) : row->hint;
 }
 
 }  // namespace
 
-Failure FailureOf(ErrorCode code, const std::string& text) {
+Failure FailureOf(ErrorCode code, const std::string& text, TransportKind kind) {
   const ErrorDescription& row = kErrorTable[static_cast<std::size_t>(code)];
   std::string sentence = SentenceOf(code, text);
   if (!text.empty()) sentence += " (" + text + ")";
   return {.name = std::string(row.name),
           .code = static_cast<int>(code),
           .text = sentence,
-          .hint = std::string(HintOf(code))};
+          .hint = std::string(HintOf(code, kind))};
 }
 
 }  // namespace tavo::tool

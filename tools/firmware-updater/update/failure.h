@@ -8,7 +8,7 @@
 
 namespace tavo::tool {
 
-// `text` is the library's own; empty where it has none.
-Failure FailureOf(ErrorCode code, const std::string& text);
+// `text` is the library's own; empty where it has none. The hint is for a device on this kind of line.
+Failure FailureOf(ErrorCode code, const std::string& text, TransportKind kind);
 
 }  // namespace tavo::tool

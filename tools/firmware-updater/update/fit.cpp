@@ -16,11 +16,20 @@ constexpr const char* kTakeAnother =
     "file is "
     "for.";
 
-Failure NotForThisDevice(ErrorCode code, const std::string& text) {
+Failure FailureOf(ErrorCode code, const std::string& text, const char* hint) {
   return {.name = std::string(kErrorTable[static_cast<std::size_t>(code)].name),
           .code = static_cast<int>(code),
           .text = text,
-          .hint = kTakeAnother};
+          .hint = hint};
+}
+
+// `slip`: a mistake in the device's answer, without which the file would fit; null: none is known.
+Failure NotForThisDevice(ErrorCode code, const std::string& text, const char* slip) {
+  return FailureOf(code, text, slip == nullptr ? kTakeAnother : slip);
+}
+
+std::uint16_t Swapped(std::int32_t value) {
+  return static_cast<std::uint16_t>((value & 0xFF) << 8 | (value >> 8 & 0xFF));
 }
 
 std::string Listed(const std::set<std::string>& values) {
@@ -58,39 +67,59 @@ std::vector<std::uint16_t> AcceptedBy(const ImageReport& image, std::int32_t dev
 std::optional<Failure> HardwareMisfit(const ImageReport& image, const DeviceFacts& device) {
   const std::vector<std::uint16_t> accepted = AcceptedBy(image, device.deviceId);
   if (accepted.empty()) {
-    return NotForThisDevice(ErrorCode::HardwareId,
-                            "the file is not for devices with the id " +
-                                Hex(static_cast<std::uint32_t>(device.deviceId)) +
-                                ", which this device has");
+    const bool swapped = !AcceptedBy(image, Swapped(device.deviceId)).empty();
+    return NotForThisDevice(
+        ErrorCode::HardwareId,
+        "the file is not for devices with the id " +
+            Hex(static_cast<std::uint32_t>(device.deviceId)) + ", which this device has",
+        swapped ? "The bytes are swapped: a device answers DEVICE ID low byte first." : nullptr);
   }
   const auto hardwareId = static_cast<std::uint16_t>(device.hardwareId);
   const auto fits = [&](std::uint16_t id) {
     return Accepts(SplitHardwareId(id), SplitHardwareId(hardwareId));
   };
   if (std::ranges::any_of(accepted, fits)) return std::nullopt;
+  const auto fitsSwapped = [&](std::uint16_t id) {
+    return Accepts(SplitHardwareId(id), SplitHardwareId(Swapped(device.hardwareId)));
+  };
+  const bool swapped = std::ranges::any_of(accepted, fitsSwapped);
   std::set<std::string> names;
   for (const std::uint16_t id : accepted) names.insert(HardwareIdText(id));
-  return NotForThisDevice(ErrorCode::HardwareId, "the file is for hardware " + Listed(names) +
-                                                     ", the device is " +
-                                                     HardwareIdText(hardwareId));
+  return NotForThisDevice(
+      ErrorCode::HardwareId,
+      "the file is for hardware " + Listed(names) + ", the device is " + HardwareIdText(hardwareId),
+      swapped ? "The bytes are swapped: a bootloader answers HARDWARE low byte first." : nullptr);
+}
+
+// No file fits a bootloader that reports such a block size.
+std::optional<Failure> BadBlockSize(std::size_t section, const DeviceFacts& device) {
+  const auto blockSize = static_cast<std::size_t>(std::max(device.blockSize, 0));
+  const bool fitsFrame = blockSize > 0 && blockSize <= kMaxPayload;
+  if (fitsFrame && section % blockSize == 0) return std::nullopt;
+  const std::string why =
+      fitsFrame ? Format("which does not divide the application section of %zu bytes", section)
+                : Format("but a block has 1 to %u bytes", unsigned{kMaxPayload});
+  return FailureOf(ErrorCode::ApplicationSize,
+                   Format("the bootloader reports a block size of %zu, ", blockSize) + why,
+                   "No update file fits this bootloader: the second byte of its answer to VERSION "
+                   "is wrong.");
 }
 
 std::optional<Failure> SizeMisfit(const ImageReport& image, const DeviceFacts& device) {
   constexpr std::size_t kUnit = 1024;
   const std::size_t size = image.image.data.size();
   const auto room = static_cast<std::size_t>(device.applicationKiB) * kUnit;
-  if (size != room) {
-    return NotForThisDevice(
-        ErrorCode::ApplicationSize,
-        Format("the firmware has %zu bytes, the device takes exactly %zu", size, room));
-  }
-  if (device.blockSize > 0 && size % static_cast<std::size_t>(device.blockSize) == 0) {
-    return std::nullopt;
+  if (size == room) return BadBlockSize(size, device);
+  const char* slip = nullptr;
+  if (size == Swapped(device.applicationKiB) * kUnit) {
+    slip = "The bytes are swapped: a bootloader answers SIZE low byte first.";
+  } else if (size == static_cast<std::size_t>(device.applicationKiB)) {
+    slip = "This is the size in bytes: a bootloader answers SIZE in KiB.";
   }
   return NotForThisDevice(ErrorCode::ApplicationSize,
-                          Format("the firmware has %zu bytes, which is no whole number of the "
-                                 "device's blocks of %d bytes",
-                                 size, device.blockSize));
+                          Format("the firmware has %zu KiB, the device takes exactly %d KiB",
+                                 size / kUnit, device.applicationKiB),
+                          slip);
 }
 
 }  // namespace
@@ -110,9 +139,15 @@ std::optional<Failure> Misfit(const PackageReport& report, const DeviceFacts& de
   const auto processorId = static_cast<std::uint32_t>(device.processorId);
   const ImageReport* const image = ImageFor(report, processorId);
   if (image == nullptr) {
-    return NotForThisDevice(ErrorCode::Firmware, "the file is for processor " +
-                                                     ProcessorsOf(report) + ", the device has " +
-                                                     ProcessorText(processorId));
+    const std::uint32_t swapped =
+        std::uint32_t{Swapped(device.processorId >> 8)} | (processorId & 0xFF) << 16;
+    return NotForThisDevice(
+        ErrorCode::Firmware,
+        "the file is for processor " + ProcessorsOf(report) + ", the device has " +
+            ProcessorText(processorId),
+        ImageFor(report, swapped) == nullptr
+            ? nullptr
+            : "The bytes are swapped: a bootloader answers PROCESSOR high byte first.");
   }
   if (device.applicationKiB != -1) {
     if (auto misfit = SizeMisfit(*image, device)) return misfit;

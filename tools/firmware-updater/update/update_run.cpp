@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <chrono>
 #include <csignal>
@@ -16,6 +17,7 @@
 #include <utility>
 #include <vector>
 
+#include "device/dialogue.h"
 #include "device/inquiry.h"
 #include "device/refused_text.h"
 #include "device/session.h"
@@ -24,6 +26,7 @@
 #include "package/file_reading.h"
 #include "platform/platform.h"
 #include "text/log_platform.h"
+#include "text/text_format.h"
 #include "update/failure.h"
 #include "update/fit.h"
 #include "update/interrupts.h"
@@ -89,6 +92,26 @@ DeviceFacts FactsOf(const DeviceReport& device) {
           .applicationKiB = OrUnknown(device.applicationKiB)};
 }
 
+// The traffic is recorded and decoded.
+class Traffic final : public TransportObserver {
+ public:
+  Traffic(TransportObserver& record, TransportObserver& dialogue)
+      : m_observers{&record, &dialogue} {}
+
+  void BytesSent(bool ok, Bytes bytes) override {
+    for (TransportObserver* const observer : m_observers) observer->BytesSent(ok, bytes);
+  }
+  void BytesReceived(bool ok, Bytes bytes, std::chrono::milliseconds took) override {
+    for (TransportObserver* const observer : m_observers) observer->BytesReceived(ok, bytes, took);
+  }
+  void Reconnected(bool ok) override {
+    for (TransportObserver* const observer : m_observers) observer->Reconnected(ok);
+  }
+
+ private:
+  const std::array<TransportObserver*, 2> m_observers;
+};
+
 ClosingState NothingChanged(const char* sentence) {
   return {.device = std::string(NameOf(DeviceCondition::Untouched)),
           .tunnel = "not-asked",
@@ -108,10 +131,13 @@ class Work {
                    [this] { WarnOfLoss(kLogLost); }),
         m_recorder(m_platform, options.record, options.recordFirmware,
                    [this] { WarnOfLoss(kRecordLost); }),
-        m_session(machine, m_platform, &m_recorder),
+        m_dialogue([&machine] { return machine.platform.MonotonicNow(); },
+                   options.trace ? &machine.err : nullptr),
+        m_traffic(m_recorder, m_dialogue),
+        m_session(machine, m_platform, &m_traffic),
         m_engine(m_platform, m_session.Log(), m_session.Holder()),
         m_course(
-            machine.platform, view, [this] { m_engine.RequestStop(); },
+            machine.platform, view, m_dialogue, [this] { m_engine.RequestStop(); },
             [this] { return m_session.Transport().Refused(); }),
         m_interrupts([this](int number) { OnInterrupt(number); }) {
     m_engine.SetObserver(&m_course);
@@ -169,6 +195,7 @@ class Work {
 
   void Fill(Record& record, bool succeeded) {
     Advice advice = Advice::Again;
+    m_dialogue.End();
     record.ending = HowItEnded(succeeded);
     if (record.ending == Ending::Failed) {
       advice = Explain();
@@ -207,10 +234,8 @@ class Work {
   // The ids of the application that runs now.
   DeviceFacts AskApplication() {
     Inquiry inquiry = Ask();
-    Command softwareId = kRequestSoftwareId;
-    softwareId.id = m_report.images.front().requestId;
     return {.deviceId = OrUnknown(AskValue(inquiry, kRequestDeviceId)),
-            .softwareId = OrUnknown(AskValue(inquiry, softwareId))};
+            .softwareId = OrUnknown(AskSoftwareId(inquiry))};
   }
 
  private:
@@ -225,6 +250,12 @@ class Work {
   Inquiry Ask() {
     return {m_session.Transport(), m_platform,
             [this](const std::string& text) { m_view.Note(text); }};
+  }
+
+  std::optional<std::uint16_t> AskSoftwareId(Inquiry& inquiry) const {
+    Command softwareId = kRequestSoftwareId;
+    softwareId.id = m_report.images.front().requestId;
+    return AskValue(inquiry, softwareId);
   }
 
   bool UsesTunnel() const { return NeedsTunnel(m_report) && !m_task.flags.bootloaderOnly; }
@@ -249,6 +280,8 @@ class Work {
     const bool behind = NeedsTunnel(m_report);
     const bool unexpected = m_found.IsMaster() && (!behind || m_task.flags.bootloaderOnly);
     if (unexpected) m_found = AskWhoAnswers(inquiry, Patience::Full);
+    // An application may leave ALIVE unanswered, or have no time for it.
+    if (unexpected && m_found.IsMaster()) m_found.softwareId = AskSoftwareId(inquiry);
     if (unexpected && m_found.IsMaster()) {
       return Reject(behind ? TunnelNeeded() : WrongRoad(RouteOf(m_report)));
     }
@@ -334,20 +367,58 @@ class Work {
 
   // Finds out what the engine's failure leaves open, as far as questions can.
   Advice Explain() {
-    if (m_failure) return TunnelIsMissing() ? Advice::OpenTunnel : Advice::AnotherFile;
+    if (m_failure) {
+      ExplainAnswer();
+      return TunnelIsMissing() ? Advice::OpenTunnel : Advice::AnotherFile;
+    }
     const ErrorCode code =
         m_course.Failure() == ErrorCode::None ? m_engine.LastError() : m_course.Failure();
-    m_failure = FailureOf(code, m_course.FailureText());
-    if (const std::string came = NoAnswerAmong(m_course.FailureRefused()); !came.empty()) {
-      m_failure->text += " " + came + ".";
-      m_failure->hint = HintOn(m_course.FailureRefused(), m_task.target.kind);
-    }
+    m_failure = FailureOf(code, m_course.FailureText(), m_task.target.kind);
     const auto misfit = Misfit(m_report, m_engine.Facts(), m_task.flags);
-    if (misfit && misfit->code == m_failure->code) m_failure->text = misfit->text;
+    // A block that is too long for a frame cannot be sent.
+    if (misfit && (misfit->code == m_failure->code || code == ErrorCode::FlashWriting)) {
+      m_failure->text = misfit->text;
+      m_failure->hint = misfit->hint;
+    }
+    ExplainAnswer();
     if (!m_course.MayHaveErased()) LookAround();
     if (m_failure->code == 0 || misfit) return Advice::AnotherFile;
     const bool onlyIdMissing = m_course.FailedForIdentity() && RunsApplication(m_evidence.device);
     return onlyIdMissing ? ExplainNoId() : Advice::Again;
+  }
+
+  // The traffic knows more than the engine: the request, and an answer that was refused, late or short.
+  void ExplainAnswer() {
+    const auto code = static_cast<ErrorCode>(m_failure->code);
+    const SentRequest& shortly = m_dialogue.ShortlyAnswered();
+    const DeviceFacts facts = m_engine.Facts();
+    if (code == ErrorCode::Timeout) {
+      ExplainSilence(m_course.FailureRequest(), m_course.FailureRefused());
+    } else if (code != ErrorCode::None && !shortly.text.empty()) {
+      m_failure->text =
+          "The answer to " + shortly.text + " is too short: " + shortly.shortAnswer + ".";
+      m_failure->hint = "If the device is new: an answer holds all of its fields.";
+    } else if (code == ErrorCode::Verify && facts.checksum >= 0) {
+      m_failure->text += " The bootloader reports " +
+                         Hex(static_cast<std::uint32_t>(facts.checksum), 8) + " as calculated, " +
+                         Hex(static_cast<std::uint32_t>(facts.expectedChecksum), 8) +
+                         " as reference.";
+    }
+  }
+
+  void ExplainSilence(const SentRequest& request, const RefusedBytes& refused) {
+    const auto late = m_dialogue.LateAnswerTo(request);
+    m_failure->text = "No answer to " + request.text + " (" + m_course.FailureText() + ")";
+    if (refused.Total() > 0) {
+      m_failure->text += "; " + NoAnswerAmong(refused);
+      m_failure->hint = HintOn(refused, m_task.target.kind);
+    } else if (late.count() > 0) {
+      m_failure->text += Format(" within 4 s; it came after %.1f s", Seconds(late));
+      m_failure->hint = request.rule;
+    } else {
+      m_failure->hint += std::string(" If the device is new: ") + request.rule;
+    }
+    m_failure->text += ".";
   }
 
   // Where the hardware fits, the id decides on the label alone; and the bootloader knows the hardware.
@@ -439,6 +510,8 @@ class Work {
   bool m_checked = false;  // the evidence, by CheckEvidence
   LogPlatform m_platform;
   WireRecorder m_recorder;
+  Dialogue m_dialogue;
+  Traffic m_traffic;
   Session m_session;
   FirmwareUpdater m_engine;
   Course m_course;
@@ -521,13 +594,14 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
         return tag.find('=') + 1 > 1 ? "" : "is written NAME=VALUE";
       });
   command.Flag("--verbose", to.verbose, "Show the library's log as well");
+  command.Flag("--trace", to.trace, kTraceHelp);
 }
 
 ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options) {
   // Neither a reader that goes away nor a full quota may end the program in the middle of an update.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  const auto view = MakeView(machine, options.json, options.verbose);
+  const auto view = MakeView(machine, options.json, options.verbose || options.trace);
   const std::chrono::milliseconds begin = machine.platform.MonotonicNow();
   Record record{.purpose = purpose,
                 .file = AbsolutePath(options.file),

@@ -19,6 +19,7 @@ struct UpdateOptions {
   UpdateFlags flags{};
   bool json = false;
   bool verbose = false;
+  bool trace = false;
   std::string log{};
   std::string record{};
   bool recordFirmware = false;

@@ -39,7 +39,6 @@ std::unique_lock<std::mutex> LockForNote(std::mutex& mutex) {
   return {};
 }
 
-double Seconds(milliseconds time) { return static_cast<double>(time.count()) / 1000; }
 double KiB(std::int64_t bytes) { return static_cast<double>(bytes) / 1024; }
 
 int Percent(const Transfer& transfer) {
@@ -80,9 +79,26 @@ std::string PhaseResult(Phase phase, PhaseEnd end, milliseconds elapsed, const T
   return line;
 }
 
-std::string NoAnswerTo(const char* request, const RefusedBytes& refused) {
+std::string NoAnswerTo(const std::string& request, const RefusedBytes& refused) {
   const std::string came = NoAnswerAmong(refused);
-  return std::string("no answer to: ") + request + (came.empty() ? "" : "; " + came);
+  return "no answer to: " + request + (came.empty() ? "" : "; " + came);
+}
+
+// The values that an update has asked for: after a failure the bootloader may not be there any more.
+std::string FactsText(const DeviceFacts& facts) {
+  std::string text;
+  const auto add = [&](const char* name, std::int32_t value, const std::string& shown) {
+    if (value >= 0) text += (text.empty() ? "" : ", ") + std::string(name) + " " + shown;
+  };
+  const auto hex = [](std::int32_t value) { return Hex(static_cast<std::uint32_t>(value)); };
+  add("device id", facts.deviceId, hex(facts.deviceId));
+  add("software id", facts.softwareId, hex(facts.softwareId));
+  add("bootloader version", facts.bootloaderVersion, std::to_string(facts.bootloaderVersion));
+  add("block size", facts.blockSize, std::to_string(facts.blockSize));
+  add("processor", facts.processorId, hex(facts.processorId));
+  add("application section", facts.applicationKiB, std::to_string(facts.applicationKiB) + " KiB");
+  add("hardware id", facts.hardwareId, hex(facts.hardwareId));
+  return text;
 }
 
 // The last lines, which the terminal and the plain view share.
@@ -93,6 +109,9 @@ class TextView : public UpdateView {
   void Show(const Record& record) override {
     if (record.failure) {
       Complain(m_machine, record.failure->name + ": " + record.failure->text, record.failure->hint);
+    }
+    if (const std::string facts = FactsText(record.before); record.failure && !facts.empty()) {
+      m_machine.err << "reported: " << facts << '\n';
     }
     for (const std::string& name : record.resetModules) {
       m_machine.out << "module " << name << " was reset\n";
@@ -133,7 +152,7 @@ class PlainView final : public TextView {
     m_machine.out << Format("%-22s", DescriptionOf(phase).title)
                   << PhaseResult(phase, end, elapsed, transfer) << std::endl;
   }
-  void Retried(const char* request, const RefusedBytes& refused) override {
+  void Retried(const std::string& request, const RefusedBytes& refused) override {
     const std::lock_guard lock(m_lock);
     m_machine.out << NoAnswerTo(request, refused) << std::endl;
   }
@@ -182,7 +201,7 @@ class TerminalView final : public TextView {
                   << std::endl;
     m_title.clear();
   }
-  void Retried(const char* request, const RefusedBytes& refused) override {
+  void Retried(const std::string& request, const RefusedBytes& refused) override {
     const std::lock_guard lock(m_lock);
     m_state = NoAnswerTo(request, refused);
     Redraw();
@@ -220,7 +239,8 @@ Json AsJson(const DeviceFacts& facts) {
           {"processorId", IdOrNull(facts.processorId)},
           {"hardwareId", IdOrNull(facts.hardwareId)},
           {"bootloaderVersion", IdOrNull(facts.bootloaderVersion)},
-          {"blockSize", IdOrNull(facts.blockSize)}};
+          {"blockSize", IdOrNull(facts.blockSize)},
+          {"applicationKiB", IdOrNull(facts.applicationKiB)}};
 }
 
 Json AsJson(const std::optional<Target>& target) {
@@ -341,7 +361,7 @@ class JsonView final : public UpdateView {
                    {"state", NameOf(end)},
                    {"seconds", Seconds(elapsed)}});
   }
-  void Retried(const char* request, const RefusedBytes& refused) override {
+  void Retried(const std::string& request, const RefusedBytes& refused) override {
     Line("retry", {{"request", request}, {"refused", RefusedJson(refused)}});
   }
   void Note(const std::string& text) override {

@@ -6,10 +6,10 @@
 #include <nlohmann/json.hpp>
 #include <utility>
 
+#include "device/dialogue.h"
 #include "package/adb_view.h"
 #include "protocol/commands.h"
 #include "text/text_format.h"
-#include "transport/frame_codec.h"
 #include "update/closing_state.h"
 
 namespace tavo::tool {
@@ -181,18 +181,8 @@ FirmwareImage WithoutProgram(const FirmwareImage& image) {
 }
 
 bool CarriesFirmware(std::span<const std::uint8_t> frame) {
-  const FrameCodec& codec = kFrameCodecs[0];
-  FrameBuffer buffer{};
-  std::uint8_t last = 0;
-  bool acceptable = false;
-  const bool whole = !frame.empty() && codec.ParseHeader(frame[0], &last, &acceptable) &&
-                     acceptable && frame.size() == std::size_t{last} + 1;
-  if (!whole) return false;
-  std::ranges::copy(frame, buffer.begin());
-  TavoMessage message;
-  if (!codec.CheckFrame(buffer)) return false;
-  codec.Decode(buffer, &message);
-  return message.id == kWriteFlash.id;
+  const std::optional<TavoMessage> message = MessageIn(frame);
+  return message && message->id == kWriteFlash.id;
 }
 
 std::string ReadWireRecord(const std::string& path, WireRecord& record) {
