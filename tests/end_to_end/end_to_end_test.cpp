@@ -136,45 +136,34 @@ TEST(EndToEndListing, NamesUsbDevicesThenAdaptersAndChangesNothing) {
   EXPECT_TRUE(station.SwitchOff());
 }
 
-TEST(EndToEndListing, FromAnotherThreadDisturbsNoUpdate) {
-  for (const std::string kind : {"usb", "ftdi"}) {
-    SCOPED_TRACE(kind);
+// Another thread of the host acts while the update writes.
+TEST(EndToEndThreads, AnUpdateGoesOnIsStoppedOrEndsWithItsProcess) {
+  constexpr int kLeft = 7;
+  const std::string updated = "returned true, last error 0, ended elsewhere\n";
+  const struct {
+    std::string kind;
+    std::string action;
+    int exitCode;
+    std::string ending;
+  } kRows[] = {
+      {"usb", "list", 0, updated},
+      {"ftdi", "list", 0, updated},
+      {"usb", "stop", 0, "returned false, last error 0, ended midway\n"},
+      {"usb", "leave", kLeft, ""},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.kind + " " + row.action);
     ProcessStation station;
     ASSERT_TRUE(station.MakeFirmware("plain"));
-    ASSERT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "20", "--" + kind}));
-    const Result result = station.Run("stopping_host", {kind, "firmware.hex", "list"});
-    EXPECT_EQ(result.exitCode, 0) << result.console;
-    EXPECT_TRUE(result.console.ends_with("returned true, last error 0, ended elsewhere\n"))
-        << result.console;
-    EXPECT_TRUE(station.FlashHoldsFirmware());
+    ASSERT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "20", "--" + row.kind}));
+    const Result result = station.Run("stopping_host", {row.kind, "firmware.hex", row.action});
+    EXPECT_EQ(result.exitCode, row.exitCode) << result.console;
+    EXPECT_TRUE(result.console.ends_with(row.ending)) << result.console;
+    const bool reported = result.console.find("Firmwareupdate Error: 15\n") != std::string::npos;
+    EXPECT_EQ(reported, row.action == "stop") << result.console;
+    EXPECT_EQ(station.FlashHoldsFirmware(), row.ending == updated);
+    EXPECT_TRUE(station.SwitchOff());
   }
-}
-
-TEST(EndToEndStop, AnotherThreadEndsTheUpdateWhileItWrites) {
-  ProcessStation station;
-  ASSERT_TRUE(station.MakeFirmware("plain"));
-  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "20"}));
-  const Result result = station.Run("stopping_host", {"usb", "firmware.hex", "stop"});
-  EXPECT_EQ(result.exitCode, 0) << result.console;
-  const Lines dialogue = Dialogue(result);
-  ASSERT_GE(dialogue.size(), 2U);
-  // The bar may be drawn once more between the request to stop and the end.
-  EXPECT_TRUE(dialogue.end()[-2].ends_with("Firmwareupdate Error: 15")) << result.console;
-  EXPECT_EQ(dialogue.back(), "returned false, last error 0, ended midway");
-  EXPECT_FALSE(station.FlashHoldsFirmware());
-  EXPECT_TRUE(station.SwitchOff());
-}
-
-TEST(EndToEndStop, AHostThatLeavesInTheMidstOfAnUpdateEnds) {
-  ProcessStation station;
-  ASSERT_TRUE(station.MakeFirmware("plain"));
-  for (const Words& front : {Words{"--usb"}, Words{"--ftdi"}}) {
-    ASSERT_TRUE(station.PlugIn(Words{"--family", "plain", "--block-time", "20"} + front));
-  }
-  constexpr int kLeft = 7;
-  EXPECT_EQ(station.Run("stopping_host", {"usb", "firmware.hex", "leave"}).exitCode, kLeft);
-  EXPECT_FALSE(station.FlashHoldsFirmware());
-  EXPECT_TRUE(station.SwitchOff());
 }
 
 void ExpectUpdate(const std::string& kind, const std::string& ending,
