@@ -42,8 +42,6 @@ class EngineAccess {
   std::int32_t& softwareId = m_engine.m_softwareId;
   std::int32_t& processorId = m_engine.m_processorId;
   std::uint32_t& blockSize = m_engine.m_blockSize;
-  std::atomic<std::uint32_t>& bytesDone = m_engine.m_bytesDone;
-  std::atomic<std::uint32_t>& bytesTotal = m_engine.m_bytesTotal;
   std::atomic<ErrorCode>& errorCode = m_engine.m_errorCode;
   const std::string& errorText = m_engine.m_errorText;
 };

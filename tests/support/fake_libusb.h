@@ -56,7 +56,6 @@ class FakeLibUsb : public LibUsb {
   std::vector<std::string> calls;
   std::vector<Bytes> sent;  // one entry per bulk-out transfer
   Bytes lastControlData;
-  int lastOpenedBus = 0;
   int contexts = 0, lists = 0, handles = 0;  // not yet released
 
   ~FakeLibUsb() override {
@@ -111,7 +110,6 @@ class FakeLibUsb : public LibUsb {
     for (const int port : Listed(device).ports) path += " " + std::to_string(port);
     const int result = Record("Open" + path);
     if (result == 0) *handle = New<libusb_device_handle>(&handles);
-    lastOpenedBus = Listed(device).bus;
     return result;
   }
   libusb_device_handle* OpenDeviceWithVidPid(libusb_context*, std::uint16_t vendor,
