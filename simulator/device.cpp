@@ -368,10 +368,10 @@ Device::MaybeReply Device::Checksums(Payload) {
   return Reply{bytes};
 }
 
-// The bootloader confirms in any case, but starts nothing that is not whole.
+// The bootloader confirms in any case, but should start nothing that is not whole.
 Device::MaybeReply Device::StartApplication(Payload) {
-  if (!m_flash.Intact()) return Reply{};
-  return Reply{{}, SimTime{0}, DeviceState::Application};
+  if (m_flash.Intact()) return Reply{{}, SimTime{0}, DeviceState::Application};
+  return m_options.checksBeforeStart ? Reply{} : Reply{{}, SimTime{0}, DeviceState::None};
 }
 
 }  // namespace tavosim

@@ -51,6 +51,8 @@ struct DeviceOptions {
   // is sent twice lands in the same place twice.
   bool writeAddressAdvances = false;
   bool answersLeaveInApplication = false;
+  // The bootloader starts no incomplete image; else it does, and nothing responds any more.
+  bool checksBeforeStart = true;
   bool answersCloseTunnel = true;
   DeviceIdAnswers deviceIdAnswers = DeviceIdAnswers::Both;
   std::vector<std::uint16_t> resetModules{};  // module codes, none of them 0

@@ -15,6 +15,8 @@ using namespace std::chrono_literals;
 using tavosim::DeviceOptions;
 using tavosim::DeviceState;
 
+constexpr const char* kWrite = " --write @firmware.hex";
+
 // The names of the rules with this verdict.
 std::string RulesWith(const Json& document, const char* verdict) {
   std::string names;
@@ -71,68 +73,42 @@ TEST(CheckDevice, WithWriteAGoodDevicePassesEveryRuleAndRunsTheNewFirmware) {
 }
 
 TEST(CheckDevice, ABadDeviceBreaksTheRuleThatNamesItsFault) {
+  using D = DeviceOptions;
   const struct {
     const char* says;
     const char* fails;
+    const char* hints;
     std::vector<std::string> faults;
-    void (*change)(DeviceOptions& device) = [](DeviceOptions&) {};
-    const char* hints = "";
+    void (*change)(D& device) = [](D&) {};
     const char* options = "";
   } rows[] = {
-      // Values.
-      {"version 0", "version", {}, [](auto& d) { d.family.bootloaderVersion = 0; }},
-      {"129 bytes", "block-size", {}, [](auto& d) { d.family.blockSize = 129; }},
-      {"100 bytes", "block-size", {}, [](auto& d) { d.family.blockSize = 100; }},
-      {"padded to 32",
-       "",
-       {},
-       [](auto& d) { d.family.blockSize = 24, d.family.applicationKiB = 24; },
-       "block-size"},
-      {"swapped", "", {}, [](auto& d) { d.family.processorId = 0x48971E; }, "processor"},
-      // Answers.
-      {"0 bytes instead of 3", "processor", {"empty:id=0x121:*"}},
-      {"0 bytes instead of 8", "checksums", {"empty:id=0x136:*"}},
-      {"not answered", "hardware-id", {"lose:id=0x122:*"}},
-      {"answered after 5.0 s", "application-size", {"delay:id=0x132:*:5s"}},
-      {"checksum wrong", "hardware-id", {"damage:id=0x122:*:3.0"}},
-      {"id", "hardware-id", {"otherid:id=0x122:*:0x123"}},
-      {"6 bytes beside the answer", "answers-once", {"repeat:id=0x122:1"}},
-      {"2 bytes beside the answer", "answers-once", {"after:id=0x120:*:0000"}},
-      {"12 bytes came", "checksums silent-to-alive", {"withhold:id=0x136:1"}},
-      {"not answered", "escape-bytes after-damage", {"lose:id=0x120:4", "lose:id=0x120:5"}},
-      // The application, and starts.
-      {"not answered",
-       "device-id",
-       {},
-       [](auto& d) { d.deviceIdAnswers = tavosim::DeviceIdAnswers::Neither; }},
-      {"not answered", "", {"lose:id=0x100:6"}, [](auto&) {}, "call"},
-      {"after 33", "bootloader-start", {}, [](auto& d) { d.bootloaderStartTime = 33s; }},
-      {"after 29.", "application-start", {}, [](auto& d) { d.applicationBootTime = 30s; }},
-      // Writing.
-      {"answered after 5.0 s",
-       "erase",
-       {},
-       [](auto& d) { d.eraseTime = 5s; },
-       "",
-       " --write @firmware.hex"},
-      {"the address moved on",
-       "repeated-write",
-       {},
-       [](auto& d) { d.writeAddressAdvances = true; },
-       "",
-       " --write @firmware.hex"},
-      {"not answered at 0x00004000",
-       "write",
-       {"lose:id=0x134:1"},
-       [](auto&) {},
-       "",
-       " --write @firmware.hex"},
-      {"the device has 0x1E9749",
-       "",
-       {},
-       [](auto& d) { d.family.processorId = 0x1E9749; },
-       "",
-       " --write @firmware.hex"},
+      // clang-format off
+      {"version 0", "version", "", {}, [](D& d) { d.family.bootloaderVersion = 0; }},
+      {"129 bytes", "block-size", "", {}, [](D& d) { d.family.blockSize = 129; }},
+      {"100 bytes", "block-size", "", {}, [](D& d) { d.family.blockSize = 100; }},
+      {"padded to 32", "", "block-size", {}, [](D& d) { d.family.blockSize = 24, d.family.applicationKiB = 24; }},
+      {"seem to be swapped", "", "processor", {}, [](D& d) { d.family.processorId = 0x48971E; }},
+      {"0 bytes instead of 3", "processor", "", {"empty:id=0x121:*"}},
+      {"0 bytes instead of 8", "checksums", "", {"empty:id=0x136:*"}},
+      {"not answered", "hardware-id", "", {"lose:id=0x122:*"}},
+      {"answered after 5.0 s", "application-size", "", {"delay:id=0x132:*:5s"}},
+      {"checksum wrong", "hardware-id", "", {"damage:id=0x122:*:3.0"}},
+      {"0x123 instead of 0x122", "hardware-id", "", {"otherid:id=0x122:*:0x123"}},
+      {"6 bytes beside the answer", "answers-once", "", {"repeat:id=0x122:1"}},
+      {"2 bytes beside the answer", "answers-once", "", {"after:id=0x120:*:0000"}},
+      {"12 bytes came", "checksums silent-to-alive", "", {"withhold:id=0x136:1"}},
+      {"not answered", "escape-bytes after-damage", "", {"lose:id=0x120:4", "lose:id=0x120:5"}},
+      {"checksum wrong", "sign-of-life version", "", {"damage:*:3.0"}},
+      {"not answered", "device-id", "", {"lose:id=0x100:4", "lose:id=0x802:*"}},
+      {"not answered", "", "call", {"lose:id=0x100:6"}},
+      {"after 33", "bootloader-start", "", {}, [](D& d) { d.bootloaderStartTime = 33s; }},
+      {"after 29.", "application-start", "", {}, [](D& d) { d.applicationBootTime = 30s; }},
+      {"answered after 5.0 s", "erase", "", {}, [](D& d) { d.eraseTime = 5s; }, kWrite},
+      {"the address moved on", "repeated-write", "", {}, [](D& d) { d.writeAddressAdvances = true; }, kWrite},
+      {"no longer responds", "incomplete-image", "", {}, [](D& d) { d.checksBeforeStart = false; }, kWrite},
+      {"not answered at 0x00004000", "write", "", {"lose:id=0x134:1"}, [](D&) {}, kWrite},
+      {"the device has 0x1E9749", "", "", {}, [](D& d) { d.family.processorId = 0x1E9749; }, kWrite},
+      // clang-format on
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.says);

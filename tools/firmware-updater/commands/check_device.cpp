@@ -138,7 +138,8 @@ class DeviceCheck {
       return findings.Find("verified") != nullptr ? UpdatedAndVerified : UpdatedNotVerified;
     }
     if (start != nullptr) return Unknown;
-    if (erased) return BootloaderFlashErased;
+    const Asked* const remains = findings.Find("still-in-bootloader");
+    if (erased) return remains != nullptr && remains->answer ? BootloaderFlashErased : Unknown;
     return found.inBootloader        ? BootloaderAsFound
            : found.RunsApplication() ? OldApplicationRuns
                                      : Untouched;
