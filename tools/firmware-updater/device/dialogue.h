@@ -40,8 +40,7 @@ struct SentRequest {
   std::string text{};          // "POSITION, address 0x00008000"
   const char* rule = "";       // the demand on the answer that a new device may not meet
   std::uint32_t argument = 0;  // the first field; 0 without one
-  std::string
-      shortAnswer{};  // "1 of 2 bytes (version, block size)"; empty: the answer was whole, or none came
+  std::string shortAnswer{};   // "1 of 2 bytes (version, block size)"; empty for any other
   std::chrono::milliseconds time{0};
   bool answered = false;
   std::chrono::milliseconds late{0};  // until an answer that was too late; 0: none came
