@@ -194,6 +194,7 @@ void Dialogue::BytesReceived(bool ok, Bytes bytes, milliseconds) {
   if (!ok && m_present) Put("!", "", "the device cannot be read");
   m_present = ok;
   if (bytes.empty()) return;
+  m_receivedAt = m_clock();
   m_received.insert(m_received.end(), bytes.begin(), bytes.end());
   for (const std::uint8_t byte : bytes) m_assembler.PutByte(byte, kFrameCodecs[0]);
   if (const auto message = m_assembler.TakeFrame(kFrameCodecs[0])) {
@@ -248,15 +249,20 @@ milliseconds Dialogue::LateAnswerTo(const SentRequest& request) const {
 }
 
 void Dialogue::PutReceived(const std::string& text) {
-  Put("<", HexBytes(m_received), text);
+  Put(m_receivedAt, "<", HexBytes(m_received), text);
   m_received.clear();
   m_assembler.ForgetRefused();
 }
 
 void Dialogue::Put(const char* direction, const std::string& bytes, const std::string& text) const {
+  Put(m_clock(), direction, bytes, text);
+}
+
+void Dialogue::Put(milliseconds time, const char* direction, const std::string& bytes,
+                   const std::string& text) const {
   if (m_trace == nullptr) return;
-  *m_trace << Format("%9.3f  %s %-23s  ", Seconds(m_clock() - m_begin), direction, bytes.c_str())
-           << text << std::endl;
+  *m_trace << Format("%9.3f  %s %-23s  ", Seconds(time - m_begin), direction, bytes.c_str()) << text
+           << std::endl;
 }
 
 }  // namespace tavo::tool

@@ -74,12 +74,15 @@ class Dialogue final : public TransportObserver {
   std::string Judge(const TavoMessage& message);
   void PutReceived(const std::string& text);
   void Put(const char* direction, const std::string& bytes, const std::string& text) const;
+  void Put(std::chrono::milliseconds time, const char* direction, const std::string& bytes,
+           const std::string& text) const;
 
   Clock m_clock;
   std::ostream* m_trace;
   std::chrono::milliseconds m_begin;
   FrameAssembler m_assembler;
-  std::vector<std::uint8_t> m_received;  // since the last line about received bytes
+  std::vector<std::uint8_t> m_received;       // since the last line about received bytes
+  std::chrono::milliseconds m_receivedAt{0};  // the last of them
   SentRequest m_last;
   SentRequest m_shortlyAnswered;
   std::vector<SentRequest> m_unanswered;  // in time; the last one of each id
