@@ -196,24 +196,20 @@ class SweptUpdate : private TransportObserver {
     if (m_outcome.foreignAnswer) return Limit::SharedId;
     for (const Hit& hit : m_run.hits) {
       if (std::string_view(hit.fault->name) != "power cut into bootloader") continue;
-      const std::string request = RequestText(hit.request);
-      if (request.starts_with("0x814") || request == "0x100 EC 00") return Limit::SilenceTolerated;
+      for (const tavosim::Exchange& exchange : m_station.device.Journal()) {
+        const std::string request = exchange.number == hit.request ? Describe(exchange) : "";
+        if (request.starts_with("0x814") || request == "0x100 EC 00")
+          return Limit::SilenceTolerated;
+      }
     }
     return std::nullopt;
   }
 
   bool PowerWasCut() const {
-    return std::any_of(m_run.hits.begin(), m_run.hits.end(), [this](const Hit& hit) {
-      return hit.fault->spec && std::string_view(hit.fault->spec).starts_with("powercut") &&
+    return std::ranges::any_of(m_run.hits, [this](const Hit& hit) {
+      return std::string_view(hit.fault->name).starts_with("power cut") &&
              hit.request <= m_outcome.requests;
     });
-  }
-
-  std::string RequestText(unsigned number) const {
-    for (const tavosim::Exchange& exchange : m_station.device.Journal()) {
-      if (exchange.number == number) return Describe(exchange);
-    }
-    return {};
   }
 
   // The adapter keeps what arrives until it is read, so nothing is lost.
