@@ -136,35 +136,48 @@ TEST(EndToEndListing, NamesUsbDevicesThenAdaptersAndChangesNothing) {
   EXPECT_TRUE(station.SwitchOff());
 }
 
-// Another thread of the host acts while the update writes.
-TEST(EndToEndThreads, AnUpdateGoesOnIsStoppedOrEndsWithItsProcess) {
-  constexpr int kLeft = 7;
-  const std::string updated = "returned true, last error 0, ended elsewhere\n";
-  const struct {
-    std::string kind;
-    std::string action;
-    int exitCode;
-    std::string ending;
-  } kRows[] = {
-      {"usb", "list", 0, updated},
-      {"ftdi", "list", 0, updated},
-      {"usb", "stop", 0, "returned false, last error 0, ended midway\n"},
-      {"usb", "leave", kLeft, ""},
-  };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.kind + " " + row.action);
-    ProcessStation station;
-    ASSERT_TRUE(station.MakeFirmware("plain"));
-    ASSERT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "20", "--" + row.kind}));
-    const Result result = station.Run("stopping_host", {row.kind, "firmware.hex", row.action});
-    EXPECT_EQ(result.exitCode, row.exitCode) << result.console;
-    EXPECT_TRUE(result.console.ends_with(row.ending)) << result.console;
-    const bool reported = result.console.find("Firmwareupdate Error: 15\n") != std::string::npos;
-    EXPECT_EQ(reported, row.action == "stop") << result.console;
-    EXPECT_EQ(station.FlashHoldsFirmware(), row.ending == updated);
-    EXPECT_TRUE(station.SwitchOff());
-  }
+// What a host gets that loads the library, updates and unloads it; also while another of its threads acts.
+struct LoadingHost {
+  const char* name;
+  Words arguments;
+  int exitCode;
+  std::string ending;
+};
+
+const std::string kUpdated = "updated 1, last error 0, ended elsewhere, unloaded 1\n";
+const LoadingHost kHosts[] = {
+    {"UpdatesOverUsb", {"usb", "firmware.hex"}, 0, kUpdated},
+    {"UpdatesOverFtdi", {"ftdi", "firmware.hex"}, 0, kUpdated},
+    {"ListsMeanwhileOverUsb", {"usb", "firmware.hex", "list"}, 0, kUpdated},
+    {"ListsMeanwhileOverFtdi", {"ftdi", "firmware.hex", "list"}, 0, kUpdated},
+    {"Stops",
+     {"usb", "firmware.hex", "stop"},
+     1,
+     "updated 0, last error 0, ended midway, unloaded 1\n"},
+    {"Leaves", {"usb", "firmware.hex", "leave"}, 7, ""},
+};
+
+void PrintTo(const LoadingHost& host, std::ostream* out) { *out << host.name; }
+
+class EndToEndHost : public testing::TestWithParam<LoadingHost> {};
+
+TEST_P(EndToEndHost, EndsAsExpected) {
+  const LoadingHost& host = GetParam();
+  ProcessStation station;
+  ASSERT_TRUE(station.MakeFirmware("plain"));
+  ASSERT_TRUE(
+      station.PlugIn({"--family", "plain", "--block-time", "20", "--" + host.arguments[0]}));
+  const Result result = station.Run("test_host", host.arguments);
+  EXPECT_EQ(result.exitCode, host.exitCode) << result.console;
+  EXPECT_TRUE(result.console.ends_with(host.ending)) << result.console;
+  const bool reported = result.console.find("Firmwareupdate Error: 15\n") != std::string::npos;
+  EXPECT_EQ(reported, host.arguments.back() == "stop") << result.console;
+  EXPECT_EQ(station.FlashHoldsFirmware(), host.ending == kUpdated);
+  EXPECT_TRUE(station.SwitchOff());
 }
+
+INSTANTIATE_TEST_SUITE_P(Loading, EndToEndHost, testing::ValuesIn(kHosts),
+                         [](const auto& row) { return row.param.name; });
 
 void ExpectUpdate(const std::string& kind, const std::string& ending,
                   const std::function<Result(const ProcessStation&)>& run) {
@@ -178,16 +191,7 @@ void ExpectUpdate(const std::string& kind, const std::string& ending,
   EXPECT_TRUE(station.FlashHoldsFirmware());
 }
 
-TEST(EndToEndLoading, AHostThatLoadsAndUnloadsTheLibraryUpdatesToo) {
-  for (const std::string kind : {"usb", "ftdi"}) {
-    ExpectUpdate(kind, "\nupdated 1, last error 0, unloaded 1\n",
-                 [&](const ProcessStation& station) {
-                   return station.Run("loading_host", {kind, "firmware.hex"});
-                 });
-  }
-}
-
-TEST(EndToEndLoading, AnyByteButZeroIsTrue) {
+TEST(EndToEndFlags, AnyByteButZeroIsTrue) {
   const Lines rest = kCallBootloader + Lines{"0x120", "0x121", "0x132", "0x130 03"} + kFlash16K +
                      kVerifyAndStart + kSignOfLife;
   const struct {
@@ -202,12 +206,12 @@ TEST(EndToEndLoading, AnyByteButZeroIsTrue) {
     ProcessStation station;
     ASSERT_TRUE(station.MakeFirmware("plain"));
     ASSERT_TRUE(station.PlugIn({"--family", "plain"}));
-    EXPECT_EQ(station.Run("loading_host", Words{"usb", "firmware.hex"} + row.flags).exitCode, 0);
+    EXPECT_EQ(station.Run("test_host", Words{"usb", "firmware.hex"} + row.flags).exitCode, 0);
     EXPECT_EQ(station.TakeRequests(), row.requests);
   }
 }
 
-TEST(EndToEndHost, TheMinimalHostUpdatesTheDevice) {
+TEST(EndToEndMinimal, TheMinimalHostUpdatesTheDevice) {
   ExpectUpdate("usb", "\nresult: updated\n", [](const ProcessStation& station) {
     return station.Run("minimal-host", {"firmware.hex"});
   });

@@ -131,6 +131,7 @@ TEST(UpdateCommand, AFailureNamesItsCauseAndNotItsConsequence) {
 
 TEST(ClosingState, HoldsForSeveralRunsAndAnyFileName) {
   EXPECT_EQ(Following(UpdatedAndVerified, BootloaderAsFound), BootloaderFlashIntact);
+  EXPECT_EQ(Following(UpdatedAndVerified, Untouched), Unknown);
   EXPECT_EQ(Following(BootloaderFlashErased, BootloaderAsFound), BootloaderAsFound);
   EXPECT_EQ(CommandLine({Purpose::Update, "-x.hex", {TransportKind::Usb, "1"}, {}}),
             "firmware-updater update ./-x.hex --usb 1");

@@ -1,0 +1,86 @@
+// A host that loads the library at run time, updates in one thread and unloads it again; under Windows it
+// finds the functions by ordinal. Like hosts in other languages it passes flags as bytes of any value. With
+// an action, its main thread waits until some of the firmware is written. Then it stops the update, leaves
+// the whole process in its midst, or lists devices until the update ends.
+//
+// usage: test_host usb|ftdi FILE [SKIP-IDENTITY-CHECK EXTENDED-ERASE BOOTLOADER-ONLY | stop|leave|list]
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#if defined(_WIN32)
+#include <windows.h>
+#else
+#include <dlfcn.h>
+#endif
+
+namespace {
+
+#if defined(_WIN32)
+HMODULE Load() { return LoadLibraryA(TAVO_LIBRARY); }
+template <typename Function>
+Function Find(HMODULE library, const char* /*name*/, WORD ordinal) {
+  return reinterpret_cast<Function>(
+      reinterpret_cast<std::uintptr_t>(GetProcAddress(library, MAKEINTRESOURCEA(ordinal))));
+}
+bool Unload(HMODULE library) {
+  return FreeLibrary(library) && GetModuleHandleA(TAVO_LIBRARY) == nullptr;
+}
+#else
+void* Load() { return dlopen(TAVO_LIBRARY, RTLD_NOW | RTLD_LOCAL); }
+template <typename Function>
+Function Find(void* library, const char* name, int /*ordinal*/) {
+  return reinterpret_cast<Function>(dlsym(library, name));
+}
+bool Unload(void* library) {
+  return dlclose(library) == 0 && dlopen(TAVO_LIBRARY, RTLD_NOW | RTLD_NOLOAD) == nullptr;
+}
+#endif
+
+using Flag = unsigned char;
+using UpdateFtdi = bool (*)(const char*, std::uint32_t, Flag, const char*, Flag, Flag, Flag);
+using UpdateUsb = bool (*)(const char*, const char*, Flag, Flag, Flag);
+
+constexpr int kLeft = 7;
+constexpr float kActsAt = 0.2F;
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 3 && argc != 4 && argc != 6) return 2;
+  const std::string action = argc == 4 ? argv[3] : "";
+  Flag flags[3]{};
+  for (int i = 3; argc == 6 && i < argc; ++i) flags[i - 3] = static_cast<Flag>(std::atoi(argv[i]));
+  const auto library = Load();
+  if (library == nullptr) return 3;
+  const auto lastError = Find<int (*)()>(library, "get_last_error", 1);
+  const auto progress = Find<float (*)()>(library, "get_progress", 2);
+  const auto updateFtdi = Find<UpdateFtdi>(library, "update_ftdi_device", 6);
+  const auto updateUsb = Find<UpdateUsb>(library, "update_usb_device", 7);
+
+  std::atomic<bool> ended = false;
+  bool updated = false;
+  std::thread update([&] {
+    updated = argv[1] == std::string("usb")
+                  ? updateUsb("", argv[2], flags[0], flags[1], flags[2])
+                  : updateFtdi("", 19200, 0, argv[2], flags[0], flags[1], flags[2]);
+    ended = true;
+  });
+  while (!action.empty() && !ended && progress() < kActsAt) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  if (action == "leave") std::exit(kLeft);
+  if (action == "stop") Find<void (*)()>(library, "stop_update", 5)();
+  while (action == "list" && !ended) Find<void (*)()>(library, "list_devices", 4)();
+  update.join();
+  const bool midway = progress() >= kActsAt && progress() < 1.0F;
+  const int error = lastError();
+  const bool unloaded = Unload(library);
+  std::printf("updated %d, last error %d, ended %s, unloaded %d\n", updated, error,
+              midway ? "midway" : "elsewhere", unloaded);
+  return updated && unloaded ? 0 : 1;
+}
