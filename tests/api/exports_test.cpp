@@ -9,24 +9,36 @@
 namespace tavo {
 namespace {
 
-test::Station* current = nullptr;
+test::Station* current = nullptr;  // none: the objects have been destroyed
 
 }  // namespace
 
 FirmwareUpdater& FirmwareUpdater::Instance() { return current->engine; }
 TransportHolder& TransportHolder::Instance() { return current->holder; }
 ProcessObjects& ProcessObjects::Instance() { throw std::logic_error("there are none"); }
-ExportedCall::ExportedCall() : m_granted(true) {}
+ExportedCall::ExportedCall() : m_granted(current != nullptr) {}
 ExportedCall::~ExportedCall() = default;
 
 namespace test {
 namespace {
 
+// Hosts in other languages pass any byte but 0 for true.
+using Byte = std::uint8_t;
+constexpr Byte kTrue = 0x80;
+const auto kUpdateUsb = reinterpret_cast<bool (*)(const char*, const char*, Byte, Byte, Byte)>(
+    reinterpret_cast<void*>(&update_usb_device));
+const auto kUpdateFtdi =
+    reinterpret_cast<bool (*)(const char*, std::uint32_t, Byte, const char*, Byte, Byte, Byte)>(
+        reinterpret_cast<void*>(&update_ftdi_device));
+
 class Exports : public testing::Test {
  protected:
   // The dialogue goes to the real console.
   void SetUp() override { testing::internal::CaptureStdout(); }
-  void TearDown() override { testing::internal::GetCapturedStdout(); }
+  void TearDown() override {
+    testing::internal::GetCapturedStdout();
+    current = nullptr;
+  }
 
   static tavosim::DeviceOptions Plain() {
     tavosim::DeviceOptions options = tavosim::OptionsFor(*tavosim::FindFamily("plain"));
@@ -46,16 +58,16 @@ TEST_F(Exports, FlagsLeaveOutWhatTheySay) {
     Station station(Plain(), !usb);
     current = &station;
     const std::string file = station.platform.Folder() + "firmware.hex";
-    const auto update = [&](bool skipIdentity, bool extended, bool bootloader) {
+    const auto update = [&](Byte skipIdentity, Byte extended, Byte bootloader) {
       station.ForgetRequests();
-      return usb ? update_usb_device("1-4-2", file.c_str(), skipIdentity, extended, bootloader)
-                 : update_ftdi_device("TAVO0001", 19200, true, file.c_str(), skipIdentity, extended,
-                                      bootloader);
+      return usb ? kUpdateUsb("1-4-2", file.c_str(), skipIdentity, extended, bootloader)
+                 : kUpdateFtdi("TAVO0001", 19200, kTrue, file.c_str(), skipIdentity, extended,
+                               bootloader);
     };
     EXPECT_EQ(get_progress(), -1.0F);
-    EXPECT_TRUE(update(false, false, true));
+    EXPECT_TRUE(update(0, 0, kTrue));
     EXPECT_EQ(station.Requests(), bootloaderOnly);
-    EXPECT_TRUE(update(true, true, false));
+    EXPECT_TRUE(update(kTrue, kTrue, 0));
     EXPECT_EQ(station.Requests(), withoutIdentity);
     EXPECT_GE(get_progress(), 1.0F);
     char name[] = "????";
@@ -73,6 +85,15 @@ TEST_F(Exports, TheAdapterRunsAtTheBaudRateThatIsAskedFor) {
   EXPECT_FALSE(update_ftdi_device("TAVO0001", 9600, false, file.c_str(), false, false, false));
   EXPECT_TRUE(station.Requests().empty()) << "the device listens at 19200 baud";
   EXPECT_EQ(get_last_error(), 1);
+}
+
+TEST_F(Exports, AfterTheObjectsHaveBeenDestroyedNothingHappens) {
+  char name[] = "????";
+  stop_update();
+  EXPECT_FALSE(update_usb_device("", "firmware.hex", false, false, false));
+  EXPECT_FALSE(get_resetted_modules(name, 0));
+  EXPECT_EQ(get_progress(), -1.0F);
+  EXPECT_EQ(get_last_error(), 0);
 }
 
 }  // namespace

@@ -95,6 +95,7 @@ TEST(Stop, EndsTheUpdateBeforeTheNextStepCall) {
   };
   rig.Update();
   EXPECT_EQ(rig.device->requests.back(), "0x130 01");
+  EXPECT_EQ(rig.Count("Erase Application Memory: Ok"), 0u);
   EXPECT_EQ(rig.Count("\nFirmwareupdate Error: 15\n"), 1u);
   EXPECT_FALSE(rig.engine.Succeeded());
   EXPECT_EQ(rig.engine.LastError(), ErrorCode::Verify);
@@ -151,6 +152,19 @@ TEST(Engine, ProgressAndCodeOutliveTheUpdateAndOnlyProgressBeginsAnew) {
   rig.Update();
   EXPECT_TRUE(rig.engine.Succeeded());
   EXPECT_EQ(rig.engine.LastError(), ErrorCode::StartApplication);
+}
+
+TEST(Engine, TheHolderGivesADeviceTimeToSettle) {
+  VirtualPlatform platform;
+  Logger log(platform);
+  TavoLink link;
+  for (const bool used : {false, true}) {
+    TransportHolder holder(platform, [&](TransportKind) {
+      return std::make_unique<ScriptedTransport>(link, platform, log);
+    });
+    if (used) holder.SelectTransport(TransportKind::Usb);
+  }
+  EXPECT_EQ(platform.Sleeps(), std::vector{100ms});
 }
 
 // The label and the hardware check of the next device must not go by what the last one reported.
