@@ -25,10 +25,10 @@ namespace tavo::test {
 
 using Bytes = std::vector<std::uint8_t>;
 
-// A caller that breaks a rule of libusb, or leaks, ends the test program.
+// A caller that breaks a rule of a vendor library, or leaks, ends the test program.
 inline void Require(bool kept, const char* rule) {
   if (kept) return;
-  std::fprintf(stderr, "libusb: %s\n", rule);
+  std::fprintf(stderr, "broken rule: %s\n", rule);
   std::abort();
 }
 

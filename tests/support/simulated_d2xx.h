@@ -6,22 +6,21 @@
 #include <optional>
 #include <string>
 
-#include "platform/d2xx.h"
 #include "platform/ftdi_input_stream.h"
 #include "simulator/ftdi_adapter.h"
+#include "tests/support/fake_d2xx.h"
 #include "tests/support/simulated_usb.h"
 
 namespace tavo::test {
 
-class SimulatedD2xx : public D2xx {
+class SimulatedD2xx : public FakeD2xx {
  public:
   // Both must outlive this object.
   SimulatedD2xx(VirtualPlatform& platform, tavosim::Device& device, tavosim::FtdiAdapter& adapter,
                 std::string serialNumber)
-      : m_platform(platform),
-        m_device(device),
-        m_adapter(adapter),
-        m_serialNumber(std::move(serialNumber)) {}
+      : m_platform(platform), m_device(device), m_adapter(adapter) {
+    adapters = {{std::move(serialNumber), ""}};
+  }
 
   // Faults that a test may inject: true makes the call fail.
   std::function<bool()> failSend = [] { return false; };
@@ -35,24 +34,12 @@ class SimulatedD2xx : public D2xx {
     *count = m_adapter.Connected(Now()) ? 1 : 0;
     return kD2xxOk;
   }
-  D2xxStatus GetDeviceInfoList(std::span<D2xxDeviceInfo> devices, std::uint32_t* count) override {
-    *count = static_cast<std::uint32_t>(devices.size());
-    for (D2xxDeviceInfo& info : devices) {
-      info = {};
-      m_serialNumber.copy(info.serialNumber.data(), info.serialNumber.size());
-    }
-    return kD2xxOk;
-  }
-
-  void ForgetDeviceInfoList() override {}
-
-  D2xxStatus Open(std::uint32_t /*index*/, D2xxHandle* handle) override {
+  D2xxStatus Open(std::uint32_t index, D2xxHandle* handle) override {
     if (!m_adapter.Connected(Now())) return kD2xxDeviceNotFound;
     m_input.emplace(m_transfer, kPacket);
     m_input->Start();
     m_unplugsAtOpen = m_device.Unplugs();
-    *handle = this;
-    return kD2xxOk;
+    return FakeD2xx::Open(index, handle);
   }
   // The divisor for 3 MHz without a fraction, as the chip takes it.
   D2xxStatus SetBaudRate(D2xxHandle /*handle*/, std::uint32_t baudRate) override {
@@ -63,9 +50,9 @@ class SimulatedD2xx : public D2xx {
                                     std::uint8_t stopBits, std::uint8_t parity) override {
     return Control(4, static_cast<std::uint16_t>(wordLength | (parity << 8) | (stopBits << 11)));
   }
-  D2xxStatus Close(D2xxHandle /*handle*/) override {
+  D2xxStatus Close(D2xxHandle handle) override {
     m_adapter.Released(Now());
-    return kD2xxOk;
+    return FakeD2xx::Close(handle);
   }
 
   D2xxStatus Write(D2xxHandle /*handle*/, std::span<const std::uint8_t> data,
@@ -133,7 +120,6 @@ class SimulatedD2xx : public D2xx {
   VirtualPlatform& m_platform;
   tavosim::Device& m_device;
   tavosim::FtdiAdapter& m_adapter;
-  std::string m_serialNumber;
   unsigned m_unplugsAtOpen = 0;
   Transfer m_transfer;
   std::optional<FtdiInputStream> m_input;
