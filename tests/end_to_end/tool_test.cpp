@@ -42,7 +42,7 @@ TEST(EndToEndTool, AnInterruptWhileItWritesIsExplainedAndTheCommandItNamesBrings
   EXPECT_TRUE(result.console.ends_with("\nThe device runs the new firmware, verified.\n"))
       << result.console;
   EXPECT_TRUE(station.FlashHoldsFirmware());
-  const std::string log = FileText(station.folder / "state/firmware-updater/firmware-updater.log");
+  const std::string log = FileText(station.folder / "state/firmware-updater/usb-1_1.log");
   EXPECT_NE(log.find("INFO FirmwareUpdater: Start.\n"), std::string::npos);
 }
 

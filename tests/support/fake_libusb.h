@@ -95,6 +95,9 @@ class FakeLibUsb : public LibUsb {
     *descriptor = {};
     descriptor->idVendor = Listed(device).vendor;
     descriptor->idProduct = Listed(device).product;
+    if (Listed(device).function == nullptr) return 0;  // nobody answers for its texts
+    descriptor->iProduct = 2;
+    descriptor->iSerialNumber = 3;
     return 0;
   }
   std::uint8_t GetBusNumber(libusb_device* device) override { return Listed(device).bus; }

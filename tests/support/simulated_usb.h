@@ -63,10 +63,14 @@ class SimulatedUsb : public FakeLibUsb {
                       std::uint16_t value, std::uint16_t index, unsigned char* data,
                       std::uint16_t length, unsigned /*timeoutMs*/) override {
     if (Gone(handle)) return LIBUSB_ERROR_NO_DEVICE;
-    onOpening();
+    const bool asks = (requestType & LIBUSB_ENDPOINT_IN) != 0;
+    if (!asks) onOpening();
     const tavosim::UsbResult result = AsHandle(handle).function->Control(
         {requestType, request, value, index, length}, {data, length}, SimNow(m_platform));
-    return result.status == tavosim::UsbStatus::Done ? int{length} : int{LIBUSB_ERROR_PIPE};
+    if (result.status != tavosim::UsbStatus::Done) return LIBUSB_ERROR_PIPE;
+    if (!asks) return length;
+    std::copy(result.data.begin(), result.data.end(), data);
+    return static_cast<int>(result.data.size());
   }
   int BulkTransfer(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data,
                    int length, int* transferred, unsigned timeoutMs) override {

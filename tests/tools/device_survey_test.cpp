@@ -116,8 +116,8 @@ TEST_F(DeviceSurvey, ListSaysWhatAddressesADeviceAndWhatStandsInTheWay) {
   adapters.adapters = {{"A\x1B\xB5 1", "It's\na\x9B b"}};
   EXPECT_EQ(run("list"), ExitCode::Done);
   EXPECT_EQ(run.Out(),
-            "--usb 4-2                 USB device 03eb:2404, bus 1\n"
-            "--usb 1                   USB device 03eb:2404, bus 1\n"
+            "--usb 4-2                 USB device, 03eb:2404, bus 1\n"
+            "--usb 1                   USB device, 03eb:2404, bus 1\n"
             "                          cannot be used: another program holds it (in-use)\n"
             "                          hint: end the program that uses it, then try again\n"
             "--ftdi $'A\\033\\265\\0401'  It's?a? b\n");
@@ -144,6 +144,17 @@ TEST_F(DeviceSurvey, JsonIsOneDocumentWhateverAnAdapterCallsItself) {
   EXPECT_EQ(document["devices"][1]["obstacles"][0]["name"], "ambiguous-port");
   EXPECT_EQ(document["devices"][2]["kind"], "ftdi");
   EXPECT_EQ(document["devices"][2]["usable"], true);
+}
+
+TEST(DeviceSurveyTable, AUsbDeviceIsShownWithItsOwnTexts) {
+  ToolStation station(Options("plain"));
+  EXPECT_EQ(station.run("list"), ExitCode::Done);
+  EXPECT_TRUE(station.run.Says("Control Module, serial number 1, 03eb:2404, bus 1\n"))
+      << station.run.Out();
+  EXPECT_EQ(station.run("list --json"), ExitCode::Done);
+  const Json usb = Json::Parse(station.run.Out())["devices"][0]["usb"];
+  EXPECT_EQ(usb["serialNumber"], "1");
+  EXPECT_EQ(usb["vendorId"], 0x03EB);
 }
 
 TEST_F(DeviceSurvey, NothingFoundTellsWhatWasLookedForAndWhy) {

@@ -155,6 +155,8 @@ TEST(TargetChoice, TakesTheSelectedOrTheOnlyUsbDevice) {
       {"one without a name", {}, {{}}, "", "unusable-device", "the USB device cannot be used"},
       {"an adapter alone", {}, {}, "", "no-device", "only when it is selected: --ftdi A1"},
       {"a named port", {.usbPort = "4-2"}, {{1}, {4, 2}}, "--usb 4-2"},
+      {"a kernel's name", {.usbPort = "1-4.2"}, {{1}, {4, 2}}, "--usb 4-2"},
+      {"a port path before a kernel's name", {.usbPort = "1-2"}, {{2}, {1, 2}}, "--usb 1-2"},
       {"a wrong port", {.usbPort = "9"}, {{1}}, "", "no-device", "--usb 1, --ftdi A1"},
       {"a port named as an adapter", {.usbPort = "A1"}, {{1}}, "", "no-device", "--ftdi A1"},
       {"twins", {.usbPort = "1"}, {{1}, {1}}, "", "unusable-device", "same port path"},

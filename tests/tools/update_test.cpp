@@ -125,8 +125,7 @@ TEST(UpdateCommand, AFailureNamesItsCauseAndNotItsConsequence) {
     return !requests.empty() && requests.back() == "0x132";
   };
   EXPECT_EQ(station.Update(), FailedUnknown);
-  EXPECT_TRUE(station.run.Complains("hardware-id: A request could not be sent"))
-      << station.run.Err();
+  EXPECT_TRUE(station.run.Complains("not-sent: A request could not be sent")) << station.run.Err();
 }
 
 TEST(ClosingState, HoldsForSeveralRunsAndAnyFileName) {
@@ -197,7 +196,7 @@ TEST(UpdateCommand, ALogThatNobodyAskedForKeepsNoUpdateFromBeingDone) {
   setenv("XDG_STATE_HOME", "", 1);
   setenv("HOME", station.run.Path("").c_str(), 1);
   EXPECT_EQ(station.run("update @firmware.hex"), Done) << station.run.Err();
-  EXPECT_NE(station.run.Read(".local/state/firmware-updater/firmware-updater.log"), "");
+  EXPECT_NE(station.run.Read(".local/state/firmware-updater/usb-1-4-2_1.log"), "");
   setenv("HOME", home.c_str(), 1);
   setenv("XDG_STATE_HOME", before.c_str(), 1);
 }
@@ -493,7 +492,8 @@ TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
     return text.str();
   };
   const std::string begin = now();
-  EXPECT_EQ(station.Recover(" --json --tag unit=4711"), Done) << station.run.Out();
+  EXPECT_EQ(station.Recover(" --json --tag unit=4711 --station bench-3"), Done)
+      << station.run.Out();
   EXPECT_EQ(station.run.Err(), "");
   const Lines lines = test::LinesOf(station.run.Out());
   EXPECT_EQ(std::adjacent_find(lines.begin(), lines.end()), lines.end()) << "no line repeats one";
@@ -509,6 +509,9 @@ TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
   EXPECT_EQ(last["state"]["device"], "updated-and-verified");
   EXPECT_EQ(last["flags"]["skipIdentityCheck"], false);
   EXPECT_EQ(last["tags"]["unit"], "4711");
+  EXPECT_EQ(last["station"], "bench-3");
+  EXPECT_EQ(last["log"], station.run.Path("tool.log").string());
+  EXPECT_EQ(last["target"]["usb"]["product"], "Control Module");
   EXPECT_EQ(last["bytes"]["written"], last["bytes"]["due"]);
   EXPECT_EQ(last["bytes"]["due"], 2 * 13312);
   EXPECT_FALSE(last["verification"]["expected"].IsNull());

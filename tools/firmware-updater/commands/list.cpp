@@ -54,6 +54,7 @@ Json AsJson(const FoundDevice& device) {
           {"address", device.address},
           {"description", device.description},
           {"usable", device.IsUsable()},
+          {"usb", device.usb ? device.usb->AsJson() : Json()},
           {"obstacles", obstacles}};
 }
 
@@ -102,7 +103,7 @@ void AddListCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
       .Shown("SECONDS")
       .Checked(CheckWait);
   command.Footer(
-      "Nothing is sent to a device, and no driver is taken from it.\n\n"
+      "A device is only asked for its USB texts, and no driver is taken from it.\n\n"
       "Examples:\n"
       "  firmware-updater list\n"
       "  firmware-updater list --wait 10 --json");

@@ -38,8 +38,8 @@ constexpr std::array kUsbKinds{
 struct UsbFinding {
   const UsbKind* kind = nullptr;
   std::string port{};
-  unsigned bus = 0;
   int result = 0;  // of the trial: a libusb error, 0 = usable
+  UsbIdentity identity{};
 };
 
 // The devices connected now, in a libusb context of its own.
@@ -71,22 +71,76 @@ class UsbList {
   std::ptrdiff_t m_result;
 };
 
-const UsbKind* KindOf(LibUsb& usb, libusb_device* device) {
-  libusb_device_descriptor descriptor{};
-  if (usb.GetDeviceDescriptor(device, &descriptor) < 0) return nullptr;
+const UsbKind* KindOf(const libusb_device_descriptor& descriptor) {
   const auto kind = std::ranges::find_if(kUsbKinds, [&](const UsbKind& row) {
     return row.vendor == descriptor.idVendor && row.product == descriptor.idProduct;
   });
   return kind == kUsbKinds.end() ? nullptr : &*kind;
 }
 
+// Devices and libraries may report anything; a terminal must not obey it.
+std::string Printable(std::string text) {
+  std::ranges::replace_if(
+      text, [](char c) { return c < ' ' || c > '~'; }, '?');
+  return text;
+}
+
+// The texts of an open device, in its first language. A request to the device itself needs no interface.
+class UsbTexts {
+ public:
+  UsbTexts(LibUsb& usb, libusb_device_handle* handle) : m_usb(usb), m_handle(handle) {}
+
+  // Empty when the device has none.
+  std::string Read(std::uint8_t index) {
+    if (index == 0) return {};
+    if (!m_language) {
+      const std::vector<std::uint16_t> languages = Units(0, 0);
+      m_language = languages.empty() ? 0 : languages.front();
+    }
+    std::string text;
+    if (*m_language == 0) return text;
+    for (const std::uint16_t unit : Units(index, *m_language)) {
+      text += unit < 0x80 ? static_cast<char>(unit) : '?';
+    }
+    return Printable(text);
+  }
+
+ private:
+  // Two bytes each, after a head of two bytes: the length and the type.
+  std::vector<std::uint16_t> Units(std::uint8_t index, std::uint16_t language) {
+    constexpr unsigned kTimeoutMs = 250;
+    std::array<unsigned char, 255> data{};
+    const int length =
+        m_usb.ControlTransfer(m_handle, LIBUSB_ENDPOINT_IN, LIBUSB_REQUEST_GET_DESCRIPTOR,
+                              static_cast<std::uint16_t>(LIBUSB_DT_STRING << 8 | index), language,
+                              data.data(), data.size(), kTimeoutMs);
+    std::vector<std::uint16_t> units;
+    if (length < 2 || data[1] != LIBUSB_DT_STRING) return units;
+    const auto end = static_cast<std::size_t>(std::min<int>(length, data[0]));
+    for (std::size_t i = 2; i + 1 < end; i += 2) {
+      units.push_back(static_cast<std::uint16_t>(data[i] | data[i + 1] << 8));
+    }
+    return units;
+  }
+
+  LibUsb& m_usb;
+  libusb_device_handle* m_handle;
+  std::optional<std::uint16_t> m_language;  // 0: the device has no texts
+};
+
 // A kernel driver is no obstacle, because an update detaches it. Without one, an interface that cannot
-// be claimed belongs to another program. Closing releases it.
-int TryOut(LibUsb& usb, libusb_device* device, int dataInterface) {
+// be claimed belongs to another program, which is left alone. Closing releases it.
+int TryOut(LibUsb& usb, libusb_device* device, int dataInterface,
+           const libusb_device_descriptor& descriptor, UsbIdentity& identity) {
   libusb_device_handle* handle = nullptr;
   if (const int result = usb.Open(device, &handle); result < 0) return result;
   const bool driverBound = usb.KernelDriverActive(handle, dataInterface) > 0;
   const int result = driverBound ? LIBUSB_SUCCESS : usb.ClaimInterface(handle, dataInterface);
+  if (result >= 0) {
+    UsbTexts texts(usb, handle);
+    identity.product = texts.Read(descriptor.iProduct);
+    identity.serialNumber = texts.Read(descriptor.iSerialNumber);
+  }
   usb.Close(handle);
   return std::min<int>(result, LIBUSB_SUCCESS);
 }
@@ -99,12 +153,15 @@ std::vector<UsbFinding> LookAtUsb(LibUsb& usb, std::string* trouble) {
   }
   std::vector<UsbFinding> findings;
   for (libusb_device* const device : list.Devices()) {
-    const UsbKind* const kind = KindOf(usb, device);
+    libusb_device_descriptor descriptor{};
+    if (usb.GetDeviceDescriptor(device, &descriptor) < 0) continue;
+    const UsbKind* const kind = KindOf(descriptor);
     if (kind == nullptr) continue;
+    UsbIdentity identity{usb.GetBusNumber(device), kind->vendor, kind->product};
     for (int channel = 0; channel < kind->channels; ++channel) {
-      const int result = TryOut(usb, device, kind->dataInterface + channel);
+      const int result = TryOut(usb, device, kind->dataInterface + channel, descriptor, identity);
       if (result == LIBUSB_ERROR_NO_DEVICE) break;  // it has just gone
-      findings.push_back({kind, UsbPortPath(usb, device), usb.GetBusNumber(device), result});
+      findings.push_back({kind, UsbPortPath(usb, device), result, identity});
     }
   }
   return findings;
@@ -166,22 +223,23 @@ Obstacle AmbiguousSerialNumber() {
 
 // --- devices ---
 
-// Devices and libraries may report anything; a terminal must not obey it.
-std::string Printable(std::string text) {
-  std::ranges::replace_if(
-      text, [](char c) { return c < ' ' || c > '~'; }, '?');
-  return text;
+// "Control Module, serial number 4711, 03eb:2404, bus 1". `name` holds whatever USB says.
+std::string Described(const std::string& name, const UsbIdentity& usb) {
+  std::string text = usb.product.empty() ? name : usb.product;
+  if (!usb.serialNumber.empty()) text += ", serial number " + usb.serialNumber;
+  return text +
+         Format(", %04x:%04x, bus %u", unsigned{usb.vendorId}, unsigned{usb.productId}, usb.bus);
 }
 
 void AddUsbDevice(LibUsb& usb, std::span<const UsbFinding> all, const UsbFinding& finding,
                   std::vector<FoundDevice>& devices) {
-  FoundDevice device{TransportKind::Usb, finding.port,
-                     "USB device 03eb:2404, bus " + std::to_string(finding.bus)};
+  FoundDevice device{TransportKind::Usb, finding.port, Described("USB device", finding.identity)};
+  device.usb = finding.identity;
   if (finding.port.empty()) device.obstacles.push_back(NoPortPath());
   for (const UsbFinding& other : all) {
     const bool samePath = other.kind == finding.kind && other.port == finding.port;
     if (samePath && &other != &finding && !finding.port.empty()) {
-      device.obstacles.push_back(AmbiguousPort(other.bus));
+      device.obstacles.push_back(AmbiguousPort(other.identity.bus));
     }
   }
   if (auto obstacle = ObstacleOf(usb, finding)) device.obstacles.push_back(*obstacle);
@@ -210,6 +268,7 @@ void AddAdapter(const CCommDevDesc& adapter, bool shared, const UsbFinding* find
                 std::vector<FoundDevice>& devices) {
   FoundDevice device{TransportKind::Ftdi, adapter.port,
                      adapter.description.empty() ? "FTDI adapter" : Printable(adapter.description)};
+  if (finding != nullptr) device.usb = finding->identity;
   if (auto obstacle = ObstacleOf(adapter, finding)) device.obstacles.push_back(*obstacle);
   if (shared) device.obstacles.push_back(AmbiguousSerialNumber());
   devices.push_back(std::move(device));
@@ -235,6 +294,15 @@ std::string AddressColumn(const FoundDevice& device) {
 }
 
 }  // namespace
+
+Json UsbIdentity::AsJson() const {
+  const auto orNull = [](const std::string& text) { return text.empty() ? Json() : Json(text); };
+  return {{"bus", bus},
+          {"vendorId", vendorId},
+          {"productId", productId},
+          {"serialNumber", orNull(serialNumber)},
+          {"product", orNull(product)}};
+}
 
 std::vector<FoundDevice> SurveyDevices(const Machine& machine, std::string* trouble) {
   if (trouble != nullptr) trouble->clear();

@@ -1,13 +1,16 @@
 // Every connected device of both kinds: its address, and the obstacles to using it. Looking changes
-// nothing: no driver is detached, nothing is sent to a device, and a device that is opened for a trial is
-// closed again at once.
+// nothing: no driver is detached, a device is only asked for its USB texts, and one that is opened for
+// that is closed again at once.
 #pragma once
 
+#include <cstdint>
 #include <iosfwd>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "device/target.h"
+#include "text/json.h"
 #include "text/machine.h"
 
 namespace tavo::tool {
@@ -19,11 +22,24 @@ struct Obstacle {
   std::string hint;  // what to do
 };
 
+// The device as USB describes it.
+struct UsbIdentity {
+  unsigned bus = 0;
+  std::uint16_t vendorId = 0;
+  std::uint16_t productId = 0;
+  std::string serialNumber{};  // empty: none reported, here and below
+  std::string product{};
+
+  Json AsJson() const;
+};
+
 struct FoundDevice {
   TransportKind kind = TransportKind::Usb;
   std::string address{};      // what --usb or --ftdi takes; empty when there is nothing to take
   std::string description{};  // for a person; printable ASCII, whatever the device calls itself
   std::vector<Obstacle> obstacles{};
+  std::optional<UsbIdentity>
+      usb{};  // none: an adapter that the list of USB devices does not explain
 
   bool IsUsable() const { return obstacles.empty(); }
 };

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <ostream>
 #include <vector>
 
 #include "device/device_survey.h"
@@ -45,24 +46,38 @@ Refusal Missing(const std::string& name, const Devices& connected) {
           "check the cable and the power, or select one of these: " + others};
 }
 
-Target Named(const Target& target, const Devices& connected) {
+// As the kernel calls a USB device: "1-4.2" for the port path 4-2 on bus 1.
+std::string KernelName(const FoundDevice& device) {
+  if (device.kind != TransportKind::Usb || !device.usb) return {};
+  std::string name = device.address;
+  std::ranges::replace(name, '-', '.');
+  return std::to_string(device.usb->bus) + "-" + name;
+}
+
+// A port path goes before a kernel's name: "1-2" can be both.
+ChosenDevice Named(Target target, const Devices& connected) {
   const std::string name = TargetOptions({target.kind, target.address});
-  const auto found = std::ranges::find_if(connected, [&](const FoundDevice& device) {
-    return device.kind == target.kind && device.address == target.address;
-  });
+  const auto called = [&](const auto& nameOf) {
+    return std::ranges::find_if(connected, [&](const FoundDevice& device) {
+      return device.kind == target.kind && nameOf(device) == target.address;
+    });
+  };
+  auto found = called([](const FoundDevice& device) { return device.address; });
+  if (found == connected.end()) found = called(KernelName);
   if (found == connected.end()) throw Missing(name, connected);
   if (!found->IsUsable()) throw Unusable(name, found->obstacles.front());
-  return target;
+  target.address = found->address;
+  return {target, found->usb};
 }
 
 // Which of several is taken must not depend on what prevents the others from being used just now.
-Target OnlyOne(const Devices& connected) {
+ChosenDevice OnlyOne(const Devices& connected) {
   Devices found;
   std::ranges::copy_if(connected, std::back_inserter(found),
                        [](const FoundDevice& device) { return device.kind == TransportKind::Usb; });
   if (found.size() == 1) {
     const FoundDevice& device = found.front();
-    if (device.IsUsable()) return {TransportKind::Usb, device.address};
+    if (device.IsUsable()) return {{TransportKind::Usb, device.address}, device.usb};
     throw Unusable("the USB device", device.obstacles.front());
   }
   if (std::ranges::any_of(found, &FoundDevice::IsUsable)) {
@@ -83,7 +98,7 @@ Target OnlyOne(const Devices& connected) {
                 "device"};
 }
 
-Target Choose(const TargetOptionsValues& named, const Devices& connected) {
+ChosenDevice Choose(const TargetOptionsValues& named, const Devices& connected) {
   if (!named.usbPort.empty()) return Named({TransportKind::Usb, named.usbPort}, connected);
   if (named.ftdiSerial.empty()) return OnlyOne(connected);
   return Named({TransportKind::Ftdi, named.ftdiSerial, named.baudRate, named.echo}, connected);
@@ -92,8 +107,9 @@ Target Choose(const TargetOptionsValues& named, const Devices& connected) {
 }  // namespace
 
 void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to) {
-  Option usb =
-      command.Value("--usb", to.usbPort, "The USB device at this port path, as list shows it");
+  Option usb = command.Value(
+      "--usb", to.usbPort,
+      "The USB device at this port path, as list shows it, or as the kernel calls it: 1-4.2");
   usb.Shown("PORT").Checked(CheckName);
   Option ftdi = command.Value("--ftdi", to.ftdiSerial,
                               "The device at the FTDI adapter with this serial number");
@@ -106,17 +122,25 @@ void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to) {
   command.Flag("--echo", to.echo, "The adapter's line gives back every byte sent").Needs(ftdi);
 }
 
-Target ChooseTarget(const Machine& machine, const TargetOptionsValues& named) {
+ChosenDevice ChooseDevice(const Machine& machine, const TargetOptionsValues& named) {
   std::string trouble;
   const Devices connected = SurveyDevices(machine, &trouble);
   try {
-    const Target target = Choose(named, connected);
+    ChosenDevice chosen = Choose(named, connected);
     if (!trouble.empty()) Complain(machine, trouble, {});
-    return target;
+    if (!named.usbPort.empty() && named.usbPort != chosen.target.address) {
+      machine.err << "--usb " << named.usbPort << " is the kernel's name of --usb "
+                  << chosen.target.address << std::endl;
+    }
+    return chosen;
   } catch (Refusal& refusal) {
     if (!trouble.empty()) refusal.text = trouble + "; " + refusal.text;
     throw;
   }
+}
+
+Target ChooseTarget(const Machine& machine, const TargetOptionsValues& named) {
+  return ChooseDevice(machine, named).target;
 }
 
 }  // namespace tavo::tool

@@ -8,8 +8,10 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
+#include "device/device_survey.h"
 #include "device/target.h"
 #include "text/machine.h"
 #include "text/options.h"
@@ -30,5 +32,12 @@ void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to);
 // Looks at what is connected; sends nothing, and opens nothing for longer than a moment. Throws a
 // Refusal when it finds no device, none that is usable, or several to choose from.
 Target ChooseTarget(const Machine& machine, const TargetOptionsValues& named);
+
+// The same with all that is known of the device.
+struct ChosenDevice {
+  Target target;
+  std::optional<UsbIdentity> usb;
+};
+ChosenDevice ChooseDevice(const Machine& machine, const TargetOptionsValues& named);
 
 }  // namespace tavo::tool

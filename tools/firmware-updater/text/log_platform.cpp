@@ -3,9 +3,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <filesystem>
 #include <ostream>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -15,6 +17,9 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr const char* kNoFile = "/dev/null";
+constexpr std::size_t kLongestName = 100;
+constexpr std::string_view kNameSigns =
+    "-.0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
 
 fs::path StateFolder() {
   // A relative path counts as none, as the convention for this variable demands.
@@ -58,14 +63,17 @@ FileHandle LogPlatform::OpenLog(const std::string& /*path*/, Links links) {
   return m_machine.OpenLog(kNoFile, links);
 }
 
-LogFile DefaultLog() {
+LogFile DefaultLog(std::string device) {
   const fs::path state = StateFolder();
   if (!IsOurs(NearestExisting(state))) return {};
   const fs::path folder = state / "firmware-updater";
   std::error_code error;
   fs::create_directories(folder, error);
   if (error || !IsOurs(folder)) return {};
-  return {(folder / "firmware-updater.log").string(), Links::Refuse};
+  device.resize(std::min(device.size(), kLongestName));
+  std::ranges::replace_if(
+      device, [](char c) { return kNameSigns.find(c) == kNameSigns.npos; }, '_');
+  return {(folder / (device + ".log")).string(), Links::Refuse};
 }
 
 }  // namespace tavo::tool

@@ -29,11 +29,21 @@ constexpr std::array kSecondCauses{
     SecondCause{ErrorCode::Firmware, "-", "No firmware in the file is for this device."},
 };
 
-std::string SentenceOf(ErrorCode code, const std::string& text) {
+const SecondCause* SecondCauseOf(ErrorCode code) {
   const auto row = std::ranges::find(kSecondCauses, code, &SecondCause::code);
-  if (row != kSecondCauses.end()) {
-    return std::string(text == row->notSent ? kNotSent : row->otherwise);
-  }
+  return row == kSecondCauses.end() ? nullptr : &*row;
+}
+
+// Where a code has two causes, its name stands for the one that is not the line.
+std::string NameOf(ErrorCode code, const std::string& text) {
+  const SecondCause* const causes = SecondCauseOf(code);
+  if (causes != nullptr && text == causes->notSent) return "not-sent";
+  return std::string(kErrorTable[static_cast<std::size_t>(code)].name);
+}
+
+std::string SentenceOf(ErrorCode code, const std::string& text) {
+  const SecondCause* const causes = SecondCauseOf(code);
+  if (causes != nullptr) return std::string(text == causes->notSent ? kNotSent : causes->otherwise);
   return std::string(kErrorTable[static_cast<std::size_t>(code)].meaning);
 }
 
@@ -68,10 +78,9 @@ std::string_view HintOf(ErrorCode code, TransportKind kind) {
 }  // namespace
 
 Failure FailureOf(ErrorCode code, const std::string& text, TransportKind kind) {
-  const ErrorDescription& row = kErrorTable[static_cast<std::size_t>(code)];
   std::string sentence = SentenceOf(code, text);
   if (!text.empty()) sentence += " (" + text + ")";
-  return {.name = std::string(row.name),
+  return {.name = NameOf(code, text),
           .code = static_cast<int>(code),
           .text = sentence,
           .hint = std::string(HintOf(code, kind))};

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "device/target_choice.h"
 #include "engine/firmware_updater.h"
 #include "update/closing_state.h"
 #include "update/course.h"
@@ -22,13 +23,17 @@ struct Failure {
 
 struct Record {
   Purpose purpose = Purpose::Update;
-  std::string file;  // absolute
+  std::string file;       // absolute, as all paths here
+  std::string log{};      // empty: none is kept, here and below
+  std::string traffic{};  // the record that `replay` takes
+  std::string station{};
+  std::string member{};  // of the archive, whose image the device gets; empty: not known
   UpdateFlags flags{};
   std::vector<std::string> tags{};  // "NAME=VALUE"
   std::chrono::system_clock::time_point begin{};
   std::chrono::system_clock::time_point end{};
-  std::string sha256{};            // of the file, in hexadecimal; empty when it cannot be read
-  std::optional<Target> target{};  // none: the command ended before one was chosen
+  std::string sha256{};  // of the file, in hexadecimal; empty when it cannot be read
+  std::optional<ChosenDevice> device{};  // none: the command ended before one was chosen
   Ending ending = Ending::Failed;
   std::optional<Failure> failure{};
   ClosingState state{};

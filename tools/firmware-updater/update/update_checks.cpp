@@ -21,6 +21,16 @@ bool IsSameFile(const std::string& one, const std::string& other) {
   return fs::is_regular_file(one, ignored) && fs::equivalent(one, other, ignored);
 }
 
+// "usb-4-2_4711", "ftdi-TAVO0001". The port too: devices may share a serial number.
+std::string LogName(const ChosenDevice& device) {
+  std::string name = std::string(KindName(device.target.kind)) + "-" + device.target.address;
+  const bool isUsb = device.target.kind == TransportKind::Usb;
+  if (isUsb && device.usb && !device.usb->serialNumber.empty()) {
+    name += "_" + device.usb->serialNumber;
+  }
+  return name;
+}
+
 }  // namespace
 
 PackageReport CheckedFile(const std::string& file) {
@@ -44,8 +54,9 @@ void CheckOutputs(const Machine& machine, const UpdateOptions& options) {
   if (IsSameFile(options.log, options.record)) throw unwritable("log and record are the same file");
 }
 
-LogFile LogOf(const Machine& machine, const UpdateOptions& options, UpdateView& view) {
-  const LogFile log = options.log.empty() ? DefaultLog() : LogFile{options.log};
+LogFile LogOf(const Machine& machine, const UpdateOptions& options, const ChosenDevice& device,
+              UpdateView& view) {
+  const LogFile log = options.log.empty() ? DefaultLog(LogName(device)) : LogFile{options.log};
   if (!log.path.empty() && CanBeWritten(machine, log)) return log;
   view.Note(
       "No log is kept: the user's state folder cannot be written, or belongs to another user. Name "

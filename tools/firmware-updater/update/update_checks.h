@@ -21,6 +21,7 @@ void CheckOutputs(const Machine& machine, const UpdateOptions& options);
 
 // Empty: no log is kept, and the user is told so. An update must not fail for the lack of a place that
 // nobody has named.
-LogFile LogOf(const Machine& machine, const UpdateOptions& options, UpdateView& view);
+LogFile LogOf(const Machine& machine, const UpdateOptions& options, const ChosenDevice& device,
+              UpdateView& view);
 
 }  // namespace tavo::tool

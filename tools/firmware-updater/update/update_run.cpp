@@ -202,6 +202,12 @@ class Work {
       record.failure = m_failure;
     }
     record.before = m_before.value_or(FactsOf(m_found));
+    const auto processor = static_cast<std::uint32_t>(record.before.processorId);
+    const ImageReport* const image = ImageFor(m_report, processor);
+    const bool isArchive = m_report.kind == UpdateFileKind::Zip;
+    if (isArchive && record.before.processorId != -1 && image != nullptr) {
+      record.member = image->member;
+    }
     record.transfer = m_course.Written();
     record.retries = m_course.Retries();
     record.refused = m_course.Refused();
@@ -524,6 +530,19 @@ class Work {
   Interrupts m_interrupts;       // the last to be made: it uses all the others
 };
 
+// Empty stays empty.
+std::string AbsolutePath(const std::string& path) {
+  if (path.empty()) return path;
+  std::error_code error;
+  const std::filesystem::path absolute = std::filesystem::absolute(path, error);
+  return error ? path : absolute.lexically_normal().string();
+}
+
+std::string HostName() {
+  std::array<char, 256> name{};
+  return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
+}
+
 // From the check of the file to the state of the device at the end; all of it goes into the record.
 // Then calls `conclude`, while Ctrl-C is still handled. Or throws a Refusal.
 void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& options,
@@ -532,11 +551,12 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
   const PackageReport report = CheckedFile(options.file);
   record.sha256 = Sha256(ReadWholeFile(options.file));
   CheckOutputs(machine, options);
-  const LogFile log = LogOf(machine, options, view);
-  record.target = ChooseTarget(machine, options.target);
+  record.device = ChooseDevice(machine, options.target);
+  const LogFile log = LogOf(machine, options, *record.device, view);
+  record.log = AbsolutePath(log.path);
 
-  Work work(machine, options, {purpose, options.file, *record.target, options.flags}, report, log,
-            view);
+  Work work(machine, options, {purpose, options.file, record.device->target, options.flags}, report,
+            log, view);
   work.CheckEvidence(!options.log.empty());
   work.Open();
   record.state = NothingChanged("The device was only asked questions; nothing was changed.");
@@ -553,12 +573,6 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
   work.AddLost(record);
   work.Decide(record.state.exit);
   conclude();
-}
-
-std::string AbsolutePath(const std::string& path) {
-  std::error_code error;
-  const std::filesystem::path absolute = std::filesystem::absolute(path, error);
-  return error ? path : absolute.lexically_normal().string();
 }
 
 // Lost output is no success.
@@ -579,8 +593,8 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
   command.Flag("--json", to.json, "Report as JSON, one object a line, and nothing else");
   command
       .Value("--log", to.log,
-             "File to append the library's log to, instead of firmware-updater.log in the user's "
-             "state folder")
+             "File to append the library's log to, instead of the device's own in the user's state "
+             "folder")
       .Shown("FILE")
       .NotEmpty();
   Option record = command.Value("--record", to.record,
@@ -588,6 +602,10 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
                                 "replay; the firmware is left out");
   record.Shown("FILE").NotEmpty();
   command.Flag("--record-firmware", to.recordFirmware, "Record the firmware too").Needs(record);
+  command
+      .Value("--station", to.station,
+             "Name of this place in the result of --json, instead of the host's")
+      .Shown("NAME");
   command.Values("--tag", to.tags, "NAME=VALUE to add to the result of --json; repeatable")
       .Shown("NAME=VALUE")
       .Checked([](const std::string& tag) {
@@ -605,6 +623,8 @@ ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions&
   const std::chrono::milliseconds begin = machine.platform.MonotonicNow();
   Record record{.purpose = purpose,
                 .file = AbsolutePath(options.file),
+                .traffic = AbsolutePath(options.record),
+                .station = options.station.empty() ? HostName() : options.station,
                 .flags = options.flags,
                 .tags = options.tags,
                 .begin = std::chrono::system_clock::now()};

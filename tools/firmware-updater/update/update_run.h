@@ -23,6 +23,7 @@ struct UpdateOptions {
   std::string log{};
   std::string record{};
   bool recordFirmware = false;
+  std::string station{};            // empty: the name of the host
   std::vector<std::string> tags{};  // "NAME=VALUE"
 };
 

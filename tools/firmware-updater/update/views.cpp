@@ -243,13 +243,17 @@ Json AsJson(const DeviceFacts& facts) {
           {"applicationKiB", IdOrNull(facts.applicationKiB)}};
 }
 
-Json AsJson(const std::optional<Target>& target) {
-  if (!target) return {};
-  Json json{{"kind", KindName(target->kind)}, {"address", target->address}};
-  if (target->kind == TransportKind::Ftdi) {
-    json.Set("baud", target->baudRate);
-    json.Set("echo", target->echo);
+Json TextOrNull(const std::string& text) { return text.empty() ? Json() : Json(text); }
+
+Json AsJson(const std::optional<ChosenDevice>& device) {
+  if (!device) return {};
+  const Target& target = device->target;
+  Json json{{"kind", KindName(target.kind)}, {"address", target.address}};
+  if (target.kind == TransportKind::Ftdi) {
+    json.Set("baud", target.baudRate);
+    json.Set("echo", target.echo);
   }
+  json.Set("usb", device->usb ? device->usb->AsJson() : Json());
   return json;
 }
 
@@ -313,14 +317,18 @@ Json AsJson(const Record& record) {
   }
   return {{"command", NameOf(record.purpose)},
           {"file", record.file},
-          {"sha256", record.sha256.empty() ? Json() : Json(record.sha256)},
+          {"sha256", TextOrNull(record.sha256)},
+          {"member", TextOrNull(record.member)},
+          {"log", TextOrNull(record.log)},
+          {"record", TextOrNull(record.traffic)},
+          {"station", record.station},
           {"dryRun", record.flags.dryRun},
           {"flags", AsJson(record.flags)},
           {"tags", TagsJson(record.tags)},
           {"tool", TAVO_VERSION},
           {"begin", TimeText(record.begin)},
           {"end", TimeText(record.end)},
-          {"target", AsJson(record.target)},
+          {"target", AsJson(record.device)},
           {"ending", NameOf(record.ending)},
           {"exit", static_cast<int>(record.state.exit)},
           {"failure", AsJson(record.failure)},
@@ -328,7 +336,7 @@ Json AsJson(const Record& record) {
            {{"device", record.state.device},
             {"tunnel", record.state.tunnel},
             {"text", record.state.sentence},
-            {"next", record.state.command.empty() ? Json() : Json(record.state.command)}}},
+            {"next", TextOrNull(record.state.command)}}},
           {"before", AsJson(record.before)},
           {"after", record.after ? AsJson(*record.after) : Json()},
           {"verification",
