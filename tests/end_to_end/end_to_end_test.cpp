@@ -191,26 +191,6 @@ void ExpectUpdate(const std::string& kind, const std::string& ending,
   EXPECT_TRUE(station.FlashHoldsFirmware());
 }
 
-TEST(EndToEndFlags, AnyByteButZeroIsTrue) {
-  const Lines rest = kCallBootloader + Lines{"0x120", "0x121", "0x132", "0x130 03"} + kFlash16K +
-                     kVerifyAndStart + kSignOfLife;
-  const struct {
-    Words flags;
-    Lines requests;
-  } kRows[] = {
-      {{"255", "2", "0"}, kLeave + kStatus + kSoftwareId + rest + kSignOfLife + kModules},
-      {{"0", "128", "255"}, rest},
-  };
-  for (const auto& row : kRows) {
-    SCOPED_TRACE(row.flags[0]);
-    ProcessStation station;
-    ASSERT_TRUE(station.MakeFirmware("plain"));
-    ASSERT_TRUE(station.PlugIn({"--family", "plain"}));
-    EXPECT_EQ(station.Run("test_host", Words{"usb", "firmware.hex"} + row.flags).exitCode, 0);
-    EXPECT_EQ(station.TakeRequests(), row.requests);
-  }
-}
-
 TEST(EndToEndMinimal, TheMinimalHostUpdatesTheDevice) {
   ExpectUpdate("usb", "\nresult: updated\n", [](const ProcessStation& station) {
     return station.Run("minimal-host", {"firmware.hex"});

@@ -1,9 +1,9 @@
 // A host that loads the library at run time, updates in one thread and unloads it again; under Windows it
-// finds the functions by ordinal. Like hosts in other languages it passes flags as bytes of any value. With
-// an action, its main thread waits until some of the firmware is written. Then it stops the update, leaves
-// the whole process in its midst, or lists devices until the update ends.
+// finds the functions by ordinal. With an action, its main thread waits until some of the firmware is
+// written. Then it stops the update, leaves the whole process in its midst, or lists devices until the
+// update ends.
 //
-// usage: test_host usb|ftdi FILE [SKIP-IDENTITY-CHECK EXTENDED-ERASE BOOTLOADER-ONLY | stop|leave|list]
+// usage: test_host usb|ftdi FILE [stop|leave|list]
 #include <atomic>
 #include <chrono>
 #include <cstdint>
@@ -41,9 +41,8 @@ bool Unload(void* library) {
 }
 #endif
 
-using Flag = unsigned char;
-using UpdateFtdi = bool (*)(const char*, std::uint32_t, Flag, const char*, Flag, Flag, Flag);
-using UpdateUsb = bool (*)(const char*, const char*, Flag, Flag, Flag);
+using UpdateFtdi = bool (*)(const char*, std::uint32_t, bool, const char*, bool, bool, bool);
+using UpdateUsb = bool (*)(const char*, const char*, bool, bool, bool);
 
 constexpr int kLeft = 7;
 constexpr float kActsAt = 0.2F;
@@ -51,10 +50,8 @@ constexpr float kActsAt = 0.2F;
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3 && argc != 4 && argc != 6) return 2;
+  if (argc != 3 && argc != 4) return 2;
   const std::string action = argc == 4 ? argv[3] : "";
-  Flag flags[3]{};
-  for (int i = 3; argc == 6 && i < argc; ++i) flags[i - 3] = static_cast<Flag>(std::atoi(argv[i]));
   const auto library = Load();
   if (library == nullptr) return 3;
   const auto lastError = Find<int (*)()>(library, "get_last_error", 1);
@@ -66,8 +63,8 @@ int main(int argc, char** argv) {
   bool updated = false;
   std::thread update([&] {
     updated = argv[1] == std::string("usb")
-                  ? updateUsb("", argv[2], flags[0], flags[1], flags[2])
-                  : updateFtdi("", 19200, 0, argv[2], flags[0], flags[1], flags[2]);
+                  ? updateUsb("", argv[2], false, false, false)
+                  : updateFtdi("", 19200, false, argv[2], false, false, false);
     ended = true;
   });
   while (!action.empty() && !ended && progress() < kActsAt) {
