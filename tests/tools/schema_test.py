@@ -32,6 +32,10 @@ RUNS = [
     (["--start", "bootloader"], ["info"], 0),
     (["--family", "gateway"], ["info", "gateway.hex"], 0),
     (["--fault", "lose:*"], ["info"], 7),
+    ([], ["check-device", "--write", "firmware.hex"], 0),
+    (["--block-size", "100"], ["check-device"], 1),
+    (["--family", "gateway", "--start", "bootloader"], ["check-device", "--through", "4.0"], 0),
+    (["--fault", "lose:*"], ["check-device"], 7),
     ([], ["inspect", "two.zip"], 0),
     ([], ["inspect", "labelled.hex", "--block-size", "64"], 0),
     ([], ["inspect", "typo.hex"], 4),
@@ -74,7 +78,7 @@ def main(tool: str, documents: str) -> int:
     failures = 0
     validators = {}
     manual = (Path(documents) / "tool.md").read_text(encoding="utf-8")
-    for command in ("list", "info", "inspect", "update"):
+    for command in ("list", "info", "check-device", "inspect", "update"):
         text = (Path(documents) / "schema" / (command + ".schema.json")).read_text(encoding="utf-8")
         schema = json.loads(text)
         jsonschema.Draft7Validator.check_schema(schema)
