@@ -111,6 +111,8 @@ class FirmwareUpdater {
   // Runs one update to its end over the held, open transport; `run` must have been granted. The
   // result is in Succeeded. Throws std::bad_alloc, and has then ended where it was.
   void Start(const Run& run, const std::string& updateFile);
+  // The same with the images of an update file that has been read already.
+  void Start(const Run& run, std::vector<FirmwareImage> images);
   bool Succeeded() const { return m_succeeded; }
   // The state of the device as the answers of the last update prove it; update thread only.
   DeviceEvidence DeviceState() const { return m_evidence.Conclude(); }
@@ -189,6 +191,8 @@ class FirmwareUpdater {
   };
 
   // Start and runner
+  void BeginUpdate(const Run& run);
+  void RunWith(std::vector<FirmwareImage> images);
   void ResetForUpdate();
   void PrepareTransport();
   void PollUntilDone();

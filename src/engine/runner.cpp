@@ -10,12 +10,25 @@
 
 namespace tavo {
 
-void FirmwareUpdater::Start([[maybe_unused]] const Run& run, const std::string& updateFile) {
+void FirmwareUpdater::Start(const Run& run, const std::string& updateFile) {
+  BeginUpdate(run);
+  RunWith(LoadUpdateFile(updateFile));
+}
+
+void FirmwareUpdater::Start(const Run& run, std::vector<FirmwareImage> images) {
+  BeginUpdate(run);
+  RunWith(std::move(images));
+}
+
+void FirmwareUpdater::BeginUpdate([[maybe_unused]] const Run& run) {
   assert(run.Permits(*this));
   ResetForUpdate();
   Report({StatusKind::UpdateBegins});
   m_selectedFirmware = nullptr;
-  m_firmwareImages = LoadUpdateFile(updateFile);
+}
+
+void FirmwareUpdater::RunWith(std::vector<FirmwareImage> images) {
+  m_firmwareImages = std::move(images);
   m_evidence.Begin(FindTunnelRoute(FirstImage()).master != -1);
   BuildPlan();
   m_log.LogInfo("FirmwareUpdater: Start.");

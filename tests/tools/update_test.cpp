@@ -23,6 +23,15 @@ using namespace std::chrono_literals;
 using tavosim::DeviceState;
 using test::Lines;
 
+// The file vanishes when the tool has asked its first question, before the engine starts.
+TEST(UpdateCommand, TheFileIsReadOnceToJudgeHashAndWriteTheSameBytes) {
+  ToolStation station(Options("plain"));
+  const std::filesystem::path file = station.run.Path("firmware.hex");
+  station.AtRequest("0x", 1, [&] { EXPECT_TRUE(std::filesystem::remove(file)); });
+  EXPECT_EQ(station.Update(), Done) << station.run.Err();
+  EXPECT_TRUE(station.UpdatedAndRuns());
+}
+
 // One thing that goes wrong, and what the tool must say of it. A recovery begins with an erased device.
 struct Trouble {
   const char* family;

@@ -1,10 +1,6 @@
 // firmware-updater replay: runs the engine against a recorded update, without a device and without
 // waiting, and reports whether it decides as it did then.
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <filesystem>
 #include <memory>
 #include <ostream>
 
@@ -13,7 +9,6 @@
 #include "engine/firmware_updater.h"
 #include "engine/update_observer.h"
 #include "file/file_check.h"
-#include "simulator/firmware_builder.h"
 #include "text/options.h"
 #include "text/text_format.h"
 #include "transport/i_comm_interface.h"
@@ -163,37 +158,9 @@ class StopAtItsTime final : public UpdateObserver {
   const TransportHolder& m_holder;
 };
 
-// An update file with the record's images, in their order, for as long as it lives.
-class RecordedFile {
- public:
-  explicit RecordedFile(const std::vector<FirmwareImage>& images) {
-    std::string name = std::filesystem::temp_directory_path() / "firmware-updater-XXXXXX.zip";
-    const int descriptor = mkstemps(name.data(), static_cast<int>(sizeof(".zip") - 1));
-    if (descriptor >= 0) close(descriptor);
-    m_path = name;
-    std::vector<tavosim::ZipMember> members;
-    members.reserve(images.size());
-    for (const FirmwareImage& image : images) {
-      members.push_back({Format("%05zu.hex", members.size()),
-                         tavosim::HexText({image.data, image.startAddress, 0})});
-    }
-    tavosim::WriteFile(m_path, tavosim::ZipArchive(members));
-  }
-  ~RecordedFile() {
-    std::error_code ignored;
-    std::filesystem::remove(m_path, ignored);
-  }
-  RecordedFile(const RecordedFile&) = delete;
-  RecordedFile& operator=(const RecordedFile&) = delete;
-
-  const std::string& Path() const { return m_path; }
-
- private:
-  std::string m_path;
-};
-
 // Empty when the engine decided as in the record, otherwise the difference.
-std::string Replay(const RecordedRun& run, const std::string& file, std::ostream& out) {
+std::string Replay(const RecordedRun& run, const std::vector<FirmwareImage>& images,
+                   std::ostream& out) {
   ReplayPlatform platform;
   Logger log(platform);
   TavoLink link;
@@ -207,7 +174,7 @@ std::string Replay(const RecordedRun& run, const std::string& file, std::ostream
   engine.SetFlags(run.flags);
   {
     const FirmwareUpdater::Run right(engine);
-    engine.Start(right, file);
+    engine.Start(right, images);
   }
   const auto& device = static_cast<const RecordedDevice&>(*holder.Transport());
   if (const std::string divergence = device.Divergence(); !divergence.empty()) return divergence;
@@ -257,7 +224,6 @@ ExitCode RunReplay(const Machine& machine, const Options& options) try {
     Complain(machine, path + ": " + problem, "records are written by update --record FILE");
     return ExitCode::BadFile;
   }
-  const RecordedFile file(record.images);
   for (std::size_t i = 0; i < record.runs.size(); ++i) {
     machine.out << "run " << i + 1 << " of " << record.runs.size() << ": ";
     if (options.decode) {
@@ -265,7 +231,7 @@ ExitCode RunReplay(const Machine& machine, const Options& options) try {
       Decode(record.runs[i], machine.out);
       continue;
     }
-    const std::string difference = Replay(record.runs[i], file.Path(), machine.out);
+    const std::string difference = Replay(record.runs[i], record.images, machine.out);
     if (difference.empty()) continue;
     machine.out << "decided otherwise" << std::endl;
     Complain(machine, path + ": " + difference, "the engine or the record has changed since");

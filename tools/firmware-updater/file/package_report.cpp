@@ -9,6 +9,7 @@
 #include <span>
 #include <utility>
 
+#include "file/digest.h"
 #include "file/file_check.h"
 #include "file/hex_survey.h"
 #include "package/adb_view.h"
@@ -378,8 +379,14 @@ PackageReport ReportOn(const std::string& path) {
   return report;
 }
 
+std::vector<FirmwareImage> PackageReport::Firmware() const {
+  std::vector<FirmwareImage> firmware;
+  for (const ImageReport& report : images) firmware.push_back(report.image);
+  return firmware;
+}
+
 PackageReport ReportOn(const std::string& path, std::span<const std::uint8_t> bytes) {
-  PackageReport report{.path = path, .kind = KindByName(path)};
+  PackageReport report{.path = path, .sha256 = Sha256(bytes), .kind = KindByName(path)};
   if (const FileProblem problem = CheckUpdateFile(path, bytes); problem.Exists()) {
     Refuse(report, problem);
   } else {

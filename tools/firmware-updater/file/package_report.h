@@ -81,6 +81,7 @@ struct ImageReport {
 
 struct PackageReport {
   std::string path{};
+  std::string sha256{};  // of the bytes that the images come from
   UpdateFileKind kind = UpdateFileKind::Neither;
   std::string problem{};                // one sentence; empty: some device can accept the file
   std::string hint{};                   // the way around the problem
@@ -89,6 +90,8 @@ struct PackageReport {
 
   bool CouldBeWritten() const { return problem.empty(); }
   bool PassesHardwareCheck() const;  // on some device
+  // In the order that the engine expects.
+  std::vector<FirmwareImage> Firmware() const;
 };
 
 // Both throw std::bad_alloc when file and report do not fit into memory, nothing else.

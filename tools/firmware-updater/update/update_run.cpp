@@ -21,9 +21,7 @@
 #include "device/inquiry.h"
 #include "device/refused_text.h"
 #include "device/session.h"
-#include "file/digest.h"
 #include "file/package_report.h"
-#include "package/file_reading.h"
 #include "platform/platform.h"
 #include "text/log_platform.h"
 #include "text/text_format.h"
@@ -338,7 +336,7 @@ class Work {
     const FirmwareUpdater::Run run(m_engine);
     m_engine.SetFlags(flags);
     m_recorder.RunBegins(flags);
-    m_engine.Start(run, m_task.file);
+    m_engine.Start(run, m_report.Firmware());
     m_recorder.RunEnds(OutcomeOf(m_engine));
     m_course.End(LastPhaseEnd());
     DeviceEvidence evidence = m_engine.DeviceState();
@@ -549,7 +547,7 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
                   UpdateView& view, Record& record, const std::function<void()>& conclude) {
   record.state = NothingChanged("No device was opened; nothing was changed.");
   const PackageReport report = CheckedFile(options.file);
-  record.sha256 = Sha256(ReadWholeFile(options.file));
+  record.sha256 = report.sha256;
   CheckOutputs(machine, options);
   record.device = ChooseDevice(machine, options.target);
   const LogFile log = LogOf(machine, options, *record.device, view);
