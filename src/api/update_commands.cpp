@@ -1,5 +1,7 @@
 #include "api/update_commands.h"
 
+#include "log/displayable.h"
+
 namespace tavo {
 namespace {
 
@@ -41,7 +43,7 @@ bool UpdateDevice(const UpdateContext& context, DeviceTarget target, const std::
   if (transport == nullptr) return false;
   const EndSession ending{*transport};
   if (!TakeFirstIfUnnamed(context.platform, *transport, target.address)) return false;
-  context.platform.Print(AddressLabel(target.kind) + target.address + "\n");
+  context.platform.Print(AddressLabel(target.kind) + Displayable(target.address) + "\n");
   if (!transport->OpenPort(target.address)) return false;
 
   context.platform.Print("\nStart Update\n");

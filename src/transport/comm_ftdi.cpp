@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cassert>
 
+#include "log/displayable.h"
+
 namespace tavo {
 namespace {
 
@@ -64,7 +66,7 @@ bool CCommFTDI::Open(std::uint32_t deviceRef) {
 bool CCommFTDI::OpenPort(const std::string& serialNumber) {
   const CCommDevDesc* const adapter = FindPort(*EnumerateDevices(), serialNumber);
   if (adapter == nullptr) {
-    m_platform.Print("Serial " + serialNumber + " isnt found\n");
+    m_platform.Print("Serial " + Displayable(serialNumber) + " isnt found\n");
     return false;
   }
   if (!Open(adapter->deviceRef)) return false;

@@ -1,5 +1,6 @@
 #include "transport/device_listing.h"
 
+#include "log/displayable.h"
 #include "transport/comm_ftdi.h"
 #include "transport/comm_win_usb.h"
 
@@ -8,7 +9,7 @@ namespace {
 
 void PrintDevices(Platform& platform, ICommInterface& transport) {
   for (const CCommDevDesc& device : *transport.EnumerateDevices()) {
-    if (device.isReadable) platform.Print(device.description + "\n");
+    if (device.isReadable) platform.Print(Displayable(device.description) + "\n");
   }
 }
 

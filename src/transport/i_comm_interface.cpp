@@ -6,6 +6,8 @@
 #include <cstring>
 #include <limits>
 
+#include "log/displayable.h"
+
 namespace tavo {
 namespace {
 
@@ -38,7 +40,8 @@ unsigned Count(std::size_t devices) { return static_cast<unsigned>(devices); }
 
 std::string Place(const CCommDevDesc& device) {
   if (device.bus == 0)
-    return "adapter " + std::to_string(device.deviceRef) + ", serial number " + device.port;
+    return "adapter " + std::to_string(device.deviceRef) + ", serial number " +
+           Displayable(device.port);
   return "port " + device.port + " on bus " + std::to_string(device.bus);
 }
 

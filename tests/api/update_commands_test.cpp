@@ -55,8 +55,8 @@ TEST_F(UpdateCommands, WithoutAnyDeviceItSaysSo) {
 TEST_F(UpdateCommands, AnUnknownNameIsReportedAndTheUpdateDoesNotBegin) {
   EXPECT_FALSE(UpdateDevice(Context(), {TransportKind::Usb, "3-9"}, File(), {}));
   EXPECT_TRUE(station.platform.ConsoleHas("USB-Port: 3-9\nPort 3-9 isnt found\n"));
-  EXPECT_FALSE(UpdateDevice(Context(), Adapter("tavo0001"), File(), {}));
-  EXPECT_TRUE(station.platform.ConsoleHas("FtDI-Port: tavo0001\nSerial tavo0001 isnt found\n"));
+  EXPECT_FALSE(UpdateDevice(Context(), Adapter("tavo\x1B"), File(), {}));
+  EXPECT_TRUE(station.platform.ConsoleHas("FtDI-Port: tavo?\nSerial tavo? isnt found\n"));
   EXPECT_FALSE(UpdateDevice(Context(), Adapter("TAVO000"), File(), {}));
   EXPECT_TRUE(station.platform.ConsoleHas("Serial TAVO000 isnt found\n"));
   EXPECT_FALSE(station.platform.ConsoleHas("Start Update"));

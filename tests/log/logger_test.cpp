@@ -6,6 +6,7 @@
 #include <atomic>
 #include <thread>
 
+#include "log/displayable.h"
 #include "tests/support/transcript.h"
 #include "tests/support/virtual_platform.h"
 
@@ -67,6 +68,27 @@ TEST_F(LoggerTest, WithoutAFileTheLineStillReachesTheConsole) {
   m_log.LogInfo("heard");
   EXPECT_EQ(m_platform.Console(),
             "Error during open log file \"" + LogFile() + "\"\n2024.03.01 - 12:00:00 INFO heard\n");
+}
+
+TEST(Displayable, ATerminalObeysNothingThatIsShown) {
+  const struct {
+    std::string_view text;
+    std::string_view shown;
+  } kRows[] = {
+      {"FT232R \xC3\xBC \xE2\x82\xAC \xF0\x9F\x98\x80 ~",
+       "FT232R \xC3\xBC \xE2\x82\xAC \xF0\x9F\x98\x80 ~"},
+      {std::string_view("a\0\x1B[2J\n\x7F", 8), "a??[2J??"},
+      {"\xC2\x9B"
+       "2J|\xC2\xA0",
+       "??2J|\xC2\xA0"},                                                               // C1
+      {"\xE2\x80\xAE|\xE2\x81\xA6|\xD8\x9C|\xE2\x80\x90", "???|???|??|\xE2\x80\x90"},  // direction
+      {"\x9B"
+       "2J \xC3",
+       "?2J ?"},                                                                 // cut off
+      {"\xC1\x9B \xE0\x80\x9B \xF0\x80\x80\x9B", "?? ??? ????"},                 // too long
+      {"\xED\xA0\x80 \xF4\x90\x80\x80 \xF8\x88\x80\x80\x80", "??? ???? ?????"},  // no character
+  };
+  for (const auto& row : kRows) EXPECT_EQ(Displayable(row.text), row.shown);
 }
 
 // Its console has no lock and takes its time, so that only the logger's lock keeps lines whole.

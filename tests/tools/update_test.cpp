@@ -395,9 +395,10 @@ TEST(Replay, FollowsWhatWasRecordedAndNoticesWhatWasNot) {
     EXPECT_EQ(station.run("replay @record.ndjson"), Done) << station.run.Out() << station.run.Err();
     std::string record = station.run.Read("record.ndjson");
     EXPECT_EQ(record.find("A8D304"), std::string::npos) << "no block of the firmware";
-    record.replace(record.rfind("\"device\":\"") + 10, 1, "x");
+    record.replace(record.rfind("\"device\":\"") + 10, 1, "\xC2\x9B");  // C1: steers a terminal
     station.run.Write("record.ndjson", record);
     EXPECT_EQ(station.run("replay @record.ndjson"), FailedRuns) << station.run.Out();
+    EXPECT_FALSE(station.run.Complains("\xC2\x9B"));
   }
 }
 

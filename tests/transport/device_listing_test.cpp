@@ -14,13 +14,13 @@ TEST(DeviceListing, AdaptersAreListedEvenIfUsbCannotBe) {
   Logger log(platform);
   FakeLibUsb usb;
   FakeD2xx d2xx;
-  d2xx.adapters = {{"", "", kD2xxOtherError}, {"A50285BI", "Tavo adapter"}};
+  d2xx.adapters = {{"", "", kD2xxOtherError}, {"A50285BI", "Tavo\x1B[2J adapter"}};
   usb.results["GetDeviceList"] = LIBUSB_ERROR_ACCESS;
   ListDevices(platform, log, usb, d2xx);
   EXPECT_EQ(platform.Console(),
             "2024.03.01 - 12:00:00 WARN CCommWinUSB: Error enumerating devices\n\n"
             "2024.03.01 - 12:00:00 WARN CCommFTDI: Adapter 0 cannot be read: no permission, Error: "
-            "18\nTavo adapter\n");
+            "18\nTavo?[2J adapter\n");
 }
 
 }  // namespace

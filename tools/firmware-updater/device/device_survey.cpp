@@ -6,6 +6,7 @@
 #include <ostream>
 #include <span>
 
+#include "log/displayable.h"
 #include "log/logger.h"
 #include "text/log_platform.h"
 #include "text/text_format.h"
@@ -78,13 +79,6 @@ const UsbKind* KindOf(const libusb_device_descriptor& descriptor) {
   return kind == kUsbKinds.end() ? nullptr : &*kind;
 }
 
-// Devices and libraries may report anything; a terminal must not obey it.
-std::string Printable(std::string text) {
-  std::ranges::replace_if(
-      text, [](char c) { return c < ' ' || c > '~'; }, '?');
-  return text;
-}
-
 // The texts of an open device, in its first language. A request to the device itself needs no interface.
 class UsbTexts {
  public:
@@ -102,7 +96,7 @@ class UsbTexts {
     for (const std::uint16_t unit : Units(index, *m_language)) {
       text += unit < 0x80 ? static_cast<char>(unit) : '?';
     }
-    return Printable(text);
+    return Displayable(text);
   }
 
  private:
@@ -266,8 +260,9 @@ std::optional<Obstacle> ObstacleOf(const CCommDevDesc& adapter, const UsbFinding
 
 void AddAdapter(const CCommDevDesc& adapter, bool shared, const UsbFinding* finding,
                 std::vector<FoundDevice>& devices) {
-  FoundDevice device{TransportKind::Ftdi, adapter.port,
-                     adapter.description.empty() ? "FTDI adapter" : Printable(adapter.description)};
+  FoundDevice device{
+      TransportKind::Ftdi, adapter.port,
+      adapter.description.empty() ? "FTDI adapter" : Displayable(adapter.description)};
   if (finding != nullptr) device.usb = finding->identity;
   if (auto obstacle = ObstacleOf(adapter, finding)) device.obstacles.push_back(*obstacle);
   if (shared) device.obstacles.push_back(AmbiguousSerialNumber());

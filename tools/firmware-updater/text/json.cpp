@@ -60,7 +60,8 @@ const Json kNull;
 Json Json::Parse(const std::string& text) { return JsonLibrary::To(Library::parse(text)); }
 
 std::string Json::Text(int indent) const {
-  return JsonLibrary::From(*this).dump(indent, ' ', false, Library::error_handler_t::replace);
+  constexpr bool kAsciiAlone = true;  // no character in it can steer a terminal
+  return JsonLibrary::From(*this).dump(indent, ' ', kAsciiAlone, Library::error_handler_t::replace);
 }
 
 void Json::Set(std::string name, Json value) {

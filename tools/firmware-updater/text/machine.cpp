@@ -2,11 +2,13 @@
 
 #include <ostream>
 
+#include "log/displayable.h"
+
 namespace tavo::tool {
 
 void Complain(const Machine& machine, std::string_view text, std::string_view hint) {
-  machine.err << "firmware-updater: " << text << '\n';
-  if (!hint.empty()) machine.err << "hint: " << hint << '\n';
+  machine.err << "firmware-updater: " << tavo::Displayable(text) << '\n';
+  if (!hint.empty()) machine.err << "hint: " << tavo::Displayable(hint) << '\n';
   machine.err << std::flush;
 }
 

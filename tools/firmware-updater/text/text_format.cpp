@@ -5,6 +5,7 @@
 #include <cstdarg>
 #include <cstdio>
 
+#include "log/displayable.h"
 #include "package/hardware_identity.h"
 
 namespace tavo::tool {
@@ -33,10 +34,7 @@ std::string HexBytes(std::span<const std::uint8_t> bytes) {
 }
 
 std::string Displayable(std::string_view text, std::size_t maxLength) {
-  std::string shown(text.substr(0, maxLength));
-  for (char& c : shown) {
-    if (static_cast<unsigned char>(c) < ' ' || c == 0x7F) c = '?';
-  }
+  const std::string shown = tavo::Displayable(text.substr(0, maxLength));
   return text.size() > maxLength ? shown + "..." : shown;
 }
 

@@ -21,8 +21,8 @@ double Seconds(std::chrono::milliseconds time);
 // "A3 83 04 F9"; of many bytes the first ones, and how many they are.
 std::string HexBytes(std::span<const std::uint8_t> bytes);
 
-// A text from outside, such as a name in an archive, so that it can be shown on a terminal: control
-// characters become '?', and what is longer than `maxLength` bytes ends in "...".
+// A text from outside, such as a name in an archive, as a terminal may show it; one of more than
+// `maxLength` bytes ends in "...".
 std::string Displayable(std::string_view text, std::size_t maxLength = 200);
 
 // "8.4.1.0": Serie, Type, Module and Variant.

@@ -165,7 +165,7 @@ RunOutcome OutcomeOf(const FirmwareUpdater& engine) {
 
 std::string Describe(const RunOutcome& outcome) {
   return (outcome.succeeded ? "succeeded" : "failed with code " + std::to_string(outcome.code)) +
-         ", device " + outcome.device;
+         ", device " + Displayable(outcome.device);
 }
 
 FirmwareImage WithoutProgram(const FirmwareImage& image) {
