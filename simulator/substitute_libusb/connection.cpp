@@ -26,6 +26,32 @@ std::optional<Address> ParseAddress(const std::string& text) {
   return address;
 }
 
+std::uint8_t Low(std::uint16_t value) { return static_cast<std::uint8_t>(value & 0xFF); }
+std::uint8_t High(std::uint16_t value) { return static_cast<std::uint8_t>(value >> 8); }
+
+// A device descriptor as far as a device list reveals it: without the numbers of the texts.
+Bytes DescriptorOf(const DeviceRecord& record) {
+  constexpr std::uint8_t kPacketSize = 64;  // at endpoint 0
+  return {18,
+          1,
+          0x00,
+          0x02,  // USB 2.0
+          record.deviceClass,
+          record.deviceSubClass,
+          record.deviceProtocol,
+          kPacketSize,
+          Low(record.vendor),
+          High(record.vendor),
+          Low(record.product),
+          High(record.product),
+          Low(record.release),
+          High(record.release),
+          0,
+          0,
+          0,
+          record.configurationCount};
+}
+
 }  // namespace
 
 std::vector<Address> AddressesFromEnvironment() {
@@ -46,16 +72,14 @@ std::optional<HostView> FetchHostView(const Address& address, std::uint32_t deta
                                       std::uint32_t attach) {
   const auto deadline = Clock::now() + kPatience;
   Connection connection;
-  if (!connection.Connect(address, deadline)) return std::nullopt;
   Writer request;
   Encode(request, OpHeader{.code = kReqHostView});
-  if (!connection.Send(request.U32(detach).U32(attach).Take())) return std::nullopt;
-
-  const auto head = connection.Await(kOpHeaderSize, deadline);
-  if (!head) return std::nullopt;
-  Reader headReader(*head);
-  const OpHeader header = DecodeOpHeader(headReader);
-  if (header.code != kRepHostView || header.status != kOk) return std::nullopt;
+  const auto header = connection.Ask(address, request.U32(detach).U32(attach).Take(), deadline);
+  const bool isKnown = header && header->code == kRepHostView &&
+                       (header->status == kOk || header->status == kNoDevice);
+  // An ordinary server refuses the operation, or ends the connection; one that hangs does neither.
+  if (!isKnown) return Clock::now() < deadline ? FetchFromDeviceList(address) : std::nullopt;
+  if (header->status != kOk) return std::nullopt;
 
   const auto fixed = connection.Await(kHostViewFixedSize, deadline);
   if (!fixed) return std::nullopt;
@@ -73,19 +97,30 @@ std::optional<HostView> FetchHostView(const Address& address, std::uint32_t deta
   return view;
 }
 
+std::optional<HostView> FetchFromDeviceList(const Address& address) {
+  const auto deadline = Clock::now() + kPatience;
+  Connection connection;
+  Writer request;
+  Encode(request, OpHeader{.code = kReqDeviceList});
+  const auto header = connection.Ask(address, request.Take(), deadline);
+  if (!header || header->code != kRepDeviceList || header->status != kOk) return std::nullopt;
+  const auto count = connection.Await(sizeof(std::uint32_t), deadline);
+  if (!count || Reader(*count).U32() == 0) return std::nullopt;
+  const auto first = connection.Await(kDeviceRecordSize, deadline);
+  if (!first) return std::nullopt;
+  Reader in(*first);
+  const DeviceRecord record = DecodeDeviceRecord(in);
+  return HostView{.record = record, .isOrdinary = true, .deviceDescriptor = DescriptorOf(record)};
+}
+
 Connection::ImportOutcome Connection::Import(const Address& address, const DeviceRecord& expected) {
   const auto deadline = Clock::now() + kPatience;
-  if (!Connect(address, deadline)) return ImportOutcome::Gone;
   Writer request;
   Encode(request, OpHeader{.code = kReqImport});
-  if (!Send(request.Text(expected.busId, kBusIdSize).Take())) return ImportOutcome::Gone;
-  const auto head = Await(kOpHeaderSize, deadline);
-  if (!head) return ImportOutcome::Gone;
-  Reader headReader(*head);
-  const OpHeader header = DecodeOpHeader(headReader);
-  if (header.code != kRepImport) return ImportOutcome::Gone;
-  if (header.status == kDeviceBusy) return ImportOutcome::Busy;
-  if (header.status != kOk) return ImportOutcome::Gone;
+  const auto header = Ask(address, request.Text(expected.busId, kBusIdSize).Take(), deadline);
+  if (!header || header->code != kRepImport) return ImportOutcome::Gone;
+  if (header->status == kDeviceBusy) return ImportOutcome::Busy;
+  if (header->status != kOk) return ImportOutcome::Gone;
   const auto record = Await(kDeviceRecordSize, deadline);
   if (!record) return ImportOutcome::Gone;
   Reader in(*record);
@@ -131,6 +166,15 @@ void Connection::Consume(std::size_t size) {
 bool Connection::Connect(const Address& address, Clock::time_point deadline) {
   m_socket = ConnectTo(address.ip, address.port, deadline - Clock::now());
   return static_cast<bool>(m_socket);
+}
+
+std::optional<OpHeader> Connection::Ask(const Address& address, ByteView request,
+                                        Clock::time_point deadline) {
+  if (!Connect(address, deadline) || !Send(request)) return std::nullopt;
+  const auto head = Await(kOpHeaderSize, deadline);
+  if (!head) return std::nullopt;
+  Reader in(*head);
+  return DecodeOpHeader(in);
 }
 
 // The next `size` bytes; none when they do not arrive before the deadline.

@@ -32,15 +32,21 @@ std::vector<Address> AddressesFromEnvironment();
 // Facts that a host's kernel knows about a device that is not open.
 struct HostView {
   usbip::DeviceRecord record{};
+  // From a server that does not know the host view: no driver holds an interface, and the descriptors
+  // have to be requested from the open device.
+  bool isOrdinary = false;
   std::uint32_t driverMask = 0;  // interfaces that a kernel driver holds
   Bytes deviceDescriptor{};
   Bytes configuration{};
 };
 
 // Asks, after detaching and attaching kernel drivers by two interface masks. None when no
-// simulator listens there or its device is unplugged. Takes two seconds at most.
+// simulator listens there or its device is unplugged. Takes two seconds at most, or four where a
+// server of ordinary USB/IP has to be asked once more.
 std::optional<HostView> FetchHostView(const Address& address, std::uint32_t detach = 0,
                                       std::uint32_t attach = 0);
+// From an ordinary server: the first device in its list.
+std::optional<HostView> FetchFromDeviceList(const Address& address);
 
 class Connection {
  public:
@@ -64,7 +70,11 @@ class Connection {
 
  private:
   friend std::optional<HostView> FetchHostView(const Address&, std::uint32_t, std::uint32_t);
+  friend std::optional<HostView> FetchFromDeviceList(const Address&);
 
+  // Connects and sends the request; the header of the reply, or none.
+  std::optional<usbip::OpHeader> Ask(const Address& address, ByteView request,
+                                     Clock::time_point deadline);
   bool Connect(const Address& address, Clock::time_point deadline);
   std::optional<Bytes> Await(std::size_t size, Clock::time_point deadline);
   bool WaitFor(usbip::Readiness what, Clock::time_point deadline);

@@ -2,7 +2,8 @@
 // libusb 1.0.26 and takes its place through LD_LIBRARY_PATH, on Windows by lying beside the
 // program, so that a program linked with the real one, and libftdi1 in between, run unchanged.
 // TAVO_SIMULATORS names the simulators; each is one device on the bus, and one that does not answer
-// or is unplugged is not listed.
+// or is unplugged is not listed. A server of ordinary USB/IP may stand in a simulator's place; the
+// first device that it exports counts.
 //
 // Differences from the real one: a context belongs to one thread at a time; it has no isochronous
 // transfers and no hotplug events; a device can be open once; a bulk transfer needs its interface

@@ -1,6 +1,7 @@
 // Open devices: interfaces and the kernel drivers on them, and the standard control requests.
 #include <algorithm>
 #include <memory>
+#include <utility>
 
 #include "simulator/substitute_libusb/context.h"
 
@@ -9,6 +10,7 @@ using namespace tavosim::substitute;
 namespace {
 
 constexpr unsigned kStandardTimeoutMs = 1000;
+constexpr std::size_t kLongestConfiguration = 4096;
 
 std::uint32_t Bit(int interfaceNumber) { return 1U << interfaceNumber; }
 
@@ -16,9 +18,24 @@ std::uint32_t Bit(int interfaceNumber) { return 1U << interfaceNumber; }
 std::optional<std::uint32_t> Drivers(const libusb_device_handle& handle, std::uint32_t detach = 0,
                                      std::uint32_t attach = 0) {
   const libusb_device& device = *handle.device;
+  if (device.view.isOrdinary) return handle.lost ? std::nullopt : std::optional(0U);
   const auto view = FetchHostView(device.address, detach, attach);
   if (!view || view->record.deviceNumber != device.view.record.deviceNumber) return std::nullopt;
   return view->driverMask;
+}
+
+// The descriptors that an ordinary server does not show.
+int ReadDescriptors(libusb_device_handle& handle) {
+  HostView& view = handle.device->view;
+  Bytes raw(kLongestConfiguration);
+  int size = libusb_get_descriptor(&handle, LIBUSB_DT_DEVICE, 0, raw.data(), LIBUSB_DT_DEVICE_SIZE);
+  if (size < LIBUSB_DT_DEVICE_SIZE) return std::min<int>(size, LIBUSB_ERROR_IO);
+  view.deviceDescriptor.assign(raw.begin(), raw.begin() + size);
+  size =
+      libusb_get_descriptor(&handle, LIBUSB_DT_CONFIG, 0, raw.data(), static_cast<int>(raw.size()));
+  if (size < 0) return size;
+  view.configuration.assign(raw.begin(), raw.begin() + size);
+  return LIBUSB_SUCCESS;
 }
 
 int StandardRequest(libusb_device_handle* handle, std::uint8_t recipient, std::uint8_t request,
@@ -40,7 +57,10 @@ int LIBUSB_CALL libusb_open(libusb_device* device, libusb_device_handle** result
   }
   handle->device = libusb_ref_device(device);
   *result = device->context->handles.emplace_back(handle.release());
-  return LIBUSB_SUCCESS;
+  if (!device->view.isOrdinary) return LIBUSB_SUCCESS;
+  const int error = ReadDescriptors(**result);
+  if (error != LIBUSB_SUCCESS) libusb_close(std::exchange(*result, nullptr));
+  return error;
 }
 
 libusb_device_handle* LIBUSB_CALL libusb_open_device_with_vid_pid(libusb_context* context,

@@ -11,7 +11,7 @@ Every block of commands says in a comment on the line above it what is to be don
 
 Commands in `console` blocks begin with "$ "; what they print is compared, except for times and rates,
 and "..." stands for any lines. The blocks of a document are run one after the other in one folder,
-which holds firmware.hex, firmware.zip (of the family plain) and page.hex. Other blocks:
+which holds firmware.hex, firmware.zip (of the family plain), page.hex and examples/. Other blocks:
 
   <!-- file: NAME -->         is put into that folder
   <!-- copy of: FILE -->      is the same as this file of the sources
@@ -227,6 +227,7 @@ def check_document(document: Path, environment: dict[str, str]) -> list[str]:
             subprocess.run(["firmware-updater", "pack", "--family", "plain", "-o", file], cwd=folder,
                            env=environment, stdout=subprocess.DEVNULL, check=True)
         (folder / "page.hex").write_text("<!doctype html>\n", encoding="ascii")
+        (folder / "examples").symlink_to(ROOT / "examples")
         environment = environment | {"XDG_STATE_HOME": name}
         for block in blocks(document):
             attempt(f":{block.line}", check_block, block, folder, environment)
