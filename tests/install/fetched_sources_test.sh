@@ -15,6 +15,7 @@ fail() {
 
 mkdir -p "$scratch/home/libusb"
 echo precious >"$scratch/home/letter"
+mkfifo "$scratch/home/pipe"
 : >"$scratch/home/libusb/libusb.h" # the mark by which a source was once recognised
 ln -s home "$scratch/link"
 : >"$scratch/file"
