@@ -22,7 +22,7 @@ write_basic_package_version_file(FirmwareUpdaterConfigVersion.cmake COMPATIBILIT
 install(FILES ${CMAKE_CURRENT_BINARY_DIR}/FirmwareUpdaterConfig.cmake
               ${CMAKE_CURRENT_BINARY_DIR}/FirmwareUpdaterConfigVersion.cmake
   DESTINATION ${TAVO_CMAKE_DIR} COMPONENT development)
-install(FILES CHANGELOG.md THIRD-PARTY-NOTICES.md TYPE DOC COMPONENT common)
+install(FILES CHANGELOG.md THIRD-PARTY-NOTICES.md docs/security.md TYPE DOC COMPONENT common)
 if(WIN32)
   return()
 endif()

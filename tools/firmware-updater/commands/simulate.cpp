@@ -36,9 +36,9 @@ constexpr const char* kExamples =
     "  firmware-updater simulate --family 8.2.14\n"
     "  firmware-updater simulate --family drive --port-path 1-4.2 --state drive\n"
     "  firmware-updater simulate --fault lose:5 -- firmware-updater update firmware.hex\n"
-    "The first two serve the device until Ctrl-C and print the command that makes another "
-    "terminal\n"
-    "see it. With a COMMAND, the device lives until that ends, and its exit code is passed on.\n"
+    "The first two serve the device until Ctrl-C and print the command that makes another\n"
+    "terminal see it; any account of this machine can. With a COMMAND, the device lives until\n"
+    "that ends, and its exit code is passed on.\n"
     "On a kernel with the vhci driver, root can plug the device into the kernel as well:\n"
     "  usbip --tcp-port PORT attach -r 127.0.0.1 -b 1-1";
 
