@@ -84,8 +84,8 @@ TEST(CheckDevice, ABadDeviceBreaksTheRuleThatNamesItsFault) {
   } rows[] = {
       // clang-format off
       {"version 0", "version", "", {}, [](D& d) { d.family.bootloaderVersion = 0; }},
-      {"129 bytes", "block-size", "", {}, [](D& d) { d.family.blockSize = 129; }},
-      {"100 bytes", "block-size", "", {}, [](D& d) { d.family.blockSize = 100; }},
+      {"129 bytes of 16384: more than a frame holds", "block-size", "", {}, [](D& d) { d.family.blockSize = 129; }},
+      {"100 bytes of 16384: no whole number", "block-size", "", {}, [](D& d) { d.family.blockSize = 100; }},
       {"padded to 32", "", "block-size", {}, [](D& d) { d.family.blockSize = 24, d.family.applicationKiB = 24; }},
       {"seem to be swapped", "", "processor", {}, [](D& d) { d.family.processorId = 0x48971E; }},
       {"0 bytes instead of 3", "processor", "", {"empty:id=0x121:*"}},

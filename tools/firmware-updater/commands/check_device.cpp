@@ -160,7 +160,7 @@ class DeviceCheck {
 
   void WriteEnd(DeviceCondition condition, const std::string& next) const {
     if (!m_notWritten.empty()) m_machine.out << "Nothing was written: " << m_notWritten << ".\n";
-    m_machine.out << Format("%d passed, %d failed, %d hints, %d not asked. ", Count(Mark::Pass),
+    m_machine.out << Format("Passed %d, failed %d, hints %d, not asked %d. ", Count(Mark::Pass),
                             Count(Mark::Fail), Count(Mark::Hint), Count(Mark::NotAsked))
                   << SentenceOf(condition) << (next.empty() ? "" : " To recover it, run: ") << next
                   << '\n';

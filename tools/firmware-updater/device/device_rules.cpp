@@ -80,7 +80,7 @@ Ruling HoldsId(const Findings& /*findings*/, const Asked& asked) {
 }
 
 Ruling StartsWithin(const Asked& asked, milliseconds limit) {
-  if (!asked.answer) return Fail(NotAnswered(asked).text + " for " + Duration(asked.took));
+  if (!asked.answer) return Fail(NotAnswered(asked).text + "; waited " + Duration(asked.took));
   const std::string text = "after " + Duration(asked.took);
   return asked.took <= limit ? Pass(text) : Fail(text + "; an update waits " + Duration(limit));
 }
@@ -112,7 +112,8 @@ Ruling BlockSize(const Findings& findings, const Asked& asked) {
   const std::uint32_t block = findings.BlockSize();
   const std::uint32_t size = findings.ApplicationBytes();
   const std::string text = Bytes(block) + (size == 0 ? "" : " of " + std::to_string(size));
-  if (block == 0 || block > kMaxPayload || size % block != 0) return Fail(text);
+  if (block > kMaxPayload) return Fail(text + ": more than a frame holds");
+  if (block == 0 || size % block != 0) return Fail(text + ": no whole number of blocks");
   const TavoMessage message{.id = 0, .length = static_cast<std::uint8_t>(block)};
   const std::size_t sent = FrameLength(message) - kFrameOverhead;
   return sent == block ? Pass(text) : Hint(text + "; they come padded to " + std::to_string(sent));
