@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "commands/completion.h"
+#include "text/text_format.h"
 
 namespace tavo::tool {
 namespace {
@@ -48,7 +49,11 @@ std::string ValueName(const std::string& type) {
 
 // The parser's own puts types, checks and other options between an option and its description.
 class HelpFormat : public CLI::Formatter {
+  static constexpr std::size_t kLeastDescription = 20;
+
  public:
+  explicit HelpFormat(const Machine& machine) : m_machine(machine) {}
+
   std::string make_option_opts(const CLI::Option* option) const override {
     const bool hasValue = option->get_items_expected_max() > 0 && !option->get_positional();
     const std::string value = hasValue ? ValueName(option->get_type_name()) : "";
@@ -61,8 +66,14 @@ class HelpFormat : public CLI::Formatter {
     for (const CLI::Option* other : option->get_needs())
       text += " (with " + other->get_name() + ")";
     if (!option->get_default_str().empty()) text += " [" + option->get_default_str() + "]";
-    return text;
+    const auto room = static_cast<std::size_t>(std::max(m_machine.width(), 1));
+    const std::size_t column = get_column_width();
+    const bool breaks = m_machine.terminal && room >= column + kLeastDescription;
+    return breaks ? Wrapped(text, room - column) : text;
   }
+
+ private:
+  const Machine& m_machine;
 };
 
 // The innermost command that the arguments have named; the app itself when they named none.
@@ -172,7 +183,7 @@ ExitCode WithOutput(ExitCode exit, const Machine& machine) {
 }  // namespace
 
 void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
-  const auto format = std::make_shared<HelpFormat>();
+  const auto format = std::make_shared<HelpFormat>(machine);
   format->label("Positionals", "Arguments");
   format->label("SUBCOMMAND", "COMMAND");
   app.formatter(format);
@@ -197,7 +208,9 @@ int RunTool(int argc, const char* const* argv, const Machine& machine) {
     return static_cast<int>(Complain(machine, refusal));
   } catch (const std::exception& error) {
     // A defect of the tool, or no memory left: how far the command came is not known here.
-    Complain(machine, std::string("unexpected: ") + error.what(), {});
+    Machine simplest = machine;
+    simplest.terminal = false;  // the defect may be in the layout of lines
+    Complain(simplest, std::string("unexpected: ") + error.what(), {});
     return static_cast<int>(ExitCode::FailedUnknown);
   }
 }

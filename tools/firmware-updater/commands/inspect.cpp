@@ -16,7 +16,8 @@ namespace tavo::tool {
 namespace {
 
 constexpr std::uint32_t kDefaultBlockSize = 128;
-constexpr std::size_t kWidth = 96;
+constexpr int kLeastWidth = 40;
+constexpr int kMostWidth = 96;
 constexpr std::size_t kNameWidth = 20;
 constexpr std::size_t kLabelWidth = 15;
 
@@ -26,9 +27,21 @@ struct Options {
   bool json = false;
 };
 
+// Where the screen goes, and how many characters a line of it may have.
+struct Screen {
+  std::ostream& out;
+  std::size_t width;
+};
+
+Screen ScreenOf(const Machine& machine) {
+  const int width = machine.terminal ? machine.width() : kMostWidth;
+  return {machine.out, static_cast<std::size_t>(std::clamp(width, kLeastWidth, kMostWidth))};
+}
+
 // A label and its text, which goes on below itself where it is too long for the line.
-void PutWrapped(std::ostream& out, std::size_t indent, std::size_t labelWidth,
+void PutWrapped(const Screen& screen, std::size_t indent, std::size_t labelWidth,
                 const std::string& label, const std::string& text) {
+  std::ostream& out = screen.out;
   out << std::string(indent, ' ') << label;
   std::size_t used = indent + label.size();
   const std::size_t column = indent + labelWidth + 1;
@@ -37,7 +50,7 @@ void PutWrapped(std::ostream& out, std::size_t indent, std::size_t labelWidth,
     used = 0;
   }
   out << std::string(column - used, ' ');
-  std::size_t room = kWidth - column;
+  std::size_t room = screen.width - column;
   std::size_t at = 0;
   while (text.size() - at > room) {
     std::size_t cut = text.rfind(' ', at + room);
@@ -60,22 +73,25 @@ std::string VerdictText(const MemberReport& member) {
   }
 }
 
-void PutMembers(std::ostream& out, const PackageReport& report) {
-  out << "\nMembers\n";
+void PutMembers(const Screen& screen, const PackageReport& report) {
+  screen.out << "\nMembers\n";
   for (const MemberReport& member : report.members) {
     const bool isFileItself = member.name == report.path;
     const std::string name = isFileItself ? FileName(member.name) : member.name;
-    PutWrapped(out, 2, kNameWidth, Displayable(name), Displayable(VerdictText(member)));
+    PutWrapped(screen, 2, kNameWidth, Displayable(name), Displayable(VerdictText(member)));
     for (const std::string& warning : member.warnings) {
-      PutWrapped(out, 2, kNameWidth, "", "warning: " + Displayable(warning));
+      PutWrapped(screen, 2, kNameWidth, "", "warning: " + Displayable(warning));
     }
   }
 }
 
 class ImageScreen {
  public:
-  ImageScreen(std::ostream& out, const ImageReport& image, std::uint32_t blockSize)
-      : m_out(out), m_image(image), m_map(MapBlocks(image.image, blockSize)) {}
+  ImageScreen(const Screen& screen, const ImageReport& image, std::uint32_t blockSize)
+      : m_screen(screen),
+        m_out(screen.out),
+        m_image(image),
+        m_map(MapBlocks(image.image, blockSize)) {}
 
   void Put() {
     PutAddresses();
@@ -89,7 +105,7 @@ class ImageScreen {
 
  private:
   void Row(const std::string& label, const std::string& text) {
-    PutWrapped(m_out, 2, kLabelWidth, label, text);
+    PutWrapped(m_screen, 2, kLabelWidth, label, text);
   }
 
   std::size_t Size() const { return m_image.image.data.size(); }
@@ -191,6 +207,7 @@ class ImageScreen {
     Row("", "(a 15 in a device's own hardware id fits any number in its place)");
   }
 
+  const Screen& m_screen;
   std::ostream& m_out;
   const ImageReport& m_image;
   BlockMap m_map;
@@ -201,14 +218,15 @@ const char* Headline(const PackageReport& report) {
   return report.PassesHardwareCheck() ? "usable" : "usable only with --skip-identity-check";
 }
 
-void PutScreen(std::ostream& out, const PackageReport& report, std::uint32_t blockSize) {
+void PutScreen(const Screen& screen, const PackageReport& report, std::uint32_t blockSize) {
+  std::ostream& out = screen.out;
   out << Displayable(report.path) << ": " << Headline(report) << '\n';
-  if (!report.members.empty()) PutMembers(out, report);
+  if (!report.members.empty()) PutMembers(screen, report);
   for (std::size_t i = 0; i < report.images.size(); ++i) {
     out << "\nImage " << i + 1;
     if (report.kind == UpdateFileKind::Zip) out << ": " << Displayable(report.images[i].member);
     out << '\n';
-    ImageScreen(out, report.images[i], blockSize).Put();
+    ImageScreen(screen, report.images[i], blockSize).Put();
   }
 }
 
@@ -217,7 +235,7 @@ ExitCode Inspect(const Machine& machine, const Options& options) {
   if (options.json) {
     machine.out << PackageJson(report, options.blockSize).Text(2) << '\n';
   } else if (report.CouldBeWritten() || !report.members.empty()) {
-    PutScreen(machine.out, report, options.blockSize);
+    PutScreen(ScreenOf(machine), report, options.blockSize);
   }
   if (report.CouldBeWritten()) return ExitCode::Done;
   Complain(machine, Displayable(report.path) + ": " + report.problem, report.hint);

@@ -1,14 +1,24 @@
 #include "text/machine.h"
 
+#include <algorithm>
 #include <ostream>
 
 #include "log/displayable.h"
+#include "text/text_format.h"
 
 namespace tavo::tool {
 
+std::string InLines(const Machine& machine, const std::string& text) {
+  if (!machine.terminal) return text;
+  return Wrapped(text, static_cast<std::size_t>(std::max(machine.width(), 1)));
+}
+
 void Complain(const Machine& machine, std::string_view text, std::string_view hint) {
-  machine.err << "firmware-updater: " << tavo::Displayable(text) << '\n';
-  if (!hint.empty()) machine.err << "hint: " << tavo::Displayable(hint) << '\n';
+  const auto line = [&](const char* head, std::string_view rest) {
+    machine.err << InLines(machine, head + tavo::Displayable(rest)) << '\n';
+  };
+  line("firmware-updater: ", text);
+  if (!hint.empty()) line("hint: ", hint);
   machine.err << std::flush;
 }
 

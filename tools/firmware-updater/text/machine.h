@@ -2,6 +2,7 @@
 #pragma once
 
 #include <iosfwd>
+#include <string>
 #include <string_view>
 
 #include "text/refusal.h"
@@ -25,6 +26,9 @@ struct Machine {
   bool colour = false;                 // and the user wants colours
   int (*width)() = [] { return 80; };  // of the terminal at this moment, in characters
 };
+
+// The text in lines that fit the terminal; elsewhere in one line.
+std::string InLines(const Machine& machine, const std::string& text);
 
 // Writes one line "firmware-updater: TEXT" and, unless empty, one line "hint: HINT" to `err`.
 void Complain(const Machine& machine, std::string_view text, std::string_view hint);

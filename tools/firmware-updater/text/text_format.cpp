@@ -38,6 +38,30 @@ std::string Displayable(std::string_view text, std::size_t maxLength) {
   return text.size() > maxLength ? shown + "..." : shown;
 }
 
+std::string Wrapped(std::string_view text, std::size_t width) {
+  constexpr std::string_view kCommand = ": firmware-updater ";
+  const std::size_t colon = text.find(kCommand);
+  const std::size_t command = colon == text.npos ? text.npos : colon + 2;
+  std::string lines;
+  std::size_t column = 0;
+  for (std::size_t at = 0; at < text.size();) {
+    std::size_t end = text.find(' ', at);
+    const std::size_t quote = text.find('`', at);
+    if (quote < end) end = text.find(' ', text.find('`', quote + 1));
+    if (at == command) end = text.npos;
+    const std::string_view word = text.substr(at, end - at);
+    if (column > 0) {
+      const bool fits = column + 1 + word.size() <= width;
+      lines += fits ? ' ' : '\n';
+      column = fits ? column + 1 : 0;
+    }
+    lines += word;
+    column += word.size();
+    at += word.size() + 1;
+  }
+  return lines;
+}
+
 std::string HardwareIdText(std::uint16_t hardwareId) {
   const HardwareIdRecord id = SplitHardwareId(hardwareId);
   return Format("%u.%u.%u.%u", id.serie, id.type, id.module, id.variant);

@@ -25,6 +25,10 @@ std::string HexBytes(std::span<const std::uint8_t> bytes);
 // `maxLength` bytes ends in "...".
 std::string Displayable(std::string_view text, std::size_t maxLength = 200);
 
+// The text in lines of at most `width` characters, broken at blanks. What is there to be pasted stays in
+// one piece, however long: a command in backquotes, and all from ": firmware-updater " on.
+std::string Wrapped(std::string_view text, std::size_t width);
+
 // "8.4.1.0": Serie, Type, Module and Variant.
 std::string HardwareIdText(std::uint16_t hardwareId);
 

@@ -111,7 +111,7 @@ class TextView : public UpdateView {
       Complain(m_machine, record.failure->name + ": " + record.failure->text, record.failure->hint);
     }
     if (const std::string facts = FactsText(record.before); record.failure && !facts.empty()) {
-      m_machine.err << "reported: " << facts << '\n';
+      m_machine.err << InLines(m_machine, "reported: " + facts) << '\n';
     }
     for (const std::string& name : record.resetModules) {
       m_machine.out << "module " << name << " was reset\n";
@@ -119,7 +119,7 @@ class TextView : public UpdateView {
     const bool well = record.ending == Ending::Succeeded;
     if (well) m_machine.out << Coloured(kGreen, Summary(record)) << '\n';
     for (const std::string& lost : record.lost) m_machine.out << "The " << lost << " is lost.\n";
-    m_machine.out << record.state.Line() << std::endl;
+    m_machine.out << InLines(m_machine, record.state.Line()) << std::endl;
   }
 
  protected:
@@ -159,7 +159,7 @@ class PlainView final : public TextView {
   void Note(const std::string& text) override {
     const std::unique_lock lock = LockForNote(m_lock);
     if (!lock) return;
-    m_machine.out << text << std::endl;
+    m_machine.out << InLines(m_machine, text) << std::endl;
   }
 };
 
@@ -195,7 +195,8 @@ class TerminalView final : public TextView {
                  const Transfer& transfer) override {
     const std::lock_guard lock(m_lock);
     m_nextRedraw = milliseconds{0};
-    m_machine.out << kEraseLine << m_title
+    Erase();
+    m_machine.out << m_title
                   << Coloured(end == PhaseEnd::Ok ? kGreen : kRed,
                               PhaseResult(phase, end, elapsed, transfer))
                   << std::endl;
@@ -209,7 +210,8 @@ class TerminalView final : public TextView {
   void Note(const std::string& text) override {
     const std::unique_lock lock = LockForNote(m_lock);
     if (!lock) return;
-    m_machine.out << kEraseLine << text << '\n';
+    Erase();
+    m_machine.out << InLines(m_machine, text) << '\n';
     Redraw();
   }
 
@@ -221,13 +223,25 @@ class TerminalView final : public TextView {
     return m_title.size() + m_state.size() + part.size() + 2 <= Room();
   }
 
+  // A window that has become narrower since has broken the line into several.
+  void Erase() {
+    const std::size_t above = m_drawn == 0 ? 0 : (m_drawn - 1) / (Room() + 1);
+    if (above > 0) m_machine.out << "\x1B[" << above << "A\r\x1B[J";
+    m_machine.out << kEraseLine;
+    m_drawn = 0;
+  }
+
   void Redraw() {
     if (m_title.empty()) return;
-    m_machine.out << kEraseLine << (m_title + m_state).substr(0, Room()) << std::flush;
+    Erase();
+    const std::string line = (m_title + m_state).substr(0, Room());
+    m_machine.out << line << std::flush;
+    m_drawn = line.size();
   }
 
   std::string m_title;
   std::string m_state;
+  std::size_t m_drawn = 0;  // characters of the line in hand
   milliseconds m_nextRedraw{0};
 };
 
