@@ -135,6 +135,9 @@ TEST_F(FrameAssemblerTest, BytesThatAreNoFrameAreDroppedAndTheNextFrameIsReceive
   }
   EXPECT_EQ(Batch(Frame(0x121) + Bytes{1, 2}), 0x121);
   EXPECT_EQ(m_assembler.Refused().Count(RefusalReason::Behind), 2U);
+  m_assembler.ForgetRefused();
+  EXPECT_EQ(Batch(Bytes{0xAF} + Bytes(300, 0xFF)), -1) << "more than the longest frame";
+  EXPECT_EQ(m_assembler.Refused().Count(RefusalReason::Behind), 301 - kMaxFrame);
 }
 
 TEST_F(FrameAssemblerTest, AfterALostByteAssemblyGoesOnAtTheNextHeader) {
