@@ -55,6 +55,7 @@ class DeviceCheck {
     Examination examination(inquiry, m_session.Transport(), m_heard, m_platform,
                             [this] { return m_stopped.load(); });
     Examine(found.inBootloader, examination);
+    HintAtEscapes(found, examination.Results());
     if (m_place.behind) inquiry.CloseTunnel();
     return Conclude(found, examination.Results());
   }
@@ -73,6 +74,14 @@ class DeviceCheck {
     }
     return inquiry.OpenTunnelTo(*m_place.behind) ? AskWhoAnswers(inquiry, Patience::Full)
                                                  : DeviceReport{};
+  }
+
+  // WhoAnswers ends with the escape bytes; a receiver that they stop responds to nothing after them.
+  void HintAtEscapes(const DeviceReport& found, const Findings& findings) {
+    const Asked* const first = findings.Find(found.inBootloader ? "version" : "sign-of-life");
+    const bool responded = found.inBootloader || found.RunsApplication();
+    if (!responded || first == nullptr || first->heard > 0) return;
+    Say("hint: the device responded until it received 1B 1B 1B, which begin no frame");
   }
 
   // The rules of each stage are shown before the next begins: above all the bootloader's values before
