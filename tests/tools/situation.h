@@ -151,7 +151,9 @@ class Trial {
     Promise(m_station.IsIn(state, m_before.flash), "this is not its state: " + state);
     Promise(FileIsRight() || unchanged, "a wrong file was written");
     Promise(runs || !ranBefore || done || !unchanged, "it ran before");
-    Promise(!open || Plain(result["state"]["tunnel"]) == "left-open", "a tunnel is open");
+    const bool claimsOpen = Plain(result["state"]["tunnel"]) == "left-open";
+    Promise(!open || claimsOpen, "a tunnel is open");
+    Promise(!claimsOpen || m_station.device.OpenTunnel() != 0, "no tunnel is open");
     Promise(done == (Plain(result["ending"]) == "succeeded"), "the exit code");
     if (!dryRun) return;
     Promise(unchanged && m_station.device.Label() == m_before.label, "a dry run has written");

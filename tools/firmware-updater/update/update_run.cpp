@@ -454,6 +454,10 @@ class Work {
     } else if (m_found.IsMaster()) {
       BringBackBehindTunnel(inquiry);
     } else if (m_found.AnythingAnswered()) {
+      // The device here took the request for a tunnel, which leads nowhere.
+      if (m_found.tunnel.value_or(0) != 0) inquiry.CloseTunnel();
+      m_evidence.tunnel = inquiry.OpenTunnel().value_or(0) == 0 ? TunnelCondition::Closed
+                                                                : TunnelCondition::LeftOpen;
       Reject(WrongRoad(RouteOf(m_report)));
     }
   }
