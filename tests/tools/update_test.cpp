@@ -496,7 +496,7 @@ TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
   options.applicationIntact = false;
   ToolStation station(options, false, {"lose:id=0x134:3"});
   const auto now = [] {
-    const std::time_t time = std::time(nullptr);
+    const auto time = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
     std::ostringstream text;
     text << std::put_time(std::gmtime(&time), "%FT%TZ");
     return text.str();
