@@ -114,15 +114,18 @@ TEST(UpdateCommand, AFailureNamesItsCauseAndNotItsConsequence) {
       {[](auto&) {}, "delay:id=0x130:1:5s", "", "within 4 s; it came after 5.1 s."},
       {[](auto&) {}, "lose:id=0x133:121+", "", "No answer to POSITION, address 0x00008000"},
   };
-  for (const bool inBootloader : {false, true}) {
+  const std::pair<BenchLine, bool> kPlaces[] = {
+      {kLines[0], false}, {kLines[0], true}, {kLines[2], false}};
+  for (const auto& [line, inBootloader] : kPlaces) {
     for (const auto& row : kRows) {
       tavosim::DeviceOptions options = Options("plain");
       row.change(options.family);
       options.start = inBootloader ? DeviceState::Bootloader : DeviceState::Application;
-      ToolStation station(options, false, {row.fault});
+      ToolStation station(options, line.echoes, {row.fault});
       station.TakeFileOf("plain");
       const std::string command = inBootloader ? "recover" : "update";
-      const ExitCode exit = station.run(command + " @firmware.hex --log @tool.log" + row.options);
+      const ExitCode exit =
+          station.run(command + " @firmware.hex --log @tool.log " + line.options + row.options);
       EXPECT_EQ(exit == Done, *row.says == '\0') << station.run.Err();
       EXPECT_TRUE(station.run.Complains(row.says)) << row.says << station.run.Err();
       EXPECT_TRUE(exit == Done || station.run.Complains("bootloader version "));

@@ -231,7 +231,9 @@ ExitCode Info(const Machine& machine, const Options& options) {
   session.Open(place.target);
   Inquiry inquiry(session.Transport(), quiet,
                   [&](const std::string& text) { machine.err << text << std::endl; });
+  dialogue.TestLine(true);
   CheckEcho(inquiry, place, "info");
+  dialogue.TestLine(false);
   DeviceReport report = AskWho(inquiry);
   if (route && report.IsMaster()) {
     place.behind = route;

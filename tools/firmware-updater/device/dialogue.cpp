@@ -157,6 +157,7 @@ std::optional<TavoMessage> MessageIn(std::span<const std::uint8_t> frame) {
 void Dialogue::BytesSent(bool ok, Bytes bytes) {
   const std::string text = HexBytes(bytes);
   End();
+  if (m_testsLine) return Put(">", text, "does the line return it?");
   if (const std::optional<TavoMessage> message = MessageIn(bytes)) {
     return Begin(Describe(*message, m_position), ok, text);
   }
@@ -194,6 +195,7 @@ void Dialogue::BytesReceived(bool ok, Bytes bytes, milliseconds) {
   if (!ok && m_present) Put("!", "", "the device cannot be read");
   m_present = ok;
   if (bytes.empty()) return;
+  if (m_testsLine) return Put("<", HexBytes(bytes), "from the line or the device");
   m_receivedAt = m_clock();
   m_received.insert(m_received.end(), bytes.begin(), bytes.end());
   for (const std::uint8_t byte : bytes) m_assembler.PutByte(byte, kFrameCodecs[0]);
@@ -211,7 +213,8 @@ void Dialogue::TakeAnswer(const TavoMessage& message) {
 }
 
 std::string Dialogue::Judge(const TavoMessage& message) {
-  if (message.id != m_last.id || m_last.answered) {
+  const bool awaited = !m_last.text.empty() && !m_last.answered;
+  if (!awaited || message.id != m_last.id) {
     const auto late = std::ranges::find(m_unanswered, message.id, &SentRequest::id);
     if (late != m_unanswered.end()) {
       late->late = m_clock() - late->time;
@@ -222,13 +225,16 @@ std::string Dialogue::Judge(const TavoMessage& message) {
     refused.awaitedId = m_last.id;
     refused.unawaitedId = message.id;
     refused.Add(RefusalReason::Unawaited, 1);
-    return m_last.answered ? "refused: no request awaits it" : "refused: " + ReasonsOf(refused);
+    return awaited ? "refused: " + ReasonsOf(refused) : "refused: no request awaits it";
   }
   m_last.answered = true;
   const Fields& fields = m_last.command == nullptr ? kNothing : RowOf(*m_last.command).answer;
   const std::size_t wanted = LengthOf(fields);
   if (wanted == 0) return "answered";
-  if (message.length >= wanted) return TextOf(fields, PayloadOf(message));
+  if (message.length >= wanted) {
+    if (m_shortlyAnswered.command == m_last.command) m_shortlyAnswered = {};
+    return TextOf(fields, PayloadOf(message));
+  }
   m_last.shortAnswer =
       Format("%u of %zu bytes (%s)", unsigned{message.length}, wanted, TextOf(fields, {}).c_str());
   // Silence of a master, or half an answer, changes nothing.

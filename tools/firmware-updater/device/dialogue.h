@@ -61,9 +61,13 @@ class Dialogue final : public TransportObserver {
   void HiddenBlockSent(bool ok, std::size_t frameBytes);
   // Nothing more will come for the last request.
   void End();
+  // While the line is tested for an echo, the trace shows its bytes undecoded: none of them counts as an
+  // answer.
+  void TestLine(bool on) { m_testsLine = on; }
 
   const SentRequest& LastRequest() const { return m_last; }
-  // The first request whose answer was too short for its fields; empty without one.
+  // The first request whose answer was too short for its fields, until it is answered in full; else
+  // empty.
   const SentRequest& ShortlyAnswered() const { return m_shortlyAnswered; }
   // The time from a request to its answer when that came only after the next request; 0: it did not.
   std::chrono::milliseconds LateAnswerTo(const SentRequest& request) const;
@@ -88,6 +92,7 @@ class Dialogue final : public TransportObserver {
   std::vector<SentRequest> m_unanswered;  // in time; the last one of each id
   std::uint32_t m_position = 0;           // for the next block
   bool m_present = true;
+  bool m_testsLine = false;
 };
 
 }  // namespace tavo::tool

@@ -162,7 +162,9 @@ class Work {
   // taken for answers, and with too much of it, answers for echoes.
   void CheckEcho() {
     if (m_task.target.kind != TransportKind::Ftdi) return;
+    m_dialogue.TestLine(true);
     const bool echoes = Ask().LineEchoes();
+    m_dialogue.TestLine(false);
     if (echoes == m_task.target.echo) return;
     Task corrected = m_task;
     corrected.target.echo = echoes;
