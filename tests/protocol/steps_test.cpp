@@ -61,7 +61,7 @@ TEST(Steps, TheLabelIsTheFirstEntryForTheDevice) {
     };
   };
   Expect({{&U::SetLabel}, device(5, 0x103, -1), {"0x100 A0 02"}, {"Set Label: Request (Label 2)", "Set Label: Ok"}});
-  Expect({{&U::SetLabel}, device(5, 0x102, 0x1234), {"0x100 A0 01"}, {}});
+  Expect({{&U::SetLabel}, device(5, 0x102, 0xEE01), {"0x100 A0 01"}, {}});
   Expect({{&U::SetLabel}, device(5, 0x102, 0xEE00), {}, {"Set Label: Skipped"}});
   Expect({{&U::SetLabel}, device(5, -1, -1), {}, {"Set Label: Skipped"}});
   Expect({{&U::SetLabel}, device(2, 0x102, -1), {}, {}});
