@@ -107,6 +107,12 @@ TEST(CheckDevice, ABadDeviceBreaksTheRuleThatNamesItsFault) {
       {"the address moved on", "repeated-write", "", {}, [](D& d) { d.writeAddressAdvances = true; }, kWrite},
       {"no longer responds", "incomplete-image", "", {}, [](D& d) { d.checksBeforeStart = false; }, kWrite},
       {"not answered at 0x00004000", "write", "", {"lose:id=0x134:1"}, [](D&) {}, kWrite},
+      {"answered after 5.0 s at 0x00004180", "write", "", {"delay:id=0x134:5:5s"}, [](D&) {}, kWrite},
+      {"4 bytes beside the answer (write)", "answers-once", "", {"repeat:id=0x134:5"}, [](D&) {}, kWrite},
+      {"the device was disconnected", "", "", {"unplug:10"}, [](D&) {}, kWrite},
+      {"has not answered PROCESSOR", "processor", "", {"lose:id=0x121:*"}, [](D&) {}, kWrite},
+      {"not answered SIZE in full", "application-size", "", {"empty:id=0x132:*"}, [](D&) {}, kWrite},
+      {"0 bytes instead of 2", "version", "", {"empty:id=0x120:*"}},
       {"the device has 0x1E9749", "", "", {}, [](D& d) { d.family.processorId = 0x1E9749; }, kWrite},
       // clang-format on
   };

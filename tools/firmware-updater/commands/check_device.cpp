@@ -33,6 +33,16 @@ struct Options {
 
 constexpr std::array kMarkNames{"pass", "hint", "fail", "not-asked"};  // stable, for scripts
 
+// A file is compared with these answers only.
+struct NeededAnswer {
+  const char* name;
+  const char* asks;
+  std::size_t length;
+};
+constexpr std::array kNeededAnswers{
+    NeededAnswer{"version", "VERSION", 2}, NeededAnswer{"processor", "PROCESSOR", 3},
+    NeededAnswer{"application-size", "SIZE", 2}, NeededAnswer{"hardware-id", "HARDWARE", 2}};
+
 class DeviceCheck {
  public:
   DeviceCheck(const Machine& machine, const Options& options)
@@ -53,9 +63,12 @@ class DeviceCheck {
     CheckEcho(inquiry, m_place, "check-device");
     const DeviceReport found = WhoAnswers(inquiry);
     Examination examination(inquiry, m_session.Transport(), m_heard, m_platform,
+                            m_place.target.kind == TransportKind::Usb,
                             [this] { return m_stopped.load(); });
     Examine(found.inBootloader, examination);
     HintAtEscapes(found, examination.Results());
+    m_lost = examination.LostDevice();
+    if (m_lost) Say("The device was disconnected.");
     if (m_place.behind) inquiry.CloseTunnel();
     return Conclude(found, examination.Results());
   }
@@ -91,8 +104,9 @@ class DeviceCheck {
     if (!inBootloader) examination.AskApplication();
     Show(Stage::Application, findings);
     const bool called = findings.Find("call") != nullptr;
-    examination.AskBootloader(called, m_place.target.kind == TransportKind::Usb);
+    examination.AskBootloader(called);
     Show(Stage::Bootloader, findings);
+    if (m_file && examination.LostDevice()) m_notWritten = "the device was disconnected";
     if (const FirmwareImage* const image = ImageToWrite(findings)) {
       Say("Erasing and writing.");
       examination.Write(*image);
@@ -105,7 +119,14 @@ class DeviceCheck {
 
   // Null when there is none, or none that fits the device; a misfit is kept.
   const FirmwareImage* ImageToWrite(const Findings& findings) {
-    if (!m_file || m_stopped) return nullptr;
+    if (!m_file || m_stopped || !m_notWritten.empty()) return nullptr;
+    for (const NeededAnswer& needed : kNeededAnswers) {
+      const Asked* const asked = findings.Find(needed.name);
+      if (asked != nullptr && asked->answer && asked->answer->length >= needed.length) continue;
+      m_notWritten = std::string("the bootloader has not answered ") + needed.asks +
+                     (asked != nullptr && asked->answer ? " in full" : "");
+      return nullptr;
+    }
     const DeviceFacts device{
         .blockSize = static_cast<std::int32_t>(findings.BlockSize()),
         .processorId = static_cast<std::int32_t>(findings.Processor()),
@@ -138,8 +159,9 @@ class DeviceCheck {
     m_machine.out.flush();
   }
 
-  static DeviceCondition ConditionOf(const DeviceReport& found, const Findings& findings) {
+  DeviceCondition ConditionOf(const DeviceReport& found, const Findings& findings) const {
     using enum DeviceCondition;
+    if (m_lost) return Unknown;
     const bool erased = findings.Find("erase") != nullptr;
     const Asked* const start = findings.Find("application-start");
     if (start != nullptr && start->answer) {
@@ -162,7 +184,7 @@ class DeviceCheck {
     m_options.json ? WriteJson(found, condition, next) : WriteEnd(condition, next);
     if (m_stopped) return ExitCode::Stopped;
     if (!found.RunsApplication() && !found.inBootloader) return ExitCode::FailedUnknown;
-    if (Count(Mark::Fail) == 0 && m_notWritten.empty()) return ExitCode::Done;
+    if (!m_lost && Count(Mark::Fail) == 0 && m_notWritten.empty()) return ExitCode::Done;
     if (condition == DeviceCondition::Unknown) return ExitCode::FailedUnknown;
     return runs ? ExitCode::FailedRuns : ExitCode::FailedInBootloader;
   }
@@ -216,6 +238,7 @@ class DeviceCheck {
   Json m_rules = Json::Array();
   std::array<int, kMarkNames.size()> m_counts{};
   std::string m_notWritten;  // why, although it should have been
+  bool m_lost = false;       // the device, before all was asked
   std::atomic<bool> m_stopped = false;
   Interrupts m_interrupts;  // the last to be made: it uses the others
 };

@@ -42,15 +42,6 @@ Ruling NotAnswered(const Asked& asked) {
   return Fail((asked.refused.empty() ? "not answered" : asked.refused) + asked.place);
 }
 
-std::size_t FrameLength(const TavoMessage& message) {
-  FrameBuffer frame{};
-  kFrameCodecs[0].Encode(message, frame);
-  std::uint8_t end = 0;
-  bool acceptable = false;
-  kFrameCodecs[0].ParseHeader(frame[0], &end, &acceptable);
-  return std::size_t{end} + 1;
-}
-
 // --- judges of many rules ---
 
 Ruling Answered(const Findings& /*findings*/, const Asked& asked) {
@@ -108,7 +99,7 @@ Ruling Version(const Findings& findings, const Asked& asked) {
 }
 
 Ruling BlockSize(const Findings& findings, const Asked& asked) {
-  if (!asked.answer) return NotAsked(Stage::Bootloader);
+  if (!asked.answer || asked.answer->length < 2) return NotAsked(Stage::Bootloader);
   const std::uint32_t block = findings.BlockSize();
   const std::uint32_t size = findings.ApplicationBytes();
   const std::string text = Bytes(block) + (size == 0 ? "" : " of " + std::to_string(size));
@@ -187,9 +178,8 @@ Ruling ApplicationStart(const Findings& /*findings*/, const Asked& asked) {
 Ruling AnswersOnce(const Findings& findings, const Asked& version) {
   if (!version.answer) return NotAsked(Stage::Bootloader);
   for (const auto& [name, asked] : findings.asked) {
-    const std::size_t awaited = asked.answer ? FrameLength(*asked.answer) : asked.heard;
-    if (asked.heard > awaited) {
-      return Fail(Bytes(asked.heard - awaited) + " beside the answer (" + std::string(name) + ")");
+    if (asked.surplus > 0) {
+      return Fail(Bytes(asked.surplus) + " beside the answer (" + std::string(name) + ")");
     }
   }
   return Pass("nothing beside the answers");

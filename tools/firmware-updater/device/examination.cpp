@@ -24,6 +24,12 @@ constexpr std::uint32_t kVerifies = 3;  // the first version that knows the requ
 constexpr std::uint32_t kTakesTransfers =
     2;  // the first version that takes a frame in one transfer
 
+// A device that enumerates anew in its other program may leave the bus after these.
+bool MayRestart(const Command& command) {
+  return command.bearing == Bearing::CallsBootloader ||
+         command.bearing == Bearing::StartsApplication;
+}
+
 Command ForApplication(Command command, std::uint16_t id) {
   command.id = id;
   return command;
@@ -44,6 +50,15 @@ std::uint32_t BlockToRepeat(const ImageBlocks& blocks, std::uint32_t blockSize) 
 }
 
 }  // namespace
+
+std::size_t FrameLength(const TavoMessage& message) {
+  FrameBuffer frame{};
+  kFrameCodecs[0].Encode(message, frame);
+  std::uint8_t end = 0;
+  bool acceptable = false;
+  kFrameCodecs[0].ParseHeader(frame[0], &end, &acceptable);
+  return std::size_t{end} + 1;
+}
 
 const Asked* Findings::Find(std::string_view name) const {
   const auto found = asked.find(name);
@@ -76,7 +91,7 @@ bool Findings::Written() const {
 
 bool Examination::Ask(std::string_view name, const Command& command, Arguments arguments,
                       Patience patience) {
-  if (m_stopped()) return false;
+  if (m_stopped() || m_lost) return false;
   Asked asked;
   asked.answer = m_inquiry.Ask(command, arguments, patience);
   asked.took = m_heard.SinceSent();
@@ -91,39 +106,68 @@ bool Examination::Ask(std::string_view name, const Command& command, Arguments a
     asked.took = m_heard.firstAfter;
   }
   asked.heard = m_heard.count;
-  return (m_findings.asked[name] = asked).answer || asked.late;
+  if (asked.answer) asked.surplus = asked.heard - std::min(asked.heard, FrameLength(*asked.answer));
+  m_lost = !asked.answer && Unreachable() && !MayRestart(command);
+  if (m_lost) return false;
+  const bool answered = asked.answer || asked.late;
+  Keep(name, std::move(asked));
+  return answered;
+}
+
+// The worst counts of what was asked for many blocks.
+void Examination::Keep(std::string_view name, Asked asked) {
+  const auto worth = [](const Asked& one) { return std::pair(one.answer.has_value(), -one.took); };
+  const auto earlier = m_findings.asked.find(name);
+  if (!m_place.empty() && earlier != m_findings.asked.end()) {
+    const std::size_t surplus = std::max(earlier->second.surplus, asked.surplus);
+    if (worth(earlier->second) < worth(asked)) asked = std::move(earlier->second);
+    asked.surplus = surplus;
+  }
+  m_findings.asked[name] = std::move(asked);
 }
 
 bool Examination::AskUntilAnswered(std::string_view name, const Command& command) {
+  if (m_lost) return false;
   const milliseconds start = m_platform.MonotonicNow();
   milliseconds passed{0};
-  bool answered = false;
-  while (!answered && !m_stopped() && passed < kLongestStart) {
-    answered = Ask(name, command, {}, Patience::Brief);
-    m_findings.asked[name].took += passed;
+  while (!m_stopped() && passed < kLongestStart) {
+    m_lost = false;  // a device may be off the bus while it starts
+    if (Ask(name, command, {}, Patience::Brief)) {
+      m_findings.asked[name].took += passed;
+      return true;
+    }
     passed = m_platform.MonotonicNow() - start;
   }
-  return answered;
+  m_findings.asked[name].took = passed;
+  if (m_stopped()) m_findings.asked.erase(name);
+  return false;
+}
+
+// An adapter that was unplugged fails only to send, while a device at USB may refuse bytes.
+bool Examination::Unreachable() const {
+  return m_heard.readFailed || (!m_usb && m_heard.sendFailed);
 }
 
 // VERSION with a bit turned over, in the identifier under a right checksum.
 void Examination::SendDamaged(std::string_view name, std::size_t byte) {
-  if (m_stopped()) return;
+  if (m_stopped() || m_lost) return;
   constexpr std::size_t kChecksum = kFrameOverhead - kCrcSize;
   FrameBuffer frame{};
   kFrameCodecs[0].Encode({.id = kCheckVersion.id}, frame);
   frame[byte] ^= 1;
   if (byte < kChecksum) frame[kChecksum] = Crc8({frame.data(), kChecksum});
   m_transport.DiscardLeftovers();
-  if (!m_transport.SendRawData(frame.data(), kFrameOverhead)) return;
+  const bool sent = m_transport.SendRawData(frame.data(), kFrameOverhead);
   ListenFor(kSilence);
-  m_findings.asked[name].heard = m_heard.count;
+  m_lost = Unreachable();
+  if (sent && !m_lost) m_findings.asked[name].heard = m_heard.count;
 }
 
 void Examination::ListenFor(milliseconds bound) {
   const milliseconds start = m_platform.MonotonicNow();
-  while (m_heard.count == 0 && m_platform.MonotonicNow() - start < bound)
+  while (m_heard.count == 0 && !Unreachable() && m_platform.MonotonicNow() - start < bound) {
     m_transport.DiscardInput();
+  }
 }
 
 void Examination::AskApplication() {
@@ -137,7 +181,7 @@ void Examination::AskApplication() {
   Ask("call", ForApplication(kCallBootloader, m_applicationId));
 }
 
-void Examination::AskBootloader(bool starting, bool usb) {
+void Examination::AskBootloader(bool starting) {
   if (starting && !AskUntilAnswered("bootloader-start", kCheckVersion)) return;
   if (!Ask("version", kCheckVersion)) return;
   Ask("processor", kRequestProcessorId);
@@ -158,7 +202,7 @@ void Examination::AskBootloader(bool starting, bool usb) {
   SendDamaged("wrong-checksum", kFrameOverhead - kCrcSize);
   SendDamaged("wrong-parity", kHeaderSize);
   Ask("after-damage", kCheckVersion);
-  if (!usb || m_findings.Version() < kTakesTransfers) return;
+  if (!m_usb || m_findings.Version() < kTakesTransfers) return;
   m_transport.SetSendMode(SendMode::Buffer);
   if (!Ask("one-transfer", kCheckVersion)) m_transport.SetSendMode(SendMode::Byte);
 }

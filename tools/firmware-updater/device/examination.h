@@ -2,9 +2,9 @@
 // Only Write changes the flash. Every wait is bounded. A late answer is awaited beyond the protocol's 4 s,
 // because its delay points at its cause.
 //
-//   Examination examination(inquiry, session.Transport(), heard, platform, stopped);
+//   Examination examination(inquiry, session.Transport(), heard, platform, true, stopped);
 //   examination.AskApplication();  // it ends in its bootloader
-//   examination.AskBootloader(true, true);
+//   examination.AskBootloader(true);
 //   examination.StartApplication(false);
 #pragma once
 
@@ -28,10 +28,14 @@ struct Asked {
   std::optional<TavoMessage> answer{};
   std::chrono::milliseconds took{0};  // until the answer, or until bytes came too late
   bool late = false;
-  std::size_t heard = 0;  // bytes received, whatever they were
-  std::string refused{};  // why they are no answer
-  std::string place{};    // " at 0x00004010", of a block
+  std::size_t heard = 0;    // bytes received, whatever they were
+  std::size_t surplus = 0;  // of them, beside the answer
+  std::string refused{};    // why they are no answer
+  std::string place{};      // " at 0x00004010", of a block
 };
+
+// The bytes of its frame.
+std::size_t FrameLength(const TavoMessage& message);
 
 struct Findings {
   std::map<std::string_view, Asked> asked{};  // by the name of a rule; only what was asked
@@ -50,21 +54,26 @@ struct Findings {
   bool Written() const;
 };
 
-// Counts the bytes that come after a request.
+// Counts the bytes that come after a request, and notices a device that cannot be reached.
 class Heard : public TransportObserver {
  public:
   explicit Heard(Platform& platform) : m_platform(platform) {}
-  void BytesSent(bool /*ok*/, Bytes /*bytes*/) override {
+  void BytesSent(bool ok, Bytes /*bytes*/) override {
     count = 0;
+    sendFailed = !ok;
+    readFailed = false;
     m_sent = m_platform.MonotonicNow();
   }
-  void BytesReceived(bool /*ok*/, Bytes bytes, std::chrono::milliseconds /*took*/) override {
+  void BytesReceived(bool ok, Bytes bytes, std::chrono::milliseconds /*took*/) override {
     if (count == 0) firstAfter = SinceSent();
     count += bytes.size();
+    readFailed |= !ok;
   }
   std::chrono::milliseconds SinceSent() const { return m_platform.MonotonicNow() - m_sent; }
 
   std::size_t count = 0;
+  bool sendFailed = false;
+  bool readFailed = false;
   std::chrono::milliseconds firstAfter{0};  // with the first bytes
 
  private:
@@ -76,22 +85,25 @@ class Examination {
  public:
   // Once `stopped` returns true, nothing but StartApplication asks. All must outlive the examination.
   Examination(Inquiry& inquiry, ICommInterface& transport, const Heard& heard, Platform& platform,
-              std::function<bool()> stopped)
+              bool usb, std::function<bool()> stopped)
       : m_inquiry(inquiry),
         m_transport(transport),
         m_heard(heard),
         m_platform(platform),
+        m_usb(usb),
         m_stopped(std::move(stopped)) {}
 
   // A running application, and at last to start its bootloader. Silence at first ends it.
   void AskApplication();
-  // `starting`: it has been called and may take its time. `usb`: transfers can be tried.
-  void AskBootloader(bool starting, bool usb);
+  // `starting`: it has been called and may take its time.
+  void AskBootloader(bool starting);
   // Erases, and writes an image that fits the device.
   void Write(const FirmwareImage& image);
   void StartApplication(bool written);
 
   const Findings& Results() const { return m_findings; }
+  // The device left the bus where it may not; nothing was asked after that.
+  bool LostDevice() const { return m_lost; }
 
  private:
   using Arguments = std::span<const std::uint8_t>;
@@ -100,6 +112,8 @@ class Examination {
   bool Ask(std::string_view name, const Command& command, Arguments arguments = {},
            Patience patience = Patience::Full);
   bool AskUntilAnswered(std::string_view name, const Command& command);
+  void Keep(std::string_view name, Asked asked);
+  bool Unreachable() const;
   void SendDamaged(std::string_view name, std::size_t byte);
   void ListenFor(std::chrono::milliseconds bound);
   bool WriteBlocks(const FirmwareImage& image, bool repeatOne);
@@ -109,9 +123,11 @@ class Examination {
   ICommInterface& m_transport;
   const Heard& m_heard;
   Platform& m_platform;
+  bool m_usb;
   std::function<bool()> m_stopped;
   std::uint16_t m_applicationId = kApplicationRequest;
   std::string m_place;  // of the block being written
+  bool m_lost = false;
   Findings m_findings;
 };
 
