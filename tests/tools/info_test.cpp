@@ -77,8 +77,8 @@ TEST(Info, TheScreenHoldsTheFactsAndNothingOfTheLibrary) {
             "processor    0x1E9748 (MCU-ID 0x100)\n"
             "application  up to 16 KiB\n"
             "hardware id  0x8410 (Serie 8, Type 4, Module 1, Variant 0)\n"
-            "It is in its bootloader. To recover it, run: firmware-updater recover FILE --ftdi "
-            "TAVO0001 --echo\n");
+            "It is in its bootloader. To recover it, run this with the update file for it: "
+            "firmware-updater recover FILE --ftdi TAVO0001 --echo\n");
   EXPECT_EQ(station.run.Err(), "Waiting up to 4 s for an answer from a master module.\n");
   EXPECT_EQ(station.platform.Console(), "");
   EXPECT_EQ(station.Log(), "");

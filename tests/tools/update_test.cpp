@@ -202,6 +202,13 @@ TEST(UpdateCommand, ALogThatNobodyAskedForKeepsNoUpdateFromBeingDone) {
     EXPECT_TRUE(station.run.Says("No log is kept")) << folder << station.run.Out();
   }
   EXPECT_TRUE(std::filesystem::is_empty(others.Path()));
+  ToolStation linked(Options("plain"));
+  setenv("XDG_STATE_HOME", linked.run.Path("").c_str(), 1);
+  const std::filesystem::path folder = linked.run.Path("firmware-updater");
+  std::filesystem::create_directory(folder);
+  std::filesystem::create_symlink("elsewhere", folder / "usb-1-4-2_1.log");
+  EXPECT_EQ(linked.run("update @firmware.hex"), Done);
+  EXPECT_TRUE(linked.run.Says("_1.log is not a regular file. Name a file with --log."));
   // Without a folder of that name, it is the one below HOME.
   const std::string home = std::getenv("HOME");
   ToolStation station(Options("plain"));

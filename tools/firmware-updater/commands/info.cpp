@@ -41,19 +41,20 @@ enum class State { Application, Bootloader, Master, Silent };
 struct Description {
   State state;
   const char* name;      // stable, for scripts
-  const char* sentence;  // for people; a command follows, if any
+  const char* sentence;  // for people; a command with FILE follows, if any
   const char* command;
 };
 
 // clang-format off
 constexpr std::array kDescriptions{
     Description{State::Application, "application",
-                "It runs its application. To update it, run: ", "update"},
+                "It runs its application. To update it, run this with the update file for it: ", "update"},
     Description{State::Bootloader,  "bootloader",
-                "It is in its bootloader. To recover it, run: ", "recover"},
+                "It is in its bootloader. To recover it, run this with the update file for it: ", "recover"},
     Description{State::Master,      "master",
                 "It is a master module; devices behind it are reached through a tunnel. To look behind it, "
-                "run: ", "info"},
+                "run this with the update file for the device there, or with --through MASTER.SLAVE: ",
+                "info"},
     Description{State::Silent,      "silent",      "It does not respond.", nullptr},
 };
 // clang-format on

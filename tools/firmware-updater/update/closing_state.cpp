@@ -20,7 +20,7 @@ struct ConditionRow {
 // clang-format off
 constexpr std::array kConditions{
   ConditionRow{DeviceCondition::Untouched, "untouched",
-      "The device did not respond; its flash was not changed.",
+      "The device was not updated; its flash was not changed.",
       Cure::Update, ExitCode::FailedUnknown},
   ConditionRow{DeviceCondition::OldApplicationRuns, "old-application-runs",
       "The device runs its old firmware; nothing was written.",
@@ -151,7 +151,10 @@ DeviceCondition Following(DeviceCondition earlier, DeviceCondition later) {
 
 std::string ClosingState::Line() const {
   if (command.empty()) return sentence;
-  return sentence + (tries ? " To try again, run: " : " To recover it, run: ") + command;
+  const char* const aim = tries       ? " To try again, run: "
+                          : needsFile ? " To recover it, run this with the update file for it: "
+                                      : " To recover it, run: ";
+  return sentence + aim + command;
 }
 
 ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, Advice advice,
@@ -163,6 +166,7 @@ ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, Advice adv
       .sentence = std::string(row.sentence),
       .command = CommandOf(row, ending, advice, task),
       .tries = RunsApplication(row.condition) || row.condition == DeviceCondition::Untouched,
+      .needsFile = advice == Advice::AnotherFile,
       .exit = ExitOf(row, ending)};
   if (evidence.tunnel == TunnelCondition::LeftOpen) {
     state.sentence += " The tunnel to it is still open; the next update closes it.";

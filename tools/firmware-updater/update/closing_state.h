@@ -35,11 +35,12 @@ enum class Advice {
 };
 
 struct ClosingState {
-  std::string device;    // stable name of the condition, for scripts: "updated-and-verified"
-  std::string tunnel;    // the same: "closed", "left-open", "not-asked", "unknown"
-  std::string sentence;  // what a person reads: "The device runs its old firmware."
-  std::string command;   // what to run next; empty when there is nothing to do
-  bool tries = false;    // the command tries again, rather than recovers the device
+  std::string device;      // stable name of the condition, for scripts: "updated-and-verified"
+  std::string tunnel;      // the same: "closed", "left-open", "not-asked", "unknown"
+  std::string sentence;    // what a person reads: "The device runs its old firmware."
+  std::string command;     // what to run next; empty when there is nothing to do
+  bool tries = false;      // the command tries again, rather than recovers the device
+  bool needsFile = false;  // FILE in the command stands for the right update file
   ExitCode exit = ExitCode::FailedUnknown;
 
   // Sentence and command in one line.

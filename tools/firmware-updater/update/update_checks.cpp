@@ -31,6 +31,17 @@ std::string LogName(const ChosenDevice& device) {
   return name;
 }
 
+// A default log follows no link.
+std::string LogProblem(const std::string& path) {
+  std::error_code ignored;
+  const fs::file_status status = fs::symlink_status(path, ignored);
+  if (!fs::exists(status)) {
+    return "the user's state folder cannot be written, or belongs to another user";
+  }
+  return Displayable(path) +
+         (fs::is_regular_file(status) ? " cannot be written" : " is not a regular file");
+}
+
 }  // namespace
 
 PackageReport CheckedFile(const std::string& file) {
@@ -58,10 +69,7 @@ LogFile LogOf(const Machine& machine, const UpdateOptions& options, const Chosen
               UpdateView& view) {
   const LogFile log = options.log.empty() ? DefaultLog(LogName(device)) : LogFile{options.log};
   if (!log.path.empty() && CanBeWritten(machine, log)) return log;
-  view.Note(
-      "No log is kept: the user's state folder cannot be written, or belongs to another user. Name "
-      "a "
-      "file with --log.");
+  view.Note("No log is kept: " + LogProblem(log.path) + ". Name a file with --log.");
   return {};
 }
 

@@ -221,8 +221,9 @@ class Work {
       record.resetModules.push_back(*name);
     }
     record.state = CloseWith(m_evidence, record.ending, advice, m_task);
-    if (m_evidence.device == DeviceCondition::Untouched && record.refused.Total() > 0) {
-      record.state.sentence = "The device sent bytes, but no answer; its flash was not changed.";
+    if (m_evidence.device == DeviceCondition::Untouched) {
+      const std::string_view usual = SentenceOf(m_evidence.device);
+      record.state.sentence.replace(0, usual.size(), Untouched(usual, record.refused));
     }
   }
 
@@ -245,6 +246,17 @@ class Work {
   }
 
  private:
+  std::string_view Untouched(std::string_view usual, const RefusedBytes& refused) const {
+    if (m_found.IsMaster()) {
+      return "The master responded; the device behind it was not reached, and its flash was not "
+             "changed.";
+    }
+    const bool silent = !m_found.AnythingAnswered();
+    return silent && refused.Total() > 0
+               ? "The device sent bytes, but no answer; its flash was not changed."
+               : usual;
+  }
+
   static constexpr const char* kLogLost = "the log cannot be written";
   static constexpr const char* kRecordLost = "the record of the traffic cannot be written";
 
@@ -566,7 +578,7 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
   record.state = NothingChanged("The device was only asked questions; nothing was changed.");
   work.CheckEcho();
   if (!options.flags.checkIdentity) {
-    view.Note("The hardware check is left out: nothing ensures that the file is for this device.");
+    view.Note("The hardware id and the device id are not checked; the processor and the size are.");
   }
   const bool succeeded = work.Prepare() && work.Perform();
   work.Fill(record, succeeded);
