@@ -108,6 +108,7 @@ TEST(UpdateCommand, AFailureNamesItsCauseAndNotItsConsequence) {
        "The bytes are swapped: a bootloader answers HARDWARE low byte first."},
       {[](auto&) {}, "empty:id=0x122:*", "",
        "hardware-id: The answer to HARDWARE is too short: 0 of 2 bytes (hardware id)."},
+      {[](auto&) {}, "empty:id=0x121:*", "", ", block size 128\n"},
       {[](auto&) {}, "damage:id=0x130:1:3.0", "",
        "No answer to ERASE, mode 1 (Timeout: Erase Request); 4 bytes came, no answer among them: "
        "checksum wrong."},

@@ -73,7 +73,7 @@ std::optional<std::uint16_t> AskSoftwareId(Inquiry& inquiry) {
 
 std::optional<std::uint32_t> AskProcessorId(Inquiry& inquiry) {
   const std::optional<TavoMessage> answer = inquiry.Ask(kRequestProcessorId);
-  if (!answer) return std::nullopt;
+  if (!answer || answer->length < 3) return std::nullopt;
   const auto& bytes = answer->payload;
   return std::uint32_t{bytes[0]} << 16 | std::uint32_t{bytes[1]} << 8 | bytes[2];
 }
@@ -108,7 +108,7 @@ Refusal EchoRefusal(bool echoes, const std::string& command) {
 
 std::optional<std::uint16_t> AskValue(Inquiry& inquiry, const Command& command) {
   const std::optional<TavoMessage> answer = inquiry.Ask(command);
-  return answer ? std::optional(Value(*answer)) : std::nullopt;
+  return answer && answer->length >= 2 ? std::optional(Value(*answer)) : std::nullopt;
 }
 
 bool Inquiry::Send(const Command& command, std::span<const std::uint8_t> arguments) {

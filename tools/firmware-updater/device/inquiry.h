@@ -82,7 +82,7 @@ class Inquiry {
 // The reason to end a command whose --echo is not as the line is; `command` is the right one.
 Refusal EchoRefusal(bool echoes, const std::string& command);
 
-// The two bytes of an answer, low byte first; none: not answered.
+// The two bytes of an answer, low byte first; none: not answered, or too short.
 std::optional<std::uint16_t> AskValue(Inquiry& inquiry, const Command& command);
 
 // A device's answers about itself; none: it was not asked, or has not answered.

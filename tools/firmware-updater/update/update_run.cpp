@@ -90,6 +90,17 @@ DeviceFacts FactsOf(const DeviceReport& device) {
           .applicationKiB = OrUnknown(device.applicationKiB)};
 }
 
+using Fact = std::int32_t DeviceFacts::*;
+constexpr std::array kFactIn{
+    std::pair<const Command*, Fact>{&kRequestDeviceId, &DeviceFacts::deviceId},
+    std::pair<const Command*, Fact>{&kRequestDeviceIdAdmin, &DeviceFacts::deviceId},
+    std::pair<const Command*, Fact>{&kRequestSoftwareId, &DeviceFacts::softwareId},
+    std::pair<const Command*, Fact>{&kCheckVersion, &DeviceFacts::bootloaderVersion},
+    std::pair<const Command*, Fact>{&kRequestProcessorId, &DeviceFacts::processorId},
+    std::pair<const Command*, Fact>{&kCheckApplicationSize, &DeviceFacts::applicationKiB},
+    std::pair<const Command*, Fact>{&kCheckHardwareId, &DeviceFacts::hardwareId},
+};
+
 // The traffic is recorded and decoded.
 class Traffic final : public TransportObserver {
  public:
@@ -360,8 +371,17 @@ class Work {
     }
     m_evidence = {Following(m_evidence.device, evidence.device), evidence.tunnel};
     m_written = RunsNewFirmware(m_evidence.device);
-    if (!m_before) m_before = m_engine.Facts();
+    if (!m_before) m_before = ReportedFacts();
     return m_engine.Succeeded();
+  }
+
+  // An answer that was too short holds no value.
+  DeviceFacts ReportedFacts() const {
+    DeviceFacts facts = m_engine.Facts();
+    for (const auto& [command, fact] : kFactIn) {
+      if (m_dialogue.ShortlyAnswered().command == command) facts.*fact = -1;
+    }
+    return facts;
   }
 
   static bool RunsNewFirmware(DeviceCondition condition) {

@@ -90,12 +90,14 @@ std::string FactsText(const DeviceFacts& facts) {
   const auto add = [&](const char* name, std::int32_t value, const std::string& shown) {
     if (value >= 0) text += (text.empty() ? "" : ", ") + std::string(name) + " " + shown;
   };
-  const auto hex = [](std::int32_t value) { return Hex(static_cast<std::uint32_t>(value)); };
+  const auto hex = [](std::int32_t value, int digits = 4) {
+    return Hex(static_cast<std::uint32_t>(value), digits);
+  };
   add("device id", facts.deviceId, hex(facts.deviceId));
   add("software id", facts.softwareId, hex(facts.softwareId));
   add("bootloader version", facts.bootloaderVersion, std::to_string(facts.bootloaderVersion));
   add("block size", facts.blockSize, std::to_string(facts.blockSize));
-  add("processor", facts.processorId, hex(facts.processorId));
+  add("processor", facts.processorId, hex(facts.processorId, 6));
   add("application section", facts.applicationKiB, std::to_string(facts.applicationKiB) + " KiB");
   add("hardware id", facts.hardwareId, hex(facts.hardwareId));
   return text;
