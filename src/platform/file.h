@@ -20,8 +20,8 @@ using FileHandle = std::unique_ptr<std::FILE, CloseFile>;
 // text in the machine's code page; elsewhere the bytes are the path.
 FileHandle OpenForReading(const std::string& path);
 
-// Whether the last part of a path may be a link. A name that nobody has chosen may not: another account
-// that can write to the folder could plant one and so choose the file.
+// Whether the last part of a path may be a link. A default name must not be a link: another account that
+// can write to the folder could plant one and so choose the file.
 enum class Links { Follow, Refuse };
 
 }  // namespace tavo

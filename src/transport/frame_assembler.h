@@ -49,7 +49,7 @@ class FrameAssembler {
   std::uint8_t m_frameEnd = 0;
   std::uint16_t m_interByteTimerMs = kInterByteTimeoutMs;
   RefusedBytes m_refused;
-  // Of the bytes stored: what follows a damaged frame is most likely its rest.
+  // The reason to refuse the stored bytes: those behind a damaged frame are most likely its rest.
   RefusalReason m_ifUnfinished = RefusalReason::TooShort;
 };
 

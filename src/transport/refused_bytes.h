@@ -21,7 +21,7 @@ inline constexpr std::size_t kRefusalReasons = 6;
 
 struct RefusedBytes {
   std::array<std::uint32_t, kRefusalReasons> counts{};  // bytes, by reason
-  // Of the last frame that was not awaited, and of the request at that time.
+  // The ids of the last frame that was not awaited, and of the request at that time.
   std::uint16_t unawaitedId = 0;
   std::uint16_t awaitedId = 0;
 

@@ -37,8 +37,8 @@ class TavoLink {
   static constexpr std::uint16_t kAnswerTimeoutMs = 4000;
   static constexpr std::uint16_t kQueueTimeoutMs = 5000;
 
-  // Clears everything but the ResponseList and the refused bytes: nothing queued, sent, awaited or half received; frame
-  // format 0.
+  // Clears everything but the ResponseList and the refused bytes: nothing queued, sent, awaited or half
+  // received; frame format 0.
   void Reset();
 
   // Formats other than 0 do not exist; asking for one changes nothing.

@@ -226,7 +226,7 @@ void CheckOptions(const Options& options) {
   if (!options.raw.empty()) Refuse("--raw needs one image", "leave --raw out");
 }
 
-// "0x00004000 to 0x00007FFF, 16384 bytes", its ids and its road: typing errors show here first.
+// "0x00004000 to 0x00007FFF, 16384 bytes", its ids and its route: typing errors show here first.
 void PutImage(std::ostream& out, const ImageReport& image) {
   out << "  "
       << Format("0x%08X to 0x%08llX, %zu bytes, ADB type %u", image.image.startAddress,

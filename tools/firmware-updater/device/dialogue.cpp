@@ -33,7 +33,7 @@ struct RequestRow {
 constexpr Fields kNothing{};
 constexpr Notation kHex = Notation::Hexadecimal;
 
-// Of rows with the same id, the first whose head begins the payload counts.
+// The first row of an id whose head matches the payload wins.
 // clang-format off
 constexpr std::array kRequests{
     RequestRow{&kLeaveBootloader,      "LEAVE", kNothing, kNothing},
@@ -41,32 +41,32 @@ constexpr std::array kRequests{
     RequestRow{&kInitTunnel,           "open the tunnel", {{{"slave", 1}, {"master", 1}}}, kNothing},
     RequestRow{&kDeinitTunnel,         "close the tunnel", kNothing, kNothing},
     RequestRow{&kRequestDeviceId,      "DEVICE ID", kNothing, {{{"device id", 2, kHex}}},
-               "An application answers DEVICE ID in one of its two forms."},
+               "an application answers DEVICE ID in one of its two forms."},
     RequestRow{&kRequestDeviceIdAdmin, "DEVICE ID, second form", kNothing, {{{"device id", 2, kHex}}},
-               "An application answers DEVICE ID in one of its two forms."},
+               "an application answers DEVICE ID in one of its two forms."},
     RequestRow{&kRequestSoftwareId,    "SOFTWARE ID", kNothing, {{{"software id", 2, kHex}}}},
     RequestRow{&kCallBootloader,       "CALL the bootloader", kNothing, kNothing},
     RequestRow{&kWaitForApplication,   "ALIVE", kNothing, kNothing,
-               "An application answers ALIVE within 25 s of its start."},
+               "an application answers ALIVE within 25 s of its start."},
     RequestRow{&kSetLabel,             "LABEL", {{{"label", 1}}}, kNothing,
-               "An application whose firmware has labels answers LABEL."},
+               "an application whose firmware has labels answers LABEL."},
     RequestRow{&kRequestModule,        "MODULES", {{{"index", 1}}}, {{{"code", 2, kHex}}}},
     RequestRow{&kCheckVersion,         "VERSION", kNothing, {{{"version", 1}, {"block size", 1}}},
-               "A bootloader answers VERSION within 30 s of CALL."},
+               "a bootloader answers VERSION within 30 s of CALL."},
     RequestRow{&kRequestProcessorId,   "PROCESSOR", kNothing, {{{"processor", 3, Notation::HighByteFirst}}}},
     RequestRow{&kCheckApplicationSize, "SIZE", kNothing, {{{"application section", 2, Notation::Kibibytes}}}},
     RequestRow{&kCheckHardwareId,      "HARDWARE", kNothing, {{{"hardware id", 2, kHex}}}},
     RequestRow{&kEraseApplication,     "ERASE", {{{"mode", 1}}}, kNothing,
-               "A bootloader answers ERASE when the flash is erased, within 4 s."},
+               "a bootloader answers ERASE when the flash is erased, within 4 s."},
     RequestRow{&kPositionFlash,        "POSITION", {{{"address", 4, kHex}}}, kNothing,
-               "A bootloader answers POSITION for every block, and for the address just past the image, "
+               "a bootloader answers POSITION for every block, and for the address just past the image, "
                "which ends the writing."},
     RequestRow{&kWriteFlash,           "WRITE", kNothing, kNothing,
-               "A bootloader answers WRITE when the block is written, within 4 s."},
+               "a bootloader answers WRITE when the block is written, within 4 s."},
     RequestRow{&kVerify,               "VERIFY", kNothing, {{{"calculated", 4, kHex}, {"reference", 4, kHex}}},
-               "From version 3 on a bootloader answers VERIFY, within 4 s."},
+               "from version 3 on a bootloader answers VERIFY, within 4 s."},
     RequestRow{&kStartApplication,     "START the application", kNothing, kNothing,
-               "A bootloader answers START, then starts the application."},
+               "a bootloader answers START, then starts the application."},
 };
 // clang-format on
 

@@ -27,18 +27,18 @@ namespace tavo::tool {
 // The message in exactly one whole and undamaged frame; else none.
 std::optional<TavoMessage> MessageIn(std::span<const std::uint8_t> frame);
 
-// Of the option that prints a dialogue while it runs.
+// Help text of --trace.
 inline constexpr const char* kTraceHelp =
     "Show the dialogue with the device on standard error, decoded";
 
-// The demand on every answer.
-inline constexpr const char* kAnswerInTime = "An answer comes within 4 s of its request.";
+// The rule for every answer.
+inline constexpr const char* kAnswerInTime = "an answer comes within 4 s of its request.";
 
 struct SentRequest {
   const Command* command = nullptr;  // null: none was sent, or it is unknown
   std::uint16_t id = 0;
   std::string text{};          // "POSITION, address 0x00008000"
-  const char* rule = "";       // the demand on the answer that a new device may not meet
+  const char* rule = "";       // for the answer; a new device may not meet it
   std::uint32_t argument = 0;  // the first field; 0 without one
   std::string shortAnswer{};   // "1 of 2 bytes (version, block size)"; empty for any other
   std::chrono::milliseconds time{0};

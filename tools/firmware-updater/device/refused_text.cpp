@@ -80,7 +80,7 @@ std::string HintOn(const RefusedBytes& refused, TransportKind kind) {
   const auto most = std::ranges::max_element(refused.counts) - refused.counts.begin();
   return std::string(kind == TransportKind::Ftdi ? "Check --baud and the line"
                                                  : "Unplug the device and plug it in again") +
-         ". If the device is new: " + kReasons[static_cast<std::size_t>(most)].hint + ".";
+         ". On a new device: " + kReasons[static_cast<std::size_t>(most)].hint + ".";
 }
 
 Json RefusedJson(const RefusedBytes& refused) {

@@ -191,7 +191,7 @@ constexpr const char* kFixWarnings =
 
 std::string Quoted(const std::string& name) { return "'" + Displayable(name) + "'"; }
 
-// Where the trailer points, and what stands there.
+// The address in the trailer, and the bytes that stand there.
 std::string DescriptorFault(const FirmwareImage& image) {
   const AdbView view(image);
   const std::uint32_t address = view.AdbAddress();

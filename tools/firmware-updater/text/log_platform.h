@@ -14,7 +14,7 @@
 
 namespace tavo::tool {
 
-// Where a log goes; an empty path: nowhere.
+// The file of a log; an empty path: no log is kept.
 struct LogFile {
   std::string path{};
   Links links = Links::Follow;

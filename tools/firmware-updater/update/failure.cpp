@@ -34,7 +34,7 @@ const SecondCause* SecondCauseOf(ErrorCode code) {
   return row == kSecondCauses.end() ? nullptr : &*row;
 }
 
-// Where a code has two causes, its name stands for the one that is not the line.
+// The name of a code with two causes stands for the one that is not a transmission failure.
 std::string NameOf(ErrorCode code, const std::string& text) {
   const SecondCause* const causes = SecondCauseOf(code);
   if (causes != nullptr && text == causes->notSent) return "not-sent";

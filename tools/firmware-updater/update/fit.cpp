@@ -13,8 +13,7 @@ namespace {
 
 constexpr const char* kTakeAnother =
     "Use the update file for this device: `firmware-updater inspect FILE` shows which devices a "
-    "file is "
-    "for.";
+    "file is for.";
 
 Failure FailureOf(ErrorCode code, const std::string& text, const char* hint) {
   return {.name = std::string(kErrorTable[static_cast<std::size_t>(code)].name),

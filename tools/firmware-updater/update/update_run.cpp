@@ -289,8 +289,8 @@ class Work {
 
   bool UsesTunnel() const { return NeedsTunnel(m_report) && !m_task.flags.bootloaderOnly; }
 
-  // A tunnel that was left open on the right road would be used as it stands, and the devices behind it
-  // do not answer any more: it has to be opened afresh. On a wrong road, requests would reach another
+  // A tunnel that was left open on the right route would be used as it stands, and the devices behind it
+  // do not answer any more: it has to be opened afresh. On a wrong route, requests would reach another
   // device; a recovery must not write there.
   void CloseOpenTunnel(Inquiry& inquiry) {
     if (inquiry.OpenTunnel().value_or(0) == 0) return;
@@ -435,7 +435,7 @@ class Work {
     } else if (code != ErrorCode::None && !shortly.text.empty()) {
       m_failure->text =
           "The answer to " + shortly.text + " is too short: " + shortly.shortAnswer + ".";
-      m_failure->hint = "If the device is new: an answer holds all of its fields.";
+      m_failure->hint = "On a new device: an answer holds all of its fields.";
     } else if (code == ErrorCode::Verify && facts.checksum >= 0) {
       m_failure->text += " The bootloader reports " +
                          Hex(static_cast<std::uint32_t>(facts.checksum), 8) + " as calculated, " +
@@ -452,9 +452,9 @@ class Work {
       m_failure->hint = HintOn(refused, m_task.target.kind);
     } else if (late.count() > 0) {
       m_failure->text += Format(" within 4 s; it came after %.1f s", Seconds(late));
-      m_failure->hint = request.rule;
+      m_failure->hint = std::string("On a new device: ") + request.rule;
     } else {
-      m_failure->hint += std::string(" If the device is new: ") + request.rule;
+      m_failure->hint += std::string(" On a new device: ") + request.rule;
     }
     m_failure->text += ".";
   }
