@@ -67,7 +67,7 @@ class DeviceCheck {
                             [this] { return m_stopped.load(); });
     Examine(found.inBootloader, examination);
     HintAtEscapes(found, examination.Results());
-    m_lost = examination.LostDevice();
+    m_lost = examination.Results().lost;
     if (m_lost) Say("The device was disconnected.");
     if (m_place.behind) inquiry.CloseTunnel();
     return Conclude(found, examination.Results());
@@ -106,9 +106,9 @@ class DeviceCheck {
     const bool called = findings.Find("call") != nullptr;
     examination.AskBootloader(called);
     Show(Stage::Bootloader, findings);
-    if (m_file && examination.LostDevice()) m_notWritten = "the device was disconnected";
+    if (m_file && examination.Results().lost) m_notWritten = "the device was disconnected";
     if (const FirmwareImage* const image = ImageToWrite(findings)) {
-      Say("Erasing and writing.");
+      Say("Erasing and writing. An answer to ERASE is awaited for up to a minute.");
       examination.Write(*image);
     }
     Show(Stage::Writing, findings);
@@ -256,8 +256,7 @@ void AddCheckDeviceCommand(CLI::App& app, const Machine& machine, ExitCode& exit
   command.Flag("--json", options->json, "Write one JSON document");
   command.Footer(
       "For those who build devices. A running application is asked first, then its bootloader; "
-      "then "
-      "it is started again. A device found in its bootloader stays there.\n\n"
+      "then it is started again. A device found in its bootloader stays there.\n\n"
       "Examples:\n"
       "  firmware-updater check-device\n"
       "  firmware-updater check-device --ftdi TAVO0001 --baud 115200 --json\n"

@@ -21,11 +21,23 @@ constexpr milliseconds kApplicationStart{25000};
 Ruling Pass(std::string text) { return {Mark::Pass, std::move(text)}; }
 Ruling Hint(std::string text) { return {Mark::Hint, std::move(text)}; }
 Ruling Fail(std::string text) { return {Mark::Fail, std::move(text)}; }
-Ruling NotAsked(Stage stage) {
-  constexpr std::array kWhen{"asked of a running application", "asked of a bootloader",
-                             "asked with --write",
-                             "asked when the application ran before, or with --write"};
-  return {Mark::NotAsked, kWhen[static_cast<std::size_t>(stage)]};
+Ruling NotAsked(std::string text) { return {Mark::NotAsked, std::move(text)}; }
+
+// The first questions of the stages, without which no other is asked.
+constexpr std::array kBegins{"sign-of-life", "version", "erase", "start"};
+constexpr std::array kWhen{"asked of a running application", "asked of a bootloader",
+                           "asked with --write and a file that fits",
+                           "asked when the application ran before, or after writing"};
+
+Ruling NotAsked(const Rule& rule, const Findings& findings) {
+  const auto stage = static_cast<std::size_t>(rule.stage);
+  if (rule.usbOnly && !findings.usb) return NotAsked("asked over USB");
+  const bool versionKnown = findings.Version() != 0;
+  if (versionKnown && findings.Version() < rule.fromVersion) {
+    return NotAsked("asked from version " + std::to_string(rule.fromVersion) + " on");
+  }
+  const bool cut = findings.lost && rule.stage != Stage::Writing;
+  return NotAsked(cut || findings.Find(kBegins[stage]) != nullptr ? "not reached" : kWhen[stage]);
 }
 
 std::string Duration(milliseconds time) {
@@ -39,6 +51,9 @@ std::string Bytes(std::size_t count) {
 
 Ruling NotAnswered(const Asked& asked) {
   if (asked.late) return Fail("answered after " + Duration(asked.took) + asked.place);
+  if (asked.refused.empty() && asked.heard > 0) {
+    return Fail(Bytes(asked.heard) + " came after " + Duration(asked.took) + asked.place);
+  }
   return Fail((asked.refused.empty() ? "not answered" : asked.refused) + asked.place);
 }
 
@@ -99,7 +114,8 @@ Ruling Version(const Findings& findings, const Asked& asked) {
 }
 
 Ruling BlockSize(const Findings& findings, const Asked& asked) {
-  if (!asked.answer || asked.answer->length < 2) return NotAsked(Stage::Bootloader);
+  if (!asked.answer || asked.answer->length < 2)
+    return NotAsked("VERSION was not answered in full");
   const std::uint32_t block = findings.BlockSize();
   const std::uint32_t size = findings.ApplicationBytes();
   const std::string text = Bytes(block) + (size == 0 ? "" : " of " + std::to_string(size));
@@ -146,13 +162,14 @@ Ruling Checksums(const Findings& /*findings*/, const Asked& asked) {
 Ruling ErasedBytes(const Findings& findings, const Asked& /*asked*/) {
   const std::vector<std::uint8_t> erased(findings.ApplicationBytes() - 4, kErasedByte);
   if (findings.Value("erased-bytes", 0, 4) == tavosim::Crc32(erased)) return Pass("read 0xFF");
+  if (findings.Find("verified") == nullptr) return Hint("no verification shows it");
   const std::string blank = Bytes(findings.blankBytes) + " of 0xFF not written";
   if (!findings.Verified("verified")) return Fail(blank + ", and the image is not right");
-  return findings.blankBytes > 0 ? Pass(blank) : Hint("a file with more blank blocks shows it");
+  return findings.blankBytes > 0 ? Pass(blank) : Hint("use a file with blank blocks to check this");
 }
 
 Ruling IncompleteImage(const Findings& findings, const Asked& asked) {
-  return asked.answer ? Answered(findings, *findings.Find("start-erased"))
+  return asked.answer ? Answered(findings, *findings.Find("incomplete-image"))
                       : Fail("the bootloader no longer responds");
 }
 
@@ -161,7 +178,7 @@ Ruling RepeatedWrite(const Findings& findings, const Asked& asked) {
   if (!findings.Verified("verified")) return Hint("answered; no verification shows its place");
   return findings.Find("verified-with-repeat") == nullptr
              ? Pass("written to the same address")
-             : Fail("the image is right only without it: the address moved on");
+             : Fail("without the repeat the image is right: the write address advances");
 }
 
 Ruling Verified(const Findings& findings, const Asked& asked) {
@@ -176,7 +193,7 @@ Ruling ApplicationStart(const Findings& /*findings*/, const Asked& asked) {
 }
 
 Ruling AnswersOnce(const Findings& findings, const Asked& version) {
-  if (!version.answer) return NotAsked(Stage::Bootloader);
+  if (!version.answer) return NotAsked("VERSION was not answered");
   for (const auto& [name, asked] : findings.asked) {
     if (asked.surplus > 0) {
       return Fail(Bytes(asked.surplus) + " beside the answer (" + std::string(name) + ")");
@@ -217,7 +234,7 @@ constexpr std::array kRules{
   Rule{Bootloader, "application-size", "SIZE",
        "size of the application section in KiB, 16 bits", ApplicationSize},
   Rule{Bootloader, "hardware-id", "HARDWARE", "hardware id, 16 bits", HardwareId},
-  Rule{Bootloader, "checksums", "VERIFY, from version 3 on", kChecksums, Checksums},
+  Rule{Bootloader, "checksums", "VERIFY, from version 3 on", kChecksums, Checksums, nullptr, kVerifies},
   Rule{Bootloader, "silent-to-alive", "ALIVE", kSilentBootloader, Silent},
   Rule{Bootloader, "silent-to-device-id", "DEVICE ID", kSilentBootloader, Silent},
   Rule{Bootloader, "silent-to-software-id", "SOFTWARE ID", kSilentBootloader, Silent},
@@ -229,11 +246,11 @@ constexpr std::array kRules{
   Rule{Bootloader, "after-damage", "VERSION after those two",
        "After damage a receiver searches the bytes it has for the next 0xA0 to 0xAF.", SameAsVersion},
   Rule{Bootloader, "one-transfer", "VERSION in one USB transfer, from version 2 on",
-       "one byte a transfer, from bootloader version 2 on one frame a transfer", SameAsVersion},
+       "one byte a transfer, from bootloader version 2 on one frame a transfer", SameAsVersion, nullptr, kTakesTransfers, true},
 
   Rule{Writing, "erase", "ERASE", "any payload, when the flash is erased: within 4 s", Answered},
   Rule{Writing, "erased-bytes", "VERIFY after ERASE, from version 3 on",
-       "So an erased byte must read 0xFF.", ErasedBytes},
+       "So an erased byte must read 0xFF.", ErasedBytes, nullptr, kVerifies},
   Rule{Writing, "incomplete-image", "START after ERASE",
        "Never start an incomplete image, but do answer.", IncompleteImage, "still-in-bootloader"},
   Rule{Writing, "position", "POSITION", "Every block is positioned.", Answered},
@@ -242,7 +259,7 @@ constexpr std::array kRules{
        "A lost answer brings the same block a second time: it belongs to the same address.", RepeatedWrite},
   Rule{Writing, "end-position", "POSITION past the image",
        "POSITION with the address just past the image ends the writing and must be answered too.", Answered},
-  Rule{Writing, "verified", "VERIFY, from version 3 on", kChecksums, Verified},
+  Rule{Writing, "verified", "VERIFY, from version 3 on", kChecksums, Verified, nullptr, kVerifies},
 
   Rule{Start, "start", "LEAVE, or START after --write", "a bootloader answers with any payload and starts its application", Answered},
   Rule{Start, "application-start", "ALIVE", "up to 7 times in 25 s", ApplicationStart},
@@ -257,7 +274,7 @@ std::span<const Rule> Rules() { return kRules; }
 
 Ruling Judge(const Rule& rule, const Findings& findings) {
   const Asked* const asked = findings.Find(rule.question == nullptr ? rule.name : rule.question);
-  return asked == nullptr ? NotAsked(rule.stage) : rule.judge(findings, *asked);
+  return asked == nullptr ? NotAsked(rule, findings) : rule.judge(findings, *asked);
 }
 
 }  // namespace tavo::tool

@@ -28,6 +28,8 @@ struct Rule {
   const char* sentence;
   Ruling (*judge)(const Findings& findings, const Asked& asked);
   const char* question = nullptr;  // the name of its outcome, if not the rule's own
+  std::uint32_t fromVersion = 0;   // of the bootloader, to be asked
+  bool usbOnly = false;
 };
 
 // In the order of the stages.

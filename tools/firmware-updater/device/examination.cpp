@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 
+#include "device/dialogue.h"
 #include "device/refused_text.h"
 #include "package/image_blocks.h"
 #include "text/text_format.h"
@@ -20,9 +21,6 @@ constexpr milliseconds kLongestStart{40000};
 constexpr milliseconds kSilence{500};
 
 constexpr std::array<std::uint8_t, 1> kNormalErase{0x01};
-constexpr std::uint32_t kVerifies = 3;  // the first version that knows the request
-constexpr std::uint32_t kTakesTransfers =
-    2;  // the first version that takes a frame in one transfer
 
 // A device that enumerates anew in its other program may leave the bus after these.
 bool MayRestart(const Command& command) {
@@ -91,33 +89,37 @@ bool Findings::Written() const {
 
 bool Examination::Ask(std::string_view name, const Command& command, Arguments arguments,
                       Patience patience) {
-  if (m_stopped() || m_lost) return false;
+  if (m_stopped() || m_findings.lost) return false;
   Asked asked;
   asked.answer = m_inquiry.Ask(command, arguments, patience);
   asked.took = m_heard.SinceSent();
   asked.place = m_place;
   asked.refused = NoAnswerAmong(m_transport.Refused());
-  if (asked.answer || m_heard.count > 0 || patience == Patience::Brief) {
+  if (asked.answer || !m_heard.bytes.empty() || patience == Patience::Brief) {
     // So that bytes beside the answer are counted; blocks are too many to listen after each.
     if (m_place.empty()) m_transport.DiscardInput();
   } else {
     ListenFor(command.bearing == Bearing::Erases ? kLateErase : kLateAnswer);
-    asked.late = m_heard.count > 0;
+    const std::optional<TavoMessage> late = MessageIn(m_heard.bytes);
+    asked.late = late && late->id == command.id;
     asked.took = m_heard.firstAfter;
   }
-  asked.heard = m_heard.count;
+  asked.heard = m_heard.bytes.size();
   if (asked.answer) asked.surplus = asked.heard - std::min(asked.heard, FrameLength(*asked.answer));
-  m_lost = !asked.answer && Unreachable() && !MayRestart(command);
-  if (m_lost) return false;
+  m_findings.lost = !asked.answer && Unreachable() && !MayRestart(command);
+  if (m_findings.lost) return false;
   const bool answered = asked.answer || asked.late;
   Keep(name, std::move(asked));
   return answered;
 }
 
-// The worst counts of what was asked for many blocks.
+// The worst counts of what was asked for many blocks, and a reason is kept when a second form brings none.
 void Examination::Keep(std::string_view name, Asked asked) {
   const auto worth = [](const Asked& one) { return std::pair(one.answer.has_value(), -one.took); };
   const auto earlier = m_findings.asked.find(name);
+  if (earlier != m_findings.asked.end() && !earlier->second.answer && asked.refused.empty()) {
+    asked.refused = earlier->second.refused;
+  }
   if (!m_place.empty() && earlier != m_findings.asked.end()) {
     const std::size_t surplus = std::max(earlier->second.surplus, asked.surplus);
     if (worth(earlier->second) < worth(asked)) asked = std::move(earlier->second);
@@ -127,11 +129,11 @@ void Examination::Keep(std::string_view name, Asked asked) {
 }
 
 bool Examination::AskUntilAnswered(std::string_view name, const Command& command) {
-  if (m_lost) return false;
+  if (m_findings.lost) return false;
   const milliseconds start = m_platform.MonotonicNow();
   milliseconds passed{0};
   while (!m_stopped() && passed < kLongestStart) {
-    m_lost = false;  // a device may be off the bus while it starts
+    m_findings.lost = false;  // a device may be off the bus while it starts
     if (Ask(name, command, {}, Patience::Brief)) {
       m_findings.asked[name].took += passed;
       return true;
@@ -145,12 +147,12 @@ bool Examination::AskUntilAnswered(std::string_view name, const Command& command
 
 // An adapter that was unplugged fails only to send, while a device at USB may refuse bytes.
 bool Examination::Unreachable() const {
-  return m_heard.readFailed || (!m_usb && m_heard.sendFailed);
+  return m_heard.readFailed || (!m_findings.usb && m_heard.sendFailed);
 }
 
 // VERSION with a bit turned over, in the identifier under a right checksum.
 void Examination::SendDamaged(std::string_view name, std::size_t byte) {
-  if (m_stopped() || m_lost) return;
+  if (m_stopped() || m_findings.lost) return;
   constexpr std::size_t kChecksum = kFrameOverhead - kCrcSize;
   FrameBuffer frame{};
   kFrameCodecs[0].Encode({.id = kCheckVersion.id}, frame);
@@ -159,13 +161,13 @@ void Examination::SendDamaged(std::string_view name, std::size_t byte) {
   m_transport.DiscardLeftovers();
   const bool sent = m_transport.SendRawData(frame.data(), kFrameOverhead);
   ListenFor(kSilence);
-  m_lost = Unreachable();
-  if (sent && !m_lost) m_findings.asked[name].heard = m_heard.count;
+  m_findings.lost = Unreachable();
+  if (sent && !m_findings.lost) m_findings.asked[name].heard = m_heard.bytes.size();
 }
 
 void Examination::ListenFor(milliseconds bound) {
   const milliseconds start = m_platform.MonotonicNow();
-  while (m_heard.count == 0 && !Unreachable() && m_platform.MonotonicNow() - start < bound) {
+  while (m_heard.bytes.empty() && !Unreachable() && m_platform.MonotonicNow() - start < bound) {
     m_transport.DiscardInput();
   }
 }
@@ -202,7 +204,7 @@ void Examination::AskBootloader(bool starting) {
   SendDamaged("wrong-checksum", kFrameOverhead - kCrcSize);
   SendDamaged("wrong-parity", kHeaderSize);
   Ask("after-damage", kCheckVersion);
-  if (!m_usb || m_findings.Version() < kTakesTransfers) return;
+  if (!m_findings.usb || m_findings.Version() < kTakesTransfers) return;
   m_transport.SetSendMode(SendMode::Buffer);
   if (!Ask("one-transfer", kCheckVersion)) m_transport.SetSendMode(SendMode::Byte);
 }
@@ -211,7 +213,7 @@ void Examination::Write(const FirmwareImage& image) {
   const bool verifies = m_findings.Version() >= kVerifies;
   if (!Ask("erase", kEraseApplication, kNormalErase)) return;
   if (verifies) Ask("erased-bytes", kVerify);
-  Ask("start-erased", kStartApplication);
+  Ask("incomplete-image", kStartApplication);
   if (!AskUntilAnswered("still-in-bootloader", kCheckVersion)) return;
   if (!WriteBlocks(image, true) || !verifies) return;
   Ask("verified", kVerify);
@@ -225,11 +227,12 @@ void Examination::Write(const FirmwareImage& image) {
 bool Examination::WriteBlocks(const FirmwareImage& image, bool repeatOne) {
   const ImageBlocks blocks(image.data, m_findings.BlockSize());
   const std::uint32_t repeated = BlockToRepeat(blocks, m_findings.BlockSize());
-  m_findings.blankBytes = image.data.size();
-  for (std::uint32_t at = 0; at < image.data.size(); at = blocks.NextToWrite(at)) {
+  m_findings.blankBytes = 0;
+  for (std::uint32_t at = 0, next = 0; at < image.data.size(); at = next) {
     if (!WriteOne(image.startAddress + at, blocks.At(at), repeatOne && at == repeated))
       return false;
-    m_findings.blankBytes -= blocks.At(at).size();
+    next = blocks.NextToWrite(at);
+    m_findings.blankBytes += next - at - blocks.At(at).size();
   }
   m_place.clear();
   const auto end = static_cast<std::uint32_t>(image.startAddress + image.data.size());

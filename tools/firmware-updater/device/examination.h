@@ -16,6 +16,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 #include "device/inquiry.h"
 #include "package/firmware_image.h"
@@ -37,7 +38,12 @@ struct Asked {
 // The bytes of its frame.
 std::size_t FrameLength(const TavoMessage& message);
 
+inline constexpr std::uint32_t kTakesTransfers = 2;  // from this version on: a frame in one
+inline constexpr std::uint32_t kVerifies = 3;        // from this version on
+
 struct Findings {
+  bool usb = true;
+  bool lost = false;  // the device left the bus where it may not; nothing was asked after that
   std::map<std::string_view, Asked> asked{};  // by the name of a rule; only what was asked
   std::size_t blankBytes = 0;                 // that the writing left out
 
@@ -54,24 +60,24 @@ struct Findings {
   bool Written() const;
 };
 
-// Counts the bytes that come after a request, and notices a device that cannot be reached.
+// Keeps the bytes that come after a request, and notices a device that cannot be reached.
 class Heard : public TransportObserver {
  public:
   explicit Heard(Platform& platform) : m_platform(platform) {}
   void BytesSent(bool ok, Bytes /*bytes*/) override {
-    count = 0;
+    bytes.clear();
     sendFailed = !ok;
     readFailed = false;
     m_sent = m_platform.MonotonicNow();
   }
-  void BytesReceived(bool ok, Bytes bytes, std::chrono::milliseconds /*took*/) override {
-    if (count == 0) firstAfter = SinceSent();
-    count += bytes.size();
+  void BytesReceived(bool ok, Bytes received, std::chrono::milliseconds /*took*/) override {
+    if (bytes.empty()) firstAfter = SinceSent();
+    bytes.insert(bytes.end(), received.begin(), received.end());
     readFailed |= !ok;
   }
   std::chrono::milliseconds SinceSent() const { return m_platform.MonotonicNow() - m_sent; }
 
-  std::size_t count = 0;
+  std::vector<std::uint8_t> bytes;
   bool sendFailed = false;
   bool readFailed = false;
   std::chrono::milliseconds firstAfter{0};  // with the first bytes
@@ -90,8 +96,9 @@ class Examination {
         m_transport(transport),
         m_heard(heard),
         m_platform(platform),
-        m_usb(usb),
-        m_stopped(std::move(stopped)) {}
+        m_stopped(std::move(stopped)) {
+    m_findings.usb = usb;
+  }
 
   // A running application, and at last to start its bootloader. Silence at first ends it.
   void AskApplication();
@@ -102,8 +109,6 @@ class Examination {
   void StartApplication(bool written);
 
   const Findings& Results() const { return m_findings; }
-  // The device left the bus where it may not; nothing was asked after that.
-  bool LostDevice() const { return m_lost; }
 
  private:
   using Arguments = std::span<const std::uint8_t>;
@@ -123,11 +128,9 @@ class Examination {
   ICommInterface& m_transport;
   const Heard& m_heard;
   Platform& m_platform;
-  bool m_usb;
   std::function<bool()> m_stopped;
   std::uint16_t m_applicationId = kApplicationRequest;
   std::string m_place;  // of the block being written
-  bool m_lost = false;
   Findings m_findings;
 };
 
