@@ -91,6 +91,8 @@ bool Examination::Ask(std::string_view name, const Command& command, Arguments a
                       Patience patience) {
   if (m_stopped() || m_findings.lost) return false;
   Asked asked;
+  // A second WRITE has the id of the first, so an answer that came twice must not serve it.
+  if (m_clean && !m_place.empty() && name != "repeated-write") m_inquiry.LeaveOutDiscarding();
   asked.answer = m_inquiry.Ask(command, arguments, patience);
   asked.took = m_heard.SinceSent();
   asked.place = m_place;
@@ -106,6 +108,7 @@ bool Examination::Ask(std::string_view name, const Command& command, Arguments a
   }
   asked.heard = m_heard.bytes.size();
   if (asked.answer) asked.surplus = asked.heard - std::min(asked.heard, FrameLength(*asked.answer));
+  m_clean = asked.answer && asked.surplus == 0;
   m_findings.lost = !asked.answer && Unreachable() && !MayRestart(command);
   if (m_findings.lost) return false;
   const bool answered = asked.answer || asked.late;

@@ -130,7 +130,8 @@ class Examination {
   Platform& m_platform;
   std::function<bool()> m_stopped;
   std::uint16_t m_applicationId = kApplicationRequest;
-  std::string m_place;  // of the block being written
+  std::string m_place;   // of the block being written
+  bool m_clean = false;  // the last answer came without other bytes
   Findings m_findings;
 };
 

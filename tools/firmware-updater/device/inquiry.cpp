@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cassert>
+#include <utility>
 
 #include "transport/frame_assembler.h"
 
@@ -113,7 +114,7 @@ std::optional<std::uint16_t> AskValue(Inquiry& inquiry, const Command& command) 
 
 bool Inquiry::Send(const Command& command, std::span<const std::uint8_t> arguments) {
   assert(command.head.length + arguments.size() <= kMaxPayload);
-  m_transport.DiscardLeftovers();
+  if (std::exchange(m_discards, true)) m_transport.DiscardLeftovers();
   if (NeedsEscape(command)) {
     m_transport.SendRawData(kEscapeSequence.data(),
                             static_cast<std::int32_t>(kEscapeSequence.size()));

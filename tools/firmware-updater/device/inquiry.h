@@ -48,6 +48,9 @@ class Inquiry {
     return Ask(command, {}, patience);
   }
 
+  // The next question follows a clean answer, after which nothing has to be dropped.
+  void LeaveOutDiscarding() { m_discards = false; }
+
   // The bytes that came meanwhile and became no answer.
   const RefusedBytes& Refused() const { return m_refused; }
 
@@ -77,6 +80,7 @@ class Inquiry {
   Platform& m_platform;
   Announce m_announce;
   RefusedBytes m_refused;
+  bool m_discards = true;
 };
 
 // The reason to end a command whose --echo is not as the line is; `command` is the right one.
