@@ -56,7 +56,8 @@ std::string_view FlashIn(Phase phase, bool written) {
     case Phase::Verify:
     case Phase::Start: return "the firmware is completely written";
     case Phase::Finish: return "the firmware is written and runs; its label may not be set";
-    case Phase::BringBack: return "the update has failed, and the device is being brought back";
+    case Phase::BringBack:
+      return "the update has ended, and the device is not yet back in its application";
     default: break;
   }
   return written ? "the firmware is completely written" : "nothing has been written yet";
@@ -133,7 +134,8 @@ class Work {
  public:
   Work(const Machine& machine, const UpdateOptions& options, const Task& task,
        const PackageReport& report, const LogFile& log, UpdateView& view)
-      : m_task(task),
+      : m_machine(machine),
+        m_task(task),
         m_report(report),
         m_view(view),
         m_platform(machine.platform, log, options.verbose ? &machine.err : nullptr,
@@ -541,10 +543,19 @@ class Work {
                   ". Ctrl-C again ends the program at once, in the middle of its work.");
       return;
     }
-    SayLast("\nEnded at once: the state of the device is unknown. To recover it, run: " +
-            RecoverCommand(m_task) + "\n");
+    SayLast("\n" + InLines(m_machine, EndedAtOnce()) + "\n");
     std::_Exit(static_cast<int>(ExitCode::Stopped));
   }
+
+  std::string EndedAtOnce() const {
+    const Phase phase = m_course.Current();
+    return "Ended at once: " + std::string(FlashIn(phase, m_written)) +
+           (phase == Phase::Finish ? "." : ". The device may be in its bootloader.") +
+           (m_task.flags.dryRun ? " To lead it back, run: " : " To recover it, run: ") +
+           RecoverCommand(m_task);
+  }
+
+  const Machine& m_machine;
 
   const Task m_task;
   const PackageReport& m_report;
