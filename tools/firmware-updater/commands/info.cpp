@@ -19,6 +19,9 @@
 #include "text/log_platform.h"
 #include "text/options.h"
 #include "text/text_format.h"
+#include "update/closing_state.h"
+#include "update/fit.h"
+#include "update/update_checks.h"
 
 namespace tavo::tool {
 namespace {
@@ -41,21 +44,23 @@ enum class State { Application, Bootloader, Master, Silent };
 struct Description {
   State state;
   const char* name;      // stable, for scripts
-  const char* sentence;  // for people; a command with FILE follows, if any
-  const char* command;
+  const char* sentence;  // for people
+  const char* aim;       // of the command
+  const char* needs;     // as long as FILE stands in it for the right file
+  const char* command;   // null: none
 };
 
 // clang-format off
 constexpr std::array kDescriptions{
-    Description{State::Application, "application",
-                "It runs its application. To update it, run this with the update file for it: ", "update"},
-    Description{State::Bootloader,  "bootloader",
-                "It is in its bootloader. To recover it, run this with the update file for it: ", "recover"},
+    Description{State::Application, "application", "It runs its application.",
+                "To update it, run", " this with the update file for it", "update"},
+    Description{State::Bootloader,  "bootloader",  "It is in its bootloader.",
+                "To recover it, run", " this with the update file for it", "recover"},
     Description{State::Master,      "master",
-                "It is a master module; devices behind it are reached through a tunnel. To look behind it, "
-                "run this with the update file for the device there, or with --through MASTER.SLAVE: ",
-                "info"},
-    Description{State::Silent,      "silent",      "It does not respond.", nullptr},
+                "It is a master module; devices behind it are reached through a tunnel.",
+                "To look behind it, run",
+                " this with the update file for the device there, or with --through MASTER.SLAVE", "info"},
+    Description{State::Silent,      "silent",      "It does not respond.", nullptr, nullptr, nullptr},
 };
 // clang-format on
 
@@ -67,11 +72,45 @@ const Description& DescriptionOf(const DeviceReport& report) {
   return *std::ranges::find(kDescriptions, state, &Description::state);
 }
 
+// The answers, and how the update file fits them.
+struct Findings {
+  Place place{};
+  DeviceReport report{};
+  RefusedBytes refused{};
+  std::string file{};  // as given; empty: none
+  std::optional<Failure> misfit{};
+
+  bool NobodyBehind() const { return place.behind && report.IsMaster(); }
+  bool FileFits() const { return !file.empty() && !misfit; }
+};
+
 // The update file names the tunnel itself.
-std::string NextCommand(const Description& description, const Place& place) {
-  if (description.command == nullptr) return {};
-  return std::string("firmware-updater ") + description.command + " FILE " +
-         TargetOptions(place.target);
+std::string NextCommand(const Findings& found) {
+  const Description& description = DescriptionOf(found.report);
+  if (description.command == nullptr || found.NobodyBehind()) return {};
+  return std::string("firmware-updater ") + description.command + " " +
+         (found.FileFits() ? FileWord(found.file) : "FILE") + " " +
+         TargetOptions(found.place.target);
+}
+
+std::string LastLine(const Findings& found) {
+  const Description& description = DescriptionOf(found.report);
+  std::string line = description.sentence;
+  if (found.NobodyBehind()) {
+    line += " No device responds behind " + RouteText(*found.place.behind) + ".";
+  }
+  if (found.misfit) line += " The file does not fit: " + found.misfit->text + ".";
+  const std::string next = NextCommand(found);
+  if (next.empty()) return line;
+  return line + " " + description.aim + (found.FileFits() ? "" : description.needs) + ": " + next;
+}
+
+std::optional<Failure> MisfitOf(const PackageReport& file, const Place& place,
+                                const DeviceReport& report) {
+  const TunnelRoute route = file.images.front().route;
+  const bool behind = place.behind || report.IsMaster() || report.tunnel.value_or(0) != 0;
+  if (report.AnythingAnswered() && behind != (route.master != -1)) return WrongRoad(route);
+  return Misfit(file, FactsOf(report), {});
 }
 
 const McuRow* FindMcu(std::uint32_t processorId) {
@@ -104,7 +143,7 @@ std::string HardwareText(std::uint16_t id) {
          std::to_string(fields.variant) + ")";
 }
 
-Facts FactsOf(const DeviceReport& report) {
+Facts Answers(const DeviceReport& report) {
   Facts facts;
   if (report.deviceId) facts.emplace_back("device id", Hex(*report.deviceId));
   if (report.softwareId) facts.emplace_back("software id", Hex(*report.softwareId));
@@ -122,20 +161,18 @@ Facts FactsOf(const DeviceReport& report) {
   return facts;
 }
 
-void WriteText(std::ostream& to, const Place& place, const DeviceReport& report,
-               const RefusedBytes& refused) {
+void WriteText(std::ostream& to, const Findings& found) {
   constexpr std::size_t kColumn = 13;
-  Facts facts = FactsOf(report);
-  if (refused.Total() > 0) {
-    facts.emplace_back("refused",
-                       std::to_string(refused.Total()) + " bytes: " + ReasonsOf(refused));
+  Facts facts = Answers(found.report);
+  if (found.refused.Total() > 0) {
+    facts.emplace_back(
+        "refused", std::to_string(found.refused.Total()) + " bytes: " + ReasonsOf(found.refused));
   }
-  facts.emplace(facts.begin(), "device", place.Options());
+  facts.emplace(facts.begin(), "device", found.place.Options());
   for (const auto& [name, value] : facts) {
     to << name << std::string(kColumn - name.size(), ' ') << value << '\n';
   }
-  const Description& description = DescriptionOf(report);
-  to << description.sentence << NextCommand(description, place) << '\n';
+  to << LastLine(found) << '\n';
 }
 
 // --- for scripts: ids by the names and in the form that the record of an update has ---
@@ -162,16 +199,15 @@ Json HardwareJson(std::uint16_t id) {
           {"variant", fields.variant}};
 }
 
-void WriteJson(std::ostream& to, const Place& place, const DeviceReport& report,
-               const RefusedBytes& refused) {
-  const Description& description = DescriptionOf(report);
-  const std::string next = NextCommand(description, place);
+void WriteJson(std::ostream& to, const Findings& found) {
+  const auto& [place, report, refused, file, misfit] = found;
+  const std::string next = NextCommand(found);
   const Json document{
       {"version", kDocumentVersion},
       {"kind", KindName(place.target.kind)},
       {"address", place.target.address},
       {"through", place.behind ? RouteJson(*place.behind) : Json()},
-      {"state", description.name},
+      {"state", DescriptionOf(report).name},
       {"deviceId", report.deviceId},
       {"softwareId", report.softwareId},
       {"processorId", report.processorId},
@@ -183,6 +219,7 @@ void WriteJson(std::ostream& to, const Place& place, const DeviceReport& report,
       {"applicationKiB", report.applicationKiB},
       {"tunnel", report.tunnel ? TunnelJson(*report.tunnel) : Json()},
       {"refused", RefusedJson(refused)},
+      {"misfit", misfit ? Json(misfit->text) : Json()},
       {"next", next.empty() ? Json() : Json(next)},
   };
   to << document.Text(2) << '\n';
@@ -199,9 +236,9 @@ std::string SilenceHint(const Place& place) {
          "module left a tunnel open may be silent too";
 }
 
-ExitCode Report(const Machine& machine, const Options& options, const Place& place,
-                const DeviceReport& report, const RefusedBytes& refused) {
-  if (options.json) WriteJson(machine.out, place, report, refused);
+ExitCode Report(const Machine& machine, bool json, const Findings& found) {
+  const auto& [place, report, refused, file, misfit] = found;
+  if (json) WriteJson(machine.out, found);
   if (!report.AnythingAnswered()) {
     const std::string device = "the device at " + place.Options();
     const bool silent = refused.Total() == 0;
@@ -209,7 +246,7 @@ ExitCode Report(const Machine& machine, const Options& options, const Place& pla
              silent ? SilenceHint(place) : HintOn(refused, place.target.kind));
     return ExitCode::FailedUnknown;
   }
-  if (!options.json) WriteText(machine.out, place, report, refused);
+  if (!json) WriteText(machine.out, found);
   return ExitCode::Done;
 }
 
@@ -224,6 +261,8 @@ DeviceReport AskBehind(Inquiry& inquiry, const TunnelRoute& route) {
 }
 
 ExitCode Info(const Machine& machine, const Options& options) {
+  std::optional<PackageReport> file;
+  if (!options.file.empty()) file = CheckedFile(options.file);
   const std::optional<TunnelRoute> route = RouteBehind(options.file, options.through);
   Place place{ChooseTarget(machine, options.target), std::nullopt};
   LogPlatform quiet(machine.platform, {}, nullptr);
@@ -241,7 +280,8 @@ ExitCode Info(const Machine& machine, const Options& options) {
     report = AskBehind(inquiry, *route);
   }
   dialogue.End();
-  return Report(machine, options, place, report, inquiry.Refused());
+  const auto misfit = file ? MisfitOf(*file, place, report) : std::nullopt;
+  return Report(machine, options.json, {place, report, inquiry.Refused(), options.file, misfit});
 }
 
 }  // namespace

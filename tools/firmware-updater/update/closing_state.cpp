@@ -95,11 +95,6 @@ std::string CommandWith(const Task& task, const std::string& file) {
          TargetOptions(task.target) + Flags(task);
 }
 
-// One that begins with a hyphen would be taken for an option.
-std::string FileWord(const std::string& file) {
-  return ShellWord(file.starts_with('-') ? "./" + file : file);
-}
-
 std::string CommandOf(const ConditionRow& row, Ending ending, Advice advice, Task task) {
   if (row.cure == Cure::None || ending == Ending::Succeeded) return {};
   // A dry run begins by leading the device back to its application, so that another one may do it;
@@ -127,6 +122,10 @@ std::string_view NameOf(DeviceCondition condition) { return RowOf(condition).nam
 std::string_view SentenceOf(DeviceCondition condition) { return RowOf(condition).sentence; }
 
 const char* NameOf(Purpose purpose) { return purpose == Purpose::Update ? "update" : "recover"; }
+
+std::string FileWord(const std::string& file) {
+  return ShellWord(file.starts_with('-') ? "./" + file : file);
+}
 
 std::string CommandLine(const Task& task) { return CommandWith(task, FileWord(task.file)); }
 

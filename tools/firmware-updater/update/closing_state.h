@@ -50,6 +50,9 @@ struct ClosingState {
 ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, Advice advice,
                        const Task& task);
 
+// A file for a command line, where one that begins with a hyphen would be taken for an option.
+std::string FileWord(const std::string& file);
+
 // The task as a command line.
 std::string CommandLine(const Task& task);
 

@@ -123,6 +123,20 @@ std::optional<Failure> SizeMisfit(const ImageReport& image, const DeviceFacts& d
 
 }  // namespace
 
+std::int32_t OrUnknown(std::optional<std::uint32_t> value) {
+  return value ? static_cast<std::int32_t>(*value) : -1;
+}
+
+DeviceFacts FactsOf(const DeviceReport& device) {
+  return {.deviceId = OrUnknown(device.deviceId),
+          .softwareId = OrUnknown(device.softwareId),
+          .bootloaderVersion = OrUnknown(device.bootloaderVersion),
+          .blockSize = OrUnknown(device.blockSize),
+          .processorId = OrUnknown(device.processorId),
+          .hardwareId = OrUnknown(device.hardwareId),
+          .applicationKiB = OrUnknown(device.applicationKiB)};
+}
+
 const ImageReport* ImageFor(const PackageReport& report, std::uint32_t processorId) {
   const ImageReport* general = nullptr;
   for (const ImageReport& image : report.images) {

@@ -4,10 +4,15 @@
 
 #include <optional>
 
+#include "device/inquiry.h"
 #include "file/package_report.h"
 #include "update/record.h"
 
 namespace tavo::tool {
+
+// A value as DeviceFacts has it.
+std::int32_t OrUnknown(std::optional<std::uint32_t> value);
+DeviceFacts FactsOf(const DeviceReport& report);
 
 // None: nothing that the device has reported speaks against the file. `flags` leave checks out as they
 // do in an update.

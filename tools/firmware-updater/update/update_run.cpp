@@ -77,20 +77,6 @@ void SayLast(const std::string& text) {
   }
 }
 
-std::int32_t OrUnknown(std::optional<std::uint32_t> value) {
-  return value ? static_cast<std::int32_t>(*value) : -1;
-}
-
-DeviceFacts FactsOf(const DeviceReport& device) {
-  return {.deviceId = OrUnknown(device.deviceId),
-          .softwareId = OrUnknown(device.softwareId),
-          .bootloaderVersion = OrUnknown(device.bootloaderVersion),
-          .blockSize = OrUnknown(device.blockSize),
-          .processorId = OrUnknown(device.processorId),
-          .hardwareId = OrUnknown(device.hardwareId),
-          .applicationKiB = OrUnknown(device.applicationKiB)};
-}
-
 using Fact = std::int32_t DeviceFacts::*;
 constexpr std::array kFactIn{
     std::pair<const Command*, Fact>{&kRequestDeviceId, &DeviceFacts::deviceId},
