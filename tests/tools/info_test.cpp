@@ -99,6 +99,17 @@ TEST(Info, LooksBehindAMasterAndClosesTheTunnelAgain) {
   }
 }
 
+TEST(Info, ComparesTheFileWithTheAnswers) {
+  for (const auto& [file, next] : {std::pair{"plain", "firmware.hex --usb"},
+                                   {"legacy", "FILE --usb"},
+                                   {"drive", "FILE --usb"}}) {
+    ToolStation station(OptionsOf("plain", DeviceState::Bootloader));
+    station.TakeFileOf(file);
+    EXPECT_EQ(station.run("info @firmware.hex"), ExitCode::Done);
+    EXPECT_TRUE(station.run.Says(next)) << file << station.run.Out();
+  }
+}
+
 TEST(Info, WithoutAnAnswerItEndsInTimeAndNamesTheReason) {
   const std::tuple<const char*, const char*, const char*> kRows[] = {
       {"lose:*", "does not respond", "{}"},

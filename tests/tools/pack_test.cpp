@@ -133,7 +133,7 @@ TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
       {"--family plain -o @missing/fw.hex", ExitCode::Usage, "cannot write"},
       {"--family plain -o @fw.hex --adb-type 3", ExitCode::Usage, "--adb-type requires --image"},
       {"--image @app.bin -o @fw.hex", ExitCode::Usage, "--image requires --address"},
-      {"--image @app.bin --address 4000 -o @fw.hex", ExitCode::Usage, "is written with 0x"},
+      {"--image @app.bin --address 4000 -o @fw.hex", ExitCode::Usage, "write it with 0x"},
       {"--family nobody -o @fw.hex", ExitCode::Usage, "nobody"},
       {"--add @a.hex -o @fw.hex", ExitCode::Usage, "added to an archive"},
       {"--add @a.hex --add @a.hex -o @fw.zip", ExitCode::Usage, "two files are called 'a.hex'"},

@@ -169,9 +169,11 @@ TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDevice
       {"recover @firmware.hex --record @./firmware.hex", Usage, "is the update file itself"},
       {"update @firmware.hex --log @both --record @both", Usage, "the same file"},
       {"update @firmware.hex --record \"\"", Usage, "--record: is empty"},
-      {"update @firmware.hex --log /dev/full", Usage, "the log cannot be written"},
-      {"update @firmware.hex --record /dev/full", Usage, "the record of the traffic cannot be"},
+      {"update @firmware.hex --log /dev/full", Usage,
+       "/dev/full cannot be written\nhint: name another file with --log"},
+      {"update @firmware.hex --record /dev/full", Usage, "with --record"},
       {"update @firmware.hex --tag unit", Usage, "NAME=VALUE"},
+      {"update @firmware.hex --tag a=1 --tag a=2", Usage, "--tag names a twice"},
       {"info --baud 9600", Usage},
       {"info --usb \"\"", Usage},
       {"info --ftdi TAVO0001 --baud 0", Usage},
@@ -301,7 +303,7 @@ TEST(UpdateCommand, AResultThatIsLostIsNoSuccess) {
   ToolStation station(Options("plain"));
   station.run.machine.out.setstate(std::ios::badbit);
   EXPECT_EQ(station.Update(), EvidenceLost);
-  EXPECT_TRUE(station.run.Complains("the result was lost\nhint: The device runs the new firmware"));
+  EXPECT_TRUE(station.run.Complains("the result was lost. The device runs the new firmware"));
   ToolStation defective(Options("plain"));
   defective.run.machine.terminal = true;
   defective.run.machine.width = []() -> int { throw std::runtime_error("a defect"); };

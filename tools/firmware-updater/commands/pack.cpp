@@ -297,7 +297,7 @@ ExitCode RunPack(const Machine& machine, const Options& options) try {
 
 // 4000 means one thing to a person who reads addresses, and another to one who counts bytes.
 std::string CheckAddress(const std::string& text) {
-  return text.starts_with("0x") || text.starts_with("0X") ? "" : "is written with 0x, as 0x4000";
+  return text.starts_with("0x") || text.starts_with("0X") ? "" : "write it with 0x, as 0x4000";
 }
 
 // All the others describe the raw binary.

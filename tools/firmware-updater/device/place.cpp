@@ -19,7 +19,7 @@ std::optional<TunnelRoute> ParseRoute(const std::string& text) {
 }
 
 std::string CheckRoute(const std::string& text) {
-  return ParseRoute(text) ? "" : "is written MASTER.SLAVE, for example 4.1";
+  return ParseRoute(text) ? "" : "write it as MASTER.SLAVE, for example 4.1";
 }
 
 }  // namespace

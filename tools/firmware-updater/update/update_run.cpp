@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <system_error>
 #include <utility>
 #include <vector>
@@ -144,14 +145,15 @@ class Work {
 
   // A first line goes into the log, and shows whether there is room for more. A log that nobody has
   // named must not prevent an update.
-  void CheckEvidence(bool logIsNamed) {
+  void CheckEvidence(const UpdateOptions& options) {
     m_platform.Print("firmware-updater " TAVO_VERSION ": " + CommandLine(m_task) + "\n");
     m_checked = true;
-    if (m_recorder.HasLost() || (logIsNamed && m_platform.HasLost())) {
-      throw Refusal{ExitCode::Usage, "unwritable-file",
-                    m_recorder.HasLost() ? kRecordLost : kLogLost,
-                    "name another file with --log or --record"};
-    }
+    const auto unwritable = [](const std::string& file, const std::string& option) {
+      return Refusal{ExitCode::Usage, "unwritable-file", Displayable(file) + " cannot be written",
+                     "name another file with " + option};
+    };
+    if (m_recorder.HasLost()) throw unwritable(options.record, "--record");
+    if (!options.log.empty() && m_platform.HasLost()) throw unwritable(options.log, "--log");
     if (m_platform.HasLost()) WarnOfLoss(kLogLost);
   }
 
@@ -576,11 +578,23 @@ std::string HostName() {
   return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
 }
 
+// The result has room for one value of each name.
+void CheckTags(const std::vector<std::string>& tags) {
+  std::set<std::string> names;
+  for (const std::string& tag : tags) {
+    const std::string name = tag.substr(0, tag.find('='));
+    if (names.insert(name).second) continue;
+    throw Refusal{ExitCode::Usage, "repeated-tag", "--tag names " + Displayable(name) + " twice",
+                  "give each name one value"};
+  }
+}
+
 // From the check of the file to the state of the device at the end; all of it goes into the record.
 // Then calls `conclude`, while Ctrl-C is still handled. Or throws a Refusal.
 void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& options,
                   UpdateView& view, Record& record, const std::function<void()>& conclude) {
   record.state = NothingChanged("No device was opened; nothing was changed.");
+  CheckTags(options.tags);
   const PackageReport report = CheckedFile(options.file);
   record.sha256 = report.sha256;
   CheckOutputs(machine, options);
@@ -590,7 +604,7 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
 
   Work work(machine, options, {purpose, options.file, record.device->target, options.flags}, report,
             log, view);
-  work.CheckEvidence(!options.log.empty());
+  work.CheckEvidence(options);
   work.Open();
   record.state = NothingChanged("The device was only asked questions; nothing was changed.");
   work.CheckEcho();
@@ -611,7 +625,7 @@ void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& 
 // Lost output is no success.
 ExitCode ExitOf(const Machine& machine, const ClosingState& state) {
   if (machine.out) return state.exit;
-  Complain(machine, "standard output cannot be written; the result was lost", state.Line());
+  Complain(machine, "standard output cannot be written; the result was lost. " + state.Line(), "");
   return state.exit == ExitCode::Done ? ExitCode::EvidenceLost : state.exit;
 }
 
@@ -642,7 +656,7 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
   command.Values("--tag", to.tags, "NAME=VALUE to add to the result of --json; repeatable")
       .Shown("NAME=VALUE")
       .Checked([](const std::string& tag) {
-        return tag.find('=') + 1 > 1 ? "" : "is written NAME=VALUE";
+        return tag.find('=') + 1 > 1 ? "" : "write it as NAME=VALUE";
       });
   command.Flag("--verbose", to.verbose, "Show the library's log as well");
   command.Flag("--trace", to.trace, kTraceHelp);
