@@ -186,5 +186,36 @@ TEST_F(DeviceSurvey, WaitEndsWithAUsableDeviceOrWithItsTime) {
   EXPECT_EQ(platform.MonotonicNow(), 2550ms);
 }
 
+TEST(AwaitedDevice, IsUpdatedOnceItIsConnectedUnlessAnObstacleTheTimeOrCtrlCEndsTheWait) {
+  const struct {
+    std::chrono::seconds absent;
+    int openResult;
+    const char* wait;
+    ExitCode exit;
+    std::chrono::milliseconds longest;
+  } kRows[] = {
+      {4s, 0, " --wait=10", ExitCode::Done, 9s},
+      {60s, 0, " --wait=10", ExitCode::NoDevice, 10s},
+      {1s, LIBUSB_ERROR_ACCESS, " --wait=10", ExitCode::NoDevice, 3200ms},
+      {86000s, 0, " --wait", ExitCode::Stopped, 86000s},  // by the signal
+  };
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGTERM);
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(row.openResult);
+    ToolStation station(Options("plain"));
+    station.device.Unplug(test::SimNow(station.platform), row.absent);
+    if (row.openResult != 0) station.usb.results["Open 1 4 2"] = row.openResult;
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    if (row.exit == ExitCode::Stopped) kill(getpid(), SIGTERM);
+    EXPECT_EQ(station.Update(row.wait), row.exit) << station.run.Err();
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    EXPECT_TRUE(station.run.Says("Waiting for --usb 1-4-2; Ctrl-C ends the wait.\n"));
+    EXPECT_EQ(station.UpdatedAndRuns(), row.exit == ExitCode::Done) << station.run.Out();
+    EXPECT_LE(station.platform.MonotonicNow(), row.longest);
+  }
+}
+
 }  // namespace
 }  // namespace tavo::tool

@@ -54,6 +54,13 @@ class HelpFormat : public CLI::Formatter {
  public:
   explicit HelpFormat(const Machine& machine) : m_machine(machine) {}
 
+  // A value that may be left out: "--name[=VALUE]" instead of "--name{default}".
+  std::string make_option_name(const CLI::Option* option, bool isPositional) const override {
+    const std::string name = CLI::Formatter::make_option_name(option, isPositional);
+    const std::size_t bare = name.find('{');
+    if (bare == std::string::npos) return name;
+    return name.substr(0, bare) + "[=" + ValueName(option->get_type_name()) + "]";
+  }
   std::string make_option_opts(const CLI::Option* option) const override {
     const bool hasValue = option->get_items_expected_max() > 0 && !option->get_positional();
     const std::string value = hasValue ? ValueName(option->get_type_name()) : "";

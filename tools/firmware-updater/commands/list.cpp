@@ -1,6 +1,5 @@
 // list: the connected devices, and the obstacles to using them.
 #include <algorithm>
-#include <charconv>
 #include <chrono>
 #include <memory>
 #include <ostream>
@@ -17,13 +16,10 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr int kDocumentVersion = 1;
-constexpr double kLongestWaitSeconds = 24 * 60 * 60;
-// A person who plugs a device in sees no delay, and a waiting script leaves the processor alone.
-constexpr milliseconds kLookPace{200};
 
 struct Options {
   bool json = false;
-  double waitSeconds = 0;
+  std::string wait{};
 };
 
 struct Outcome {
@@ -65,8 +61,7 @@ void WriteJson(std::ostream& to, const Outcome& outcome) {
 }
 
 ExitCode List(const Machine& machine, const Options& options) {
-  const Outcome outcome =
-      Look(machine, milliseconds(static_cast<milliseconds::rep>(options.waitSeconds * 1000)));
+  const Outcome outcome = Look(machine, SecondsOf(options.wait));
   if (options.json) {
     WriteJson(machine.out, outcome);
   } else {
@@ -84,24 +79,13 @@ ExitCode List(const Machine& machine, const Options& options) {
   return ExitCode::NoDevice;
 }
 
-std::string CheckWait(const std::string& text) {
-  double seconds = -1;
-  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
-  const bool isNumber = error == std::errc() && end == text.data() + text.size();
-  // A value that is not a number is out of range.
-  const bool fits = isNumber && seconds >= 0 && seconds <= kLongestWaitSeconds;
-  return fits ? "" : "takes 0 to 86400 seconds, not " + text;
-}
-
 }  // namespace
 
 void AddListCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
   CommandOptions command(app, "list", "Show the connected devices and how to name them");
   const auto options = std::make_shared<Options>();
   command.Flag("--json", options->json, "Write one JSON document");
-  command.Value("--wait", options->waitSeconds, "Wait this long for a usable device")
-      .Shown("SECONDS")
-      .Checked(CheckWait);
+  command.Value("--wait", options->wait, "Wait this long for a usable device").Seconds();
   command.Footer(
       "A device is only asked for its USB texts, and no driver is taken from it.\n\n"
       "Examples:\n"

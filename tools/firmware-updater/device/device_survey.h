@@ -3,6 +3,7 @@
 // that is closed again at once.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <iosfwd>
 #include <optional>
@@ -46,6 +47,10 @@ struct FoundDevice {
 
 // The wanted devices, as messages name them.
 inline constexpr const char* kSearchedFor = "USB devices 03eb:2404 and FTDI adapters";
+
+// Between two looks. A person who plugs a device in sees no delay, and a waiting script leaves the
+// processor alone.
+inline constexpr std::chrono::milliseconds kLookPace{200};
 
 // USB devices first, then adapters, each in the order in which the system lists them. `trouble`,
 // unless null, says in one sentence why the search itself failed; empty when it worked.

@@ -6,12 +6,17 @@
 #include <vector>
 
 #include "device/device_survey.h"
+#include "platform/platform.h"
+#include "text/text_format.h"
 
 namespace tavo::tool {
 namespace {
 
 constexpr std::uint32_t kSlowestBaudRate = 183;  // the largest divisor that an adapter has
 constexpr std::uint32_t kFastestBaudRate = 12'000'000;
+
+// The system needs a while to set up a device that was just plugged in: its driver, its permissions.
+constexpr std::chrono::milliseconds kSetUp{2000};
 
 using Devices = std::vector<FoundDevice>;
 
@@ -29,21 +34,27 @@ std::string Names(const Devices& devices) {
   return names;
 }
 
+// The only refusal that may end by itself.
+struct NotConnected : Refusal {};
+
 Refusal Unusable(const std::string& name, const Obstacle& obstacle) {
   return {ExitCode::NoDevice, "unusable-device", name + " cannot be used: " + obstacle.text,
           obstacle.hint};
 }
 
-Refusal Missing(const std::string& name, const Devices& connected) {
+NotConnected Missing(const std::string& text, const std::string& hint) {
+  return {{ExitCode::NoDevice, "no-device", text, hint}};
+}
+
+NotConnected Missing(const std::string& name, const Devices& connected) {
   const std::string others = Names(connected);
   if (others.empty()) {
-    return {
-        ExitCode::NoDevice, "no-device",
+    return Missing(
         name + " is not connected, and no other device is usable (looked for " + kSearchedFor + ")",
-        "check the cable and the power; `firmware-updater list` shows every obstacle"};
+        "check the cable and the power; `firmware-updater list` shows every obstacle");
   }
-  return {ExitCode::NoDevice, "no-device", name + " is not connected",
-          "check the cable and the power, or select one of these: " + others};
+  return Missing(name + " is not connected",
+                 "check the cable and the power, or select one of these: " + others);
 }
 
 // As the kernel calls a USB device: "1-4.2" for the port path 4-2 on bus 1.
@@ -89,19 +100,24 @@ ChosenDevice OnlyOne(const Devices& connected) {
                   "`firmware-updater list` shows every obstacle"};
   }
   if (const std::string adapters = Names(connected); !adapters.empty()) {
-    throw Refusal{ExitCode::NoDevice, "no-device", "no USB device is connected",
-                  "an adapter is used only when it is selected: " + adapters};
+    throw Missing("no USB device is connected",
+                  "an adapter is used only when it is selected: " + adapters);
   }
-  throw Refusal{ExitCode::NoDevice, "no-device",
-                std::string("no device found (looked for ") + kSearchedFor + ")",
+  throw Missing(std::string("no device found (looked for ") + kSearchedFor + ")",
                 "check the cable and the power; `firmware-updater list --wait 10` waits for a "
-                "device"};
+                "device");
 }
 
 ChosenDevice Choose(const TargetOptionsValues& named, const Devices& connected) {
   if (!named.usbPort.empty()) return Named({TransportKind::Usb, named.usbPort}, connected);
   if (named.ftdiSerial.empty()) return OnlyOne(connected);
   return Named({TransportKind::Ftdi, named.ftdiSerial, named.baudRate, named.echo}, connected);
+}
+
+std::string Wanted(const TargetOptionsValues& named) {
+  if (!named.usbPort.empty()) return TargetOptions({TransportKind::Usb, named.usbPort});
+  if (!named.ftdiSerial.empty()) return TargetOptions({TransportKind::Ftdi, named.ftdiSerial});
+  return "a USB device";
 }
 
 }  // namespace
@@ -134,8 +150,31 @@ ChosenDevice ChooseDevice(const Machine& machine, const TargetOptionsValues& nam
     }
     return chosen;
   } catch (Refusal& refusal) {
-    if (!trouble.empty()) refusal.text = trouble + "; " + refusal.text;
-    throw;
+    if (trouble.empty()) throw;
+    refusal.text = trouble + "; " + refusal.text;
+    throw Refusal(refusal);  // not a NotConnected: nobody knows whether it is connected
+  }
+}
+
+ChosenDevice AwaitDevice(const Machine& machine, const TargetOptionsValues& named,
+                         const DeviceWait& wait) {
+  const std::chrono::milliseconds begin = machine.platform.MonotonicNow();
+  std::chrono::milliseconds absent = begin;  // the last look that found nothing
+  for (bool first = true;; first = false) {
+    const std::chrono::milliseconds now = machine.platform.MonotonicNow();
+    const std::chrono::milliseconds left = begin + wait.bound - now;
+    try {
+      return ChooseDevice(machine, named);
+    } catch (NotConnected& refusal) {
+      absent = now;
+      refusal.text += Format("; waited %g s for it", Seconds(wait.bound));
+      if (left.count() <= 0) throw;
+    } catch (const Refusal&) {
+      if (left.count() <= 0 || now - absent >= kSetUp) throw;
+    }
+    if (first) wait.note("Waiting for " + Wanted(named) + "; Ctrl-C ends the wait.");
+    if (wait.isStopped()) throw Refusal{ExitCode::Stopped, "stopped", "stopped while waiting"};
+    machine.platform.Sleep(std::min(left, kLookPace));
   }
 }
 

@@ -7,7 +7,9 @@
 //   const Target target = ChooseTarget(machine, *values);
 #pragma once
 
+#include <chrono>
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 
@@ -39,5 +41,15 @@ struct ChosenDevice {
   std::optional<UsbIdentity> usb;
 };
 ChosenDevice ChooseDevice(const Machine& machine, const TargetOptionsValues& named);
+
+// Waits until that device is connected. A device that stays unusable for more than a moment is refused
+// as ChooseDevice does it, since waiting would not help, and so is a search that fails.
+struct DeviceWait {
+  std::chrono::milliseconds bound;
+  std::function<bool()> isStopped;                    // asked at every look
+  std::function<void(const std::string& text)> note;  // says once what is waited for
+};
+ChosenDevice AwaitDevice(const Machine& machine, const TargetOptionsValues& named,
+                         const DeviceWait& wait);
 
 }  // namespace tavo::tool

@@ -1,10 +1,24 @@
 #include "text/options.h"
 
 #include <CLI/CLI.hpp>
+#include <charconv>
 #include <memory>
 #include <utility>
 
 namespace tavo::tool {
+namespace {
+
+constexpr double kMostSeconds = 24 * 60 * 60;
+
+// Not a number for any other text.
+double Number(const std::string& text) {
+  double number = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
+  const bool isNumber = error == std::errc() && end == text.data() + text.size();
+  return isNumber ? number : std::numeric_limits<double>::quiet_NaN();
+}
+
+}  // namespace
 
 Option& Option::Required() { return m_option->required(), *this; }
 
@@ -22,6 +36,19 @@ Option& Option::Between(std::uint32_t least, std::uint32_t most) {
 
 Option& Option::Between(double least, double most) {
   return m_option->check(CLI::Range(least, most)), *this;
+}
+
+Option& Option::Seconds() {
+  return Shown("SECONDS").Checked([](const std::string& text) {
+    const double seconds = Number(text);
+    // A value that is not a number is out of range.
+    return seconds >= 0 && seconds <= kMostSeconds ? "" : "takes 0 to 86400 seconds, not " + text;
+  });
+}
+
+std::chrono::milliseconds SecondsOf(const std::string& text) {
+  const std::chrono::duration<double> seconds(text.empty() ? 0 : Number(text));
+  return std::chrono::duration_cast<std::chrono::milliseconds>(seconds);
 }
 
 Option& Option::OneOf(std::initializer_list<const char*> words) {
@@ -70,6 +97,11 @@ Option CommandOptions::Values(const char* name, std::vector<std::string>& to, co
 Option CommandOptions::Flag(const char* name, bool& to, const char* help, bool value) {
   return Option(*m_command.add_flag_callback(
       name, [&to, value] { to = value; }, help));
+}
+
+Option CommandOptions::FlagOrValue(const char* name, const char* bare, std::string& to,
+                                   const char* help) {
+  return Option(*m_command.add_flag(std::string(name) + "{" + bare + "}", to, help));
 }
 
 void CommandOptions::UserCommand(std::vector<std::string>& to, const char* help) {

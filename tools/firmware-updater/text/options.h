@@ -9,6 +9,7 @@
 // The parser writes to the variables when it has seen the whole command line; they must outlive it.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <initializer_list>
@@ -39,6 +40,7 @@ class Option {
   Option& NotEmpty();
   Option& Between(std::uint32_t least, std::uint32_t most);
   Option& Between(double least, double most);
+  Option& Seconds();  // 0 to 86400, "2.5"; for SecondsOf
   Option& OneOf(std::initializer_list<const char*> words);
   Option& Checked(Check check);
   Option& Needs(const Option& other);
@@ -48,6 +50,9 @@ class Option {
  private:
   CLI::Option* m_option;
 };
+
+// The value of an option with Seconds; empty: 0.
+std::chrono::milliseconds SecondsOf(const std::string& text);
 
 class CommandOptions {
  public:
@@ -62,6 +67,8 @@ class CommandOptions {
   Option Values(const char* name, std::vector<std::string>& to, const char* help);  // repeatable
   // Turns `to` into `value`.
   Option Flag(const char* name, bool& to, const char* help, bool value = true);
+  // "--name" stands for "--name=BARE".
+  Option FlagOrValue(const char* name, const char* bare, std::string& to, const char* help);
 
   // A command line of the user's behind "--". The options in it are its own.
   void UserCommand(std::vector<std::string>& to, const char* help);

@@ -10,7 +10,6 @@
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <set>
@@ -590,37 +589,100 @@ void CheckTags(const std::vector<std::string>& tags) {
 }
 
 // From the check of the file to the state of the device at the end; all of it goes into the record.
-// Then calls `conclude`, while Ctrl-C is still handled. Or throws a Refusal.
-void UpdateChosen(const Machine& machine, Purpose purpose, const UpdateOptions& options,
-                  UpdateView& view, Record& record, const std::function<void()>& conclude) {
-  record.state = NothingChanged("No device was opened; nothing was changed.");
-  CheckTags(options.tags);
-  const PackageReport report = CheckedFile(options.file);
-  record.sha256 = report.sha256;
-  CheckOutputs(machine, options);
-  record.device = ChooseDevice(machine, options.target);
-  const LogFile log = LogOf(machine, options, *record.device, view);
-  record.log = AbsolutePath(log.path);
+class UpdateRun {
+ public:
+  UpdateRun(const Machine& machine, Purpose purpose, const UpdateOptions& options)
+      : m_machine(machine),
+        m_options(options),
+        m_view(MakeView(machine, options.json, options.verbose || options.trace)) {
+    m_record.purpose = purpose;
+    m_record.file = AbsolutePath(options.file);
+    m_record.traffic = AbsolutePath(options.record);
+    m_record.station = options.station.empty() ? HostName() : options.station;
+    m_record.flags = options.flags;
+    m_record.tags = options.tags;
+    Begin();
+  }
 
-  Work work(machine, options, {purpose, options.file, record.device->target, options.flags}, report,
-            log, view);
-  work.CheckEvidence(options);
-  work.Open();
-  record.state = NothingChanged("The device was only asked questions; nothing was changed.");
-  work.CheckEcho();
-  if (!options.flags.checkIdentity) {
-    view.Note("The hardware id and the device id are not checked; the processor and the size are.");
+  const Record& Run() {
+    try {
+      UpdateChosen();
+    } catch (const Refusal& refusal) {
+      m_record.ending = refusal.exit == ExitCode::Stopped ? Ending::Stopped : Ending::Failed;
+      m_record.failure =
+          Failure{.name = refusal.name, .code = 0, .text = refusal.text, .hint = refusal.hint};
+      if (m_record.ending == Ending::Stopped) m_record.failure.reset();
+      m_record.state.exit = refusal.exit;
+      m_record.state.command = refusal.command;
+      m_record.state.tries = true;
+      Conclude();
+    }
+    return m_record;
   }
-  const bool succeeded = work.Prepare() && work.Perform();
-  work.Fill(record, succeeded);
-  // Behind a tunnel, which is closed by now, nobody can be asked.
-  if (succeeded && options.json && !options.flags.dryRun && !NeedsTunnel(report)) {
-    record.after = work.AskApplication();
+
+ private:
+  void Begin() {
+    m_record.begin = std::chrono::system_clock::now();
+    m_begin = m_machine.platform.MonotonicNow();
   }
-  work.AddLost(record);
-  work.Decide(record.state.exit);
-  conclude();
-}
+
+  void Conclude() {
+    m_record.end = std::chrono::system_clock::now();
+    m_record.elapsed = m_machine.platform.MonotonicNow() - m_begin;
+    m_view->Show(m_record);
+  }
+
+  ChosenDevice Device() {
+    if (m_options.wait.empty()) return ChooseDevice(m_machine, m_options.target);
+    std::atomic<bool> stopped = false;
+    const Interrupts interrupts([&](int /*number*/) { stopped = true; });
+    ChosenDevice device = AwaitDevice(m_machine, m_options.target,
+                                      {SecondsOf(m_options.wait), [&] { return stopped.load(); },
+                                       [this](const std::string& text) { m_view->Note(text); }});
+    Begin();
+    return device;
+  }
+
+  // Concludes while Ctrl-C is still handled, or throws a Refusal.
+  void UpdateChosen() {
+    m_record.state = NothingChanged("No device was opened; nothing was changed.");
+    CheckTags(m_options.tags);
+    const PackageReport report = CheckedFile(m_options.file);
+    m_record.sha256 = report.sha256;
+    CheckOutputs(m_machine, m_options);
+    m_record.device = Device();
+    const LogFile log = LogOf(m_machine, m_options, *m_record.device, *m_view);
+    m_record.log = AbsolutePath(log.path);
+
+    const UpdateFlags& flags = m_options.flags;
+    Work work(m_machine, m_options,
+              {m_record.purpose, m_options.file, m_record.device->target, flags}, report, log,
+              *m_view);
+    work.CheckEvidence(m_options);
+    work.Open();
+    m_record.state = NothingChanged("The device was only asked questions; nothing was changed.");
+    work.CheckEcho();
+    if (!flags.checkIdentity) {
+      m_view->Note(
+          "The hardware id and the device id are not checked; the processor and the size are.");
+    }
+    const bool succeeded = work.Prepare() && work.Perform();
+    work.Fill(m_record, succeeded);
+    // Behind a tunnel, which is closed by now, nobody can be asked.
+    if (succeeded && m_options.json && !flags.dryRun && !NeedsTunnel(report)) {
+      m_record.after = work.AskApplication();
+    }
+    work.AddLost(m_record);
+    work.Decide(m_record.state.exit);
+    Conclude();
+  }
+
+  const Machine& m_machine;
+  const UpdateOptions& m_options;
+  const std::unique_ptr<UpdateView> m_view;
+  Record m_record;
+  std::chrono::milliseconds m_begin{0};
+};
 
 // Lost output is no success.
 ExitCode ExitOf(const Machine& machine, const ClosingState& state) {
@@ -634,6 +696,10 @@ ExitCode ExitOf(const Machine& machine, const ClosingState& state) {
 void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
   command.Value("FILE", to.file, "Update file: .hex, or .zip with .hex files inside").Required();
   AddTargetOptions(command, to.target);
+  command
+      .FlagOrValue("--wait", "86400", to.wait,
+                   "Wait for the device to be connected, for a day or SECONDS")
+      .Seconds();
   command.Flag("--skip-identity-check", to.flags.checkIdentity,
                "Do not ask for device ids, do not check the hardware id, set no label", false);
   command.Flag("--extended-erase", to.flags.extendedErase, "Erase mode 3 instead of 1");
@@ -666,31 +732,7 @@ ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions&
   // Neither a reader that goes away nor a full quota may end the program in the middle of an update.
   std::signal(SIGPIPE, SIG_IGN);
   std::signal(SIGXFSZ, SIG_IGN);
-  const auto view = MakeView(machine, options.json, options.verbose || options.trace);
-  const std::chrono::milliseconds begin = machine.platform.MonotonicNow();
-  Record record{.purpose = purpose,
-                .file = AbsolutePath(options.file),
-                .traffic = AbsolutePath(options.record),
-                .station = options.station.empty() ? HostName() : options.station,
-                .flags = options.flags,
-                .tags = options.tags,
-                .begin = std::chrono::system_clock::now()};
-  const auto conclude = [&] {
-    record.end = std::chrono::system_clock::now();
-    record.elapsed = machine.platform.MonotonicNow() - begin;
-    view->Show(record);
-  };
-  try {
-    UpdateChosen(machine, purpose, options, *view, record, conclude);
-  } catch (const Refusal& refusal) {
-    record.failure =
-        Failure{.name = refusal.name, .code = 0, .text = refusal.text, .hint = refusal.hint};
-    record.state.exit = refusal.exit;
-    record.state.command = refusal.command;
-    record.state.tries = true;
-    conclude();
-  }
-  return ExitOf(machine, record.state);
+  return ExitOf(machine, UpdateRun(machine, purpose, options).Run().state);
 }
 
 }  // namespace tavo::tool

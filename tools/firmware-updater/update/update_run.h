@@ -16,6 +16,7 @@ namespace tavo::tool {
 struct UpdateOptions {
   std::string file{};
   TargetOptionsValues target{};
+  std::string wait{};  // seconds for the device to be connected; empty: it is now
   UpdateFlags flags{};
   bool json = false;
   bool verbose = false;
