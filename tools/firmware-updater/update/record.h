@@ -9,6 +9,7 @@
 
 #include "device/target_choice.h"
 #include "engine/firmware_updater.h"
+#include "text/json.h"
 #include "update/closing_state.h"
 #include "update/course.h"
 
@@ -47,5 +48,13 @@ struct Record {
   std::vector<std::string> resetModules{};
   std::vector<std::string> lost{};  // the evidence that could not be written: "log", "record"
 };
+
+// The event whose line holds a Record, the last one of every command.
+inline constexpr const char* kResultEvent = "result";
+
+// One line of JSON, without its end.
+std::string EventLine(const char* event, const Json& content);
+Json BytesJson(const Transfer& transfer);
+Json AsJson(const Record& record);
 
 }  // namespace tavo::tool
