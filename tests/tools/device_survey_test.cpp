@@ -124,14 +124,15 @@ TEST_F(DeviceSurvey, ListSaysWhatAddressesADeviceAndWhatStandsInTheWay) {
   EXPECT_EQ(run.Err(), "");
 }
 
-TEST_F(DeviceSurvey, AnUpdateOfADeviceThatCannotBeOpenedEndsAsOneThatIsMissing) {
+TEST_F(DeviceSurvey, AnUpdateOpensItsDeviceAloneAndOneThatCannotBeOpenedEndsAsOneThatIsMissing) {
   run.Write("firmware.hex",
             tavosim::HexText(tavosim::BuildFirmware(tavosim::RecipeFor(tavosim::kFamilies[0]))));
-  usb.devices = {{.ports = {1}}};
+  usb.devices = {{.ports = {1}}, {.ports = {2}}};
   for (const int error : {LIBUSB_ERROR_BUSY, LIBUSB_ERROR_ACCESS}) {
     usb.results["Open 1"] = error;
     EXPECT_EQ(run("update @firmware.hex --usb 1 --log @tool.log"), ExitCode::NoDevice) << error;
   }
+  EXPECT_EQ(std::ranges::count(usb.calls, "Open 2"), 0);  // another update may be about to
 }
 
 TEST_F(DeviceSurvey, JsonIsOneDocumentWhateverAnAdapterCallsItself) {

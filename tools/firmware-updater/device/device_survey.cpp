@@ -36,10 +36,13 @@ constexpr std::array kUsbKinds{
     UsbKind{TransportKind::Ftdi, 0x0403, 0x6015, 0},
 };
 
+// One device, or one channel of an adapter.
 struct UsbFinding {
   const UsbKind* kind = nullptr;
+  int channel = 0;
+  libusb_device* device = nullptr;
+  libusb_device_descriptor descriptor{};
   std::string port{};
-  int result = 0;  // of the trial: a libusb error, 0 = usable
   UsbIdentity identity{};
 };
 
@@ -122,40 +125,38 @@ class UsbTexts {
   std::optional<std::uint16_t> m_language;  // 0: the device has no texts
 };
 
-// A kernel driver is no obstacle, because an update detaches it. Without one, an interface that cannot
-// be claimed belongs to another program, which is left alone. Closing releases it.
-int TryOut(LibUsb& usb, libusb_device* device, int dataInterface,
-           const libusb_device_descriptor& descriptor, UsbIdentity& identity) {
+// Returns a libusb error, or 0 for a device that can be used. A kernel driver is no obstacle, because an
+// update detaches it. Without one, an interface that cannot be claimed belongs to another program, which
+// is left alone. Closing releases it.
+int TryOut(LibUsb& usb, UsbFinding& finding) {
   libusb_device_handle* handle = nullptr;
-  if (const int result = usb.Open(device, &handle); result < 0) return result;
+  if (const int result = usb.Open(finding.device, &handle); result < 0) return result;
+  const int dataInterface = finding.kind->dataInterface + finding.channel;
   const bool driverBound = usb.KernelDriverActive(handle, dataInterface) > 0;
   const int result = driverBound ? LIBUSB_SUCCESS : usb.ClaimInterface(handle, dataInterface);
   if (result >= 0) {
     UsbTexts texts(usb, handle);
-    identity.product = texts.Read(descriptor.iProduct);
-    identity.serialNumber = texts.Read(descriptor.iSerialNumber);
+    finding.identity.product = texts.Read(finding.descriptor.iProduct);
+    finding.identity.serialNumber = texts.Read(finding.descriptor.iSerialNumber);
   }
   usb.Close(handle);
   return std::min<int>(result, LIBUSB_SUCCESS);
 }
 
-std::vector<UsbFinding> LookAtUsb(LibUsb& usb, std::string* trouble) {
-  const UsbList list(usb);
-  if (list.Result() < 0 && trouble != nullptr) {
-    *trouble =
-        std::string("USB cannot be searched: ") + usb.ErrorName(static_cast<int>(list.Result()));
-  }
+std::vector<UsbFinding> LookAtUsb(LibUsb& usb, const UsbList& list) {
   std::vector<UsbFinding> findings;
   for (libusb_device* const device : list.Devices()) {
     libusb_device_descriptor descriptor{};
     if (usb.GetDeviceDescriptor(device, &descriptor) < 0) continue;
     const UsbKind* const kind = KindOf(descriptor);
     if (kind == nullptr) continue;
-    UsbIdentity identity{usb.GetBusNumber(device), kind->vendor, kind->product};
     for (int channel = 0; channel < kind->channels; ++channel) {
-      const int result = TryOut(usb, device, kind->dataInterface + channel, descriptor, identity);
-      if (result == LIBUSB_ERROR_NO_DEVICE) break;  // it has just gone
-      findings.push_back({kind, UsbPortPath(usb, device), result, identity});
+      findings.push_back({kind,
+                          channel,
+                          device,
+                          descriptor,
+                          UsbPortPath(usb, device),
+                          {usb.GetBusNumber(device), kind->vendor, kind->product}});
     }
   }
   return findings;
@@ -179,17 +180,16 @@ Obstacle NoPermission(const UsbKind& kind) {
               " into /etc/udev/rules.d/71-firmware-updater-local.rules, then plug it in again"};
 }
 
-std::optional<Obstacle> ObstacleOf(LibUsb& usb, const UsbFinding& finding) {
-  switch (finding.result) {
+std::optional<Obstacle> ObstacleOf(LibUsb& usb, const UsbKind& kind, int result) {
+  switch (result) {
     case LIBUSB_SUCCESS: return std::nullopt;
-    case LIBUSB_ERROR_ACCESS: return NoPermission(*finding.kind);
+    case LIBUSB_ERROR_ACCESS: return NoPermission(kind);
     case LIBUSB_ERROR_BUSY: return InUse();
     case LIBUSB_ERROR_NOT_SUPPORTED:
       return Obstacle{"no-driver", "it has no driver through which it can be used",
                       "install the WinUSB driver for it, then plug it in again"};
     default:
-      return Obstacle{"cannot-open",
-                      std::string("it cannot be opened: ") + usb.ErrorName(finding.result),
+      return Obstacle{"cannot-open", std::string("it cannot be opened: ") + usb.ErrorName(result),
                       "plug it in again"};
   }
 }
@@ -225,64 +225,96 @@ std::string Described(const std::string& name, const UsbIdentity& usb) {
          Format(", %04x:%04x, bus %u", unsigned{usb.vendorId}, unsigned{usb.productId}, usb.bus);
 }
 
-void AddUsbDevice(LibUsb& usb, std::span<const UsbFinding> all, const UsbFinding& finding,
+class Survey {
+ public:
+  Survey(const Machine& machine, const Opens& opens, std::string* trouble)
+      : m_machine(machine),
+        m_opens(opens),
+        m_list(machine.usb),
+        m_findings(LookAtUsb(machine.usb, m_list)) {
+    if (trouble == nullptr) return;
+    const int result = static_cast<int>(m_list.Result());
+    *trouble = result < 0 ? std::string("USB cannot be searched: ") + machine.usb.ErrorName(result)
+                          : std::string();
+  }
+
+  std::vector<FoundDevice> Devices() {
+    std::vector<FoundDevice> devices;
+    for (UsbFinding& finding : m_findings) {
+      if (finding.kind->kind == TransportKind::Usb) AddUsbDevice(finding, devices);
+    }
+    AddAdapters(devices);
+    return devices;
+  }
+
+ private:
+  void AddUsbDevice(UsbFinding& finding, std::vector<FoundDevice>& devices) {
+    FoundDevice device{TransportKind::Usb, finding.port};
+    device.usb = finding.identity;
+    const int result = m_opens(device) ? TryOut(m_machine.usb, finding) : int{LIBUSB_SUCCESS};
+    if (result == LIBUSB_ERROR_NO_DEVICE) return;  // it has just gone
+    device.usb = finding.identity;
+    device.description = Described("USB device", finding.identity);
+    if (finding.port.empty()) device.obstacles.push_back(NoPortPath());
+    for (const UsbFinding& other : m_findings) {
+      const bool samePath = other.kind == finding.kind && other.port == finding.port;
+      if (samePath && &other != &finding && !finding.port.empty()) {
+        device.obstacles.push_back(AmbiguousPort(other.identity.bus));
+      }
+    }
+    const auto obstacle = ObstacleOf(m_machine.usb, *finding.kind, result);
+    if (obstacle) device.obstacles.push_back(*obstacle);
+    devices.push_back(std::move(device));
+  }
+
+  // The USB finding of adapter number `index`. The adapters' library lists them in the order of USB; if
+  // one was plugged or unplugged in between, nothing is certain.
+  UsbFinding* FindingOf(std::size_t index, std::size_t adapters) {
+    std::vector<UsbFinding*> findings;
+    for (UsbFinding& finding : m_findings) {
+      if (finding.kind->kind == TransportKind::Ftdi) findings.push_back(&finding);
+    }
+    return findings.size() != adapters ? nullptr : findings[index];
+  }
+
+  void AddAdapter(const CCommDevDesc& adapter, bool shared, UsbFinding* finding,
                   std::vector<FoundDevice>& devices) {
-  FoundDevice device{TransportKind::Usb, finding.port, Described("USB device", finding.identity)};
-  device.usb = finding.identity;
-  if (finding.port.empty()) device.obstacles.push_back(NoPortPath());
-  for (const UsbFinding& other : all) {
-    const bool samePath = other.kind == finding.kind && other.port == finding.port;
-    if (samePath && &other != &finding && !finding.port.empty()) {
-      device.obstacles.push_back(AmbiguousPort(other.identity.bus));
+    FoundDevice device{
+        TransportKind::Ftdi, adapter.port,
+        adapter.description.empty() ? "FTDI adapter" : Displayable(adapter.description)};
+    const bool opens = finding != nullptr && m_opens(device);
+    const int result = opens ? TryOut(m_machine.usb, *finding) : int{LIBUSB_SUCCESS};
+    if (finding != nullptr) device.usb = finding->identity;
+    if (result == LIBUSB_ERROR_ACCESS) {
+      device.obstacles.push_back(NoPermission(*finding->kind));
+    } else if (result == LIBUSB_ERROR_BUSY) {
+      device.obstacles.push_back(InUse());
+    } else if (adapter.port.empty()) {
+      device.obstacles.push_back(NoSerialNumber());
+    }
+    if (shared) device.obstacles.push_back(AmbiguousSerialNumber());
+    devices.push_back(std::move(device));
+  }
+
+  void AddAdapters(std::vector<FoundDevice>& devices) {
+    TavoLink link;
+    LogPlatform quiet(m_machine.platform, {}, nullptr);
+    Logger log(quiet);
+    CCommFTDI transport(link, m_machine.platform, log, m_machine.adapters);
+    const std::vector<CCommDevDesc>& adapters = *transport.EnumerateDevices();
+    for (std::size_t index = 0; index < adapters.size(); ++index) {
+      const std::string& serial = adapters[index].port;
+      const bool shared =
+          !serial.empty() && std::ranges::count(adapters, serial, &CCommDevDesc::port) > 1;
+      AddAdapter(adapters[index], shared, FindingOf(index, adapters.size()), devices);
     }
   }
-  if (auto obstacle = ObstacleOf(usb, finding)) device.obstacles.push_back(*obstacle);
-  devices.push_back(std::move(device));
-}
 
-// The USB finding of adapter number `index`. The adapters' library lists them in the order of USB; if one
-// was plugged or unplugged in between, nothing is certain.
-const UsbFinding* FindingOf(std::size_t index, std::size_t adapters,
-                            std::span<const UsbFinding> all) {
-  std::vector<const UsbFinding*> findings;
-  for (const UsbFinding& finding : all) {
-    if (finding.kind->kind == TransportKind::Ftdi) findings.push_back(&finding);
-  }
-  return findings.size() != adapters ? nullptr : findings[index];
-}
-
-std::optional<Obstacle> ObstacleOf(const CCommDevDesc& adapter, const UsbFinding* finding) {
-  const int result = finding == nullptr ? int{LIBUSB_SUCCESS} : finding->result;
-  if (result == LIBUSB_ERROR_ACCESS) return NoPermission(*finding->kind);
-  if (result == LIBUSB_ERROR_BUSY) return InUse();
-  return adapter.port.empty() ? std::optional(NoSerialNumber()) : std::nullopt;
-}
-
-void AddAdapter(const CCommDevDesc& adapter, bool shared, const UsbFinding* finding,
-                std::vector<FoundDevice>& devices) {
-  FoundDevice device{
-      TransportKind::Ftdi, adapter.port,
-      adapter.description.empty() ? "FTDI adapter" : Displayable(adapter.description)};
-  if (finding != nullptr) device.usb = finding->identity;
-  if (auto obstacle = ObstacleOf(adapter, finding)) device.obstacles.push_back(*obstacle);
-  if (shared) device.obstacles.push_back(AmbiguousSerialNumber());
-  devices.push_back(std::move(device));
-}
-
-void AddAdapters(const Machine& machine, std::span<const UsbFinding> findings,
-                 std::vector<FoundDevice>& devices) {
-  TavoLink link;
-  LogPlatform quiet(machine.platform, {}, nullptr);
-  Logger log(quiet);
-  CCommFTDI transport(link, machine.platform, log, machine.adapters);
-  const std::vector<CCommDevDesc>& adapters = *transport.EnumerateDevices();
-  for (std::size_t index = 0; index < adapters.size(); ++index) {
-    const std::string& serial = adapters[index].port;
-    const bool shared =
-        !serial.empty() && std::ranges::count(adapters, serial, &CCommDevDesc::port) > 1;
-    AddAdapter(adapters[index], shared, FindingOf(index, adapters.size(), findings), devices);
-  }
-}
+  const Machine& m_machine;
+  const Opens& m_opens;
+  const UsbList m_list;
+  std::vector<UsbFinding> m_findings;
+};
 
 std::string AddressColumn(const FoundDevice& device) {
   return device.address.empty() ? "-" : TargetOptions({device.kind, device.address});
@@ -299,17 +331,9 @@ Json UsbIdentity::AsJson() const {
           {"product", orNull(product)}};
 }
 
-std::vector<FoundDevice> SurveyDevices(const Machine& machine, std::string* trouble) {
-  if (trouble != nullptr) trouble->clear();
-  const std::vector<UsbFinding> findings = LookAtUsb(machine.usb, trouble);
-  std::vector<FoundDevice> devices;
-  for (const UsbFinding& finding : findings) {
-    if (finding.kind->kind == TransportKind::Usb) {
-      AddUsbDevice(machine.usb, findings, finding, devices);
-    }
-  }
-  AddAdapters(machine, findings, devices);
-  return devices;
+std::vector<FoundDevice> SurveyDevices(const Machine& machine, std::string* trouble,
+                                       const Opens& opens) {
+  return Survey(machine, opens, trouble).Devices();
 }
 
 void PrintDevices(std::ostream& to, const std::vector<FoundDevice>& devices) {

@@ -1,10 +1,11 @@
 // Every connected device of both kinds: its address, and the obstacles to using it. Looking changes
 // nothing: no driver is detached, a device is only asked for its USB texts, and one that is opened for
-// that is closed again at once.
+// that is closed again at once. To other programs it is in use for that moment.
 #pragma once
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <iosfwd>
 #include <optional>
 #include <string>
@@ -52,9 +53,15 @@ inline constexpr const char* kSearchedFor = "USB devices 03eb:2404 and FTDI adap
 // processor alone.
 inline constexpr std::chrono::milliseconds kLookPace{200};
 
+// Whether to open this device, of which only kind, address and bus are known yet. Without that, its
+// texts and the obstacles to opening it stay unknown.
+using Opens = std::function<bool(const FoundDevice& device)>;
+
 // USB devices first, then adapters, each in the order in which the system lists them. `trouble`,
 // unless null, says in one sentence why the search itself failed; empty when it worked.
-std::vector<FoundDevice> SurveyDevices(const Machine& machine, std::string* trouble = nullptr);
+std::vector<FoundDevice> SurveyDevices(
+    const Machine& machine, std::string* trouble = nullptr,
+    const Opens& opens = [](const FoundDevice&) { return true; });
 
 // One aligned line per device, its address first; below an unusable one, the reason and the remedy.
 void PrintDevices(std::ostream& to, const std::vector<FoundDevice>& devices);

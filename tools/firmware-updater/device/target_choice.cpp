@@ -65,6 +65,13 @@ std::string KernelName(const FoundDevice& device) {
   return std::to_string(device.usb->bus) + "-" + name;
 }
 
+// Another program may be about to open one of the others.
+bool IsWanted(const TargetOptionsValues& named, const FoundDevice& device) {
+  if (!named.ftdiSerial.empty()) return device.address == named.ftdiSerial;
+  return named.usbPort.empty() || device.address == named.usbPort ||
+         KernelName(device) == named.usbPort;
+}
+
 // A port path goes before a kernel's name: "1-2" can be both.
 ChosenDevice Named(Target target, const Devices& connected) {
   const std::string name = TargetOptions({target.kind, target.address});
@@ -140,7 +147,8 @@ void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to) {
 
 ChosenDevice ChooseDevice(const Machine& machine, const TargetOptionsValues& named) {
   std::string trouble;
-  const Devices connected = SurveyDevices(machine, &trouble);
+  const Devices connected = SurveyDevices(
+      machine, &trouble, [&named](const FoundDevice& device) { return IsWanted(named, device); });
   try {
     ChosenDevice chosen = Choose(named, connected);
     if (!trouble.empty()) Complain(machine, trouble, {});
