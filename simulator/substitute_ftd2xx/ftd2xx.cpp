@@ -51,7 +51,13 @@ constexpr unsigned char kEndpointOut = 0x02;
 constexpr std::size_t kPacketSize = 64;
 constexpr std::size_t kPacketStatusBytes = 2;  // the modem and line status that opens every packet
 
-enum Request : std::uint8_t { kReset = 0, kSetBaud = 3, kSetFormat = 4, kSetLatency = 9 };
+enum Request : std::uint8_t {
+  kReset = 0,
+  kSetBaud = 3,
+  kSetFormat = 4,
+  kSetLatency = 9,
+  kGetLatency = 10,
+};
 
 // Defaults of the vendor's driver.
 constexpr std::uint16_t kLatencyMs = 16;
@@ -104,6 +110,13 @@ class Adapter {
     const int result = libusb_control_transfer(m_handle, kToDevice, request, value, index, nullptr,
                                                0, kRequestTimeoutMs);
     return result < 0 ? kIoError : kOk;
+  }
+
+  Status ReadByte(Request request, std::uint8_t& value) {
+    constexpr std::uint8_t kFromDevice = LIBUSB_REQUEST_TYPE_VENDOR | LIBUSB_ENDPOINT_IN;
+    const int result = libusb_control_transfer(m_handle, kFromDevice, request, 0, 0, &value,
+                                               sizeof value, kRequestTimeoutMs);
+    return result == sizeof value ? kOk : kIoError;
   }
 
   // As the vendor's, a write that runs out of time succeeds with fewer bytes.
@@ -332,6 +345,16 @@ TAVO_VENDOR_FUNCTION FT_SetDataCharacteristics(void* handle, std::uint8_t wordLe
   return WithAdapter(handle, [sound, format](Adapter& adapter) {
     return sound ? adapter.Send(kSetFormat, static_cast<std::uint16_t>(format)) : kInvalidParameter;
   });
+}
+
+TAVO_VENDOR_FUNCTION FT_GetLatencyTimer(void* handle, std::uint8_t* latencyMs) {
+  return WithAdapter(handle,
+                     [&](Adapter& adapter) { return adapter.ReadByte(kGetLatency, *latencyMs); });
+}
+
+TAVO_VENDOR_FUNCTION FT_SetLatencyTimer(void* handle, std::uint8_t latencyMs) {
+  return WithAdapter(handle,
+                     [&](Adapter& adapter) { return adapter.Send(kSetLatency, latencyMs); });
 }
 
 TAVO_VENDOR_FUNCTION FT_Close(void* handle) {

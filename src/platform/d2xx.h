@@ -17,6 +17,7 @@ inline constexpr D2xxStatus kD2xxOk = 0;
 inline constexpr D2xxStatus kD2xxDeviceNotFound = 2;   // it is not connected, or no longer
 inline constexpr D2xxStatus kD2xxDeviceNotOpened = 3;  // it is in use
 inline constexpr D2xxStatus kD2xxIoError = 4;
+inline constexpr D2xxStatus kD2xxNotSupported = 17;
 inline constexpr D2xxStatus kD2xxOtherError = 18;  // on Linux: no permission
 
 using D2xxHandle = void*;
@@ -57,6 +58,12 @@ class D2xx {
   // odd, 2 = even, 3 = mark, 4 = space.
   virtual D2xxStatus SetDataCharacteristics(D2xxHandle handle, std::uint8_t wordLength,
                                             std::uint8_t stopBits, std::uint8_t parity) = 0;
+
+  // FT_GetLatencyTimer, FT_SetLatencyTimer: for how long, in milliseconds, the adapter holds back input
+  // that does not fill a packet. It keeps the value until it loses power. kD2xxNotSupported: the
+  // vendor's library is older than these calls.
+  virtual D2xxStatus GetLatencyTimer(D2xxHandle handle, std::uint8_t* latencyMs) = 0;
+  virtual D2xxStatus SetLatencyTimer(D2xxHandle handle, std::uint8_t latencyMs) = 0;
 
   // FT_Close.
   virtual D2xxStatus Close(D2xxHandle handle) = 0;

@@ -355,6 +355,14 @@ class LibftdiD2xx final : public D2xx {
     return IoStatus(result < 0);
   }
 
+  D2xxStatus GetLatencyTimer(D2xxHandle handle, std::uint8_t* latencyMs) override {
+    return IoStatus(ftdi_get_latency_timer(Opened(handle).Ftdi(), latencyMs) < 0);
+  }
+
+  D2xxStatus SetLatencyTimer(D2xxHandle handle, std::uint8_t latencyMs) override {
+    return IoStatus(ftdi_set_latency_timer(Opened(handle).Ftdi(), latencyMs) < 0);
+  }
+
   D2xxStatus Close(D2xxHandle handle) override {
     delete static_cast<Adapter*>(handle);
     return kD2xxOk;

@@ -43,6 +43,9 @@ struct VendorFunctions {
                                    std::uint32_t* transmitQueue, std::uint32_t* eventState);
   D2xxStatus(__stdcall* read)(D2xxHandle handle, void* buffer, std::uint32_t length,
                               std::uint32_t* received);
+  // Missing in old versions.
+  D2xxStatus(__stdcall* getLatencyTimer)(D2xxHandle handle, std::uint8_t* latencyMs);
+  D2xxStatus(__stdcall* setLatencyTimer)(D2xxHandle handle, std::uint8_t latencyMs);
 };
 
 // The vendor's library does not read the texts of an adapter that is open already.
@@ -60,6 +63,8 @@ bool Find(const char* name, Function* function) {
 
 // False when the library is missing or too old.
 bool FindAll(VendorFunctions* vendor) {
+  Find("FT_GetLatencyTimer", &vendor->getLatencyTimer);
+  Find("FT_SetLatencyTimer", &vendor->setLatencyTimer);
   return Find("FT_CreateDeviceInfoList", &vendor->createDeviceInfoList) &&
          Find("FT_GetDeviceInfoList", &vendor->getDeviceInfoList) &&
          Find("FT_Open", &vendor->open) && Find("FT_SetBaudRate", &vendor->setBaudRate) &&
@@ -117,6 +122,16 @@ class VendorD2xx final : public D2xx {
   D2xxStatus SetDataCharacteristics(D2xxHandle handle, std::uint8_t wordLength,
                                     std::uint8_t stopBits, std::uint8_t parity) override {
     return m_vendor.setDataCharacteristics(handle, wordLength, stopBits, parity);
+  }
+
+  D2xxStatus GetLatencyTimer(D2xxHandle handle, std::uint8_t* latencyMs) override {
+    return m_vendor.getLatencyTimer == nullptr ? kD2xxNotSupported
+                                               : m_vendor.getLatencyTimer(handle, latencyMs);
+  }
+
+  D2xxStatus SetLatencyTimer(D2xxHandle handle, std::uint8_t latencyMs) override {
+    return m_vendor.setLatencyTimer == nullptr ? kD2xxNotSupported
+                                               : m_vendor.setLatencyTimer(handle, latencyMs);
   }
 
   D2xxStatus Close(D2xxHandle handle) override { return m_vendor.close(handle); }

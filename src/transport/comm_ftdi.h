@@ -7,7 +7,7 @@
 //   if (ftdi.OpenPort("TAVO0001")) ftdi.SendRawData(bytes, length);
 //
 // It sets baud rate and character format; latency, flow control and buffers keep the adapter's
-// defaults. The send mode makes no difference: the adapter has a buffer of its own.
+// values; a program that wants another latency gives it to the Handle. The send mode makes no difference: the adapter has a buffer of its own.
 #pragma once
 
 #include <string>
@@ -37,6 +37,8 @@ class CCommFTDI : public ICommInterface {
   const std::string& SerialNumber() const { return m_serialNumber; }
 
   bool IsOpen() override { return m_isOpen; }
+  // Of the open adapter; null when none is open.
+  D2xxHandle Handle() const { return m_handle; }
   void Close() override;
 
   // Forgets the adapters found too, and with them the thread that libusb runs for its list.

@@ -30,6 +30,7 @@ class FakeD2xx : public D2xx {
   std::vector<FakeAdapter> adapters;
   std::map<std::string, D2xxStatus> status;  // by function; one that is not here succeeds
   std::uint32_t takesPerWrite = 1000;
+  std::uint8_t latencyMs = 16;
 
   std::vector<std::string> calls;
   std::vector<std::uint8_t> arrivesWhileWaiting;
@@ -72,6 +73,14 @@ class FakeD2xx : public D2xx {
   D2xxStatus SetDataCharacteristics(D2xxHandle, std::uint8_t wordLength, std::uint8_t stopBits,
                                     std::uint8_t parity) override {
     return Record("SetDataCharacteristics", {wordLength, stopBits, parity});
+  }
+  D2xxStatus GetLatencyTimer(D2xxHandle, std::uint8_t* milliseconds) override {
+    *milliseconds = latencyMs;
+    return Record("GetLatencyTimer");
+  }
+  D2xxStatus SetLatencyTimer(D2xxHandle, std::uint8_t milliseconds) override {
+    latencyMs = milliseconds;
+    return Record("SetLatencyTimer", {milliseconds});
   }
   D2xxStatus Close(D2xxHandle) override {
     --handles;

@@ -50,6 +50,10 @@ class SimulatedD2xx : public FakeD2xx {
                                     std::uint8_t stopBits, std::uint8_t parity) override {
     return Control(4, static_cast<std::uint16_t>(wordLength | (parity << 8) | (stopBits << 11)));
   }
+  D2xxStatus SetLatencyTimer(D2xxHandle handle, std::uint8_t milliseconds) override {
+    if (Gone() || Control(9, milliseconds) != kD2xxOk) return kD2xxIoError;
+    return FakeD2xx::SetLatencyTimer(handle, milliseconds);
+  }
   D2xxStatus Close(D2xxHandle handle) override {
     m_adapter.Released(Now());
     return FakeD2xx::Close(handle);

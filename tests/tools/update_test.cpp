@@ -300,6 +300,61 @@ TEST(UpdateCommandDeathTest, ASecondSignalEndsItAtOnce) {
   }
 }
 
+TEST(UpdateCommand, AnAdapterGetsItsLatencyTimerBackOnEveryRoadOut) {
+  const Lines shortened{"GetLatencyTimer", "SetLatencyTimer 1", "SetLatencyTimer 16"};
+  const auto defect = []() -> int { throw std::runtime_error("a defect"); };
+  const auto latencyCalls = [](ToolStation& station) {
+    Lines calls = station.d2xx.TakeCalls();
+    std::erase_if(calls, [](const auto& call) { return call.find("Latency") == call.npos; });
+    return calls;
+  };
+  const struct {
+    const char* command;
+    std::function<void(ToolStation&)> prepare;
+    ExitCode exit;
+    Lines calls;
+  } kRoads[] = {
+      {"update @firmware.hex", [](auto&) {}, Done, shortened},
+      {"recover @firmware.hex", [](auto&) {}, Done, shortened},
+      {"check-device", [](auto&) {}, Done, shortened},
+      {"check-device", [](auto& station) { station.device.Unplug({}, 1h); }, NoDevice, {}},
+      {"info", [](auto&) {}, Done, {}},
+      {"update @firmware.hex --keep-latency", [](auto&) {}, Done, {}},
+      {"update @firmware.hex", [](auto& station) { station.d2xx.failSend = [] { return true; }; },
+       FailedUnknown, shortened},
+      {"update @firmware.hex",
+       [](auto& station) {
+         station.d2xx.failReceive = [&station, polls = 0]() mutable {
+           if (++polls == 20) station.run.Signal(SIGTERM);
+           return false;
+         };
+       },
+       Stopped, shortened},
+      {"update @firmware.hex",
+       [&](auto& station) {
+         station.run.machine.terminal = true;
+         station.run.machine.width = defect;
+       },
+       FailedUnknown, shortened},
+      {"update @firmware.hex",
+       [](auto& station) { station.d2xx.status["GetLatencyTimer"] = kD2xxNotSupported; },
+       Done,
+       {"GetLatencyTimer"}},
+  };
+  for (const auto& road : kRoads) {
+    SCOPED_TRACE(std::string(road.command) + ", exit " +
+                 std::to_string(static_cast<int>(road.exit)));
+    ToolStation station(Options("plain"));
+    road.prepare(station);
+    EXPECT_EQ(station.run(road.command + std::string(" --ftdi TAVO0001")), road.exit)
+        << station.run.Err();
+    EXPECT_EQ(latencyCalls(station), road.calls);
+  }
+  ToolStation library(Options("plain"));
+  EXPECT_TRUE(library.UpdateOverFtdi());
+  EXPECT_EQ(latencyCalls(library), Lines());
+}
+
 // Standard output that fails, and a defect of the tool in the middle of an update.
 TEST(UpdateCommand, AResultThatIsLostIsNoSuccess) {
   ToolStation station(Options("plain"));

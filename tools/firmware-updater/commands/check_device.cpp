@@ -28,6 +28,7 @@ struct Options {
   TargetOptionsValues target{};
   std::string through{};
   std::string file{};  // empty: nothing is written
+  bool shortLatency = true;
   bool json = false;
 };
 
@@ -57,7 +58,7 @@ class DeviceCheck {
     if (!m_options.file.empty()) m_file = CheckedFile(m_options.file);
     m_place.target = ChooseTarget(m_machine, m_options.target);
     if (m_file) Say("This erases the application and writes " + Displayable(m_options.file) + ".");
-    m_session.Open(m_place.target);
+    m_session.Open(m_place.target, m_options.shortLatency);
     Inquiry inquiry(m_session.Transport(), m_platform,
                     [this](const std::string& text) { Say(text); });
     CheckEcho(inquiry, m_place, "check-device");
@@ -253,6 +254,7 @@ void AddCheckDeviceCommand(CLI::App& app, const Machine& machine, ExitCode& exit
                                      "Check erasing and writing too: ERASES the application, then "
                                      "writes this update file, which also names the tunnel");
   AddThroughOption(command, options->through).Excludes(Option(write).Shown("FILE").NotEmpty());
+  AddLatencyOption(command, options->shortLatency);
   command.Flag("--json", options->json, "Write one JSON document");
   command.Footer(
       "For those who build devices. A running application is asked first, then its bootloader; "

@@ -156,7 +156,7 @@ class Work {
     if (m_platform.HasLost()) WarnOfLoss(kLogLost);
   }
 
-  void Open() { m_session.Open(m_task.target); }
+  void Open(bool shortLatency) { m_session.Open(m_task.target, shortLatency); }
 
   // The echo needs no device, so it is the first thing to know: without it, our own requests would be
   // taken for answers, and with too much of it, answers for echoes.
@@ -659,7 +659,7 @@ class UpdateRun {
               {m_record.purpose, m_options.file, m_record.device->target, flags}, report, log,
               *m_view);
     work.CheckEvidence(m_options);
-    work.Open();
+    work.Open(m_options.shortLatency);
     m_record.state = NothingChanged("The device was only asked questions; nothing was changed.");
     work.CheckEcho();
     if (!flags.checkIdentity) {
@@ -696,6 +696,7 @@ ExitCode ExitOf(const Machine& machine, const ClosingState& state) {
 void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
   command.Value("FILE", to.file, "Update file: .hex, or .zip with .hex files inside").Required();
   AddTargetOptions(command, to.target);
+  AddLatencyOption(command, to.shortLatency);
   command
       .FlagOrValue("--wait", "86400", to.wait,
                    "Wait for the device to be connected, for a day or SECONDS")

@@ -16,7 +16,8 @@ namespace tavo::tool {
 struct UpdateOptions {
   std::string file{};
   TargetOptionsValues target{};
-  std::string wait{};  // seconds for the device to be connected; empty: it is now
+  std::string wait{};        // seconds for the device to be connected; empty: it is now
+  bool shortLatency = true;  // of an adapter
   UpdateFlags flags{};
   bool json = false;
   bool verbose = false;
