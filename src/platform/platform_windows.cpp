@@ -9,6 +9,7 @@
 #include "platform/memory.h"
 #include "platform/platform.h"
 #include "platform/undying.h"
+#include "platform/utf16_windows.h"
 
 namespace tavo {
 namespace {
@@ -29,22 +30,13 @@ std::optional<std::wstring> Widen(UINT codePage, DWORD flags, std::string_view t
   return wide;
 }
 
-// A host that does not use UTF-8 passes its texts in the machine's code page. Letters beyond ASCII
-// practically never form valid UTF-8 there, which distinguishes the two.
+}  // namespace
+
 std::wstring WidenText(std::string_view text) {
   if (auto wide = Widen(CP_UTF8, MB_ERR_INVALID_CHARS, text)) return *wide;
   return Widen(CP_ACP, 0, text).value_or(std::wstring());
 }
 
-// A console has its own code page, which would show other letters.
-void PrintToConsole(HANDLE console, std::string_view text) {
-  const std::wstring wide = WidenText(text);
-  DWORD written = 0;
-  WriteConsoleW(console, wide.data(), static_cast<DWORD>(wide.size()), &written, nullptr);
-}
-
-// The path unchanged if its absolute form is short enough. A longer one opens only in its extended
-// form, unless both host and machine have enabled long paths.
 std::wstring SystemPath(std::string_view path) {
   std::wstring wide = WidenText(path);
   std::wstring full(kMaxPathLength, L'\0');
@@ -63,6 +55,15 @@ std::string ToUtf8(std::wstring_view wide) {
   std::string text(static_cast<std::size_t>(needed), '\0');
   WideCharToMultiByte(CP_UTF8, 0, wide.data(), size, text.data(), needed, nullptr, nullptr);
   return text;
+}
+
+namespace {
+
+// A console has its own code page, which would show other letters.
+void PrintToConsole(HANDLE console, std::string_view text) {
+  const std::wstring wide = WidenText(text);
+  DWORD written = 0;
+  WriteConsoleW(console, wide.data(), static_cast<DWORD>(wide.size()), &written, nullptr);
 }
 
 constexpr DWORD kSharing = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;

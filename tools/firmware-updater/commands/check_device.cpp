@@ -12,11 +12,11 @@
 #include "device/place.h"
 #include "device/session.h"
 #include "device/target_choice.h"
+#include "system/interrupts.h"
 #include "text/json.h"
 #include "text/log_platform.h"
 #include "text/text_format.h"
 #include "update/fit.h"
-#include "update/interrupts.h"
 #include "update/update_checks.h"
 
 namespace tavo::tool {

@@ -1,13 +1,8 @@
-// The command "simulate": a simulated device, for another terminal or for one command. The command is a
-// child process. It gets Ctrl-C, and the device lives until it has ended.
-#include <spawn.h>
+// The command "simulate": a simulated device, for another terminal or for one command. The device
+// lives until the command has ended.
 #include <sys/eventfd.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <array>
-#include <csignal>
-#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <memory>
@@ -23,11 +18,13 @@
 #include "device/target.h"
 #include "platform/platform.h"
 #include "simulator/served_device.h"
+#include "system/process.h"
+#include "system/system.h"
 
 namespace tavo::tool {
 namespace {
 
-using Words = std::vector<std::string>;
+using Words = Process::Words;
 
 constexpr const char* kAddresses = "TAVO_SIMULATORS";
 constexpr const char* kLibraryPath = "LD_LIBRARY_PATH";
@@ -60,88 +57,26 @@ std::string SubstituteFolder(Platform& platform) {
   return {};
 }
 
-std::string Environment(const char* name) {
-  const char* const value = std::getenv(name);
-  return value == nullptr ? std::string() : value;
-}
-
 // Devices that the environment shows already stay visible, so that simulators can be nested.
-void ShowToChildren(const std::string& address, const std::string& substitute) {
+Words EnvironmentWith(const std::string& address, const std::string& substitute) {
   const std::string addresses = Environment(kAddresses);
   const std::string path = Environment(kLibraryPath);
-  setenv(kAddresses, (addresses.empty() ? address : addresses + "," + address).c_str(), 1);
-  setenv(kLibraryPath, (path.empty() ? substitute : substitute + ":" + path).c_str(), 1);
+  return {kAddresses + ("=" + (addresses.empty() ? address : addresses + "," + address)),
+          kLibraryPath + ("=" + (path.empty() ? substitute : substitute + ":" + path))};
 }
 
-// Keeps signals waiting while it lives.
-class SignalPause {
- public:
-  SignalPause() {
-    sigset_t all;
-    sigfillset(&all);
-    sigprocmask(SIG_SETMASK, &all, &m_before);
-  }
-  ~SignalPause() { sigprocmask(SIG_SETMASK, &m_before, nullptr); }
-  SignalPause(const SignalPause&) = delete;
-  SignalPause& operator=(const SignalPause&) = delete;
-
-  const sigset_t& Before() const { return m_before; }
-
- private:
-  sigset_t m_before{};
-};
-
-// The process id, or 0 with `failure` set. "firmware-updater" is this very program, in any folder.
-pid_t Spawn(Words words, const sigset_t& signals, Platform& platform, int& failure) {
-  const std::string program =
-      words.front() == "firmware-updater" ? platform.ExecutablePath() : words.front();
-  std::vector<char*> pointers;
-  for (std::string& word : words) pointers.push_back(word.data());
-  pointers.push_back(nullptr);
-  posix_spawnattr_t attributes;
-  posix_spawnattr_init(&attributes);
-  posix_spawnattr_setsigmask(&attributes, &signals);
-  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK);
-  pid_t pid = 0;
-  failure = posix_spawnp(&pid, program.c_str(), nullptr, &attributes, pointers.data(), environ);
-  posix_spawnattr_destroy(&attributes);
-  return failure == 0 ? pid : 0;
-}
-
-// For the signal handler, which gets no object.
-volatile std::sig_atomic_t g_command = 0;
-
-// The terminal signals the command as well; other signals arrive here only and are passed on.
-void LeaveSignalsTo(pid_t command) {
-  g_command = command;
-  for (const int signal : {SIGINT, SIGQUIT}) std::signal(signal, SIG_IGN);
-  for (const int signal : {SIGTERM, SIGHUP})
-    std::signal(signal, [](int number) { kill(g_command, number); });
-}
-
-// The process id; from here on signals go to the command. Throws std::system_error when it cannot be
-// started.
-pid_t Start(const Words& words, Platform& platform) {
-  const SignalPause pause;  // no signal is lost between here and the command
-  int failure = 0;
-  const pid_t command = Spawn(words, pause.Before(), platform, failure);
-  if (failure != 0) throw std::system_error(failure, std::generic_category(), words.front());
-  LeaveSignalsTo(command);
-  return command;
-}
-
-// Serves while the command runs. Returns its exit code, or 128 + the signal that ended it.
-int ServeUntilEnd(tavosim::ServedDevice& device, pid_t command) {
+// Serves while the command runs. Returns its exit code.
+int ServeUntilEnd(tavosim::ServedDevice& device, Process& command) {
   const tavosim::usbip::Socket ended(eventfd(0, EFD_CLOEXEC));
-  int status = 0;
+  int exitCode = 0;
   {
     const std::jthread waiter([&] {
-      waitpid(command, &status, 0);
+      exitCode = command.Wait();
       eventfd_write(ended.Fd(), 1);
     });
     device.Run(ended.Fd());
   }
-  return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  return exitCode;
 }
 
 // A kernel can attach the device without the substitute.
@@ -156,24 +91,24 @@ ExitCode ServeOthers(tavosim::ServedDevice& device, const std::string& address,
   return ExitCode::Done;
 }
 
-ExitCode RunBeside(tavosim::ServedDevice& device, const Words& words, const Machine& machine) {
-  pid_t command = 0;
+ExitCode RunBeside(tavosim::ServedDevice& device, const Words& words, const Words& environment,
+                   const Machine& machine) {
+  std::optional<Process> command;
   try {
-    command = Start(words, machine.platform);
+    command.emplace(words, environment);
   } catch (const std::system_error& error) {
     Complain(machine, error.what(),
              "write a command and its arguments after --, for example: -- env");
     return ExitCode::Usage;
   }
-  return static_cast<ExitCode>(ServeUntilEnd(device, command));
+  return static_cast<ExitCode>(ServeUntilEnd(device, *command));
 }
 
 ExitCode Serve(tavosim::ServedDevice& device, const Words& words, int endFd, const Machine& machine,
                const std::string& substitute) {
   const std::string address = "127.0.0.1:" + std::to_string(device.Port());
   if (!words.empty()) {
-    ShowToChildren(address, substitute);
-    return RunBeside(device, words, machine);
+    return RunBeside(device, words, EnvironmentWith(address, substitute), machine);
   }
   return ServeOthers(device, address, substitute, endFd, machine);
 }

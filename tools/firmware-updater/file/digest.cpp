@@ -1,22 +1,15 @@
 #include "file/digest.h"
 
-#include <openssl/evp.h>
-
-#include <array>
-
+#include "system/system.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {
 
 std::string Sha256(std::span<const std::uint8_t> bytes) {
-  std::array<std::uint8_t, EVP_MAX_MD_SIZE> digest{};
-  unsigned size = 0;
-  if (bytes.empty() ||
-      EVP_Digest(bytes.data(), bytes.size(), digest.data(), &size, EVP_sha256(), nullptr) != 1) {
-    return {};
-  }
+  const auto digest = bytes.empty() ? std::nullopt : Sha256Of(bytes);
   std::string text;
-  for (const std::uint8_t byte : std::span(digest).first(size)) text += Format("%02x", byte);
+  if (!digest) return text;
+  for (const std::uint8_t byte : *digest) text += Format("%02x", byte);
   return text;
 }
 

@@ -1,46 +1,27 @@
 #include "text/log_platform.h"
 
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <cstdlib>
 #include <filesystem>
 #include <ostream>
 #include <string_view>
 #include <system_error>
 #include <utility>
 
+#include "system/system.h"
+
 namespace tavo::tool {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr const char* kNoFile = "/dev/null";
 constexpr std::size_t kLongestName = 100;
 constexpr std::string_view kNameSigns =
     "-.0123456789ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz";
-
-fs::path StateFolder() {
-  // A relative path counts as none, as the convention for this variable demands.
-  if (const char* const state = std::getenv("XDG_STATE_HOME"); state != nullptr && *state == '/') {
-    return state;
-  }
-  const char* const home = std::getenv("HOME");
-  if (home == nullptr || *home == '\0') return {};
-  return fs::path(home) / ".local" / "state";
-}
 
 fs::path NearestExisting(fs::path folder) {
   std::error_code ignored;
   while (!fs::exists(folder, ignored) && folder.has_relative_path()) folder = folder.parent_path();
   return folder;
-}
-
-// Files of ours in another user's folder would be in that user's way, and that user could replace them.
-bool IsOurs(const fs::path& folder) {
-  struct stat status {};
-  return stat(folder.c_str(), &status) == 0 && status.st_uid == geteuid();
 }
 
 }  // namespace
@@ -60,7 +41,7 @@ void LogPlatform::Print(std::string_view text) {
 }
 
 FileHandle LogPlatform::OpenLog(const std::string& /*path*/, Links links) {
-  return m_machine.OpenLog(kNoFile, links);
+  return m_machine.OpenLog(kNullFile, links);
 }
 
 LogFile DefaultLog(std::string device) {

@@ -1,13 +1,9 @@
 #include "update/update_run.h"
 
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <atomic>
 #include <chrono>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
@@ -23,11 +19,12 @@
 #include "device/session.h"
 #include "file/package_report.h"
 #include "platform/platform.h"
+#include "system/interrupts.h"
+#include "system/system.h"
 #include "text/log_platform.h"
 #include "text/text_format.h"
 #include "update/failure.h"
 #include "update/fit.h"
-#include "update/interrupts.h"
 #include "update/update_checks.h"
 #include "update/views.h"
 #include "update/wire_record.h"
@@ -61,20 +58,6 @@ std::string_view FlashIn(Phase phase, bool written) {
     default: break;
   }
   return written ? "the firmware is completely written" : "nothing has been written yet";
-}
-
-// Whether a short text can be written without waiting for somebody to read.
-bool TakesText(int descriptor) {
-  constexpr int kPatienceMs = 200;
-  pollfd screen{descriptor, POLLOUT, 0};
-  return poll(&screen, 1, kPatienceMs) == 1;
-}
-
-// Goes to the screen past every buffer and lock: their owner may wait for ever.
-void SayLast(const std::string& text) {
-  if (TakesText(STDERR_FILENO) && write(STDERR_FILENO, text.data(), text.size()) < 0) {
-    return;  // nobody reads it
-  }
 }
 
 using Fact = std::int32_t DeviceFacts::*;
@@ -518,13 +501,13 @@ class Work {
   // In another thread, which must wait for nothing that the update may hold.
   void OnInterrupt(int number) {
     if (m_exit >= 0) {
-      if (!TakesText(STDOUT_FILENO)) std::_Exit(m_exit);  // the record waits for a reader
+      if (!OutputTakesText()) std::_Exit(m_exit);  // the record waits for a reader
       return;
     }
     if (number == 1) {
       m_course.Stop();
       m_recorder.Stop();
-      if (!TakesText(STDOUT_FILENO)) return;
+      if (!OutputTakesText()) return;
       m_view.Note("Stopping before the next request; " +
                   std::string(FlashIn(m_course.Current(), m_written)) +
                   ". Ctrl-C again ends the program at once, in the middle of its work.");
@@ -570,11 +553,6 @@ std::string AbsolutePath(const std::string& path) {
   std::error_code error;
   const std::filesystem::path absolute = std::filesystem::absolute(path, error);
   return error ? path : absolute.lexically_normal().string();
-}
-
-std::string HostName() {
-  std::array<char, 256> name{};
-  return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
 }
 
 // The result has room for one value of each name.
@@ -730,9 +708,7 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
 }
 
 ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options) {
-  // Neither a reader that goes away nor a full quota may end the program in the middle of an update.
-  std::signal(SIGPIPE, SIG_IGN);
-  std::signal(SIGXFSZ, SIG_IGN);
+  SurviveLostOutput();
   return ExitOf(machine, UpdateRun(machine, purpose, options).Run().state);
 }
 

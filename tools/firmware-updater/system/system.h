@@ -1,0 +1,73 @@
+// The tool's seam to the operating system: streams and terminal, environment, folders, digest. Beside it,
+// interrupts.h has the requests to stop, and process.h the child processes. system_posix.cpp and
+// system_windows.cpp implement all three; only they include system headers. Texts and paths are UTF-8.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tavo::tool {
+
+// --- the program ---
+
+// Comes first in main. A standard stream that was closed by whoever started the program would be the next
+// file that is opened, a device or the log, and get what is meant for the user: here writing to it fails.
+// From here on std::cout and std::cerr take UTF-8.
+void PrepareStreams();
+
+// The words of the command line, the program's name first.
+std::vector<std::string> CommandLineWords(int argc, const char* const* argv);
+
+// Empty without such a variable.
+std::string Environment(const char* name);
+
+// Neither a reader that goes away nor a full quota ends the program from here on: writing only fails.
+void SurviveLostOutput();
+
+// --- the terminal ---
+
+// Whether standard output is a terminal on which lines can be redrawn, in colours.
+bool IsTerminal();
+
+// Of that terminal at this moment, in characters; 80 when the system does not report it.
+int TerminalWidth();
+
+// Whether a short text can be written to standard output now or in a moment, without waiting for somebody
+// to read.
+bool OutputTakesText();
+
+// Writes to standard error past every buffer and lock, as their owner may wait for ever; nothing when that
+// would wait as well.
+void SayLast(std::string_view text);
+
+// --- files ---
+
+inline constexpr const char* kNullFile =
+#ifdef _WIN32
+    "NUL";
+#else
+    "/dev/null";
+#endif
+
+// The folder for the logs of programs; empty when the system names none.
+std::filesystem::path StateFolder();
+
+// Files of ours in another user's folder would be in that user's way, and that user could replace them.
+bool IsOurs(const std::filesystem::path& folder);
+
+// --- facts ---
+
+// Empty when the system does not report it.
+std::string HostName();
+
+// None when the system's cryptography refuses.
+using Sha256Digest = std::array<std::uint8_t, 32>;
+std::optional<Sha256Digest> Sha256Of(std::span<const std::uint8_t> bytes);
+
+}  // namespace tavo::tool
