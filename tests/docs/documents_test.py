@@ -163,6 +163,7 @@ def check_error_codes(_: Path) -> None:
     names = {numbers[code]: name for code, name in re.findall(r'\{ErrorCode::(\w+), "(.+?)"', source)}
     expect(len(names) > 10, "the table of error codes is not understood")
     for name, pattern in (("include/firmware_updater.h", r"^ \* \| +(\d+) +\|"),
+                          ("examples/update_host.cs", r"^ +\{(\d+), \""),
                           ("docs/troubleshooting.md", r"^\| (\d+) \|")):
         found = re.findall(pattern, (ROOT / name).read_text(encoding="utf-8"), re.M)
         expect(found == sorted(names, key=int), f"{name} has the codes {found}")

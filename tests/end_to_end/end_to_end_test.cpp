@@ -170,14 +170,47 @@ TEST(EndToEndMinimal, TheMinimalHostUpdatesTheDevice) {
   });
 }
 
-TEST(EndToEndExamples, TheHostInPythonUpdatesTheDevice) {
+void ExpectUpdates(Words (ProcessStation::*host)() const) {
   for (const Words& words : {Words{"usb", ""}, Words{"ftdi", "", "19200"}}) {
     ExpectUpdate(words[0], "updated\n", [&](const ProcessStation& station) {
-      EXPECT_NE(station.RunPython("update_host.py", {"list"}).console, "")
-          << "a line for the device";
-      return station.RunPython("update_host.py", words + Words{"firmware.hex"});
+      const Words command = (station.*host)();
+      EXPECT_NE(station.RunCommand(command + Words{"list"}).console, "") << "a line for the device";
+      return station.RunCommand(command + words + Words{"firmware.hex"});
     });
   }
+}
+
+TEST(EndToEndExamples, TheHostInPythonUpdatesTheDevice) {
+  ExpectUpdates(&ProcessStation::PythonHost);
+}
+
+TEST(EndToEndExamples, TheHostInCSharpUpdatesTheDevice) {
+  ExpectUpdates(&ProcessStation::CSharpHost);
+}
+
+// Mono sees Ctrl-C only on a terminal, and asks that for the place of its cursor first.
+TEST(EndToEndExamples, TheHostInCSharpStopsOnCtrlCAndNamesTheCauseOfAFailure) {
+  ProcessStation station;
+  ASSERT_TRUE(station.MakeFirmware("plain"));
+  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "20"}));
+  const Words host = station.CSharpHost();
+  const Result stopped =
+      station.RunCommand({"sh", "-c",
+                          "{ printf '\\033[1;1R'; for n in $(seq 200); do grep -q 'progress 1' "
+                          "console.txt && break; sleep 0.1; done;"
+                          " printf '\\003'; } | script -qec 'exec " +
+                              host[0] + " " + host[1] + " usb \"\" firmware.hex' /dev/null"});
+  EXPECT_EQ(stopped.exitCode, 1);
+  EXPECT_NE(stopped.console.find("\nstopped\n"), std::string::npos) << stopped.console;
+  EXPECT_FALSE(station.FlashHoldsFirmware());
+
+  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--ftdi"}));
+  const Result refused = station.RunCommand(host + Words{"ftdi", "", "19200", "image.bin"});
+  EXPECT_EQ(refused.exitCode, 1);
+  EXPECT_TRUE(
+      refused.console.ends_with("\nfailed: the update file holds no valid firmware, or none "
+                                "that matches the device\n"))
+      << refused.console;
 }
 
 }  // namespace

@@ -67,23 +67,35 @@ class ProcessStation {
       CopyHere(m_windowsBuild + "/substitute/libusb-1.0.dll");
       CopyHere(m_windowsBuild + "/substitute/FTD2XX.dll");
     }
-    return RunCommand(command, arguments, Environment());
+    return RunCommand(command + arguments);
   }
 
-  // Runs an example in Python, never under Wine. The interpreter is a copy too, and needs PYTHONHOME.
-  Result RunPython(const std::string& example, const Words& arguments) const {
-    const Words command{CopyHere(std::filesystem::canonical("/usr/bin/python3")),
-                        TAVO_SOURCE_DIR "/examples/" + example,
-                        TAVO_BUILD_DIR "/lib/libFirmwareUpdater.so"};
-    Words environment = Environment();
-    environment.push_back("PYTHONHOME=/usr");
-    return RunCommand(command, arguments, environment);
+  // The example hosts that an interpreter runs, as commands; never under Wine. The interpreter is a copy
+  // in the station's folder too, so that the log lies there.
+  Words PythonHost() const {
+    return {CopyHere(std::filesystem::canonical("/usr/bin/python3")),
+            TAVO_SOURCE_DIR "/examples/update_host.py",
+            TAVO_BUILD_DIR "/lib/libFirmwareUpdater.so"};
   }
-  // Starts a program of this system, which then runs beside the test.
-  ChildProcess Start(const std::string& program, const Words& arguments) const {
-    Words command{CopyHere(Program(program))};
-    command.insert(command.end(), arguments.begin(), arguments.end());
+  Words CSharpHost() const {
+    CopyHere(TAVO_BUILD_DIR "/lib/libFirmwareUpdater.so");
+    return {CopyHere(std::filesystem::canonical("/usr/bin/mono")),
+            CopyHere(Program("update_host.exe"))};
+  }
+  Result RunCommand(const Words& command) const {
+    ChildProcess host = Start(command);
+    const std::optional<int> exitCode = host.Wait(kLongest);
+    std::string console = host.Output();
+    std::erase(console, '\r');  // the runtime of a Windows host writes it
+    return {exitCode, console};
+  }
+  // Starts a command, which then runs beside the test.
+  ChildProcess Start(const Words& command) const {
     return ChildProcess(folder, command, Environment(), "console.txt");
+  }
+  // The same for a program of this system.
+  ChildProcess Start(const std::string& program, const Words& arguments) const {
+    return Start(Words{CopyHere(Program(program))} + arguments);
   }
   Result RunHost(const Words& arguments) const { return Run("update-host", arguments); }
 
@@ -127,16 +139,9 @@ class ProcessStation {
     std::filesystem::copy_file(file, copy, std::filesystem::copy_options::overwrite_existing);
     return copy;
   }
-  Result RunCommand(Words command, const Words& arguments, const Words& environment) const {
-    command.insert(command.end(), arguments.begin(), arguments.end());
-    ChildProcess host(folder, command, environment, "console.txt");
-    const std::optional<int> exitCode = host.Wait(kLongest);
-    std::string console = host.Output();
-    std::erase(console, '\r');  // the runtime of a Windows host writes it
-    return {exitCode, console};
-  }
   Words Environment() const {
     return {"PATH=/usr/sbin:/usr/bin:/sbin:/bin",
+            "PYTHONHOME=/usr",  // a copy of the interpreter does not find its files by itself
             "LD_LIBRARY_PATH=" TAVO_BUILD_DIR "/substitute",
             "TAVO_SIMULATORS=" + m_addresses,
             "XDG_STATE_HOME=" + (folder / "state").string(),
