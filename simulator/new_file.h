@@ -5,21 +5,20 @@
 #include <filesystem>
 #include <string_view>
 
-#include "simulator/usbip/socket.h"
+#include "simulator/open_file.h"
 
 namespace tavosim {
 
 // A file that appears under its name only when it is complete. Until then it has a random name in the
-// same folder; without Name it is removed at the end. Linux only.
+// same folder; without Name it is removed at the end.
 //
-//   NewFile file(path, NewFile::Existing::Keep);
+//   NewFile file(path, Existing::Keep);
 //   file.Write(bytes);
 //   file.Name();
 class NewFile {
  public:
-  enum class Existing { Keep, Replace };  // a file, or a link, that has the name at construction
-
-  // Throws std::runtime_error, with a text for the user, when the folder cannot be written.
+  // Keep or replace a file, or a link, that has the name at construction. Throws std::runtime_error,
+  // with a text for the user, when the folder cannot be written.
   NewFile(std::filesystem::path path, Existing existing);
   NewFile(NewFile&& other) noexcept;
   NewFile& operator=(NewFile&&) = delete;
@@ -37,15 +36,22 @@ class NewFile {
  private:
   std::filesystem::path m_path;
   std::filesystem::path m_temporary{};
-  bool m_replaces = false;
-  usbip::Socket m_file{};
+  Existing m_existing;
+  OpenFile m_file{};
 };
 
-// Opens a regular file to append to, and creates it if needed. Throws std::runtime_error for a link or
-// anything else that is not a regular file.
-usbip::Socket OpenToAppend(const std::filesystem::path& path);
+// A regular file that grows at its end, created if needed.
+class GrowingFile {
+ public:
+  // Throws std::runtime_error for a link or anything else that is not a regular file.
+  explicit GrowingFile(std::filesystem::path path);
 
-// Throws std::runtime_error, naming `path`, when not all of it can be written.
-void WriteAll(const usbip::Socket& file, std::string_view bytes, const std::filesystem::path& path);
+  // Throws std::runtime_error when not all of it can be written.
+  void Append(std::string_view bytes) const;
+
+ private:
+  std::filesystem::path m_path;
+  OpenFile m_file{};
+};
 
 }  // namespace tavosim

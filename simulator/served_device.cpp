@@ -1,10 +1,7 @@
 #include "simulator/served_device.h"
 
-#include <sys/signalfd.h>
-
 #include <algorithm>
 #include <charconv>
-#include <csignal>
 #include <ostream>
 
 #include "simulator/cdc_function.h"
@@ -113,7 +110,8 @@ std::unique_ptr<UsbDevice> MakeFront(Device& device, const SimulatorArguments& f
 }
 
 void WritePortFile(std::uint16_t port, const std::string& portFile) {
-  NewFile file(portFile, NewFile::Existing::Replace);  // a waiting reader never sees half a number
+  // A waiting reader never sees half a number.
+  NewFile file(PathOf(portFile), Existing::Replace);
   file.Write(std::to_string(port) + "\n");
   file.Name();
 }
@@ -154,7 +152,7 @@ ServedDevice::ServedDevice(const SimulatorArguments& arguments, std::ostream& me
     : m_device(OptionsOf(arguments), FaultsOf(arguments)),
       m_front(MakeFront(m_device, arguments)),
       m_server(*m_front, ServerOptionsFor(arguments, messages)) {
-  if (!arguments.state.empty()) m_state.emplace(arguments.state, m_device);
+  if (!arguments.state.empty()) m_state.emplace(PathOf(arguments.state), m_device);
   if (!arguments.portFile.empty()) WritePortFile(m_server.Port(), arguments.portFile);
 }
 
@@ -168,15 +166,6 @@ usbip::ServerOptions ServedDevice::ServerOptionsFor(const SimulatorArguments& ar
     if (m_state) m_state->Update(now);
   };
   return options;
-}
-
-usbip::Socket EndSignal() {
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGINT);
-  sigaddset(&signals, SIGTERM);
-  sigprocmask(SIG_BLOCK, &signals, nullptr);
-  return usbip::Socket(signalfd(-1, &signals, SFD_CLOEXEC));
 }
 
 }  // namespace tavosim

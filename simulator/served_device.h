@@ -1,18 +1,17 @@
-// A simulated device with everything that a user asked for, behind a USB/IP server. Linux only, as
-// the server is.
+// A simulated device with everything that a user asked for, behind a USB/IP server.
 //
 //   SimulatorArguments arguments;
 //   arguments.family = "drive";
-//   const usbip::Socket end = EndSignal();
 //   ServedDevice device(arguments, std::cerr);
 //   std::cout << device.Port();
-//   device.Run(end.Fd());
+//   device.Run(stop.get_token());
 #pragma once
 
 #include <cstdint>
 #include <iosfwd>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -20,11 +19,10 @@
 #include "simulator/state_directory.h"
 #include "simulator/usb_device.h"
 #include "simulator/usbip/server.h"
-#include "simulator/usbip/socket.h"
 
 namespace tavosim {
 
-// The texts have passed the functions below.
+// The texts have passed the functions below; paths are UTF-8.
 struct SimulatorArguments {
   std::string family = "plain";  // FamilyCalled
   bool ftdi = false;             // behind an FTDI adapter instead of its own USB function
@@ -83,8 +81,8 @@ class ServedDevice {
 
   std::uint16_t Port() const { return m_server.Port(); }
 
-  // Serves until `stopFd` becomes readable. Throws std::exception when the state cannot be kept.
-  void Run(int stopFd) { m_server.Run(stopFd); }
+  // Serves until a stop is requested. Throws std::exception when the state cannot be kept.
+  void Run(const std::stop_token& stop) { m_server.Run(stop); }
 
  private:
   usbip::ServerOptions ServerOptionsFor(const SimulatorArguments& arguments,
@@ -95,9 +93,5 @@ class ServedDevice {
   std::optional<StateDirectory> m_state{};
   usbip::Server m_server;
 };
-
-// Becomes readable when the process is asked to end (SIGINT, SIGTERM); these signals then no longer
-// end it by themselves.
-usbip::Socket EndSignal();
 
 }  // namespace tavosim

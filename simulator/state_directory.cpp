@@ -9,8 +9,6 @@
 #include <string_view>
 #include <utility>
 
-#include "simulator/new_file.h"
-
 namespace tavosim {
 namespace {
 
@@ -40,7 +38,7 @@ std::string Read(const fs::path& file) {
 }
 
 void Replace(const fs::path& path, std::string_view content) {
-  NewFile file(path, NewFile::Existing::Replace);
+  NewFile file(path, Existing::Replace);
   file.Write(content);
   file.Name();
 }
@@ -92,8 +90,8 @@ StateDirectory::StateDirectory(fs::path directory, Device& device)
   if (error) Fail(m_directory, "cannot be created; choose another --state");
   if (fs::exists(m_directory / kStateFile)) Restore();
   Save(m_device.Save());
-  m_journal = OpenToAppend(m_directory / kJournalFile);
-  WriteJournal("   seconds   number  request\n");
+  m_journal.emplace(m_directory / kJournalFile);
+  m_journal->Append("   seconds   number  request\n");
 }
 
 void StateDirectory::Restore() {
@@ -126,11 +124,7 @@ void StateDirectory::Update(SimTime now) {
   std::string lines;
   for (const Exchange& exchange : m_device.Journal()) lines += Line(exchange) + '\n';
   m_device.ClearJournal();
-  WriteJournal(lines);
-}
-
-void StateDirectory::WriteJournal(std::string_view text) const {
-  WriteAll(m_journal, text, m_directory / kJournalFile);
+  m_journal->Append(lines);
 }
 
 void StateDirectory::Save(const Snapshot& snapshot) {

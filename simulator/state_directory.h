@@ -6,10 +6,10 @@
 #pragma once
 
 #include <filesystem>
-#include <string_view>
+#include <optional>
 
 #include "simulator/device.h"
-#include "simulator/usbip/socket.h"
+#include "simulator/new_file.h"
 
 namespace tavosim {
 
@@ -26,13 +26,12 @@ class StateDirectory {
  private:
   void Restore();
   void Save(const Snapshot& snapshot);
-  void WriteJournal(std::string_view text) const;
 
   std::filesystem::path m_directory;
   Device& m_device;
   Snapshot m_saved;
   DeviceState m_lastState = DeviceState::None;
-  usbip::Socket m_journal{};
+  std::optional<GrowingFile> m_journal{};
 };
 
 }  // namespace tavosim

@@ -192,8 +192,8 @@ std::optional<Bytes> Connection::Await(std::size_t size, Clock::time_point deadl
 
 bool Connection::WaitFor(Readiness what, Clock::time_point deadline) {
   const auto left = deadline - Clock::now();
-  const SocketFd fd = m_socket.Fd();
-  return left > Clock::duration::zero() && WaitUntilReady({&fd, 1}, what, left);
+  Watch watch{m_socket.Fd(), what};
+  return left > Clock::duration::zero() && WaitUntilReady({&watch, 1}, left);
 }
 
 }  // namespace tavosim::substitute

@@ -176,12 +176,12 @@ void TakeAnswers(libusb_device_handle& handle) {
 }
 
 void Wait(const libusb_context& context, Clock::time_point limit) {
-  std::vector<SocketFd> sockets;
+  std::vector<Watch> sockets;
   for (const libusb_device_handle* handle : context.handles) {
-    if (!handle->lost) sockets.push_back(handle->connection.Fd());
+    if (!handle->lost) sockets.push_back({handle->connection.Fd(), Readiness::Input});
     limit = NextDeadline(*handle, limit);
   }
-  WaitUntilReady(sockets, Readiness::Input, limit - Clock::now());
+  WaitUntilReady(sockets, limit - Clock::now());
 }
 
 void Advance(libusb_context& context) {

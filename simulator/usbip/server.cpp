@@ -1,15 +1,9 @@
 #include "simulator/usbip/server.h"
 
-#include <netinet/in.h>
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <optional>
 #include <stdexcept>
-#include <system_error>
 
 namespace tavosim::usbip {
 namespace {
@@ -25,10 +19,6 @@ constexpr std::size_t kDeviceDescriptorSize = 18;  // USB 2.0, 9.6.1
 constexpr std::uint8_t kInterfaceDescriptorType = 4;
 constexpr std::size_t kInterfaceDescriptorSize = 9;
 constexpr std::uint8_t kSetConfiguration = 9;
-
-constexpr std::size_t kStopPoll = 0;
-constexpr std::size_t kListenerPoll = 1;
-constexpr std::size_t kFirstPeerPoll = 2;
 
 struct InterfaceClass {
   std::uint8_t number, interfaceClass, subClass, protocol;
@@ -47,29 +37,6 @@ std::vector<InterfaceClass> Interfaces(ByteView configuration) {
   return found;
 }
 
-Socket Listen(std::uint16_t port) {
-  Socket listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-  const int on = 1;
-  setsockopt(listener.Fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_port = htons(port);
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (bind(listener.Fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
-      listen(listener.Fd(), SOMAXCONN) != 0)
-    throw std::system_error(
-        errno, std::generic_category(),
-        "cannot listen on 127.0.0.1:" + std::to_string(port) + ", choose another port");
-  return listener;
-}
-
-std::uint16_t PortOf(const Socket& listener) {
-  sockaddr_in address{};
-  socklen_t size = sizeof address;
-  getsockname(listener.Fd(), reinterpret_cast<sockaddr*>(&address), &size);
-  return ntohs(address.sin_port);
-}
-
 SetupPacket DecodeSetup(const std::array<std::uint8_t, 8>& raw) {
   const auto word = [&raw](std::size_t at) {
     return static_cast<std::uint16_t>(raw[at] | raw[at + 1] << 8);  // USB is little-endian
@@ -84,22 +51,28 @@ std::int32_t StatusOf(UsbStatus status) {
 }  // namespace
 
 Server::Server(UsbDevice& device, ServerOptions options)
-    : m_device(device), m_options(std::move(options)), m_listener(Listen(m_options.port)) {
+    : m_device(device), m_options(std::move(options)), m_listener(ListenOn(m_options.port)) {
   if (ParseBusId(m_options.busId).empty())
     throw std::invalid_argument("\"" + m_options.busId + "\" is no bus id such as 1-4.2");
   m_port = PortOf(m_listener);
 }
 
-void Server::Run(int stopFd) {
-  do {
+void Server::Run(const std::stop_token& stop) {
+  // A connection of its own ends the wait for the others.
+  const std::stop_callback wake(stop, [this] {
+    ConnectTo(ParseIp("127.0.0.1").value_or(0), m_port, std::chrono::seconds(1));
+  });
+  while (true) {
+    const bool last = stop.stop_requested();
     const SimTime now = Now();
     WatchPlug(now);
     for (Peer& peer : m_peers) CompletePending(peer, now);
     std::erase_if(m_peers, [](const Peer& peer) { return peer.gone; });
     m_options.afterStep(now);
-    Wait(now, stopFd);
+    if (last) break;
+    Wait(now);
     ServePeers();
-  } while (m_polls[kStopPoll].revents == 0);
+  }
   for (Peer& peer : m_peers) End(peer);
   m_peers.clear();
 }
@@ -108,22 +81,15 @@ SimTime Server::Now() const {
   return std::chrono::duration_cast<SimTime>(std::chrono::steady_clock::now() - m_start);
 }
 
-void Server::Wait(SimTime now, int stopFd) {
-  m_polls = {{stopFd, POLLIN, 0}, {m_listener.Fd(), POLLIN, 0}};
+void Server::Wait(SimTime now) {
+  m_watches = {{m_listener.Fd(), Readiness::Input}};
   for (const Peer& peer : m_peers) {
-    const int events = POLLIN | (peer.output.empty() ? 0 : POLLOUT);
-    m_polls.push_back({peer.socket.Fd(), static_cast<short>(events), 0});
+    m_watches.push_back(
+        {peer.socket.Fd(), peer.output.empty() ? Readiness::Input : Readiness::InputOrRoom});
   }
-  timespec timeout{};
-  const std::optional<SimTime> due = m_device.NextDue(now);
-  if (due) {
-    const SimTime wait = std::max(*due - Now(), SimTime::zero());
-    const auto whole = std::chrono::duration_cast<std::chrono::seconds>(wait);
-    timeout.tv_sec = whole.count();
-    timeout.tv_nsec = std::chrono::nanoseconds(wait - whole).count();
-  }
-  if (ppoll(m_polls.data(), m_polls.size(), due ? &timeout : nullptr, nullptr) < 0)
-    for (pollfd& entry : m_polls) entry.revents = 0;  // interrupted by a signal: just another turn
+  std::optional<std::chrono::nanoseconds> limit;
+  if (const std::optional<SimTime> due = m_device.NextDue(now)) limit = *due - Now();
+  WaitUntilReady(m_watches, limit);
 }
 
 void Server::WatchPlug(SimTime now) {
@@ -145,19 +111,19 @@ void Server::WatchPlug(SimTime now) {
 void Server::ServePeers() {
   // In the order of age: a host that closes and imports again at once has its old connection ended
   // before its new one asks.
-  std::size_t poll = kFirstPeerPoll;
+  auto watch = m_watches.begin();
+  const bool arrival = watch->input;
   for (Peer& peer : m_peers) {
-    const short events = m_polls[poll++].revents;
-    if ((events & POLLOUT) != 0 && !peer.gone) Flush(peer);
-    if ((events & ~POLLOUT) != 0 && !peer.gone) Receive(peer);
+    ++watch;
+    if (watch->room && !peer.gone) Flush(peer);
+    if (watch->input && !peer.gone) Receive(peer);
   }
-  if (m_polls[kListenerPoll].revents != 0) Accept();
+  if (arrival) Accept();
 }
 
 void Server::Accept() {
-  Socket socket(accept4(m_listener.Fd(), nullptr, nullptr, SOCK_CLOEXEC));
-  if (!socket) return;  // the peer has already given up
-  MakeInteractive(socket);
+  Socket socket = AcceptFrom(m_listener);
+  if (!socket) return;
   if (m_peers.size() >= kMaxPeers) {
     const auto idle = std::ranges::find(m_peers, false, &Peer::imported);
     if (idle != m_peers.end()) Drop(*idle, "too many connections");

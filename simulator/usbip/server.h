@@ -5,20 +5,19 @@
 //
 //   Server server(device, {.busId = "1-4.2"});
 //   std::cout << server.Port();
-//   server.Run(stopFd);
+//   server.Run(stop.get_token());
 //
 // One thread, one loop; the device is called from Run alone, with the time since construction.
 // Peers are not trusted: one that breaks the protocol is disconnected, with a message to
 // `options.message`.
 #pragma once
 
-#include <sys/poll.h>
-
 #include <chrono>
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <list>
+#include <stop_token>
 #include <string>
 #include <vector>
 
@@ -38,14 +37,14 @@ struct ServerOptions {
 
 class Server {
  public:
-  // Listens from here on. Throws std::invalid_argument for a bad bus id and std::system_error when
+  // Listens from here on. Throws std::invalid_argument for a bad bus id and std::runtime_error when
   // the port is not free. `device` must outlive the server.
   Server(UsbDevice& device, ServerOptions options);
 
   std::uint16_t Port() const { return m_port; }
 
-  // Serves until `stopFd` becomes readable; then closes all connections.
-  void Run(int stopFd);
+  // Serves until a stop is requested; then closes all connections.
+  void Run(const std::stop_token& stop);
 
  private:
   struct Urb {
@@ -67,7 +66,7 @@ class Server {
   };
 
   SimTime Now() const;
-  void Wait(SimTime now, int stopFd);
+  void Wait(SimTime now);
   void WatchPlug(SimTime now);
   void ServePeers();
   void Accept();
@@ -101,8 +100,8 @@ class Server {
   std::chrono::steady_clock::time_point m_start = std::chrono::steady_clock::now();
   Socket m_listener;
   std::uint16_t m_port = 0;
-  std::list<Peer> m_peers;         // oldest first
-  std::vector<pollfd> m_polls{1};  // stop, listener, then the peers in order
+  std::list<Peer> m_peers;       // oldest first
+  std::vector<Watch> m_watches;  // listener, then the peers in order
   bool m_plugged = false;
   std::uint32_t m_deviceNumber = 0;  // one more at each plug-in
   std::uint32_t m_driverMask = 0;    // interfaces that the kernel driver holds

@@ -1,5 +1,5 @@
-// Sockets for both ends of USB/IP: TCP over IPv4, which waits only in ConnectTo and WaitUntilReady.
-// One implementation for POSIX, one for Windows.
+// Sockets for both ends of USB/IP: TCP over IPv4. Only ConnectTo and WaitUntilReady wait. One
+// implementation for POSIX, one for Windows.
 #pragma once
 
 #include <chrono>
@@ -49,6 +49,14 @@ void MakeInteractive(const Socket& socket);
 // network byte order, `port` is not.
 Socket ConnectTo(std::uint32_t ip, std::uint16_t port, std::chrono::nanoseconds limit);
 
+// Listens on 127.0.0.1; port 0 is any free one, see PortOf. Throws std::runtime_error, with a text for
+// the user, when the port is not free.
+Socket ListenOn(std::uint16_t port);
+std::uint16_t PortOf(const Socket& listener);
+
+// The next connection, interactive; no socket when there is none, or the peer has already given up.
+Socket AcceptFrom(const Socket& listener);
+
 // How many bytes the connection has taken or given, 0 when it cannot just now; none when it is lost,
 // or has been ended by the peer.
 std::optional<std::size_t> SendSome(const Socket& socket, std::span<const std::uint8_t> bytes);
@@ -57,10 +65,16 @@ std::optional<std::size_t> ReceiveSome(const Socket& socket, std::span<std::uint
 // Tells the peer that nothing more will come; its last bytes can still be received.
 void FinishSending(const Socket& socket);
 
-// Waits until one of the sockets has input, or room for output, or is lost, at most for `limit`;
-// without sockets it just waits. True when one may be ready, false when the time is over.
-enum class Readiness { Input, Room };
-bool WaitUntilReady(std::span<const SocketFd> sockets, Readiness what,
-                    std::chrono::nanoseconds limit);
+enum class Readiness { Input, Room, InputOrRoom };
+struct Watch {
+  SocketFd fd;
+  Readiness awaited;
+  bool input = false;  // has input, a connection to accept included, or is lost
+  bool room = false;   // has room for output
+};
+
+// Waits until one of the sockets is ready or lost, at most for `limit`, and marks all that are; without
+// sockets it just waits. True when one may be ready, false when the time is over.
+bool WaitUntilReady(std::span<Watch> sockets, std::optional<std::chrono::nanoseconds> limit);
 
 }  // namespace tavosim::usbip

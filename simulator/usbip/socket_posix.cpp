@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <system_error>
 #include <vector>
 
 #include "simulator/usbip/socket.h"
@@ -22,6 +23,15 @@ bool IsConnected(const Socket& socket) {
   int error = 0;
   socklen_t size = sizeof error;
   return getsockopt(socket.Fd(), SOL_SOCKET, SO_ERROR, &error, &size) == 0 && error == 0;
+}
+
+short EventsFor(Readiness awaited) {
+  switch (awaited) {
+    case Readiness::Input: return POLLIN;
+    case Readiness::Room: return POLLOUT;
+    case Readiness::InputOrRoom: break;
+  }
+  return POLLIN | POLLOUT;
 }
 
 }  // namespace
@@ -52,9 +62,38 @@ Socket ConnectTo(std::uint32_t ip, std::uint16_t port, std::chrono::nanoseconds 
   peer.sin_addr.s_addr = ip;
   if (connect(socket.Fd(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0)
     return socket;
-  const SocketFd fd = socket.Fd();
-  if (errno != EINPROGRESS || !WaitUntilReady({&fd, 1}, Readiness::Room, limit)) return Socket();
+  Watch watch{socket.Fd(), Readiness::Room};
+  if (errno != EINPROGRESS || !WaitUntilReady({&watch, 1}, limit)) return Socket();
   return IsConnected(socket) ? std::move(socket) : Socket();
+}
+
+Socket ListenOn(std::uint16_t port) {
+  Socket listener(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const int on = 1;
+  setsockopt(listener.Fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(listener.Fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      listen(listener.Fd(), SOMAXCONN) != 0)
+    throw std::system_error(
+        errno, std::generic_category(),
+        "cannot listen on 127.0.0.1:" + std::to_string(port) + ", choose another port");
+  return listener;
+}
+
+std::uint16_t PortOf(const Socket& listener) {
+  sockaddr_in address{};
+  socklen_t size = sizeof address;
+  getsockname(listener.Fd(), reinterpret_cast<sockaddr*>(&address), &size);
+  return ntohs(address.sin_port);
+}
+
+Socket AcceptFrom(const Socket& listener) {
+  Socket socket(accept4(listener.Fd(), nullptr, nullptr, SOCK_CLOEXEC));
+  if (socket) MakeInteractive(socket);
+  return socket;
 }
 
 std::optional<std::size_t> SendSome(const Socket& socket, std::span<const std::uint8_t> bytes) {
@@ -71,16 +110,20 @@ std::optional<std::size_t> ReceiveSome(const Socket& socket, std::span<std::uint
 
 void FinishSending(const Socket& socket) { shutdown(socket.Fd(), SHUT_WR); }
 
-bool WaitUntilReady(std::span<const SocketFd> sockets, Readiness what,
-                    std::chrono::nanoseconds limit) {
-  const short events = what == Readiness::Input ? POLLIN : POLLOUT;
+bool WaitUntilReady(std::span<Watch> sockets, std::optional<std::chrono::nanoseconds> limit) {
   std::vector<pollfd> polls;
-  for (const SocketFd fd : sockets) polls.push_back({fd, events, 0});
-  const auto left = std::max(limit, std::chrono::nanoseconds::zero());
+  for (const Watch& watch : sockets) polls.push_back({watch.fd, EventsFor(watch.awaited), 0});
+  const auto left =
+      std::max(limit.value_or(std::chrono::nanoseconds()), std::chrono::nanoseconds());
   const auto whole = std::chrono::duration_cast<std::chrono::seconds>(left);
   const timespec timeout{whole.count(), (left - whole).count()};
-  const int ready = ppoll(polls.data(), polls.size(), &timeout, nullptr);
-  return ready > 0 || (ready < 0 && errno == EINTR);
+  const int ready = ppoll(polls.data(), polls.size(), limit ? &timeout : nullptr, nullptr);
+  if (ready < 0) return errno == EINTR;  // which has marked none
+  for (std::size_t i = 0; i < polls.size(); ++i) {
+    sockets[i].input = (polls[i].revents & ~POLLOUT) != 0;
+    sockets[i].room = (polls[i].revents & POLLOUT) != 0;
+  }
+  return ready > 0;
 }
 
 }  // namespace tavosim::usbip

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <limits>
+#include <stdexcept>
 #include <type_traits>
 #include <vector>
 
@@ -40,6 +41,22 @@ bool IsConnected(const Socket& socket) {
          error == 0;
 }
 
+short EventsFor(Readiness awaited) {
+  switch (awaited) {
+    case Readiness::Input: return POLLIN;
+    case Readiness::Room: return POLLOUT;
+    case Readiness::InputOrRoom: break;
+  }
+  return POLLIN | POLLOUT;
+}
+
+// Not for child processes.
+Socket NewSocket() {
+  if (!IsStarted()) return Socket();
+  return Socket(WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
+                           WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
+}
+
 }  // namespace
 
 Socket::~Socket() {
@@ -61,9 +78,7 @@ void MakeInteractive(const Socket& socket) {
 
 // Older systems do not report a refused connection to a waiting caller; there `limit` ends the wait.
 Socket ConnectTo(std::uint32_t ip, std::uint16_t port, std::chrono::nanoseconds limit) {
-  if (!IsStarted()) return Socket();
-  Socket socket(WSASocketW(AF_INET, SOCK_STREAM, IPPROTO_TCP, nullptr, 0,
-                           WSA_FLAG_OVERLAPPED | WSA_FLAG_NO_HANDLE_INHERIT));
+  Socket socket = NewSocket();
   if (!socket) return Socket();
   MakeInteractive(socket);
   sockaddr_in peer{};
@@ -73,9 +88,42 @@ Socket ConnectTo(std::uint32_t ip, std::uint16_t port, std::chrono::nanoseconds 
   if (connect(socket.Fd(), reinterpret_cast<const sockaddr*>(&peer), sizeof peer) == 0)
     return socket;
   const bool begun = WSAGetLastError() == WSAEWOULDBLOCK;
-  const SocketFd fd = socket.Fd();
-  if (!begun || !WaitUntilReady({&fd, 1}, Readiness::Room, limit)) return Socket();
+  Watch watch{socket.Fd(), Readiness::Room};
+  if (!begun || !WaitUntilReady({&watch, 1}, limit)) return Socket();
   return IsConnected(socket) ? std::move(socket) : Socket();
+}
+
+Socket ListenOn(std::uint16_t port) {
+  Socket listener = NewSocket();
+  MakeInteractive(listener);
+  const int on = 1;  // without it, another process may take over the port
+  setsockopt(listener.Fd(), SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&on),
+             sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(port);
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (bind(listener.Fd(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      listen(listener.Fd(), SOMAXCONN) != 0)
+    throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(port) +
+                             ", choose another port: Windows error " +
+                             std::to_string(WSAGetLastError()));
+  return listener;
+}
+
+std::uint16_t PortOf(const Socket& listener) {
+  sockaddr_in address{};
+  int size = sizeof address;
+  getsockname(listener.Fd(), reinterpret_cast<sockaddr*>(&address), &size);
+  return ntohs(address.sin_port);
+}
+
+Socket AcceptFrom(const Socket& listener) {
+  Socket socket(accept(listener.Fd(), nullptr, nullptr));
+  if (!socket) return socket;
+  SetHandleInformation(reinterpret_cast<HANDLE>(socket.Fd()), HANDLE_FLAG_INHERIT, 0);
+  MakeInteractive(socket);
+  return socket;
 }
 
 std::optional<std::size_t> SendSome(const Socket& socket, std::span<const std::uint8_t> bytes) {
@@ -94,17 +142,24 @@ std::optional<std::size_t> ReceiveSome(const Socket& socket, std::span<std::uint
 
 void FinishSending(const Socket& socket) { shutdown(socket.Fd(), SD_SEND); }
 
-bool WaitUntilReady(std::span<const SocketFd> sockets, Readiness what,
-                    std::chrono::nanoseconds limit) {
-  const short events = what == Readiness::Input ? POLLIN : POLLOUT;
+bool WaitUntilReady(std::span<Watch> sockets, std::optional<std::chrono::nanoseconds> limit) {
   std::vector<WSAPOLLFD> polls;
-  for (const SocketFd fd : sockets) polls.push_back({fd, events, 0});
+  for (const Watch& watch : sockets) polls.push_back({watch.fd, EventsFor(watch.awaited), 0});
   // Rounded up: with less than the time left the caller would come back at once, again and again.
-  const auto left = std::chrono::ceil<std::chrono::milliseconds>(limit).count();
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(limit.value_or(std::chrono::nanoseconds()))
+          .count();
   const int timeoutMs = BoundedSize(static_cast<std::size_t>(std::max<decltype(left)>(left, 0)));
-  if (!polls.empty()) return WSAPoll(polls.data(), static_cast<ULONG>(polls.size()), timeoutMs) > 0;
-  Sleep(static_cast<DWORD>(timeoutMs));  // WSAPoll refuses to wait for nothing
-  return false;
+  if (polls.empty()) {  // WSAPoll refuses to wait for nothing
+    Sleep(limit ? static_cast<DWORD>(timeoutMs) : INFINITE);
+    return false;
+  }
+  const int ready = WSAPoll(polls.data(), static_cast<ULONG>(polls.size()), limit ? timeoutMs : -1);
+  for (std::size_t i = 0; ready > 0 && i < polls.size(); ++i) {
+    sockets[i].input = (polls[i].revents & ~POLLOUT) != 0;
+    sockets[i].room = (polls[i].revents & POLLOUT) != 0;
+  }
+  return ready > 0;
 }
 
 }  // namespace tavosim::usbip

@@ -57,9 +57,9 @@ std::optional<Arguments> ParseArguments(int argc, char** argv) {
 }
 
 void SendAll(const Socket& socket, ByteView bytes, Clock::time_point deadline) {
-  const SocketFd fd = socket.Fd();
+  Watch watch{socket.Fd(), Readiness::Room};
   while (!bytes.empty()) {
-    if (!WaitUntilReady({&fd, 1}, Readiness::Room, deadline - Clock::now()))
+    if (!WaitUntilReady({&watch, 1}, deadline - Clock::now()))
       throw std::runtime_error("the simulator takes no request");
     const auto sent = SendSome(socket, bytes);
     if (!sent) throw std::runtime_error("the simulator has ended the connection");
@@ -69,10 +69,10 @@ void SendAll(const Socket& socket, ByteView bytes, Clock::time_point deadline) {
 
 // Exactly `size` bytes: what follows is already the kernel's.
 Bytes ReceiveAll(const Socket& socket, std::size_t size, Clock::time_point deadline) {
-  const SocketFd fd = socket.Fd();
+  Watch watch{socket.Fd(), Readiness::Input};
   Bytes bytes(size);
   for (std::size_t have = 0; have < size;) {
-    if (!WaitUntilReady({&fd, 1}, Readiness::Input, deadline - Clock::now()))
+    if (!WaitUntilReady({&watch, 1}, deadline - Clock::now()))
       throw std::runtime_error("the simulator does not answer");
     const auto got = ReceiveSome(socket, std::span(bytes).subspan(have));
     if (!got) throw std::runtime_error("the simulator has ended the connection");

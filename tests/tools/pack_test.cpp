@@ -172,9 +172,10 @@ TEST_F(Pack, WhatCannotBeBuiltIsExplainedAndLeavesNothingBehind) {
 
 // Another account may write to the folder: it guesses no name, and no link of its is followed.
 TEST_F(Pack, AFileAppearsUnderItsNameOnlyWhenCompleteAndReplacesNoOther) {
+  using tavosim::Existing;
   using tavosim::NewFile;
   const std::filesystem::path path = run.Path("new.hex");
-  const auto write = [&path](NewFile::Existing existing, auto meanwhile) {
+  const auto write = [&path](Existing existing, auto meanwhile) {
     NewFile file(path, existing);
     file.Write("new");
     EXPECT_EQ(file.Temporary().extension(), ".hex");
@@ -186,20 +187,20 @@ TEST_F(Pack, AFileAppearsUnderItsNameOnlyWhenCompleteAndReplacesNoOther) {
   const auto nothing = [] {};
   run.Write("victim", "kept");
 
-  write(NewFile::Existing::Keep, nothing);
+  write(Existing::Keep, nothing);
   EXPECT_EQ(run.Read("new.hex"), "new");
-  EXPECT_THROW(write(NewFile::Existing::Keep, nothing), std::runtime_error) << "it exists";
+  EXPECT_THROW(write(Existing::Keep, nothing), std::runtime_error) << "it exists";
   appears();
-  write(NewFile::Existing::Replace, nothing);
+  write(Existing::Replace, nothing);
   EXPECT_EQ(run.Read("new.hex"), "new");
-  for (const NewFile::Existing existing : {NewFile::Existing::Keep, NewFile::Existing::Replace}) {
+  for (const Existing existing : {Existing::Keep, Existing::Replace}) {
     std::filesystem::remove(path);
     EXPECT_THROW(write(existing, appears), std::runtime_error);
     EXPECT_EQ(run.Read("new.hex"), "other");
     std::filesystem::remove(path);
     EXPECT_THROW(write(existing, linkAppears), std::runtime_error);
   }
-  write(NewFile::Existing::Replace, nothing);
+  write(Existing::Replace, nothing);
   EXPECT_FALSE(std::filesystem::is_symlink(path)) << "the link is replaced, not followed";
   EXPECT_EQ(run.Read("new.hex"), "new");
   EXPECT_EQ(run.Read("victim"), "kept");

@@ -23,6 +23,7 @@ namespace tavo::tool {
 namespace {
 
 namespace fs = std::filesystem;
+using tavosim::Existing;
 using tavosim::Firmware;
 using tavosim::FirmwareRecipe;
 using tavosim::NewFile;
@@ -204,7 +205,7 @@ NewFile Output(const std::string& path, bool force) {
     Refuse(path + " exists and is not a regular file", "give another name");
   }
   if (exists && !force) Refuse(path + " exists already", "give --force to replace it");
-  return {path, force ? NewFile::Existing::Replace : NewFile::Existing::Keep};
+  return {path, force ? Existing::Replace : Existing::Keep};
 }
 
 void CheckOptions(const Options& options) {

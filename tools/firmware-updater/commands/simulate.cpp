@@ -1,13 +1,12 @@
 // The command "simulate": a simulated device, for another terminal or for one command. The device
 // lives until the command has ended.
-#include <sys/eventfd.h>
-
 #include <array>
 #include <exception>
 #include <filesystem>
 #include <memory>
 #include <optional>
 #include <ostream>
+#include <stop_token>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -18,6 +17,7 @@
 #include "device/target.h"
 #include "platform/platform.h"
 #include "simulator/served_device.h"
+#include "system/interrupts.h"
 #include "system/process.h"
 #include "system/system.h"
 
@@ -67,27 +67,28 @@ Words EnvironmentWith(const std::string& address, const std::string& substitute)
 
 // Serves while the command runs. Returns its exit code.
 int ServeUntilEnd(tavosim::ServedDevice& device, Process& command) {
-  const tavosim::usbip::Socket ended(eventfd(0, EFD_CLOEXEC));
+  std::stop_source end;
   int exitCode = 0;
   {
     const std::jthread waiter([&] {
       exitCode = command.Wait();
-      eventfd_write(ended.Fd(), 1);
+      end.request_stop();
     });
-    device.Run(ended.Fd());
+    device.Run(end.get_token());
   }
   return exitCode;
 }
 
 // A kernel can attach the device without the substitute.
 ExitCode ServeOthers(tavosim::ServedDevice& device, const std::string& address,
-                     const std::string& substitute, int endFd, const Machine& machine) {
+                     const std::string& substitute, const std::stop_token& end,
+                     const Machine& machine) {
   machine.out << "listening on " << address << std::endl;
   if (!substitute.empty()) {
     machine.out << "Another terminal sees the device after\nexport " << kAddresses << "=" << address
                 << " " << kLibraryPath << "=" << ShellWord(substitute) << std::endl;
   }
-  device.Run(endFd);
+  device.Run(end);
   return ExitCode::Done;
 }
 
@@ -104,13 +105,13 @@ ExitCode RunBeside(tavosim::ServedDevice& device, const Words& words, const Word
   return static_cast<ExitCode>(ServeUntilEnd(device, *command));
 }
 
-ExitCode Serve(tavosim::ServedDevice& device, const Words& words, int endFd, const Machine& machine,
-               const std::string& substitute) {
+ExitCode Serve(tavosim::ServedDevice& device, const Words& words, const std::stop_token& end,
+               const Machine& machine, const std::string& substitute) {
   const std::string address = "127.0.0.1:" + std::to_string(device.Port());
   if (!words.empty()) {
     return RunBeside(device, words, EnvironmentWith(address, substitute), machine);
   }
-  return ServeOthers(device, address, substitute, endFd, machine);
+  return ServeOthers(device, address, substitute, end, machine);
 }
 
 ExitCode Simulate(const Arguments& arguments, const Machine& machine) {
@@ -121,9 +122,9 @@ ExitCode Simulate(const Arguments& arguments, const Machine& machine) {
              "build or install the whole tool, not the program alone");
     return ExitCode::NoDevice;
   }
-  // With a command, the command gets the signals.
-  const tavosim::usbip::Socket end =
-      words.empty() ? tavosim::EndSignal() : tavosim::usbip::Socket();
+  std::stop_source end;
+  std::optional<Interrupts> interrupts;  // with a command, the command gets the signals
+  if (words.empty()) interrupts.emplace([&end](int) { end.request_stop(); });
   std::optional<tavosim::ServedDevice> device;
   try {
     device.emplace(arguments.simulator, machine.err);
@@ -132,7 +133,7 @@ ExitCode Simulate(const Arguments& arguments, const Machine& machine) {
     return ExitCode::Usage;
   }
   try {
-    return Serve(*device, words, end.Fd(), machine, substitute);
+    return Serve(*device, words, end.get_token(), machine, substitute);
   } catch (const std::exception& error) {
     Complain(machine, error.what(), "the simulated device has gone; start it again");
     return ExitCode::FailedUnknown;

@@ -1,0 +1,20 @@
+# Provides CLI11::CLI11 and nlohmann_json::nlohmann_json. They consist of headers alone, so a build for
+# Windows takes those of this system; a folder with links to them keeps the system's other headers out.
+if(NOT WIN32)
+  find_package(CLI11 REQUIRED)
+  find_package(nlohmann_json REQUIRED)
+  return()
+endif()
+
+set(TAVO_HEADERS_FROM /usr/include CACHE PATH "Folder with the headers of CLI11 and nlohmann-json")
+foreach(library CLI nlohmann)
+  if(NOT EXISTS ${TAVO_HEADERS_FROM}/${library})
+    message(FATAL_ERROR "${TAVO_HEADERS_FROM}/${library} was not found: run scripts/setup --windows")
+  endif()
+  file(MAKE_DIRECTORY ${CMAKE_BINARY_DIR}/headers)
+  file(CREATE_LINK ${TAVO_HEADERS_FROM}/${library} ${CMAKE_BINARY_DIR}/headers/${library} SYMBOLIC)
+endforeach()
+foreach(library CLI11::CLI11 nlohmann_json::nlohmann_json)
+  add_library(${library} INTERFACE IMPORTED GLOBAL)
+  target_include_directories(${library} SYSTEM INTERFACE ${CMAKE_BINARY_DIR}/headers)
+endforeach()
