@@ -172,6 +172,9 @@ TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDevice
       {"update @firmware.hex --log /dev/full", Usage,
        "/dev/full cannot be written\nhint: name another file with --log"},
       {"update @firmware.hex --record /dev/full", Usage, "with --record"},
+      {"update @firmware.hex --journal /nonexistent/x", Usage, "/nonexistent/x"},
+      {"update @firmware.hex --journal @firmware.hex", Usage, "is the update file itself"},
+      {"update @firmware.hex --log @both --journal @both", Usage, "is also the log"},
       {"update @firmware.hex --tag unit", Usage, "NAME=VALUE"},
       {"update @firmware.hex --tag a=1 --tag a=2", Usage, "--tag names a twice"},
       {"info --baud 9600", Usage},
@@ -230,7 +233,8 @@ TEST(UpdateCommand, AFullDiskIsReportedAtOnceAndAtTheEnd) {
     const char* warning;
     const char* lost;
   } kRows[] = {{" --log @full", 2000, "Warning: the log cannot", "[\"log\"]"},
-               {" --log /dev/null --record @full", 9000, "Warning: the record of", "[\"record\"]"}};
+               {" --log /dev/null --record @full", 9000, "Warning: the record of", "[\"record\"]"},
+               {" --log /dev/null --journal @full", 1000, "", "[\"journal\"]"}};
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.options);
     ToolStation station(Options("plain"));

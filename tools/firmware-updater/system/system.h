@@ -1,6 +1,7 @@
 // The tool's seam to the operating system: streams and terminal, environment, folders, digest. Beside it,
-// interrupts.h has the requests to stop, and process.h the child processes. system_posix.cpp and
-// system_windows.cpp implement all three; only they include system headers. Texts and paths are UTF-8.
+// interrupts.h has the requests to stop, process.h the child processes, and shared_file.h a file with several
+// writers. Files that end in _posix.cpp and _windows.cpp implement them; only they include system headers.
+// Texts and paths are UTF-8.
 #pragma once
 
 #include <array>

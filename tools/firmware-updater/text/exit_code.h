@@ -15,7 +15,7 @@ enum class ExitCode : int {
   FailedInBootloader = 5,  // failed; the device is in its bootloader
   Stopped = 6,             // stopped by the user
   FailedUnknown = 7,       // failed; the state of the device is unknown
-  EvidenceLost = 8,        // done; the log, the record or the output was lost
+  EvidenceLost = 8,        // done; the log, the record, the journal entry or the output was lost
 };
 
 struct ExitDescription {
@@ -33,7 +33,8 @@ inline constexpr std::array<ExitDescription, 9> kExitTable{{
     {ExitCode::FailedInBootloader, "failed, and the device is in its bootloader"},
     {ExitCode::Stopped, "stopped by the user"},
     {ExitCode::FailedUnknown, "failed, and the state of the device is unknown"},
-    {ExitCode::EvidenceLost, "done, but the log, the record or the output was lost"},
+    {ExitCode::EvidenceLost,
+     "done, but the log, the record, the journal entry or the output was lost"},
 }};
 
 }  // namespace tavo::tool

@@ -105,6 +105,7 @@ Json AsJson(const Record& record) {
           {"member", TextOrNull(record.member)},
           {"log", TextOrNull(record.log)},
           {"record", TextOrNull(record.traffic)},
+          {"journal", TextOrNull(record.journal)},
           {"station", record.station},
           {"dryRun", record.flags.dryRun},
           {"flags", AsJson(record.flags)},

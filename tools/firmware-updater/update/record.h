@@ -27,6 +27,7 @@ struct Record {
   std::string file;       // absolute, as all paths here
   std::string log{};      // empty: none is kept, here and below
   std::string traffic{};  // the record that `replay` takes
+  std::string journal{};
   std::string station{};
   std::string member{};  // of the archive, whose image the device gets; empty: not known
   UpdateFlags flags{};
@@ -46,7 +47,8 @@ struct Record {
   std::vector<std::pair<Phase, std::chrono::milliseconds>> durations{};  // of the phases passed
   std::chrono::milliseconds elapsed{0};
   std::vector<std::string> resetModules{};
-  std::vector<std::string> lost{};  // the evidence that could not be written: "log", "record"
+  std::vector<std::string>
+      lost{};  // the evidence that could not be written: "log", "record", "journal"
 };
 
 // The event whose line holds a Record, the last one of every command.

@@ -6,6 +6,7 @@
 
 #include "text/log_platform.h"
 #include "text/text_format.h"
+#include "update/journal.h"
 
 namespace tavo::tool {
 namespace {
@@ -54,15 +55,24 @@ PackageReport CheckedFile(const std::string& file) {
 void CheckOutputs(const Machine& machine, const UpdateOptions& options) {
   const auto unwritable = [](const std::string& problem) {
     return Refusal{ExitCode::Usage, "unwritable-file", problem,
-                   "name another file with --log or --record"};
+                   "name another file with --log, --record or --journal"};
   };
-  for (const std::string& file : {options.log, options.record}) {
+  const auto check = [&](const std::string& file, const auto& canBeWritten) {
     if (IsSameFile(file, options.file)) {
       throw unwritable(Displayable(file) + " is the update file itself");
     }
-    if (!CanBeWritten(machine, {file})) throw unwritable(Displayable(file) + " cannot be written");
-  }
+    if (!file.empty() && !canBeWritten(file)) {
+      throw unwritable(Displayable(file) + " cannot be written");
+    }
+  };
+  const auto asLog = [&](const std::string& file) { return CanBeWritten(machine, {file}); };
+  check(options.log, asLog);
+  check(options.record, asLog);
+  check(options.journal, CanBeJournal);
   if (IsSameFile(options.log, options.record)) throw unwritable("log and record are the same file");
+  if (IsSameFile(options.journal, options.log) || IsSameFile(options.journal, options.record)) {
+    throw unwritable("the journal is also the log or the record");
+  }
 }
 
 LogFile LogOf(const Machine& machine, const UpdateOptions& options, const ChosenDevice& device,

@@ -1,5 +1,5 @@
-// The checks of a command that updates, before it opens a device: the update file is usable, log and
-// record can be written, and the device is chosen. They run in this order and throw a Refusal.
+// The checks of a command that updates, before it opens a device: the update file is usable, log,
+// record and journal can be written, and the device is chosen. They run in this order and throw a Refusal.
 #pragma once
 
 #include <string>
@@ -15,8 +15,8 @@ namespace tavo::tool {
 
 PackageReport CheckedFile(const std::string& file);
 
-// Opens for a moment the log and the record that the user has named. They must not be the update file,
-// which they would destroy.
+// Opens for a moment the log, the record and the journal that the user has named. They must not be the
+// update file, which they would destroy.
 void CheckOutputs(const Machine& machine, const UpdateOptions& options);
 
 // Empty: no log is kept, and the user is told so. An update must not fail for the lack of a place that

@@ -25,6 +25,7 @@
 #include "text/text_format.h"
 #include "update/failure.h"
 #include "update/fit.h"
+#include "update/journal.h"
 #include "update/update_checks.h"
 #include "update/views.h"
 #include "update/wire_record.h"
@@ -96,6 +97,12 @@ ClosingState NothingChanged(const char* sentence) {
           .tunnel = "not-asked",
           .sentence = sentence,
           .command = ""};
+}
+
+// Lost evidence is no success.
+void CountLost(Record& record) {
+  const bool done = record.state.exit == ExitCode::Done;
+  if (done && !record.lost.empty()) record.state.exit = ExitCode::EvidenceLost;
 }
 
 // Everything that lives while one command works on one open device.
@@ -214,8 +221,7 @@ class Work {
   void AddLost(Record& record) const {
     if (m_platform.HasLost()) record.lost.emplace_back("log");
     if (m_recorder.HasLost()) record.lost.emplace_back("record");
-    const bool done = record.state.exit == ExitCode::Done;
-    if (done && !record.lost.empty()) record.state.exit = ExitCode::EvidenceLost;
+    CountLost(record);
   }
 
   // The exit code is decided and about to be written; no Ctrl-C changes it any more.
@@ -593,7 +599,8 @@ class UpdateRun {
       m_record.state.exit = refusal.exit;
       m_record.state.command = refusal.command;
       m_record.state.tries = true;
-      Conclude();
+      Close();
+      m_view->Show(m_record);
     }
     return m_record;
   }
@@ -604,10 +611,12 @@ class UpdateRun {
     m_begin = m_machine.platform.MonotonicNow();
   }
 
-  void Conclude() {
+  void Close() {
     m_record.end = std::chrono::system_clock::now();
     m_record.elapsed = m_machine.platform.MonotonicNow() - m_begin;
-    m_view->Show(m_record);
+    if (m_record.journal.empty() || AppendToJournal(m_record.journal, m_record)) return;
+    m_record.lost.emplace_back("journal");
+    CountLost(m_record);
   }
 
   ChosenDevice Device() {
@@ -621,7 +630,7 @@ class UpdateRun {
     return device;
   }
 
-  // Concludes while Ctrl-C is still handled, or throws a Refusal.
+  // Shows the record while Ctrl-C is still handled, or throws a Refusal.
   void UpdateChosen() {
     m_record.state = NothingChanged("No device was opened; nothing was changed.");
     CheckTags(m_options.tags);
@@ -629,6 +638,7 @@ class UpdateRun {
     m_record.sha256 = report.sha256;
     CheckOutputs(m_machine, m_options);
     m_record.device = Device();
+    m_record.journal = AbsolutePath(m_options.journal);
     const LogFile log = LogOf(m_machine, m_options, *m_record.device, *m_view);
     m_record.log = AbsolutePath(log.path);
 
@@ -651,8 +661,9 @@ class UpdateRun {
       m_record.after = work.AskApplication();
     }
     work.AddLost(m_record);
+    Close();
     work.Decide(m_record.state.exit);
-    Conclude();
+    m_view->Show(m_record);
   }
 
   const Machine& m_machine;
@@ -694,6 +705,12 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
                                 "replay; the firmware is left out");
   record.Shown("FILE").NotEmpty();
   command.Flag("--record-firmware", to.recordFirmware, "Record the firmware too").Needs(record);
+  command
+      .Value("--journal", to.journal,
+             "File to append the result to as one line, for the command history; several updates "
+             "may share it")
+      .Shown("FILE")
+      .NotEmpty();
   command
       .Value("--station", to.station,
              "Name of this place in the result of --json, instead of the host's")

@@ -25,6 +25,7 @@ struct UpdateOptions {
   std::string log{};
   std::string record{};
   bool recordFirmware = false;
+  std::string journal{};
   std::string station{};            // empty: the name of the host
   std::vector<std::string> tags{};  // "NAME=VALUE"
 };

@@ -118,7 +118,10 @@ class TextView : public UpdateView {
     }
     const bool well = record.ending == Ending::Succeeded;
     if (well) m_machine.out << Coloured(kGreen, Summary(record)) << '\n';
-    for (const std::string& lost : record.lost) m_machine.out << "The " << lost << " is lost.\n";
+    for (const std::string& lost : record.lost) {
+      const bool isJournal = lost == "journal";  // the rest of which is safe
+      m_machine.out << "The " << lost << (isJournal ? " entry" : "") << " is lost.\n";
+    }
     m_machine.out << InLines(m_machine, record.state.Line()) << std::endl;
   }
 
