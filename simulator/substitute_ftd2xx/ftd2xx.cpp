@@ -113,7 +113,7 @@ class Adapter {
   }
 
   Status ReadByte(Request request, std::uint8_t& value) {
-    constexpr std::uint8_t kFromDevice = LIBUSB_REQUEST_TYPE_VENDOR | LIBUSB_ENDPOINT_IN;
+    constexpr std::uint8_t kFromDevice = 0xC0;  // a vendor's request
     const int result = libusb_control_transfer(m_handle, kFromDevice, request, 0, 0, &value,
                                                sizeof value, kRequestTimeoutMs);
     return result == sizeof value ? kOk : kIoError;

@@ -64,8 +64,8 @@ class ProcessStation {
                                 CopyHere(m_windowsBuild + "/bin/" + program + ".exe")};
     if (!m_windowsBuild.empty()) {
       CopyHere(m_windowsBuild + "/bin/FirmwareUpdater.dll");
-      CopyHere(m_windowsBuild + "/substitute/libusb-1.0.dll");
-      CopyHere(m_windowsBuild + "/substitute/FTD2XX.dll");
+      CopyHere(m_windowsBuild + "/bin/simulator/libusb-1.0.dll");
+      CopyHere(m_windowsBuild + "/bin/simulator/FTD2XX.dll");
     }
     return RunCommand(command + arguments);
   }

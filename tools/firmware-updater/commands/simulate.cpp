@@ -26,8 +26,31 @@ namespace {
 
 using Words = Process::Words;
 
+constexpr const char* kTool = "firmware-updater";
 constexpr const char* kAddresses = "TAVO_SIMULATORS";
-constexpr const char* kLibraryPath = "LD_LIBRARY_PATH";
+
+// How programs get the libusb that finds simulated devices instead of the real one. Windows looks for it
+// in the program's own folder first, so there a copy of the tool lies beside it.
+#ifdef _WIN32
+constexpr std::array kSubstituteFolders{"simulator", "../simulator"};
+constexpr const char* kSubstitute = "libusb-1.0.dll";
+constexpr const char* kToolBesideIt = "firmware-updater.exe";
+constexpr const char* kSearchPath = "PATH";
+constexpr const char* kSeparator = ";";
+constexpr const char* kOtherPrograms =
+    "A program of your own sees the device if libusb-1.0.dll and FTD2XX.dll lie beside it, from\n"
+    "the folder \"simulator\" beside this tool.";
+#else
+constexpr std::array kSubstituteFolders{"../substitute", "../lib/firmware-updater/substitute"};
+constexpr const char* kSubstitute = "libusb-1.0.so.0";
+constexpr const char* kToolBesideIt = nullptr;
+constexpr const char* kSearchPath = "LD_LIBRARY_PATH";
+constexpr const char* kSeparator = ":";
+constexpr const char* kOtherPrograms =
+    "On a kernel with the vhci driver, root can plug the device into the kernel as well:\n"
+    "  usbip --tcp-port PORT attach -r 127.0.0.1 -b 1-1";
+#endif
+
 constexpr const char* kExamples =
     "\nExamples:\n"
     "  firmware-updater simulate --family 8.2.14\n"
@@ -35,24 +58,20 @@ constexpr const char* kExamples =
     "  firmware-updater simulate --fault lose:5 -- firmware-updater update firmware.hex\n"
     "The first two serve the device until Ctrl-C and print the command that makes another\n"
     "terminal see it; any account of this machine can. With a COMMAND, the device lives until\n"
-    "that ends, and its exit code is passed on.\n"
-    "On a kernel with the vhci driver, root can plug the device into the kernel as well:\n"
-    "  usbip --tcp-port PORT attach -r 127.0.0.1 -b 1-1";
+    "that ends, and its exit code is passed on.\n";
 
 struct Arguments {
   tavosim::SimulatorArguments simulator{};
   Words command{};  // of the user's, to run while the device lives
 };
 
-// The folder with the libusb that finds simulated devices, in a build tree or installed; empty without
-// one.
+// In a build tree or installed; empty without one.
 std::string SubstituteFolder(Platform& platform) {
-  constexpr std::array kPlaces{"../substitute", "../lib/firmware-updater/substitute"};
-  const auto here = std::filesystem::path(platform.ExecutablePath()).parent_path();
-  for (const char* const place : kPlaces) {
+  const auto here = tavosim::PathOf(platform.ExecutablePath()).parent_path();
+  for (const char* const place : kSubstituteFolders) {
     const std::filesystem::path folder = (here / place).lexically_normal();
     std::error_code ignored;
-    if (std::filesystem::exists(folder / "libusb-1.0.so.0", ignored)) return folder.string();
+    if (std::filesystem::exists(folder / kSubstitute, ignored)) return folder.string();
   }
   return {};
 }
@@ -60,9 +79,28 @@ std::string SubstituteFolder(Platform& platform) {
 // Devices that the environment shows already stay visible, so that simulators can be nested.
 Words EnvironmentWith(const std::string& address, const std::string& substitute) {
   const std::string addresses = Environment(kAddresses);
-  const std::string path = Environment(kLibraryPath);
+  const std::string path = Environment(kSearchPath);
   return {kAddresses + ("=" + (addresses.empty() ? address : addresses + "," + address)),
-          kLibraryPath + ("=" + (path.empty() ? substitute : substitute + ":" + path))};
+          kSearchPath + ("=" + (path.empty() ? substitute : substitute + kSeparator + path))};
+}
+
+Words WithToolOf(const std::string& substitute, Words words) {
+  if (kToolBesideIt != nullptr && words.front() == kTool)
+    words.front() = (tavosim::PathOf(substitute) / kToolBesideIt).string();
+  return words;
+}
+
+// The commands by which the shells of this system make a device visible.
+std::string ShellCommands(const std::string& address, const std::string& substitute) {
+#ifdef _WIN32
+  std::string quoted;  // in PowerShell
+  for (const char c : substitute) quoted.append(c == '\'' ? 2 : 1, c);
+  return "  cmd:        set \"TAVO_SIMULATORS=" + address + "\" & set \"PATH=" + substitute +
+         ";%PATH%\"\n  PowerShell: $env:TAVO_SIMULATORS='" + address + "'; $env:PATH='" + quoted +
+         ";'+$env:PATH\n";
+#else
+  return "export TAVO_SIMULATORS=" + address + " LD_LIBRARY_PATH=" + ShellWord(substitute) + "\n";
+#endif
 }
 
 // Serves while the command runs. Returns its exit code.
@@ -85,8 +123,8 @@ ExitCode ServeOthers(tavosim::ServedDevice& device, const std::string& address,
                      const Machine& machine) {
   machine.out << "listening on " << address << std::endl;
   if (!substitute.empty()) {
-    machine.out << "Another terminal sees the device after\nexport " << kAddresses << "=" << address
-                << " " << kLibraryPath << "=" << ShellWord(substitute) << std::endl;
+    machine.out << "Another terminal sees the device after\n"
+                << ShellCommands(address, substitute) << std::flush;
   }
   device.Run(end);
   return ExitCode::Done;
@@ -109,7 +147,8 @@ ExitCode Serve(tavosim::ServedDevice& device, const Words& words, const std::sto
                const Machine& machine, const std::string& substitute) {
   const std::string address = "127.0.0.1:" + std::to_string(device.Port());
   if (!words.empty()) {
-    return RunBeside(device, words, EnvironmentWith(address, substitute), machine);
+    return RunBeside(device, WithToolOf(substitute, words), EnvironmentWith(address, substitute),
+                     machine);
   }
   return ServeOthers(device, address, substitute, end, machine);
 }
@@ -150,7 +189,7 @@ void AddSimulateCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
       arguments->command,
       "After --: run this command, with its arguments, while the device exists; it sees the "
       "device");
-  command.Footer(std::string(tavosim::kFaultSyntax) + kExamples);
+  command.Footer(std::string(tavosim::kFaultSyntax) + kExamples + kOtherPrograms);
   command.OnRun(exit, [arguments, &machine] { return Simulate(*arguments, machine); });
 }
 
