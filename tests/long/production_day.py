@@ -107,7 +107,9 @@ class Lane:
         self.simulator: subprocess.Popen[bytes] | None = None
         self.environment = os.environ | {"LD_LIBRARY_PATH": str(build / "substitute"),
                                          "XDG_STATE_HOME": str(folder / "log")}
+        self.journal = folder.parent / "journal.ndjson"
         self.counts: Counter[str] = Counter()
+        self.journalled: Counter[str] = Counter()
         self.broken: list[str] = []
         folder.mkdir()
         for content in ("2", "3"):
@@ -173,7 +175,8 @@ class Lane:
         """Whether the device was updated, and the command to run next."""
         before = (self.folder / "device/flash.bin").read_bytes()
         firmware = (self.folder / f"{name}.bin").read_bytes()
-        code, out = self.call([*words, "--json"], stop)
+        code, out = self.call([*words, "--json", "--journal", str(self.journal),
+                               "--tag", f"lane={self.number}"], stop)
         if code == -signal.SIGKILL:
             self.counts["killed"] += 1
             return False, []
@@ -185,6 +188,7 @@ class Lane:
         except (BrokenPromise, ValueError, LookupError) as broken:
             raise BrokenPromise(f"{words}: {broken!r}\n{out}") from broken
         self.counts[f"{words[0]} {result['ending']}, {result['state']['device']}"] += 1
+        self.journalled[result["ending"]] += result["journal"] is not None
         return code == 0, recommended(result["state"]["next"]) or words
 
     def command_of_info(self, name: str) -> list[str]:
@@ -219,6 +223,19 @@ class Lane:
                                f"{options}: {broken}")
 
 
+def check_history(lanes: list[Lane]) -> None:
+    """The sums of the journal, which all lanes share, against what each lane has seen of its updates."""
+    seen = sum((lane.journalled for lane in lanes), Counter())
+    killed = sum(lane.counts["killed"] for lane in lanes)  # it may have left a line, or a part of one
+    _, out = lanes[0].call(["history", str(lanes[0].journal), "--device-tag", "lane", "--json"])
+    sums = json.loads(out)
+    for ending in EXITS:
+        promise(0 <= sums[ending] - seen[ending] <= killed, f"{seen} in the journal: {out}")
+    promise(sums["devices"] == sums["succeeded"] and not sums["unfinished"], f"devices: {out}")
+    promise(len(sums["torn"]) <= killed and not sums["foreign"], f"lines: {out}")
+    print(lanes[0].call(["history", str(lanes[0].journal), "--device-tag", "lane"])[1])
+
+
 def main() -> int:
     parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
     parser.add_argument("build", type=Path, help="folder of the build")
@@ -239,6 +256,10 @@ def main() -> int:
           ThreadPoolExecutor(options.simulators) as pool):
         folder = Path(name)
         lanes = list(pool.map(work, range(options.simulators)))
+        try:
+            check_history(lanes)
+        except BrokenPromise as broken:
+            lanes[0].broken.append(str(broken))
     for ending, count in sorted(sum((lane.counts for lane in lanes), Counter()).items()):
         print(f"{count:4} {ending}")
     broken = [text for lane in lanes for text in lane.broken]

@@ -36,6 +36,7 @@ RUNS = [
     (["--block-size", "100"], ["check-device"], 1),
     (["--family", "gateway", "--start", "bootloader"], ["check-device", "--through", "4.0"], 0),
     (["--fault", "lose:*"], ["check-device"], 7),
+    ([], ["history", "journal.ndjson"], 0),
     ([], ["inspect", "two.zip"], 0),
     ([], ["inspect", "labelled.hex", "--block-size", "64"], 0),
     ([], ["inspect", "typo.hex"], 4),
@@ -61,6 +62,7 @@ def make_files(tool: str, folder: Path) -> None:
         pack("--family", family, "-o", family + ".hex")
     pack("--family", "plain", "-o", "firmware.hex")
     pack("--add", "firmware.hex", "--add", "gateway.hex", "-o", "two.zip")
+    run(tool, folder, [], ["update", "firmware.hex", "--journal", "journal.ndjson"])
     text = (folder / "firmware.hex").read_text(encoding="ascii")
     (folder / "typo.hex").write_text(text.replace("0", "1", 1), encoding="ascii")
 
@@ -78,7 +80,7 @@ def main(tool: str, documents: str) -> int:
     failures = 0
     validators = {}
     manual = (Path(documents) / "tool.md").read_text(encoding="utf-8")
-    for command in ("list", "info", "check-device", "inspect", "update"):
+    for command in ("list", "info", "check-device", "history", "inspect", "update"):
         text = (Path(documents) / "schema" / (command + ".schema.json")).read_text(encoding="utf-8")
         schema = json.loads(text)
         jsonschema.Draft7Validator.check_schema(schema)

@@ -202,6 +202,7 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
   AddCheckDeviceCommand(app, machine, exit);
   AddUpdateCommand(app, machine, exit);
   AddRecoverCommand(app, machine, exit);
+  AddHistoryCommand(app, machine, exit);
   AddInspectCommand(app, machine, exit);
   AddPackCommand(app, machine, exit);
   AddReplayCommand(app, machine, exit);

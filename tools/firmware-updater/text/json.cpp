@@ -82,6 +82,20 @@ std::size_t Json::Size() const {
   return members == nullptr ? 0 : members->size();
 }
 
+const std::string& Json::AsText() const {
+  static const std::string kEmpty;
+  const auto* const text = std::get_if<std::string>(&m_value);
+  return text == nullptr ? kEmpty : *text;
+}
+
+double Json::AsNumber() const {
+  if (const auto* const whole = std::get_if<std::int64_t>(&m_value)) {
+    return static_cast<double>(*whole);
+  }
+  const auto* const number = std::get_if<double>(&m_value);
+  return number == nullptr ? 0 : *number;
+}
+
 const Json& Json::operator[](std::string_view name) const {
   const auto* const members = std::get_if<Object>(&m_value);
   if (members == nullptr) return kNull;

@@ -52,6 +52,9 @@ class Json {
 
   bool IsNull() const { return std::holds_alternative<std::monostate>(m_value); }
   std::size_t Size() const;  // of an array or object; else 0
+  // Empty and 0 for anything else.
+  const std::string& AsText() const;
+  double AsNumber() const;
   // Null for what does not exist.
   const Json& operator[](std::string_view name) const;
   const Json& operator[](std::size_t index) const;

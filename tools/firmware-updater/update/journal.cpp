@@ -1,8 +1,15 @@
 #include "update/journal.h"
 
+#include <array>
 #include <chrono>
+#include <cstdio>
+#include <exception>
+#include <span>
+#include <string_view>
 #include <thread>
 
+#include "platform/file.h"
+#include "system/lines.h"
 #include "system/shared_file.h"
 
 namespace tavo::tool {
@@ -19,6 +26,20 @@ bool LockInTime(SharedFile& file) {
   return false;
 }
 
+// Null for a text that is no JSON.
+Json Parsed(std::string_view text) try {
+  return Json::Parse(std::string(text));
+} catch (const std::exception&) {
+  return {};
+}
+
+// A power cut may leave zeros where a line was to be.
+bool IsTorn(std::string_view line) {
+  constexpr std::string_view kHead = "{\"version\":";
+  const std::string_view head = line.substr(0, kHead.size());
+  return kHead.starts_with(head) || line.find('\0') != line.npos;
+}
+
 }  // namespace
 
 bool CanBeJournal(const std::string& path) { return SharedFile(path).IsUsable(); }
@@ -32,6 +53,32 @@ bool AppendToJournal(const std::string& path, const Record& record) {
   const bool written = file.Append(fromNewLine ? "\n" + line : line);
   if (locked) file.Unlock();  // the disk takes its time
   return written && file.Flush();
+}
+
+OtherLines ReadJournal(const std::string& path, const std::function<void(const Json&)>& onResult) {
+  OtherLines others;
+  std::size_t number = 0;
+  LineCutter lines([&](std::string_view line) {
+    ++number;
+    if (line.empty()) return;
+    const Json json = Parsed(line);
+    const std::string& event = json["event"].AsText();
+    if (event == kResultEvent) return onResult(json);
+    if (json.IsNull() && IsTorn(line)) {
+      others.torn.push_back(number);
+    } else if (event.empty()) {
+      others.foreign.push_back(number);
+    }
+  });
+  const FileHandle file = OpenForReading(path);
+  std::array<char, 65536> buffer{};
+  while (file) {
+    const std::size_t count = std::fread(buffer.data(), 1, buffer.size(), file.get());
+    if (count == 0) break;
+    lines.Take({buffer.data(), count});
+  }
+  lines.End();
+  return others;
 }
 
 }  // namespace tavo::tool

@@ -3,7 +3,10 @@
 // it is; the next one begins below it.
 #pragma once
 
+#include <cstddef>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "update/record.h"
 
@@ -14,5 +17,15 @@ bool CanBeJournal(const std::string& path);
 
 // Returns when the disk has the record. False: it may be missing, or cut off.
 bool AppendToJournal(const std::string& path, const Record& record);
+
+// The lines that hold no result. Those of other events, from a file that --json was led into, count as none.
+struct OtherLines {
+  std::vector<std::size_t>
+      torn{};  // the numbers of those that a record begins, 1 for the first line
+  std::vector<std::size_t> foreign{};  // of all others
+};
+
+// Calls `onResult` with each result in the order of the file, which can be opened for reading.
+OtherLines ReadJournal(const std::string& path, const std::function<void(const Json&)>& onResult);
 
 }  // namespace tavo::tool
