@@ -11,6 +11,8 @@
 namespace tavo::tool {
 namespace {
 
+constexpr std::uint8_t kLabellingAdbType = 5;
+
 constexpr const char* kTakeAnother =
     "Use the update file for this device: `firmware-updater inspect FILE` shows which devices a "
     "file is for.";
@@ -167,6 +169,16 @@ std::optional<Failure> Misfit(const PackageReport& report, const DeviceFacts& de
   }
   return device.hardwareId == -1 || !flags.checkIdentity ? std::nullopt
                                                          : HardwareMisfit(*image, device);
+}
+
+TunnelRoute RouteOf(const PackageReport& report) {
+  return report.images.empty() ? TunnelRoute{-1, -1} : report.images.front().route;
+}
+
+bool NeedsTunnel(const PackageReport& report) { return RouteOf(report).master != -1; }
+
+bool SetsLabel(const PackageReport& report) {
+  return std::ranges::count(report.images, kLabellingAdbType, &ImageReport::adbType) > 0;
 }
 
 Failure WrongRoad(const TunnelRoute& fileIsFor) {

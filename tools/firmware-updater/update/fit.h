@@ -22,6 +22,13 @@ std::optional<Failure> Misfit(const PackageReport& report, const DeviceFacts& de
 // The image that the engine selects for this processor; null when it selects none.
 const ImageReport* ImageFor(const PackageReport& report, std::uint32_t processorId);
 
+// The tunnel to the device that the file is for; {-1, -1}: none. As the engine does, this goes by the first
+// image.
+TunnelRoute RouteOf(const PackageReport& report);
+bool NeedsTunnel(const PackageReport& report);
+
+bool SetsLabel(const PackageReport& report);
+
 // The file is for a device behind this master, or for one that is connected directly; the device on
 // the line is not.
 Failure WrongRoad(const TunnelRoute& fileIsFor);
