@@ -11,14 +11,8 @@
 #include <mutex>
 #include <string>
 
+#include "log/printf_like.h"
 #include "platform/platform.h"
-
-#if defined(__GNUC__)
-#define TAVO_PRINTF_LIKE(formatIndex, firstArgument) \
-  __attribute__((format(printf, formatIndex, firstArgument)))
-#else
-#define TAVO_PRINTF_LIKE(formatIndex, firstArgument)
-#endif
 
 namespace tavo {
 

@@ -209,5 +209,19 @@ TEST(ShellWord, IsOneLineOfTextThatAShellReadsBack) {
   }
 }
 
+// Double quotes serve cmd and PowerShell alike; only PowerShell reads single quotes.
+TEST(ShellWord, OnWindowsServesCmdAndPowerShell) {
+  const std::pair<const char*, const char*> rows[] = {
+      {R"(C:\fw\a-1.hex)", R"(C:\fw\a-1.hex)"},
+      {R"(C:\my fw\)", R"("C:\my fw\\")"},
+      {"50%,@{x}&;'!.hex", R"("50%,@{x}&;'!.hex")"},
+      {"\xC3\xBC.hex", "\"\xC3\xBC.hex\""},
+      {"$x it's.hex", "'$x it''s.hex'"},
+      {"\xE2\x80\x9Cq\xE2\x80\x9D \xE2\x80\x99",
+       "'\xE2\x80\x9Cq\xE2\x80\x9D \xE2\x80\x99\xE2\x80\x99'"},
+      {"", R"("")"}};
+  for (const auto& [text, word] : rows) EXPECT_EQ(ShellWord(text, System::Windows), word);
+}
+
 }  // namespace
 }  // namespace tavo::tool

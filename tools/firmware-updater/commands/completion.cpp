@@ -6,6 +6,8 @@
 #include <ostream>
 #include <string_view>
 
+#include "system/system.h"
+
 namespace tavo::tool {
 namespace {
 
@@ -109,7 +111,7 @@ class Completion {
 void CompleteUserCommand(const CLI::App& app, Words words, std::ostream& out) {
   if (words.size() == 1) {
     out << ":commands\n";
-  } else if (std::filesystem::path(words.front()).filename() == app.get_name()) {
+  } else if (PathOf(words.front()).stem() == app.get_name()) {
     Complete(app, words.subspan(1), out);
   } else {
     out << ":files\n";

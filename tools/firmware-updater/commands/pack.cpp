@@ -17,6 +17,7 @@
 #include "simulator/firmware_builder.h"
 #include "simulator/new_file.h"
 #include "simulator/served_device.h"
+#include "system/system.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {
@@ -181,7 +182,7 @@ std::string Collect(const Options& options) {
     if (!report.CouldBeWritten()) {
       Refuse(path + ": " + report.problem, report.hint, ExitCode::BadFile);
     }
-    const std::string name = fs::path(path).filename().string();
+    const std::string name = TextOf(PathOf(path).filename());
     if (std::ranges::any_of(members, [&](const auto& other) { return other.name == name; })) {
       Refuse("two files are called '" + name + "'", "give one of them another name");
     }
@@ -194,18 +195,19 @@ std::string Collect(const Options& options) {
 std::string UpdateFileOf(const Options& options, const Firmware& firmware) {
   std::string text = HexText(firmware);
   if (KindByName(options.output) == UpdateFileKind::Hex) return text;
-  const std::string name = fs::path(options.output).stem().string() + ".hex";
+  const std::string name = TextOf(PathOf(options.output).stem()) + ".hex";
   return tavosim::ZipArchive({{name, std::move(text)}});
 }
 
 NewFile Output(const std::string& path, bool force) {
   std::error_code ignored;
-  const bool exists = fs::exists(fs::symlink_status(path, ignored));
-  if (exists && !fs::is_regular_file(path, ignored)) {
+  const fs::path place = PathOf(path);
+  const bool exists = fs::exists(fs::symlink_status(place, ignored));
+  if (exists && !fs::is_regular_file(place, ignored)) {
     Refuse(path + " exists and is not a regular file", "give another name");
   }
   if (exists && !force) Refuse(path + " exists already", "give --force to replace it");
-  return {path, force ? Existing::Replace : Existing::Keep};
+  return {place, force ? Existing::Replace : Existing::Keep};
 }
 
 void CheckOptions(const Options& options) {
@@ -255,7 +257,7 @@ void Pack(const Machine& machine, const Options& options) {
   std::optional<NewFile> raw;
   if (!options.raw.empty()) {
     const auto place = [](const std::string& path) {
-      return fs::weakly_canonical(fs::absolute(path));
+      return fs::weakly_canonical(fs::absolute(PathOf(path)));
     };
     if (place(options.raw) == place(options.output)) {
       Refuse("--raw and --output name the same file", "give one of them another name");
@@ -271,7 +273,7 @@ void Pack(const Machine& machine, const Options& options) {
   } else {
     output.Write(Collect(options));
   }
-  const PackageReport report = ReportOn(output.Temporary().string());
+  const PackageReport report = ReportOn(TextOf(output.Temporary()));
   for (const MemberReport& member : report.members) {
     if (member.verdict != Verdict::Used) {
       Refuse(report.problem.empty() ? "'" + member.name + "': " + member.reason : report.problem,

@@ -9,6 +9,7 @@
 #include "engine/firmware_updater.h"
 #include "engine/update_observer.h"
 #include "file/file_check.h"
+#include "system/system.h"
 #include "text/options.h"
 #include "text/text_format.h"
 #include "transport/i_comm_interface.h"
@@ -38,7 +39,7 @@ class ReplayPlatform final : public Platform {
   std::string ExecutablePath() override { return {}; }
   void Print(std::string_view) override {}
   FileHandle OpenLog(const std::string&, Links links) override {
-    return SystemPlatform().OpenLog("/dev/null", links);
+    return SystemPlatform().OpenLog(kNullFile, links);
   }
 
  private:

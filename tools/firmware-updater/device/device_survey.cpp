@@ -8,6 +8,8 @@
 
 #include "log/displayable.h"
 #include "log/logger.h"
+#include "system/system.h"
+#include "text/by_system.h"
 #include "text/log_platform.h"
 #include "text/text_format.h"
 #include "transport/comm_ftdi.h"
@@ -180,17 +182,30 @@ Obstacle NoPermission(const UsbKind& kind) {
               " into /etc/udev/rules.d/71-firmware-updater-local.rules, then plug it in again"};
 }
 
+Obstacle NoDriver(const UsbKind& kind) {
+  const std::string drivers = UsbDrivers(kind.vendor, kind.product);
+  return {"no-driver",
+          drivers.empty() ? "it has no driver through which it can be used"
+                          : "its driver is " + drivers + "; the tool needs WinUSB",
+          kDriverHint.Here()};
+}
+
+Obstacle CannotOpen(LibUsb& usb, int result) {
+  return {"cannot-open", std::string("it cannot be opened: ") + usb.ErrorName(result),
+          "plug it in again"};
+}
+
 std::optional<Obstacle> ObstacleOf(LibUsb& usb, const UsbKind& kind, int result) {
+  constexpr bool kWindows = kSystem == System::Windows;
   switch (result) {
     case LIBUSB_SUCCESS: return std::nullopt;
-    case LIBUSB_ERROR_ACCESS: return NoPermission(kind);
+    // Every user may open a device there, but only one program at a time.
+    case LIBUSB_ERROR_ACCESS: return kWindows ? InUse() : NoPermission(kind);
     case LIBUSB_ERROR_BUSY: return InUse();
-    case LIBUSB_ERROR_NOT_SUPPORTED:
-      return Obstacle{"no-driver", "it has no driver through which it can be used",
-                      "install the WinUSB driver for it, then plug it in again"};
-    default:
-      return Obstacle{"cannot-open", std::string("it cannot be opened: ") + usb.ErrorName(result),
-                      "plug it in again"};
+    case LIBUSB_ERROR_NOT_SUPPORTED: return NoDriver(kind);
+    // There, none of the device's interfaces has the driver.
+    case LIBUSB_ERROR_NOT_FOUND: return kWindows ? NoDriver(kind) : CannotOpen(usb, result);
+    default: return CannotOpen(usb, result);
   }
 }
 
@@ -285,10 +300,8 @@ class Survey {
     const bool opens = finding != nullptr && m_opens(device);
     const int result = opens ? TryOut(m_machine.usb, *finding) : int{LIBUSB_SUCCESS};
     if (finding != nullptr) device.usb = finding->identity;
-    if (result == LIBUSB_ERROR_ACCESS) {
-      device.obstacles.push_back(NoPermission(*finding->kind));
-    } else if (result == LIBUSB_ERROR_BUSY) {
-      device.obstacles.push_back(InUse());
+    if (result == LIBUSB_ERROR_ACCESS || result == LIBUSB_ERROR_BUSY) {
+      device.obstacles.push_back(*ObstacleOf(m_machine.usb, *finding->kind, result));
     } else if (adapter.port.empty()) {
       device.obstacles.push_back(NoSerialNumber());
     }

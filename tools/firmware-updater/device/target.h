@@ -3,6 +3,7 @@
 
 #include <string>
 
+#include "text/by_system.h"
 #include "transport/device_target.h"
 
 namespace tavo::tool {
@@ -18,6 +19,9 @@ std::string TargetOptions(const Target& target);
 
 // The text as one word of a shell command, in one line and in UTF-8 whatever it holds: as it stands
 // where that is safe, else in quotes.
-std::string ShellWord(const std::string& text);
+//
+// On Windows the double quotes serve cmd and PowerShell alike. But a text with $, ` or a quotation mark
+// is quoted for PowerShell, in single quotes; and cmd replaces a variable between two percent signs.
+std::string ShellWord(const std::string& text, System system = kSystem);
 
 }  // namespace tavo::tool

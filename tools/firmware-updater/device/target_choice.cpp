@@ -7,6 +7,7 @@
 
 #include "device/device_survey.h"
 #include "platform/platform.h"
+#include "text/by_system.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {
@@ -130,9 +131,7 @@ std::string Wanted(const TargetOptionsValues& named) {
 }  // namespace
 
 void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to) {
-  Option usb = command.Value(
-      "--usb", to.usbPort,
-      "The USB device at this port path, as list shows it, or as the kernel calls it: 1-4.2");
+  Option usb = command.Value("--usb", to.usbPort, kUsbOptionHelp.Here());
   usb.Shown("PORT").Checked(CheckName);
   Option ftdi = command.Value("--ftdi", to.ftdiSerial,
                               "The device at the FTDI adapter with this serial number");

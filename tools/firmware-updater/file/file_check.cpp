@@ -8,6 +8,8 @@
 
 #include "package/update_file.h"
 #include "platform/file.h"
+#include "system/system.h"
+#include "text/by_system.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {
@@ -102,7 +104,7 @@ FileProblem WrongExtension(const std::string& head) {
 
 FileProblem CheckReadable(const std::string& path, std::uintmax_t maxBytes) {
   std::error_code error;
-  const fs::file_status status = fs::status(path, error);
+  const fs::file_status status = fs::status(PathOf(path), error);
   if (status.type() == fs::file_type::not_found) {
     return {"no such file", "check the path"};
   }
@@ -113,10 +115,9 @@ FileProblem CheckReadable(const std::string& path, std::uintmax_t maxBytes) {
     return {"the file cannot be examined: " + error.message(), "check the path and its folders"};
   }
   if (OpenForReading(path) == nullptr) {
-    return {"permission denied: this user may not read it",
-            "check its permissions, with ls -l for example"};
+    return {"permission denied: this user may not read it", kNotReadableHint.Here()};
   }
-  const std::uintmax_t size = fs::file_size(path, error);
+  const std::uintmax_t size = fs::file_size(PathOf(path), error);
   if (error || size <= maxBytes) return {};
   return {Format("the file has %ju bytes, but update files have at most %ju", size, maxBytes),
           "check that it is the right file"};

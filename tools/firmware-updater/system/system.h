@@ -56,6 +56,10 @@ inline constexpr const char* kNullFile =
     "/dev/null";
 #endif
 
+// The path that a text names, in a form that may have any length, and the text that names a path.
+std::filesystem::path PathOf(const std::string& text);
+std::string TextOf(const std::filesystem::path& path);
+
 // The folder for the logs of programs; empty when the system names none.
 std::filesystem::path StateFolder();
 
@@ -63,6 +67,10 @@ std::filesystem::path StateFolder();
 bool IsOurs(const std::filesystem::path& folder);
 
 // --- facts ---
+
+// The names of the drivers that Windows has bound to USB devices with these ids, such as "usbser"; empty
+// when it does not report them, and elsewhere.
+std::string UsbDrivers(std::uint16_t vendor, std::uint16_t product);
 
 // Empty when the system does not report it.
 std::string HostName();

@@ -74,6 +74,10 @@ void SayLast(std::string_view text) {
   }
 }
 
+fs::path PathOf(const std::string& text) { return text; }
+
+std::string TextOf(const fs::path& path) { return path.string(); }
+
 fs::path StateFolder() {
   // A relative path counts as none, as the convention for this variable demands.
   const std::string state = Environment("XDG_STATE_HOME");
@@ -86,6 +90,8 @@ bool IsOurs(const fs::path& folder) {
   struct stat status {};
   return stat(folder.c_str(), &status) == 0 && status.st_uid == geteuid();
 }
+
+std::string UsbDrivers(std::uint16_t /*vendor*/, std::uint16_t /*product*/) { return {}; }
 
 std::string HostName() {
   std::array<char, 256> name{};

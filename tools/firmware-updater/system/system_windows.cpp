@@ -1,6 +1,7 @@
 #include <windows.h>
 // After it:
 #include <bcrypt.h>
+#include <cfgmgr32.h>
 #include <fcntl.h>
 #include <io.h>
 
@@ -10,6 +11,7 @@
 #include <future>
 #include <iostream>
 #include <mutex>
+#include <set>
 #include <shared_mutex>
 #include <sstream>
 #include <system_error>
@@ -132,12 +134,49 @@ void SayLast(std::string_view text) {
   done.wait_for(kPatience);
 }
 
-fs::path StateFolder() { return Environment("LOCALAPPDATA"); }
+fs::path PathOf(const std::string& text) { return SystemPath(text); }
+
+std::string TextOf(const fs::path& path) {
+  constexpr std::wstring_view kLong = LR"(\\?\)";
+  constexpr std::wstring_view kLongNetwork = LR"(\\?\UNC)";
+  const std::wstring text = path.wstring();
+  if (text.starts_with(kLongNetwork)) return "\\" + ToUtf8(text.substr(kLongNetwork.size()));
+  return ToUtf8(text.starts_with(kLong) ? text.substr(kLong.size()) : text);
+}
+
+fs::path StateFolder() { return PathOf(Environment("LOCALAPPDATA")); }
 
 // The folder for logs is the user's own by its place.
 bool IsOurs(const fs::path& folder) {
   std::error_code ignored;
   return fs::is_directory(folder, ignored);
+}
+
+std::string UsbDrivers(std::uint16_t vendor, std::uint16_t product) {
+  constexpr ULONG kPresentUsb = CM_GETIDLIST_FILTER_ENUMERATOR | CM_GETIDLIST_FILTER_PRESENT;
+  constexpr std::wstring_view kDivider = L"usbccgp";  // only divides a device into its interfaces
+  ULONG size = 0;
+  if (CM_Get_Device_ID_List_SizeW(&size, L"USB", kPresentUsb) != CR_SUCCESS) return {};
+  std::wstring ids(size, L'\0');
+  if (CM_Get_Device_ID_ListW(L"USB", ids.data(), size, kPresentUsb) != CR_SUCCESS) return {};
+  std::array<wchar_t, 32> wanted{};
+  std::swprintf(wanted.data(), wanted.size(), L"USB\\VID_%04X&PID_%04X", unsigned{vendor},
+                unsigned{product});
+  std::set<std::string> drivers;
+  for (const wchar_t* id = ids.c_str(); *id != L'\0'; id += std::wcslen(id) + 1) {
+    std::array<wchar_t, 64> driver{};
+    auto bytes = static_cast<ULONG>(sizeof driver);
+    DEVINST device = 0;
+    const bool known = _wcsnicmp(id, wanted.data(), std::wcslen(wanted.data())) == 0 &&
+                       CM_Locate_DevNodeW(&device, const_cast<wchar_t*>(id),
+                                          CM_LOCATE_DEVNODE_NORMAL) == CR_SUCCESS &&
+                       CM_Get_DevNode_Registry_PropertyW(device, CM_DRP_SERVICE, nullptr,
+                                                         driver.data(), &bytes, 0) == CR_SUCCESS;
+    if (known && driver.data() != kDivider) drivers.insert(ToUtf8(driver.data()));
+  }
+  std::string names;
+  for (const std::string& driver : drivers) names += (names.empty() ? "" : ", ") + driver;
+  return names;
 }
 
 std::string HostName() {

@@ -54,7 +54,7 @@ LogFile DefaultLog(std::string device) {
   device.resize(std::min(device.size(), kLongestName));
   std::ranges::replace_if(
       device, [](char c) { return kNameSigns.find(c) == kNameSigns.npos; }, '_');
-  return {(folder / (device + ".log")).string(), Links::Refuse};
+  return {TextOf(folder / (device + ".log")), Links::Refuse};
 }
 
 }  // namespace tavo::tool

@@ -49,8 +49,9 @@ class LogPlatform final : public Platform {
 };
 
 // Where the log goes when the user names no file: firmware-updater/DEVICE.log in $XDG_STATE_HOME, or in
-// .local/state of $HOME. Signs of `device` that a file name should not have become '_'. Makes the folders. Empty when they cannot be made, and
-// when they belong to another user, as under `sudo -E`.
+// .local/state of $HOME; on Windows in %LOCALAPPDATA%. Signs of `device` that a file name should not have
+// become '_'. Makes the folders. Empty when they cannot be made, and when they belong to another user, as
+// under `sudo -E`.
 LogFile DefaultLog(std::string device);
 
 }  // namespace tavo::tool

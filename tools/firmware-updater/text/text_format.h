@@ -8,10 +8,12 @@
 #include <string_view>
 #include <vector>
 
+#include "log/printf_like.h"
+
 namespace tavo::tool {
 
 // As std::snprintf, cut off after 255 characters.
-[[gnu::format(printf, 1, 2)]] std::string Format(const char* format, ...);
+TAVO_PRINTF_LIKE(1, 2) std::string Format(const char* format, ...);
 
 // "0x08A0".
 std::string Hex(std::uint32_t value, int digits = 4);

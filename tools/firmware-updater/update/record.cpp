@@ -1,7 +1,6 @@
 #include "update/record.h"
 
 #include <algorithm>
-#include <ctime>
 
 #include "device/refused_text.h"
 #include "text/text_format.h"
@@ -56,11 +55,14 @@ const char* NameOf(Ending ending) {
 
 // RFC 3339, in UTC.
 std::string TimeText(std::chrono::system_clock::time_point time) {
-  const std::time_t seconds = std::chrono::system_clock::to_time_t(time);
-  std::tm utc{};
-  gmtime_r(&seconds, &utc);
-  return Format("%04d-%02d-%02dT%02d:%02d:%02dZ", utc.tm_year + 1900, utc.tm_mon + 1, utc.tm_mday,
-                utc.tm_hour, utc.tm_min, utc.tm_sec);
+  using namespace std::chrono;
+  const auto day = floor<days>(time);
+  const year_month_day date{day};
+  const hh_mm_ss clock{floor<seconds>(time - day)};
+  return Format("%04d-%02u-%02uT%02d:%02d:%02dZ", int{date.year()}, unsigned{date.month()},
+                unsigned{date.day()}, static_cast<int>(clock.hours().count()),
+                static_cast<int>(clock.minutes().count()),
+                static_cast<int>(clock.seconds().count()));
 }
 
 Json AsJson(const UpdateFlags& flags) {

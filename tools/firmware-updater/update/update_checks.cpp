@@ -4,6 +4,8 @@
 #include <system_error>
 #include <utility>
 
+#include "system/system.h"
+#include "text/by_system.h"
 #include "text/log_platform.h"
 #include "text/text_format.h"
 #include "update/journal.h"
@@ -19,7 +21,8 @@ bool CanBeWritten(const Machine& machine, const LogFile& file) {
 
 bool IsSameFile(const std::string& one, const std::string& other) {
   std::error_code ignored;
-  return fs::is_regular_file(one, ignored) && fs::equivalent(one, other, ignored);
+  return fs::is_regular_file(PathOf(one), ignored) &&
+         fs::equivalent(PathOf(one), PathOf(other), ignored);
 }
 
 // "usb-4-2_4711", "ftdi-TAVO0001". The port too: devices may share a serial number.
@@ -35,9 +38,9 @@ std::string LogName(const ChosenDevice& device) {
 // A default log follows no link.
 std::string LogProblem(const std::string& path) {
   std::error_code ignored;
-  const fs::file_status status = fs::symlink_status(path, ignored);
+  const fs::file_status status = fs::symlink_status(PathOf(path), ignored);
   if (!fs::exists(status)) {
-    return "the user's state folder cannot be written, or belongs to another user";
+    return kLogFolderProblem.Here();
   }
   return Displayable(path) +
          (fs::is_regular_file(status) ? " cannot be written" : " is not a regular file");

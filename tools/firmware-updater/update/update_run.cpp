@@ -33,8 +33,8 @@ ClosingState NothingChanged(const char* sentence) {
 std::string AbsolutePath(const std::string& path) {
   if (path.empty()) return path;
   std::error_code error;
-  const std::filesystem::path absolute = std::filesystem::absolute(path, error);
-  return error ? path : absolute.lexically_normal().string();
+  const std::filesystem::path absolute = std::filesystem::absolute(PathOf(path), error);
+  return error ? path : TextOf(absolute.lexically_normal());
 }
 
 // The result has room for one value of each name.

@@ -9,6 +9,7 @@
 #include "device/dialogue.h"
 #include "package/adb_view.h"
 #include "protocol/commands.h"
+#include "system/system.h"
 #include "text/text_format.h"
 #include "update/closing_state.h"
 
@@ -186,7 +187,7 @@ bool CarriesFirmware(std::span<const std::uint8_t> frame) {
 }
 
 std::string ReadWireRecord(const std::string& path, WireRecord& record) {
-  std::ifstream file(path);
+  std::ifstream file(PathOf(path));
   if (!file) return "the record cannot be read";
   std::size_t number = 0;
   try {
@@ -210,7 +211,7 @@ WireRecorder::WireRecorder(Platform& platform, const std::string& path, bool wit
                            std::function<void()> onLost)
     : m_platform(platform), m_withFirmware(withFirmware), m_onLost(std::move(onLost)) {
   if (path.empty()) return;
-  m_file.open(path, std::ios::trunc);
+  m_file.open(PathOf(path), std::ios::trunc | std::ios::binary);
   Write(Json{{"version", kVersion}, {"event", "recording"}}.dump());
 }
 
