@@ -17,6 +17,9 @@ using namespace std::chrono_literals;
 using tavosim::DeviceState;
 using test::Station;
 
+constexpr DeviceState kRuns = DeviceState::Application;
+constexpr DeviceState kWaits = DeviceState::Bootloader;
+
 tavosim::DeviceOptions OptionsOf(const char* family, DeviceState start) {
   tavosim::DeviceOptions options = Options(family);
   options.start = start;
@@ -65,6 +68,47 @@ TEST(Info, TellsEveryFamilyInEitherStateAndLeavesItThere) {
       EXPECT_EQ(document["applicationKiB"], family.applicationKiB);
       EXPECT_EQ(document["tunnel"].IsNull(), family.route == 0);
     }
+  }
+}
+
+TEST(Info, VerifyLeavesTheDeviceAsItWasAndSaysWhereItDoesNot) {
+  const struct {
+    const char* family;
+    DeviceState found;
+    bool intact;
+    std::uint8_t version;
+    const char* fault;
+    const char* verdict;
+    ExitCode exit;
+    DeviceState left;
+  } kRows[] = {
+      {"plain", kRuns, true, 3, "lose:99", "passed", ExitCode::Done, kRuns},
+      {"plain", kWaits, true, 3, "lose:99", "passed", ExitCode::Done, kWaits},
+      {"plain", kWaits, false, 3, "lose:99", "failed", ExitCode::FailedInBootloader, kWaits},
+      {"plain", kRuns, true, 2, "lose:99", "not-supported", ExitCode::FailedRuns, kRuns},
+      {"plain", kRuns, true, 3, "lose:id=0x136:*", "no-answer", ExitCode::FailedRuns, kRuns},
+      {"plain", kRuns, true, 3, "powercut:id=0x100:5", "no-bootloader", ExitCode::FailedRuns,
+       kRuns},
+      {"plain", kRuns, true, 3, "powercut:id=0x12F:1:bootloader", "passed",
+       ExitCode::FailedInBootloader, kWaits},
+      {"gateway", kRuns, true, 3, "lose:99", "passed", ExitCode::Done, kRuns},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(std::string(row.fault) + " " + row.verdict);
+    tavosim::DeviceOptions options = Options(row.family);
+    options.start = row.found;
+    options.applicationIntact = row.intact;
+    options.family.bootloaderVersion = row.version;
+    ToolStation station(options, false, {row.fault});
+    const tavosim::Snapshot before = station.device.Save();
+    EXPECT_EQ(station.run("info @firmware.hex --usb 1-4-2 --json --verify"), row.exit);
+    const Json document = Json::Parse(station.run.Out());
+    EXPECT_EQ(document["verification"]["verdict"], row.verdict) << station.run.Err();
+    EXPECT_EQ(document["state"], row.left == kRuns ? "application" : "bootloader");
+    const tavosim::Snapshot after = station.device.Save();
+    EXPECT_EQ(after.state, row.left);
+    EXPECT_EQ(after.flash, before.flash);
+    EXPECT_EQ(after.tunnel, before.tunnel);
   }
 }
 

@@ -29,7 +29,7 @@ RUNS = [
     (["--ftdi"], ["list"], 0),
     (["--ftdi", "--serial", ""], ["list"], 3),
     ([], ["info"], 0),
-    (["--start", "bootloader"], ["info"], 0),
+    (["--start", "bootloader"], ["info", "--verify"], 0),
     (["--family", "gateway"], ["info", "gateway.hex"], 0),
     (["--fault", "lose:*"], ["info"], 7),
     ([], ["check-device", "--write", "firmware.hex"], 0),

@@ -1,6 +1,9 @@
 // info: asks one device for its identity and state, and leaves it as it was.
 #include <algorithm>
 #include <array>
+#include <atomic>
+#include <cstdlib>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -9,12 +12,14 @@
 
 #include "commands/commands.h"
 #include "device/dialogue.h"
+#include "device/flash_check.h"
 #include "device/inquiry.h"
 #include "device/place.h"
 #include "device/refused_text.h"
 #include "device/session.h"
 #include "device/target_choice.h"
 #include "package/hardware_identity.h"
+#include "system/interrupts.h"
 #include "text/json.h"
 #include "text/log_platform.h"
 #include "text/options.h"
@@ -36,6 +41,7 @@ struct Options {
   std::string through{};
   bool json = false;
   bool trace = false;
+  bool verify = false;
 };
 
 enum class State { Application, Bootloader, Master, Silent };
@@ -79,10 +85,32 @@ struct Findings {
   RefusedBytes refused{};
   std::string file{};  // as given; empty: none
   std::optional<Failure> misfit{};
+  std::optional<FlashCheck> flash{};  // none: not wanted
 
   bool NobodyBehind() const { return place.behind && report.IsMaster(); }
   bool FileFits() const { return !file.empty() && !misfit; }
 };
+
+struct VerdictRow {
+  FlashVerdict verdict;
+  const char* name;  // stable, for scripts
+  const char* text;
+};
+
+// clang-format off
+constexpr std::array kVerdicts{
+    VerdictRow{FlashVerdict::Passed,       "passed",        "passes its bootloader's check: it is whole, whichever firmware it is"},
+    VerdictRow{FlashVerdict::Failed,       "failed",        "fails its bootloader's check"},
+    VerdictRow{FlashVerdict::NotSupported, "not-supported", "not checked: its bootloader cannot, before version 3"},
+    VerdictRow{FlashVerdict::NoAnswer,     "no-answer",     "not checked: its bootloader does not answer that question"},
+    VerdictRow{FlashVerdict::NoBootloader, "no-bootloader", "not checked: the device did not enter its bootloader"},
+    VerdictRow{FlashVerdict::NotAsked,     "not-asked",     "not checked"},
+};
+// clang-format on
+
+const VerdictRow& RowOf(FlashVerdict verdict) {
+  return *std::ranges::find(kVerdicts, verdict, &VerdictRow::verdict);
+}
 
 // The update file names the tunnel itself.
 std::string NextCommand(const Findings& found) {
@@ -147,7 +175,7 @@ Facts Answers(const DeviceReport& report) {
   Facts facts;
   if (report.deviceId) facts.emplace_back("device id", Hex(*report.deviceId));
   if (report.softwareId) facts.emplace_back("software id", Hex(*report.softwareId));
-  if (report.inBootloader) {
+  if (report.bootloaderVersion) {
     facts.emplace_back("bootloader", "version " + std::to_string(*report.bootloaderVersion) +
                                          ", blocks of " + std::to_string(*report.blockSize) +
                                          " bytes");
@@ -161,6 +189,13 @@ Facts Answers(const DeviceReport& report) {
   return facts;
 }
 
+std::string FlashText(const FlashCheck& flash) {
+  const std::string text = RowOf(flash.verdict).text;
+  if (!flash.calculated) return text;
+  return text + " (calculated " + Hex(*flash.calculated, 8) + ", expected " +
+         Hex(*flash.expected, 8) + ")";
+}
+
 void WriteText(std::ostream& to, const Findings& found) {
   constexpr std::size_t kColumn = 13;
   Facts facts = Answers(found.report);
@@ -168,6 +203,7 @@ void WriteText(std::ostream& to, const Findings& found) {
     facts.emplace_back(
         "refused", std::to_string(found.refused.Total()) + " bytes: " + ReasonsOf(found.refused));
   }
+  if (found.flash) facts.emplace_back("flash", FlashText(*found.flash));
   facts.emplace(facts.begin(), "device", found.place.Options());
   for (const auto& [name, value] : facts) {
     to << name << std::string(kColumn - name.size(), ' ') << value << '\n';
@@ -199,8 +235,14 @@ Json HardwareJson(std::uint16_t id) {
           {"variant", fields.variant}};
 }
 
+Json FlashJson(const FlashCheck& flash) {
+  return {{"verdict", RowOf(flash.verdict).name},
+          {"calculated", flash.calculated},
+          {"expected", flash.expected}};
+}
+
 void WriteJson(std::ostream& to, const Findings& found) {
-  const auto& [place, report, refused, file, misfit] = found;
+  const auto& [place, report, refused, file, misfit, flash] = found;
   const std::string next = NextCommand(found);
   const Json document{
       {"version", kDocumentVersion},
@@ -219,6 +261,7 @@ void WriteJson(std::ostream& to, const Findings& found) {
       {"applicationKiB", report.applicationKiB},
       {"tunnel", report.tunnel ? TunnelJson(*report.tunnel) : Json()},
       {"refused", RefusedJson(refused)},
+      {"verification", flash ? FlashJson(*flash) : Json()},
       {"misfit", misfit ? Json(misfit->text) : Json()},
       {"next", next.empty() ? Json() : Json(next)},
   };
@@ -236,25 +279,44 @@ std::string SilenceHint(const Place& place) {
          "module left a tunnel open may be silent too";
 }
 
+// Without a verdict that it passed, and with a device that is not as it was found, --verify has failed.
+ExitCode ExitOf(const Findings& found) {
+  if (!found.flash || (found.flash->verdict == FlashVerdict::Passed && !found.flash->lost)) {
+    return ExitCode::Done;
+  }
+  switch (DescriptionOf(found.report).state) {
+    case State::Application: return ExitCode::FailedRuns;
+    case State::Bootloader: return ExitCode::FailedInBootloader;
+    default: return ExitCode::FailedUnknown;
+  }
+}
+
 ExitCode Report(const Machine& machine, bool json, const Findings& found) {
-  const auto& [place, report, refused, file, misfit] = found;
+  const auto& [place, report, refused, file, misfit, flash] = found;
   if (json) WriteJson(machine.out, found);
   if (!report.AnythingAnswered()) {
     const std::string device = "the device at " + place.Options();
     const bool silent = refused.Total() == 0;
-    Complain(machine, device + (silent ? " does not respond" : ": " + NoAnswerAmong(refused)),
+    const char* const silence = flash && flash->lost
+                                    ? " does not respond since its application was to start again"
+                                    : " does not respond";
+    Complain(machine, device + (silent ? silence : ": " + NoAnswerAmong(refused)),
              silent ? SilenceHint(place) : HintOn(refused, place.target.kind));
     return ExitCode::FailedUnknown;
   }
   if (!json) WriteText(machine.out, found);
-  return ExitCode::Done;
+  if (flash && flash->lost) {
+    Complain(machine, "the bootloader did not start the application again", {});
+  }
+  return ExitOf(found);
 }
 
 // A tunnel that is opened here is closed again.
-DeviceReport AskBehind(Inquiry& inquiry, const TunnelRoute& route) {
+DeviceReport AskBehind(Inquiry& inquiry, const TunnelRoute& route,
+                       const std::function<DeviceReport()>& ask) {
   DeviceReport report;
   if (!inquiry.OpenTunnelTo(route)) return report;
-  report = AskWho(inquiry);
+  report = ask();
   inquiry.CloseTunnel();
   report.tunnel = inquiry.OpenTunnel();
   return report;
@@ -274,14 +336,32 @@ ExitCode Info(const Machine& machine, const Options& options) {
   dialogue.TestLine(true);
   CheckEcho(inquiry, place, "info");
   dialogue.TestLine(false);
-  DeviceReport report = AskWho(inquiry);
+  std::atomic<bool> stopped = false;  // the device is led back all the same
+  std::optional<Interrupts> interrupts;
+  if (options.verify) {
+    interrupts.emplace([&](int number) {
+      stopped = true;
+      if (number > 1) std::_Exit(static_cast<int>(ExitCode::Stopped));
+    });
+  }
+  std::optional<FlashCheck> flash;
+  const auto ask = [&] {
+    DeviceReport report = AskWho(inquiry);
+    if (options.verify) {
+      flash = CheckFlash(inquiry, machine.platform, report, [&] { return stopped.load(); });
+    }
+    return report;
+  };
+  DeviceReport report = ask();
   if (route && report.IsMaster()) {
     place.behind = route;
-    report = AskBehind(inquiry, *route);
+    report = AskBehind(inquiry, *route, ask);
   }
   dialogue.End();
   const auto misfit = file ? MisfitOf(*file, place, report) : std::nullopt;
-  return Report(machine, options.json, {place, report, inquiry.Refused(), options.file, misfit});
+  const ExitCode exit = Report(machine, options.json,
+                               {place, report, inquiry.Refused(), options.file, misfit, flash});
+  return stopped ? ExitCode::Stopped : exit;
 }
 
 }  // namespace
@@ -294,6 +374,10 @@ void AddInfoCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
                               "questions and closed again");
   AddTargetOptions(command, options->target);
   AddThroughOption(command, options->through).Excludes(file);
+  command.Flag(
+      "--verify", options->verify,
+      "Ask the bootloader whether the flash passes its check: a running application is left "
+      "for that and started again");
   command.Flag("--json", options->json, "Write one JSON document");
   command.Flag("--trace", options->trace, kTraceHelp);
   command.Footer(
@@ -301,6 +385,7 @@ void AddInfoCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
       "Examples:\n"
       "  firmware-updater info\n"
       "  firmware-updater info --usb 4-2 --through 4.1\n"
+      "  firmware-updater info --verify\n"
       "  firmware-updater info --ftdi TAVO0001 --baud 115200 --json");
   command.OnRun(exit, [&machine, options] { return Info(machine, *options); });
 }

@@ -84,16 +84,6 @@ bool AskApplication(Inquiry& inquiry, Patience patience, DeviceReport& report) {
   return report.signOfLife;
 }
 
-// The version and block size; whatever else answers has not both.
-bool AskBootloader(Inquiry& inquiry, Patience patience, DeviceReport& report) {
-  const std::optional<TavoMessage> version = inquiry.Ask(kCheckVersion, patience);
-  if (!version || version->length < 2) return false;
-  report.inBootloader = true;
-  report.bootloaderVersion = version->payload[0];
-  report.blockSize = version->payload[1];
-  return true;
-}
-
 bool AskEither(Inquiry& inquiry, Patience patience, DeviceReport& report) {
   return AskApplication(inquiry, patience, report) || AskBootloader(inquiry, patience, report);
 }
@@ -210,6 +200,15 @@ bool Inquiry::StartApplication() {
     if (Ask(kWaitForApplication)) return true;
   } while (m_platform.MonotonicNow() < end);
   return false;
+}
+
+bool AskBootloader(Inquiry& inquiry, Patience patience, DeviceReport& report) {
+  const std::optional<TavoMessage> version = inquiry.Ask(kCheckVersion, patience);
+  if (!version || version->length < 2) return false;
+  report.inBootloader = true;
+  report.bootloaderVersion = version->payload[0];
+  report.blockSize = version->payload[1];
+  return true;
 }
 
 void AskBootloaderFacts(Inquiry& inquiry, DeviceReport& report) {

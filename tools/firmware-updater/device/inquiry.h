@@ -114,6 +114,9 @@ struct DeviceReport {
 // Finds out who answers: within a second if an application or a bootloader does, within ten otherwise.
 DeviceReport AskWhoAnswers(Inquiry& inquiry, Patience patience);
 
+// Whether a bootloader answers, with its version and block size; whatever else answers has not both.
+bool AskBootloader(Inquiry& inquiry, Patience patience, DeviceReport& report);
+
 // The facts that only a bootloader knows: processor, hardware id and size.
 void AskBootloaderFacts(Inquiry& inquiry, DeviceReport& report);
 
