@@ -38,6 +38,7 @@ RUNS = [
     (["--fault", "lose:*"], ["check-device"], 7),
     ([], ["history", "journal.ndjson"], 0),
     ([], ["inspect", "two.zip"], 0),
+    ([], ["inspect", "gateway.hex", "--usb", "1"], 1),
     ([], ["inspect", "labelled.hex", "--block-size", "64"], 0),
     ([], ["inspect", "typo.hex"], 4),
 ]

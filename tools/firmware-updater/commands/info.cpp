@@ -1,9 +1,6 @@
 // info: asks one device for its identity and state, and leaves it as it was.
 #include <algorithm>
 #include <array>
-#include <atomic>
-#include <cstdlib>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <ostream>
@@ -11,17 +8,11 @@
 #include <vector>
 
 #include "commands/commands.h"
+#include "device/device_answers.h"
 #include "device/dialogue.h"
-#include "device/flash_check.h"
-#include "device/inquiry.h"
-#include "device/place.h"
 #include "device/refused_text.h"
-#include "device/session.h"
-#include "device/target_choice.h"
 #include "package/hardware_identity.h"
-#include "system/interrupts.h"
 #include "text/json.h"
-#include "text/log_platform.h"
 #include "text/options.h"
 #include "text/text_format.h"
 #include "update/closing_state.h"
@@ -79,13 +70,9 @@ const Description& DescriptionOf(const DeviceReport& report) {
 }
 
 // The answers, and how the update file fits them.
-struct Findings {
-  Place place{};
-  DeviceReport report{};
-  RefusedBytes refused{};
+struct Findings : DeviceAnswers {
   std::string file{};  // as given; empty: none
   std::optional<Failure> misfit{};
-  std::optional<FlashCheck> flash{};  // none: not wanted
 
   bool NobodyBehind() const { return place.behind && report.IsMaster(); }
   bool FileFits() const { return !file.empty() && !misfit; }
@@ -131,14 +118,6 @@ std::string LastLine(const Findings& found) {
   const std::string next = NextCommand(found);
   if (next.empty()) return line;
   return line + " " + description.aim + (found.FileFits() ? "" : description.needs) + ": " + next;
-}
-
-std::optional<Failure> MisfitOf(const PackageReport& file, const Place& place,
-                                const DeviceReport& report) {
-  const TunnelRoute route = file.images.front().route;
-  const bool behind = place.behind || report.IsMaster() || report.tunnel.value_or(0) != 0;
-  if (report.AnythingAnswered() && behind != (route.master != -1)) return WrongRoad(route);
-  return Misfit(file, FactsOf(report), {});
 }
 
 const McuRow* FindMcu(std::uint32_t processorId) {
@@ -242,7 +221,7 @@ Json FlashJson(const FlashCheck& flash) {
 }
 
 void WriteJson(std::ostream& to, const Findings& found) {
-  const auto& [place, report, refused, file, misfit, flash] = found;
+  const auto& [place, report, refused, flash, stopped] = static_cast<const DeviceAnswers&>(found);
   const std::string next = NextCommand(found);
   const Json document{
       {"version", kDocumentVersion},
@@ -262,7 +241,7 @@ void WriteJson(std::ostream& to, const Findings& found) {
       {"tunnel", report.tunnel ? TunnelJson(*report.tunnel) : Json()},
       {"refused", RefusedJson(refused)},
       {"verification", flash ? FlashJson(*flash) : Json()},
-      {"misfit", misfit ? Json(misfit->text) : Json()},
+      {"misfit", found.misfit ? Json(found.misfit->text) : Json()},
       {"next", next.empty() ? Json() : Json(next)},
   };
   to << document.Text(2) << '\n';
@@ -279,20 +258,16 @@ std::string SilenceHint(const Place& place) {
          "module left a tunnel open may be silent too";
 }
 
-// Without a verdict that it passed, and with a device that is not as it was found, --verify has failed.
+// Without the verdict that the flash passes, and with a device that is not as it was found, --verify has failed.
 ExitCode ExitOf(const Findings& found) {
-  if (!found.flash || (found.flash->verdict == FlashVerdict::Passed && !found.flash->lost)) {
-    return ExitCode::Done;
-  }
-  switch (DescriptionOf(found.report).state) {
-    case State::Application: return ExitCode::FailedRuns;
-    case State::Bootloader: return ExitCode::FailedInBootloader;
-    default: return ExitCode::FailedUnknown;
-  }
+  if (found.stopped) return ExitCode::Stopped;
+  const auto& flash = found.flash;
+  const bool done = !flash || (flash->verdict == FlashVerdict::Passed && !flash->lost);
+  return done ? ExitCode::Done : FailedWith(found.report);
 }
 
 ExitCode Report(const Machine& machine, bool json, const Findings& found) {
-  const auto& [place, report, refused, file, misfit, flash] = found;
+  const auto& [place, report, refused, flash, stopped] = static_cast<const DeviceAnswers&>(found);
   if (json) WriteJson(machine.out, found);
   if (!report.AnythingAnswered()) {
     const std::string device = "the device at " + place.Options();
@@ -311,57 +286,17 @@ ExitCode Report(const Machine& machine, bool json, const Findings& found) {
   return ExitOf(found);
 }
 
-// A tunnel that is opened here is closed again.
-DeviceReport AskBehind(Inquiry& inquiry, const TunnelRoute& route,
-                       const std::function<DeviceReport()>& ask) {
-  DeviceReport report;
-  if (!inquiry.OpenTunnelTo(route)) return report;
-  report = ask();
-  inquiry.CloseTunnel();
-  report.tunnel = inquiry.OpenTunnel();
-  return report;
-}
-
 ExitCode Info(const Machine& machine, const Options& options) {
   std::optional<PackageReport> file;
   if (!options.file.empty()) file = CheckedFile(options.file);
-  const std::optional<TunnelRoute> route = RouteBehind(options.file, options.through);
-  Place place{ChooseTarget(machine, options.target), std::nullopt};
-  LogPlatform quiet(machine.platform, {}, nullptr);
-  Dialogue dialogue([&] { return quiet.MonotonicNow(); }, options.trace ? &machine.err : nullptr);
-  Session session(machine, quiet, &dialogue);
-  session.Open(place.target);
-  Inquiry inquiry(session.Transport(), quiet,
-                  [&](const std::string& text) { machine.err << text << std::endl; });
-  dialogue.TestLine(true);
-  CheckEcho(inquiry, place, "info");
-  dialogue.TestLine(false);
-  std::atomic<bool> stopped = false;  // the device is led back all the same
-  std::optional<Interrupts> interrupts;
-  if (options.verify) {
-    interrupts.emplace([&](int number) {
-      stopped = true;
-      if (number > 1) std::_Exit(static_cast<int>(ExitCode::Stopped));
-    });
-  }
-  std::optional<FlashCheck> flash;
-  const auto ask = [&] {
-    DeviceReport report = AskWho(inquiry);
-    if (options.verify) {
-      flash = CheckFlash(inquiry, machine.platform, report, [&] { return stopped.load(); });
-    }
-    return report;
-  };
-  DeviceReport report = ask();
-  if (route && report.IsMaster()) {
-    place.behind = route;
-    report = AskBehind(inquiry, *route, ask);
-  }
-  dialogue.End();
-  const auto misfit = file ? MisfitOf(*file, place, report) : std::nullopt;
-  const ExitCode exit = Report(machine, options.json,
-                               {place, report, inquiry.Refused(), options.file, misfit, flash});
-  return stopped ? ExitCode::Stopped : exit;
+  Findings found{AskDevice(machine, options.target,
+                           {.command = "info",
+                            .route = RouteBehind(options.file, options.through),
+                            .flash = options.verify,
+                            .trace = options.trace}),
+                 options.file};
+  if (file) found.misfit = Misfit(*file, found.place, found.report);
+  return Report(machine, options.json, found);
 }
 
 }  // namespace

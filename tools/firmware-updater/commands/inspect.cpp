@@ -1,16 +1,21 @@
-// inspect: everything that an update file says, on the screen or as JSON. Opens nothing but the file.
+// inspect: everything that an update file says, on the screen or as JSON, and whether it fits a device. Without
+// a device only the file is opened.
 #include <algorithm>
 #include <iomanip>
 #include <memory>
+#include <optional>
 #include <ostream>
 
 #include "commands/commands.h"
+#include "device/device_answers.h"
 #include "file/block_map.h"
 #include "file/package_json.h"
 #include "file/package_report.h"
 #include "text/json.h"
 #include "text/options.h"
 #include "text/text_format.h"
+#include "update/closing_state.h"
+#include "update/fit.h"
 
 namespace tavo::tool {
 namespace {
@@ -25,6 +30,9 @@ struct Options {
   std::string file;
   std::uint32_t blockSize = kDefaultBlockSize;
   bool json = false;
+  TargetOptionsValues target{};
+
+  bool NamesDevice() const { return !target.usbPort.empty() || !target.ftdiSerial.empty(); }
 };
 
 // Where the screen goes, and how many characters a line of it may have.
@@ -230,14 +238,68 @@ void PutScreen(const Screen& screen, const PackageReport& report, std::uint32_t 
   }
 }
 
+struct Fit {
+  Place place;
+  DeviceFacts facts;
+  std::string misfit;  // empty: nothing that the device answers speaks against the file
+  bool answers = false;
+  bool isComplete =
+      false;  // a bootloader has answered, which alone knows processor, size and hardware
+  ExitCode exit = ExitCode::Done;
+};
+
+Fit FitOf(const Machine& machine, const PackageReport& report, const Options& options) {
+  const DeviceAnswers answers = AskDevice(
+      machine, options.target,
+      {.command = "inspect " + FileWord(options.file), .route = RouteBehind(options.file, {})});
+  const auto misfit = Misfit(report, answers.place, answers.report);
+  Fit fit{.place = answers.place,
+          .facts = FactsOf(answers.report),
+          .misfit = misfit ? misfit->text : "",
+          .answers = answers.report.AnythingAnswered(),
+          .isComplete = answers.report.bootloaderVersion.has_value()};
+  if (misfit || !fit.answers) fit.exit = FailedWith(answers.report);
+  return fit;
+}
+
+std::string FitText(const Fit& fit) {
+  if (!fit.answers) return "does not respond";
+  if (!fit.misfit.empty()) return "does not fit: " + fit.misfit;
+  if (fit.isComplete) return "fits";
+  return "fits, as far as a running application answers; only its bootloader knows processor, size "
+         "and "
+         "hardware id: `firmware-updater info FILE --verify` asks it";
+}
+
+void PutFit(const Screen& screen, const Fit& fit) {
+  screen.out << "\nDevice " << fit.place.Options() << '\n';
+  if (const std::string facts = FactsText(fit.facts); !facts.empty()) {
+    PutWrapped(screen, 2, kLabelWidth, "Reports", facts);
+  }
+  PutWrapped(screen, 2, kLabelWidth, "The file", FitText(fit));
+}
+
+Json FitJson(const Fit& fit) {
+  Json json{{"kind", KindName(fit.place.target.kind)}, {"address", fit.place.target.address}};
+  json.Append(AsJson(fit.facts));
+  json.Set("fits", fit.answers ? Json(fit.misfit.empty()) : Json());
+  json.Set("misfit", fit.misfit.empty() ? Json() : Json(fit.misfit));
+  return json;
+}
+
 ExitCode Inspect(const Machine& machine, const Options& options) {
   const PackageReport report = ReportOn(options.file);
+  std::optional<Fit> fit;
+  if (options.NamesDevice() && report.CouldBeWritten()) fit = FitOf(machine, report, options);
   if (options.json) {
-    machine.out << PackageJson(report, options.blockSize).Text(2) << '\n';
+    Json document = PackageJson(report, options.blockSize);
+    document.Set("device", fit ? FitJson(*fit) : Json());
+    machine.out << document.Text(2) << '\n';
   } else if (report.CouldBeWritten() || !report.members.empty()) {
     PutScreen(ScreenOf(machine), report, options.blockSize);
   }
-  if (report.CouldBeWritten()) return ExitCode::Done;
+  if (fit && !options.json) PutFit(ScreenOf(machine), *fit);
+  if (report.CouldBeWritten()) return fit ? fit->exit : ExitCode::Done;
   Complain(machine, Displayable(report.path) + ": " + report.problem, report.hint);
   return ExitCode::BadFile;
 }
@@ -255,10 +317,14 @@ void AddInspectCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
              "Bytes that the device writes at once, for block map and times")
       .Between(kMinBlockSize, kMaxWritableBlockSize)
       .WithDefault();
+  AddTargetOptions(command, options->target);
   command.Footer(
-      "Ends with exit code 4 when no device can accept the file.\n\n"
+      "With --usb or --ftdi that device is asked, and it is said whether the file fits it. "
+      "Without, only "
+      "the file is opened. Ends with exit code 4 when no device can accept the file.\n\n"
       "Examples:\n"
       "  firmware-updater inspect firmware.zip\n"
+      "  firmware-updater inspect firmware.hex --usb 4-2\n"
       "  firmware-updater inspect --block-size 64 --json firmware.hex");
   command.OnRun(exit, [options, &machine] { return Inspect(machine, *options); });
 }

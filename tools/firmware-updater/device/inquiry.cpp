@@ -211,6 +211,12 @@ bool AskBootloader(Inquiry& inquiry, Patience patience, DeviceReport& report) {
   return true;
 }
 
+ExitCode FailedWith(const DeviceReport& report) {
+  return report.inBootloader        ? ExitCode::FailedInBootloader
+         : report.RunsApplication() ? ExitCode::FailedRuns
+                                    : ExitCode::FailedUnknown;
+}
+
 void AskBootloaderFacts(Inquiry& inquiry, DeviceReport& report) {
   report.processorId = AskProcessorId(inquiry);
   report.applicationKiB = AskValue(inquiry, kCheckApplicationSize);

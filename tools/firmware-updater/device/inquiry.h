@@ -111,6 +111,9 @@ struct DeviceReport {
   bool IsMaster() const { return AnythingAnswered() && !RunsApplication() && !inBootloader; }
 };
 
+// How a command ends that has failed with this device.
+ExitCode FailedWith(const DeviceReport& report);
+
 // Finds out who answers: within a second if an application or a bootloader does, within ten otherwise.
 DeviceReport AskWhoAnswers(Inquiry& inquiry, Patience patience);
 

@@ -181,6 +181,14 @@ bool SetsLabel(const PackageReport& report) {
   return std::ranges::count(report.images, kLabellingAdbType, &ImageReport::adbType) > 0;
 }
 
+std::optional<Failure> Misfit(const PackageReport& report, const Place& place,
+                              const DeviceReport& device) {
+  const TunnelRoute route = report.images.front().route;
+  const bool behind = place.behind || device.IsMaster() || device.tunnel.value_or(0) != 0;
+  if (device.AnythingAnswered() && behind != (route.master != -1)) return WrongRoad(route);
+  return Misfit(report, FactsOf(device), UpdateFlags{});
+}
+
 Failure WrongRoad(const TunnelRoute& fileIsFor) {
   const bool direct = fileIsFor.master == -1;
   return {

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "device/inquiry.h"
+#include "device/place.h"
 #include "file/package_report.h"
 #include "update/record.h"
 
@@ -18,6 +19,10 @@ DeviceFacts FactsOf(const DeviceReport& report);
 // do in an update.
 std::optional<Failure> Misfit(const PackageReport& report, const DeviceFacts& device,
                               const UpdateFlags& flags);
+
+// The same for a device that was asked at this place: also whether the file is for a device in such a place.
+std::optional<Failure> Misfit(const PackageReport& report, const Place& place,
+                              const DeviceReport& device);
 
 // The image that the engine selects for this processor; null when it selects none.
 const ImageReport* ImageFor(const PackageReport& report, std::uint32_t processorId);

@@ -12,16 +12,6 @@ constexpr int kJsonVersion = 1;
 
 Json IdOrNull(std::int32_t value) { return value < 0 ? Json() : Json(value); }
 
-Json AsJson(const DeviceFacts& facts) {
-  return {{"deviceId", IdOrNull(facts.deviceId)},
-          {"softwareId", IdOrNull(facts.softwareId)},
-          {"processorId", IdOrNull(facts.processorId)},
-          {"hardwareId", IdOrNull(facts.hardwareId)},
-          {"bootloaderVersion", IdOrNull(facts.bootloaderVersion)},
-          {"blockSize", IdOrNull(facts.blockSize)},
-          {"applicationKiB", IdOrNull(facts.applicationKiB)}};
-}
-
 Json TextOrNull(const std::string& text) { return text.empty() ? Json() : Json(text); }
 
 Json AsJson(const std::optional<ChosenDevice>& device) {
@@ -84,6 +74,34 @@ Json TagsJson(const std::vector<std::string>& tags) {
 Json ChecksumJson(std::int64_t value) { return value < 0 ? Json() : Json(value); }
 
 }  // namespace
+
+std::string FactsText(const DeviceFacts& facts) {
+  std::string text;
+  const auto add = [&](const char* name, std::int32_t value, const std::string& shown) {
+    if (value >= 0) text += (text.empty() ? "" : ", ") + std::string(name) + " " + shown;
+  };
+  const auto hex = [](std::int32_t value, int digits = 4) {
+    return Hex(static_cast<std::uint32_t>(value), digits);
+  };
+  add("device id", facts.deviceId, hex(facts.deviceId));
+  add("software id", facts.softwareId, hex(facts.softwareId));
+  add("bootloader version", facts.bootloaderVersion, std::to_string(facts.bootloaderVersion));
+  add("block size", facts.blockSize, std::to_string(facts.blockSize));
+  add("processor", facts.processorId, hex(facts.processorId, 6));
+  add("application section", facts.applicationKiB, std::to_string(facts.applicationKiB) + " KiB");
+  add("hardware id", facts.hardwareId, hex(facts.hardwareId));
+  return text;
+}
+
+Json AsJson(const DeviceFacts& facts) {
+  return {{"deviceId", IdOrNull(facts.deviceId)},
+          {"softwareId", IdOrNull(facts.softwareId)},
+          {"processorId", IdOrNull(facts.processorId)},
+          {"hardwareId", IdOrNull(facts.hardwareId)},
+          {"bootloaderVersion", IdOrNull(facts.bootloaderVersion)},
+          {"blockSize", IdOrNull(facts.blockSize)},
+          {"applicationKiB", IdOrNull(facts.applicationKiB)}};
+}
 
 std::string EventLine(const char* event, const Json& content) {
   Json line{{"version", kJsonVersion}, {"event", event}};

@@ -54,6 +54,10 @@ struct Record {
 // The event whose line holds a Record, the last one of every command.
 inline constexpr const char* kResultEvent = "result";
 
+// The values that a device has reported, for a person: "device id 0x0101, block size 128".
+std::string FactsText(const DeviceFacts& facts);
+Json AsJson(const DeviceFacts& facts);
+
 // One line of JSON, without its end.
 std::string EventLine(const char* event, const Json& content);
 Json BytesJson(const Transfer& transfer);

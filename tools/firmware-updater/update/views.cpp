@@ -82,25 +82,6 @@ std::string NoAnswerTo(const std::string& request, const RefusedBytes& refused) 
   return "no answer to: " + request + (came.empty() ? "" : "; " + came);
 }
 
-// The values that an update has asked for: after a failure the bootloader may not be there any more.
-std::string FactsText(const DeviceFacts& facts) {
-  std::string text;
-  const auto add = [&](const char* name, std::int32_t value, const std::string& shown) {
-    if (value >= 0) text += (text.empty() ? "" : ", ") + std::string(name) + " " + shown;
-  };
-  const auto hex = [](std::int32_t value, int digits = 4) {
-    return Hex(static_cast<std::uint32_t>(value), digits);
-  };
-  add("device id", facts.deviceId, hex(facts.deviceId));
-  add("software id", facts.softwareId, hex(facts.softwareId));
-  add("bootloader version", facts.bootloaderVersion, std::to_string(facts.bootloaderVersion));
-  add("block size", facts.blockSize, std::to_string(facts.blockSize));
-  add("processor", facts.processorId, hex(facts.processorId, 6));
-  add("application section", facts.applicationKiB, std::to_string(facts.applicationKiB) + " KiB");
-  add("hardware id", facts.hardwareId, hex(facts.hardwareId));
-  return text;
-}
-
 // The last lines, which the terminal and the plain view share.
 class TextView : public UpdateView {
  public:
