@@ -112,7 +112,9 @@ void Work::BringBackBehindTunnel(Inquiry& inquiry) {
   if (runs) {
     m_evidence.device = DeviceCondition::OldApplicationRuns;
   } else if (behind.inBootloader) {
-    m_evidence.device = DeviceCondition::BootloaderAsFound;
+    // One that has become silent may have restarted.
+    m_evidence.device = inquiry.Ask(kCheckVersion) ? DeviceCondition::BootloaderAsFound
+                                                   : DeviceCondition::Untouched;
   } else {
     m_evidence.device = DeviceCondition::Untouched;
     m_failure = Failure{.name = "nobody-behind-tunnel",
