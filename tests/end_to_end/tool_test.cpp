@@ -11,14 +11,29 @@ namespace {
 constexpr int kDone = 0;
 constexpr int kStopped = 6;
 
-TEST(EndToEndTool, AnInterruptWhileItWritesIsExplainedAndTheCommandItNamesBringsTheDeviceBack) {
-  ProcessStation station;
-  ASSERT_TRUE(station.MakeFirmware("plain"));
-  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "30"}));
+// An update that has begun to write.
+ChildProcess StartUpdate(ProcessStation& station) {
+  EXPECT_TRUE(station.MakeFirmware("plain"));
+  EXPECT_TRUE(station.PlugIn({"--family", "plain", "--block-time", "30"}));
   ChildProcess tool = station.Start("firmware-updater", {"update", "firmware.hex", "--json"});
-  ASSERT_TRUE(
+  EXPECT_TRUE(
       WaitUntil([&] { return tool.Output().find("\"event\":\"bytes\"") != std::string::npos; },
                 ProcessStation::kPrompt));
+  return tool;
+}
+
+TEST(EndToEndTool, AfterAKillInfoNamesTheCommandThatRecoversTheDevice) {
+  ProcessStation station;
+  StartUpdate(station).Send(SIGKILL);
+  const Result info = station.Run("firmware-updater", {"info", "firmware.hex"});
+  EXPECT_EQ(info.exitCode, kDone);
+  EXPECT_TRUE(info.console.ends_with(": firmware-updater recover firmware.hex --usb 1\n"))
+      << info.console;
+}
+
+TEST(EndToEndTool, AnInterruptWhileItWritesIsExplainedAndTheCommandItNamesBringsTheDeviceBack) {
+  ProcessStation station;
+  ChildProcess tool = StartUpdate(station);
   tool.Send(SIGINT);
   // Once the result is out, no further signal changes the exit code that it names.
   EXPECT_TRUE(WaitUntil(

@@ -93,6 +93,7 @@ TEST(CheckDevice, ABadDeviceBreaksTheRuleThatNamesItsFault) {
       {"not answered", "hardware-id", "", {"lose:id=0x122:*"}},
       {"answered after 5.0 s", "application-size", "", {"delay:id=0x132:*:5s"}},
       {"checksum wrong", "hardware-id", "", {"damage:id=0x122:*:3.0"}},
+      {"3 bytes came, no answer among them", "hardware-id", "", {"cut:id=0x122:*"}},
       {"0x123 instead of 0x122", "hardware-id", "", {"otherid:id=0x122:*:0x123"}},
       {"6 bytes beside the answer", "answers-once", "", {"repeat:id=0x122:1"}},
       {"2 bytes beside the answer", "answers-once", "", {"after:id=0x120:*:0000"}},

@@ -124,6 +124,11 @@ TEST_F(CommandLineTest, AWrongCommandLineGetsOneLineAndAHint) {
                              row.helpOf + "--help\n");
     EXPECT_EQ(run.Out(), "");
   }
+  for (const char* wrong : {"", "loose:1", "lose", "lose:0", "lose:1:2s", "delay:1", "delay:1:9",
+                            "damage:1:2.8", "otherid:1:0x4000", "before:1:A", "lose:id=:1"}) {
+    EXPECT_EQ(run(std::string("simulate --fault \"") + wrong + "\" -- true"), ExitCode::Usage);
+    EXPECT_TRUE(run.Complains(": --fault: ")) << wrong << run.Err();
+  }
   EXPECT_EQ(run(""), ExitCode::Usage);
   EXPECT_TRUE(run.Complains("Exit codes:")) << "without a command the help is shown";
 }

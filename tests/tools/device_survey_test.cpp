@@ -12,31 +12,7 @@ using namespace std::chrono_literals;
 using test::FakeAdapter;
 using test::FakeUsbDevice;
 
-// Devices that are plugged in after a while.
-class LateUsb : public test::FakeLibUsb {
- public:
-  explicit LateUsb(Platform& platform) : m_platform(platform) {}
-
-  std::chrono::milliseconds pluggedInAt{0};
-
-  std::ptrdiff_t GetDeviceList(libusb_context* context, libusb_device*** list) override {
-    const std::vector<FakeUsbDevice> all = devices;
-    if (m_platform.MonotonicNow() < pluggedInAt) devices.clear();
-    const std::ptrdiff_t count = FakeLibUsb::GetDeviceList(context, list);
-    devices = all;
-    return count;
-  }
-
- private:
-  Platform& m_platform;
-};
-
-struct DeviceSurvey : testing::Test {
-  test::VirtualPlatform platform;
-  LateUsb usb{platform};
-  test::FakeD2xx adapters;
-  CommandRun run{platform, usb, adapters, platform.Folder()};
-};
+struct DeviceSurvey : testing::Test, ToolMachine {};
 
 // "4-2 ok, - no-port-path"
 std::string Summary(const std::vector<FoundDevice>& devices) {
@@ -179,12 +155,12 @@ TEST_F(DeviceSurvey, WaitEndsWithAUsableDeviceOrWithItsTime) {
   usb.results["Open 4 2"] = LIBUSB_ERROR_BUSY;
   EXPECT_EQ(run("list --wait 0.5"), ExitCode::NoDevice);
   EXPECT_EQ(platform.MonotonicNow(), 500ms);
-  usb.results.clear();
-  usb.pluggedInAt = 2500ms;
-  EXPECT_EQ(run("list --wait 1.25"), ExitCode::NoDevice);
-  EXPECT_EQ(platform.MonotonicNow(), 1750ms);
-  EXPECT_EQ(run("list --wait 1.5"), ExitCode::Done);
-  EXPECT_EQ(platform.MonotonicNow(), 2550ms);
+  ToolStation late(Options("plain"));
+  late.device.Unplug(0ms, 2000ms);
+  EXPECT_EQ(late.run("list --wait 1.25"), ExitCode::NoDevice);
+  EXPECT_EQ(late.platform.MonotonicNow(), 1250ms);
+  EXPECT_EQ(late.run("list --wait 1.5"), ExitCode::Done);
+  EXPECT_EQ(late.platform.MonotonicNow(), 2050ms);
 }
 
 TEST(AwaitedDevice, IsUpdatedOnceItIsConnectedUnlessAnObstacleTheTimeOrCtrlCEndsTheWait) {

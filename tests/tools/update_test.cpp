@@ -9,6 +9,7 @@
 #include <csignal>
 #include <cstdlib>
 
+#include "file/digest.h"
 #include "package/adb_view.h"
 #include "tests/tools/situation.h"
 #include "update/closing_state.h"
@@ -605,7 +606,9 @@ TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
   EXPECT_EQ(last["before"]["bootloaderVersion"], 3);
   EXPECT_EQ(last["after"]["softwareId"], 0x5678);
   EXPECT_EQ(last["after"]["deviceId"], 0x0503);
-  EXPECT_EQ(last["sha256"].Text().size(), 66U);
+  const std::string file = station.run.Read("firmware.hex");
+  EXPECT_EQ(last["sha256"], Sha256(std::vector<std::uint8_t>(file.begin(), file.end())));
+  EXPECT_TRUE(Sha256(std::vector<std::uint8_t>{'a', 'b', 'c'}).starts_with("ba7816bf8f01cfea4141"));
   EXPECT_FALSE(last["durations"]["write"].IsNull());
   EXPECT_LE(begin, Plain(last["begin"]));
   EXPECT_LE(Plain(last["end"]), now());
