@@ -45,8 +45,9 @@ constexpr std::array kKeyRequests{"0x100:1", "0x100:2", "0x100:3", "0x100:4", "0
                                   "0x121:1", "0x122:1", "0x130:1", "0x132:1", "0x133:1", "0x134:1",
                                   "0x134:9", "0x136:1", "0x12F:1", "0x12F:2", "0x180:1", "0x180:2"};
 constexpr unsigned kRequestsOfAnUpdate = 48;
+constexpr unsigned kMostJournalled = 200;  // each waits for the disk
 
-std::vector<Situation> Day(unsigned updates, unsigned seed) {
+std::vector<Situation> Day(unsigned updates, unsigned seed, const std::string& journal) {
   std::mt19937 random(seed);
   const auto draw = [&random](std::size_t bound) { return random() % bound; };
   std::vector<Situation> situations;
@@ -62,8 +63,11 @@ std::vector<Situation> Day(unsigned updates, unsigned seed) {
       text.replace(at, 1, text[at] == '#' && draw(2) == 0 ? key : number);
       faults.push_back(text);
     }
-    situations.push_back(
-        {family, family, kLines.at(draw(3)), kConditions[0], "update @firmware.hex", faults});
+    situations.push_back({family, family, kLines.at(draw(3)), kConditions[0],
+                          "update @firmware.hex", faults,
+                          update < kMostJournalled
+                              ? " --journal " + journal + " --tag unit=" + std::to_string(update)
+                              : ""});
   }
   return situations;
 }
@@ -85,13 +89,31 @@ int Judge(const std::vector<Situation>& situations, bool tellsAll) {
   return wrong == 0 ? 0 : 1;
 }
 
+// The updates of a morning stand in one journal, and each unit has passed once.
+int JudgeDay(unsigned updates, unsigned seed) {
+  ToolMachine station;
+  const std::string journal = station.run.Path("journal").string();
+  const int verdict = Judge(Day(updates, seed, journal), true);
+  station.run("history " + journal + " --device-tag unit");
+  std::fputs(station.run.Out().c_str(), stdout);
+  station.run("history " + journal + " --device-tag unit --json");
+  const Json sums = Json::Parse(station.run.Out());
+  const unsigned units = std::min(updates, kMostJournalled);
+  const bool agrees = sums["devices"] == units && sums["succeeded"] == units;
+  if (agrees && sums["unfinished"].Size() + sums["torn"].Size() + sums["foreign"].Size() == 0) {
+    return verdict;
+  }
+  std::printf("WRONG: %s\n", sums.Text(2).c_str());
+  return 1;
+}
+
 int Main(const std::vector<std::string>& words) {
   const auto number = [&words](std::size_t index) {
     return index < words.size() ? static_cast<unsigned>(std::stoul(words[index])) : 1U;
   };
   if (words.empty()) return Judge(Situations(true), true);
   if (words[0] == "short" && words.size() == 1) return Judge(Situations(false), false);
-  if (words[0] == "day" && words.size() <= 3) return Judge(Day(number(1), number(2)), true);
+  if (words[0] == "day" && words.size() <= 3) return JudgeDay(number(1), number(2));
   std::fputs("usage: situations [short | day COUNT [SEED]]\n", stderr);
   return 2;
 }

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/tools/tool_station.h"
+#include "update/journal.h"
 
 namespace tavo::tool {
 namespace {
@@ -35,6 +36,21 @@ TEST(Journal, ATornLineIsLeftAloneAndHistoryCountsADeviceUntilItPasses) {
       << rows[1];
   EXPECT_EQ(station.run("history @journal --since 2100-01-01"), ExitCode::Done);
   EXPECT_TRUE(station.run.Says("Updates: 0;")) << station.run.Out();
+}
+
+TEST(Journal, TakesWholeLinesFromSeveralWritersAtOnce) {
+  ToolMachine station;
+  const std::string path = station.run.Path("journal").string();
+  const auto write = [&path] {
+    for (int line = 0; line < 10; ++line) EXPECT_TRUE(AppendToJournal(path, {}));
+  };
+  std::thread other(write);
+  write();
+  other.join();
+  int results = 0;
+  const OtherLines others = ReadJournal(path, [&results](const Json&) { ++results; });
+  EXPECT_EQ(results, 20);
+  EXPECT_TRUE(others.torn.empty() && others.foreign.empty());
 }
 
 }  // namespace

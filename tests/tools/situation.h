@@ -59,6 +59,7 @@ struct Situation {
   // Of the device, or "interrupt:N" and "kill:N", which end the tool at the device's Nth request. Those
   // that last are removed after the first command, as a person would.
   std::vector<std::string> faults{};
+  std::string journal{};  // options of each update
 };
 
 // One situation, and what came of it.
@@ -157,8 +158,9 @@ class Trial {
     const auto begin = m_station.platform.MonotonicNow();
     const std::vector<std::uint8_t> before = m_station.Flash();
     const bool runs = m_station.ApplicationRuns();
-    m_exit = m_station.run(command + " --json" +
-                           (command.starts_with("info") ? "" : " --log @tool.log"));
+    m_exit = m_station.run(
+        command + " --json" +
+        (command.starts_with("info") ? "" : " --log @tool.log" + m_situation.journal));
     Promise(m_station.platform.MonotonicNow() - begin <= kLongestCommand, "takes too long");
     const std::vector<std::string> lines = test::LinesOf(m_station.run.Out());
     m_story += (m_story.empty() ? "" : " > ") + std::to_string(static_cast<int>(m_exit));
