@@ -55,6 +55,8 @@ struct UpdateFlags {
   // Check the hardware id even if the other flags skip that. Without a device id, every hardware id
   // that the firmware accepts will do.
   bool checkHardware = false;
+  // The device is known to be in its bootloader, which would let the call of the bootloader time out.
+  bool inBootloader = false;
 };
 
 // Facts that the device reported during the last update; -1 = not reported.

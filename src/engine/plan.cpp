@@ -11,8 +11,9 @@ enum class When {
   Always,
   FullPlan,          // unless the update uses the bootloader only
   FullPlanIdentity,  // the same, and only with identity checks on
-  HardwareCheck,     // the same, or when that check is requested by itself
-  Changing,          // unless it is a dry run
+  OutsideBootloader,
+  HardwareCheck,  // the same, or when that check is requested by itself
+  Changing,       // unless it is a dry run
   FullPlanChanging,
 };
 
@@ -32,7 +33,7 @@ constexpr std::array<PlannedStep, 21> kPlan{{
     {{&U::RequestDeviceIdAdmin,   "Device-ID (Admin)"},              When::FullPlanIdentity},
     {{&U::PlanTunnel,             "-"},                              When::FullPlan},
     {{&U::RequestSoftwareId,      "Software-ID"},                    When::FullPlan},
-    {{&U::CallBootloader,         "Call Bootloader"},                When::Always},
+    {{&U::CallBootloader,         "Call Bootloader"},                When::OutsideBootloader},
     {{&U::CheckVersion,           "Check Version"},                  When::Always},
     {{&U::RequestProcessorId,     "Request Prozessor-ID"},           When::Always},
     {{&U::SelectFirmware,         "Select Firmware"},                When::Always},
@@ -61,6 +62,7 @@ bool Included(When when, const UpdateFlags& flags) {
     case When::Always: return true;
     case When::FullPlan: return !flags.bootloaderOnly;
     case When::FullPlanIdentity: return !flags.bootloaderOnly && flags.checkIdentity;
+    case When::OutsideBootloader: return !flags.inBootloader;
     case When::HardwareCheck:
       return flags.checkHardware || (!flags.bootloaderOnly && flags.checkIdentity);
     case When::Changing: return !flags.dryRun;

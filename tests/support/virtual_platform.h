@@ -13,6 +13,7 @@
 #include <chrono>
 #include <cstdint>
 #include <ctime>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -51,10 +52,14 @@ class VirtualPlatform : public Platform {
   }
 
   void Sleep(milliseconds duration) override {
-    const std::lock_guard lock(m_lock);
-    m_sleeps.push_back(duration);
-    m_now += duration;
+    {
+      const std::lock_guard lock(m_lock);
+      m_sleeps.push_back(duration);
+      m_now += duration;
+    }
+    onSleep();
   }
+  std::function<void()> onSleep = [] {};
 
   std::string ExecutablePath() override { return m_executablePath; }
   void Print(std::string_view text) override {

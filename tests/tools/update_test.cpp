@@ -360,6 +360,74 @@ TEST(UpdateCommand, AnAdapterGetsItsLatencyTimerBackOnEveryRoadOut) {
   EXPECT_EQ(latencyCalls(library), Lines());
 }
 
+TEST(UpdateCommand, QuickNeedsNoSilenceChecksTheHardwareAndRefusesWhatNeedsMore) {
+  tavosim::DeviceOptions otherHardware = Options("plain");
+  otherHardware.family.hardwareId = 0x8110;
+  tavosim::DeviceOptions inBootloader = Options("plain");
+  inBootloader.start = DeviceState::Bootloader;
+  const struct {
+    tavosim::DeviceOptions device;
+    ExitCode exit;
+    const char* says;
+    bool flashed = false;
+    const char* file = "plain";
+  } kRows[] = {
+      {Options("plain"), Done, "The device runs the new firmware, verified.", true},
+      {inBootloader, Done, "The device runs the new firmware, verified.", true},
+      {otherHardware, FailedRuns, "The device runs its old firmware; nothing was written."},
+      {Options("tunnel"), Usage, "run: firmware-updater update", false, "tunnel"},
+      {Options("labelled"), Usage, "run: firmware-updater update", false, "labelled"},
+  };
+  for (const auto& row : kRows) {
+    SCOPED_TRACE(std::string(row.file) + " " + row.says);
+    ToolStation station(row.device);
+    station.TakeFileOf(row.file);
+    const std::vector<std::uint8_t> before = station.Flash();
+    EXPECT_EQ(station.Update(" --quick"), row.exit) << station.run.Err();
+    EXPECT_TRUE(station.run.Says(row.says)) << station.run.Out();
+    EXPECT_EQ(station.FlashHoldsFirmware(), row.flashed);
+    EXPECT_EQ(station.Flash() == before, !row.flashed);
+    EXPECT_EQ(station.Requests().empty(), row.exit == Usage);
+    EXPECT_LT(station.platform.MonotonicNow(), 3s);
+  }
+}
+
+// The file is written in two pieces, replaced by another one, spoiled, and repaired.
+TEST(UpdateCommand, WatchUpdatesOnceForEachCompleteVersionOfTheFile) {
+  ToolStation station(Options("plain"));
+  const std::string whole = station.run.Read("firmware.hex");
+  const auto write = [&](const std::string& name, const std::string& text) {
+    station.run.Write(name, text);
+    // The clock of the file system may be too coarse for a test.
+    const std::filesystem::file_time_type time(station.platform.MonotonicNow());
+    std::filesystem::last_write_time(station.run.Path(name), time);
+  };
+  std::vector<std::pair<std::chrono::milliseconds, std::function<void()>>> events{
+      {20s, [&] { write("firmware.hex", whole.substr(0, whole.size() / 2)); }},
+      {21s, [&] { write("firmware.hex", whole); }},
+      {40s,
+       [&] {
+         write("new.hex", whole);
+         std::filesystem::rename(station.run.Path("new.hex"), station.run.Path("firmware.hex"));
+       }},
+      {60s, [&] { write("firmware.hex", ":00"); }},
+      {80s, [&] { std::filesystem::remove(station.run.Path("firmware.hex")); }},
+      {81s, [&] { write("firmware.hex", whole); }},
+      {100s, [] { kill(getpid(), SIGTERM); }},
+  };
+  station.platform.onSleep = [&, next = std::size_t{0}]() mutable {
+    if (next == events.size() || station.platform.MonotonicNow() < events[next].first) return;
+    events[next++].second();
+  };
+  EXPECT_EQ(station.Update(" --watch"), Done) << station.run.Err();
+  Lines results = test::LinesOf(station.run.Out());
+  results.erase(results.begin());  // the file that is watched
+  for (std::string& line : results) line = line.substr(10, 9);
+  EXPECT_EQ(results, (Lines{"succeeded", "succeeded", "succeeded", "failed   ", "succeeded"}))
+      << station.run.Out();
+  EXPECT_TRUE(station.UpdatedAndRuns());
+}
+
 // Standard output that fails, and a defect of the tool in the middle of an update.
 TEST(UpdateCommand, AResultThatIsLostIsNoSuccess) {
   ToolStation station(Options("plain"));

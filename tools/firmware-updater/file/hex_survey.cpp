@@ -135,6 +135,7 @@ class Surveyor {
 
   void Conclude(bool ended) {
     for (const Jump& jump : m_jumps) WarnOfJump(jump);
+    m_survey.isCutOff = !ended;
     if (!ended) {
       Warn("no end record, so the text may be cut off");
     } else if (!std::ranges::all_of(m_text, IsBlank)) {

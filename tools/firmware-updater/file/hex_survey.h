@@ -26,6 +26,7 @@ struct HexFault {
 
 struct HexSurvey {
   std::optional<HexFault> fault{};      // the first one, which ends the survey
+  bool isCutOff = false;                // it lacks the end record
   std::vector<std::string> warnings{};  // at most kMaxHexWarnings and one that counts the rest
 };
 

@@ -95,6 +95,7 @@ class Collector {
   void Survey(const UpdateMember& member, MemberReport& report) {
     Replace(member.name, report);
     HexSurvey survey = SurveyHex(member.text);
+    report.isCutOff = survey.isCutOff;
     std::ranges::move(survey.warnings, std::back_inserter(report.warnings));
     if (!survey.fault) return;
     report.line = survey.fault->line;

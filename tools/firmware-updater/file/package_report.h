@@ -45,6 +45,7 @@ struct MemberReport {
   std::string reason{};    // empty for Used
   std::size_t line = 0;    // where `reason` is about a place in a text; both count from 1, 0 = none
   std::size_t column = 0;  // in bytes
+  bool isCutOff = false;   // a HEX text without an end record
   std::vector<std::string> warnings{};
   std::optional<std::size_t> image{};  // index into the images
 };

@@ -67,6 +67,8 @@ Option& Option::Needs(const char* other) { return m_option->needs(other), *this;
 
 Option& Option::Excludes(const Option& other) { return m_option->excludes(other.m_option), *this; }
 
+Option& Option::Excludes(const char* other) { return m_option->excludes(other), *this; }
+
 CommandOptions::CommandOptions(CLI::App& parent, const char* name, const char* about)
     : m_command(*parent.add_subcommand(name, about)) {}
 

@@ -46,6 +46,7 @@ class Option {
   Option& Needs(const Option& other);
   Option& Needs(const char* other);
   Option& Excludes(const Option& other);
+  Option& Excludes(const char* other);
 
  private:
   CLI::Option* m_option;

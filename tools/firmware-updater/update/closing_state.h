@@ -24,6 +24,7 @@ struct Task {
   std::string file{};
   Target target{};
   UpdateFlags flags{};
+  bool quick = false;  // only what the bootloader needs
 };
 
 // The next command, if there is one.

@@ -16,10 +16,10 @@ struct StepRow {
 
 // Steps that are not listed here belong to the phase under way.
 constexpr std::array kSteps{
-    StepRow{&U::CheckFirmware, Phase::Contact},  StepRow{&U::CallBootloader, Phase::Bootloader},
-    StepRow{&U::EraseApplication, Phase::Erase}, StepRow{&U::WriteBlock, Phase::Write},
-    StepRow{&U::Verify, Phase::Verify},          StepRow{&U::StartApplication, Phase::Start},
-    StepRow{&U::SetLabel, Phase::Finish},
+    StepRow{&U::CheckFirmware, Phase::Contact},   StepRow{&U::CallBootloader, Phase::Bootloader},
+    StepRow{&U::CheckVersion, Phase::Bootloader}, StepRow{&U::EraseApplication, Phase::Erase},
+    StepRow{&U::WriteBlock, Phase::Write},        StepRow{&U::Verify, Phase::Verify},
+    StepRow{&U::StartApplication, Phase::Start},  StepRow{&U::SetLabel, Phase::Finish},
 };
 
 Phase PhaseOf(const Step& step, Phase current) {

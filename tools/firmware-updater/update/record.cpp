@@ -34,15 +34,6 @@ Json AsJson(const std::optional<Failure>& failure) {
           {"hint", failure->hint}};
 }
 
-const char* NameOf(Ending ending) {
-  switch (ending) {
-    case Ending::Succeeded: return "succeeded";
-    case Ending::Failed: return "failed";
-    case Ending::Stopped: break;
-  }
-  return "stopped";
-}
-
 // RFC 3339, in UTC.
 std::string TimeText(std::chrono::system_clock::time_point time) {
   using namespace std::chrono;
@@ -55,11 +46,12 @@ std::string TimeText(std::chrono::system_clock::time_point time) {
                 static_cast<int>(clock.seconds().count()));
 }
 
-Json AsJson(const UpdateFlags& flags) {
+Json AsJson(const UpdateFlags& flags, bool quick) {
   return {{"skipIdentityCheck", !flags.checkIdentity},
           {"extendedErase", flags.extendedErase},
           {"bootloaderOnly", flags.bootloaderOnly},
-          {"dryRun", flags.dryRun}};
+          {"dryRun", flags.dryRun},
+          {"quick", quick}};
 }
 
 Json TagsJson(const std::vector<std::string>& tags) {
@@ -103,6 +95,15 @@ Json AsJson(const DeviceFacts& facts) {
           {"applicationKiB", IdOrNull(facts.applicationKiB)}};
 }
 
+const char* NameOf(Ending ending) {
+  switch (ending) {
+    case Ending::Succeeded: return "succeeded";
+    case Ending::Failed: return "failed";
+    case Ending::Stopped: break;
+  }
+  return "stopped";
+}
+
 std::string EventLine(const char* event, const Json& content) {
   Json line{{"version", kJsonVersion}, {"event", event}};
   line.Append(content);
@@ -128,7 +129,7 @@ Json AsJson(const Record& record) {
           {"journal", TextOrNull(record.journal)},
           {"station", record.station},
           {"dryRun", record.flags.dryRun},
-          {"flags", AsJson(record.flags)},
+          {"flags", AsJson(record.flags, record.quick)},
           {"tags", TagsJson(record.tags)},
           {"tool", TAVO_VERSION},
           {"begin", TimeText(record.begin)},

@@ -22,6 +22,9 @@ struct Failure {
   std::string hint;  // what to do next
 };
 
+// "succeeded", "failed", "stopped": stable, for scripts.
+const char* NameOf(Ending ending);
+
 struct Record {
   Purpose purpose = Purpose::Update;
   std::string file;       // absolute, as all paths here
@@ -31,6 +34,7 @@ struct Record {
   std::string station{};
   std::string member{};  // of the archive, whose image the device gets; empty: not known
   UpdateFlags flags{};
+  bool quick = false;
   std::vector<std::string> tags{};  // "NAME=VALUE"
   std::chrono::system_clock::time_point begin{};
   std::chrono::system_clock::time_point end{};

@@ -8,6 +8,8 @@
 #include "text/by_system.h"
 #include "text/log_platform.h"
 #include "text/text_format.h"
+#include "update/closing_state.h"
+#include "update/fit.h"
 #include "update/journal.h"
 
 namespace tavo::tool {
@@ -50,9 +52,30 @@ std::string LogProblem(const std::string& path) {
 
 PackageReport CheckedFile(const std::string& file) {
   PackageReport report = ReportOn(file);
-  if (report.CouldBeWritten()) return report;
+  CheckFile(report, file);
+  return report;
+}
+
+void CheckFile(const PackageReport& report, const std::string& file) {
+  if (report.CouldBeWritten()) return;
   throw Refusal{ExitCode::BadFile, "bad-file", Displayable(file) + ": " + report.problem,
                 report.hint};
+}
+
+void CheckQuick(const PackageReport& report, const UpdateOptions& options) {
+  const char* const need = NeedsTunnel(report) ? "its device is behind a master module"
+                           : SetsLabel(report) ? "it sets a label, which takes the device id"
+                                               : nullptr;
+  if (!options.quick || need == nullptr) return;
+  const auto& [usbPort, ftdiSerial, baudRate, echo] = options.target;
+  std::string target;
+  if (!usbPort.empty()) target = " " + TargetOptions({TransportKind::Usb, usbPort});
+  if (!ftdiSerial.empty()) {
+    target = " " + TargetOptions({TransportKind::Ftdi, ftdiSerial, baudRate, echo});
+  }
+  throw Refusal{ExitCode::Usage, "not-quick",
+                Displayable(options.file) + " cannot be written with --quick: " + need,
+                "leave out --quick", "firmware-updater update " + FileWord(options.file) + target};
 }
 
 void CheckOutputs(const Machine& machine, const UpdateOptions& options) {

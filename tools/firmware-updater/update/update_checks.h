@@ -14,6 +14,10 @@
 namespace tavo::tool {
 
 PackageReport CheckedFile(const std::string& file);
+// The same for a file that was read already.
+void CheckFile(const PackageReport& report, const std::string& file);
+// --quick leaves out what some files need.
+void CheckQuick(const PackageReport& report, const UpdateOptions& options);
 
 // Opens for a moment the log, the record and the journal that the user has named. They must not be the
 // update file, which they would destroy.

@@ -51,22 +51,22 @@ void CheckTags(const std::vector<std::string>& tags) {
 // From the check of the file to the state of the device at the end; all of it goes into the record.
 class UpdateRun {
  public:
-  UpdateRun(const Machine& machine, Purpose purpose, const UpdateOptions& options)
-      : m_machine(machine),
-        m_options(options),
-        m_view(MakeView(machine, options.json, options.verbose || options.trace)) {
+  UpdateRun(const Machine& machine, Purpose purpose, const UpdateOptions& options, UpdateView& view)
+      : m_machine(machine), m_options(options), m_view(view) {
     m_record.purpose = purpose;
     m_record.file = AbsolutePath(options.file);
     m_record.traffic = AbsolutePath(options.record);
     m_record.station = options.station.empty() ? HostName() : options.station;
     m_record.flags = options.flags;
+    m_record.quick = options.quick;
     m_record.tags = options.tags;
     Begin();
   }
 
-  const Record& Run() {
+  // `read`: the update file, if it was read already.
+  const Record& Run(const PackageReport* read = nullptr) {
     try {
-      UpdateChosen();
+      UpdateChosen(read);
     } catch (const Refusal& refusal) {
       m_record.ending = refusal.exit == ExitCode::Stopped ? Ending::Stopped : Ending::Failed;
       m_record.failure =
@@ -76,7 +76,7 @@ class UpdateRun {
       m_record.state.command = refusal.command;
       m_record.state.tries = true;
       Close();
-      m_view->Show(m_record);
+      m_view.Show(m_record);
     }
     return m_record;
   }
@@ -101,50 +101,57 @@ class UpdateRun {
     const Interrupts interrupts([&](int /*number*/) { stopped = true; });
     ChosenDevice device = AwaitDevice(m_machine, m_options.target,
                                       {SecondsOf(m_options.wait), [&] { return stopped.load(); },
-                                       [this](const std::string& text) { m_view->Note(text); }});
+                                       [this](const std::string& text) { m_view.Note(text); }});
     Begin();
     return device;
   }
 
   // Shows the record while Ctrl-C is still handled, or throws a Refusal.
-  void UpdateChosen() {
+  void UpdateChosen(const PackageReport* read) {
     m_record.state = NothingChanged("No device was opened; nothing was changed.");
     CheckTags(m_options.tags);
-    const PackageReport report = CheckedFile(m_options.file);
+    const PackageReport own = read == nullptr ? ReportOn(m_options.file) : PackageReport();
+    const PackageReport& report = read == nullptr ? own : *read;
+    CheckFile(report, m_options.file);
+    CheckQuick(report, m_options);
     m_record.sha256 = report.sha256;
     CheckOutputs(m_machine, m_options);
     m_record.device = Device();
     m_record.journal = AbsolutePath(m_options.journal);
-    const LogFile log = LogOf(m_machine, m_options, *m_record.device, *m_view);
+    const LogFile log = LogOf(m_machine, m_options, *m_record.device, m_view);
     m_record.log = AbsolutePath(log.path);
 
     const UpdateFlags& flags = m_options.flags;
     Work work(m_machine, m_options,
-              {m_record.purpose, m_options.file, m_record.device->target, flags}, report, log,
-              *m_view);
+              {m_record.purpose, m_options.file, m_record.device->target, flags, m_options.quick},
+              report, log, m_view);
     work.CheckEvidence(m_options);
     work.Open(m_options.shortLatency);
     m_record.state = NothingChanged("The device was only asked questions; nothing was changed.");
     work.CheckEcho();
     if (!flags.checkIdentity) {
-      m_view->Note(
+      m_view.Note(
           "The hardware id and the device id are not checked; the processor and the size are.");
+    }
+    if (m_options.quick) {
+      m_view.Note("The device id is not checked; the hardware id, the processor and the size are.");
     }
     const bool succeeded = work.Prepare() && work.Perform();
     work.Fill(m_record, succeeded);
     // Behind a tunnel, which is closed by now, nobody can be asked.
-    if (succeeded && m_options.json && !flags.dryRun && !NeedsTunnel(report)) {
+    const bool asksAfter = m_options.json && !m_options.quick && !flags.dryRun;
+    if (succeeded && asksAfter && !NeedsTunnel(report)) {
       m_record.after = work.AskApplication();
     }
     work.AddLost(m_record);
     Close();
     work.Decide(m_record.state.exit);
-    m_view->Show(m_record);
+    m_view.Show(m_record);
   }
 
   const Machine& m_machine;
   const UpdateOptions& m_options;
-  const std::unique_ptr<UpdateView> m_view;
+  UpdateView& m_view;
   Record m_record;
   std::chrono::milliseconds m_begin{0};
 };
@@ -202,7 +209,13 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
 
 ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options) {
   SurviveLostOutput();
-  return ExitOf(machine, UpdateRun(machine, purpose, options).Run().state);
+  const auto view = MakeView(machine, options.json, options.verbose || options.trace);
+  return ExitOf(machine, UpdateRun(machine, purpose, options, *view).Run().state);
+}
+
+ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options,
+                   const PackageReport& report, UpdateView& view) {
+  return ExitOf(machine, UpdateRun(machine, purpose, options, view).Run(&report).state);
 }
 
 }  // namespace tavo::tool

@@ -13,12 +13,17 @@
 
 namespace tavo::tool {
 
+struct PackageReport;
+class UpdateView;
+
 struct UpdateOptions {
   std::string file{};
   TargetOptionsValues target{};
   std::string wait{};        // seconds for the device to be connected; empty: it is now
   bool shortLatency = true;  // of an adapter
   UpdateFlags flags{};
+  bool quick = false;
+  bool watch = false;
   bool json = false;
   bool verbose = false;
   bool trace = false;
@@ -34,5 +39,8 @@ struct UpdateOptions {
 void AddUpdateOptions(CommandOptions& command, UpdateOptions& to);
 
 ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options);
+// The same with an update file that was read already.
+ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options,
+                   const PackageReport& report, UpdateView& view);
 
 }  // namespace tavo::tool

@@ -4,9 +4,11 @@
 #include <chrono>
 #include <mutex>
 #include <ostream>
+#include <set>
 #include <thread>
 
 #include "device/refused_text.h"
+#include "log/displayable.h"
 #include "text/json.h"
 #include "text/text_format.h"
 
@@ -229,6 +231,42 @@ class TerminalView final : public TextView {
   milliseconds m_nextRedraw{0};
 };
 
+// A note that every round repeats is shown once.
+class RoundView final : public UpdateView {
+ public:
+  explicit RoundView(const Machine& machine) : m_machine(machine) {}
+
+  void PhaseBegins(Phase) override {}
+  void Wrote(const Transfer&) override {}
+  void PhaseEnds(Phase, PhaseEnd, milliseconds, const Transfer&) override {}
+  void Retried(const std::string&, const RefusedBytes&) override {}
+  void Note(const std::string& text) override {
+    const std::unique_lock lock = LockForNote(m_lock);
+    if (lock && m_noted.insert(text).second) Line(text);
+  }
+  void Show(const Record& record) override {
+    const std::lock_guard lock(m_lock);
+    const std::tm time = m_machine.platform.LocalTime();
+    std::string line = Format("%02d:%02d:%02d  %-9s %5.1f s  ", time.tm_hour, time.tm_min,
+                              time.tm_sec, NameOf(record.ending), Seconds(record.elapsed));
+    if (record.failure) {
+      const std::string& text = record.failure->text;
+      line += record.failure->name + ": " + text + (text.ends_with('.') ? " " : ". ");
+    }
+    for (const std::string& lost : record.lost) line += "The " + lost + " is lost. ";
+    Line(line + record.state.Line());
+  }
+
+ private:
+  void Line(const std::string& text) {
+    m_machine.out << InLines(m_machine, tavo::Displayable(text)) << std::endl;
+  }
+
+  const Machine& m_machine;
+  std::mutex m_lock;
+  std::set<std::string> m_noted;
+};
+
 class JsonView final : public UpdateView {
  public:
   explicit JsonView(const Machine& machine) : m_machine(machine) {}
@@ -271,6 +309,10 @@ class JsonView final : public UpdateView {
 };
 
 }  // namespace
+
+std::unique_ptr<UpdateView> MakeRoundView(const Machine& machine) {
+  return std::make_unique<RoundView>(machine);
+}
 
 std::unique_ptr<UpdateView> MakeView(const Machine& machine, bool json, bool others) {
   if (json) return std::make_unique<JsonView>(machine);

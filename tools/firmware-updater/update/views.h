@@ -18,6 +18,9 @@ class UpdateView : public View {
   virtual void Show(const Record& record) = 0;
 };
 
+// One line for each update, for a command that goes on. The machine must outlive the view.
+std::unique_ptr<UpdateView> MakeRoundView(const Machine& machine);
+
 // With `others` writing to the screen too, no line is redrawn. The machine must outlive the view.
 std::unique_ptr<UpdateView> MakeView(const Machine& machine, bool json, bool others);
 

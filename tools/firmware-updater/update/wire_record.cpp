@@ -97,15 +97,14 @@ UpdateFlags FlagsOf(const Json& flags) {
           .extendedErase = flags.at("extendedErase"),
           .bootloaderOnly = flags.at("bootloaderOnly"),
           .dryRun = flags.at("dryRun"),
-          .checkHardware = flags.at("checkHardware")};
+          .checkHardware = flags.at("checkHardware"),
+          .inBootloader = flags.value("inBootloader", false)};
 }
 
 Json AsJson(const UpdateFlags& flags) {
-  return {{"checkIdentity", flags.checkIdentity},
-          {"extendedErase", flags.extendedErase},
-          {"bootloaderOnly", flags.bootloaderOnly},
-          {"dryRun", flags.dryRun},
-          {"checkHardware", flags.checkHardware}};
+  return {{"checkIdentity", flags.checkIdentity},   {"extendedErase", flags.extendedErase},
+          {"bootloaderOnly", flags.bootloaderOnly}, {"dryRun", flags.dryRun},
+          {"checkHardware", flags.checkHardware},   {"inBootloader", flags.inBootloader}};
 }
 
 RecordedRun& LastRun(WireRecord& record) {

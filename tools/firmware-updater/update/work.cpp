@@ -242,6 +242,8 @@ bool Work::Reject(const Failure& failure) {
 // still lack its label, which the full plan sets.
 std::vector<UpdateFlags> Work::Runs() const {
   UpdateFlags flags = m_task.flags;
+  flags.bootloaderOnly |= m_task.quick;
+  flags.inBootloader = m_task.quick && m_found.inBootloader;
   if (flags.bootloaderOnly) flags.checkHardware = flags.checkIdentity;
   const bool tunnel = NeedsTunnel(m_report);
   const bool asUsual = m_task.purpose == Purpose::Update ||
