@@ -1,4 +1,5 @@
-# Completion of firmware-updater for bash. The tool itself lists the candidates.
+# Completion of firmware-updater for bash. The tool itself lists the candidates, among them names that
+# devices give themselves: quoted, nothing in them is run.
 _firmware_updater() {
   local current=${COMP_WORDS[COMP_CWORD]} found
   [[ $current != = ]] || current=
@@ -8,6 +9,7 @@ _firmware_updater() {
     :folders) mapfile -t found < <(compgen -d -- "$current") ;;&
     :files | :folders) compopt -o filenames 2>/dev/null ;;
     :commands) mapfile -t found < <(compgen -c -- "$current") ;;
+    ?*) mapfile -t found < <(printf '%q\n' "${found[@]}") ;;
   esac
   COMPREPLY=("${found[@]}")
 }

@@ -68,6 +68,25 @@ TEST_F(CommandLineTest, BashCompletes) {
   EXPECT_NE(Complete("simulate -- tru").find("true\n"), std::string::npos);
 }
 
+// A device may call itself anything. Nothing of that is run, and what would not fit a line is left out.
+TEST_F(CommandLineTest, BashOffersTheConnectedDevicesQuoted) {
+  run.Write("complete.sh",
+            "source " TAVO_SOURCE_DIR
+            "/packaging/completion.bash; COMP_WORDS=(firmware-updater info \"$1\" '');"
+            " COMP_CWORD=3; _firmware_updater firmware-updater;"
+            " eval \"printf '%s\\n' ${COMPREPLY[*]}\"; ls -1 ran 2>/dev/null");
+  const char* const kName = "T 1;$(>ran)";
+  const std::pair<std::string, std::string> kCases[] = {
+      {"--port-path 1-4.2 -- bash complete.sh --usb", "4-2\n"},
+      {"--ftdi --serial '" + std::string(kName) + "' -- bash complete.sh --ftdi",
+       std::string(kName) + "\n"},
+  };
+  for (const auto& [words, offered] : kCases) {
+    Run("bash", "firmware-updater simulate " + words);
+    EXPECT_EQ(output, offered);
+  }
+}
+
 // With stand-ins for the parts of zsh's completion, which exist only while it completes.
 TEST_F(CommandLineTest, ZshCompletes) {
   const std::string standIns =

@@ -167,7 +167,7 @@ ExitCode Run(int argc, const char* const* argv, const Machine& machine) {
     return ExitCode::Usage;
   }
   if (argv[1] == kComplete) {
-    Complete(app, std::vector<std::string>(argv + 2, argv + argc), machine.out);
+    Complete(app, std::vector<std::string>(argv + 2, argv + argc), machine);
     return ExitCode::Done;
   }
   try {

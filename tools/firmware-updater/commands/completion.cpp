@@ -6,6 +6,9 @@
 #include <ostream>
 #include <string_view>
 
+#include "device/device_survey.h"
+#include "text/text_format.h"
+
 #include "system/system.h"
 
 namespace tavo::tool {
@@ -15,8 +18,8 @@ using Words = std::span<const std::string>;
 
 class Completion {
  public:
-  Completion(const CLI::App& app, std::string prefix, std::ostream& out)
-      : m_command(&app), m_prefix(std::move(prefix)), m_out(out) {}
+  Completion(const CLI::App& app, std::string prefix, const Machine& machine)
+      : m_command(&app), m_prefix(std::move(prefix)), m_machine(machine), m_out(machine.out) {}
 
   void Pass(const std::string& word) {
     if (m_due != nullptr) {
@@ -90,6 +93,8 @@ class Completion {
     const std::string type = option.get_name() + " " + option.get_type_name();
     const auto mentions = [&](const char* word) { return type.find(word) != std::string::npos; };
     const std::size_t choices = type.find('{');
+    if (option.check_lname("usb")) return OfferDevices(TransportKind::Usb);
+    if (option.check_lname("ftdi")) return OfferDevices(TransportKind::Ftdi);
     if (choices != std::string::npos) {
       const std::string list = type.substr(choices + 1, type.find('}') - choices - 1);
       for (const std::string& choice : CLI::detail::split(list, ',')) Offer(choice);
@@ -100,34 +105,47 @@ class Completion {
     }
   }
 
+  // None is opened, because an update may be about to. An address that the shell could not show as it is
+  // cannot be picked from a list.
+  void OfferDevices(TransportKind kind) const {
+    const auto none = [](const FoundDevice&) { return false; };
+    for (const FoundDevice& device : SurveyDevices(m_machine, nullptr, none)) {
+      const bool fits = device.kind == kind && !device.address.empty();
+      if (fits && Displayable(device.address) == device.address) {
+        Offer(device.address, device.description);
+      }
+    }
+  }
+
   const CLI::App* m_command;
   const CLI::Option* m_due = nullptr;  // the option whose value comes next
   std::size_t m_arguments = 0;         // of the command, passed so far
   std::string m_prefix;
+  const Machine& m_machine;
   std::ostream& m_out;
 };
 
 // Behind "--" stands a command of the user's; the tool itself is completed there as well.
-void CompleteUserCommand(const CLI::App& app, Words words, std::ostream& out) {
+void CompleteUserCommand(const CLI::App& app, Words words, const Machine& machine) {
   if (words.size() == 1) {
-    out << ":commands\n";
+    machine.out << ":commands\n";
   } else if (PathOf(words.front()).stem() == app.get_name()) {
-    Complete(app, words.subspan(1), out);
+    Complete(app, words.subspan(1), machine);
   } else {
-    out << ":files\n";
+    machine.out << ":files\n";
   }
 }
 
 }  // namespace
 
-void Complete(const CLI::App& app, Words words, std::ostream& out) {
+void Complete(const CLI::App& app, Words words, const Machine& machine) {
   if (words.empty()) return;
   const Words passed = words.first(words.size() - 1);
   const auto dashes = std::ranges::find(passed, "--");
   if (dashes != passed.end())
     return CompleteUserCommand(
-        app, words.subspan(static_cast<std::size_t>(dashes - passed.begin()) + 1), out);
-  Completion completion(app, words.back(), out);
+        app, words.subspan(static_cast<std::size_t>(dashes - passed.begin()) + 1), machine);
+  Completion completion(app, words.back(), machine);
   for (const std::string& word : passed) completion.Pass(word);
   completion.OfferWhatFits();
 }
