@@ -345,6 +345,10 @@ TEST(UpdateCommand, AnAdapterGetsItsLatencyTimerBackOnEveryRoadOut) {
        [](auto& station) { station.d2xx.status["GetLatencyTimer"] = kD2xxNotSupported; },
        Done,
        {"GetLatencyTimer"}},
+      {"update @firmware.hex",
+       [](auto& station) { station.d2xx.status["SetLatencyTimer"] = kD2xxIoError; },
+       Done,
+       {"GetLatencyTimer", "SetLatencyTimer 1", "SetLatencyTimer 2", "SetLatencyTimer 16"}},
   };
   for (const auto& road : kRoads) {
     SCOPED_TRACE(std::string(road.command) + ", exit " +

@@ -7,6 +7,7 @@ namespace tavo::tool {
 namespace {
 
 constexpr std::uint8_t kShortestMs = 1;
+constexpr std::uint8_t kVendorsShortestMs = 2;  // as its manual says
 
 }  // namespace
 
@@ -64,6 +65,7 @@ void Session::ShortenLatency() {
   if (status == kD2xxOk && found > kShortestMs) {
     m_latencyMs = found;
     status = m_adapters.SetLatencyTimer(Adapter(), kShortestMs);
+    if (status != kD2xxOk) status = m_adapters.SetLatencyTimer(Adapter(), kVendorsShortestMs);
   }
   if (status != kD2xxOk) m_log.LogWarn("Session: Latency timer not set, Error: %u", status);
 }

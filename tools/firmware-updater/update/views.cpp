@@ -236,7 +236,12 @@ class RoundView final : public UpdateView {
  public:
   explicit RoundView(const Machine& machine) : m_machine(machine) {}
 
-  void PhaseBegins(Phase) override {}
+  // A terminal shows what the round is doing until its line comes.
+  void PhaseBegins(Phase phase) override {
+    const std::lock_guard lock(m_lock);
+    if (!m_machine.terminal) return;
+    m_machine.out << kEraseLine << DescriptionOf(phase).title << std::flush;
+  }
   void Wrote(const Transfer&) override {}
   void PhaseEnds(Phase, PhaseEnd, milliseconds, const Transfer&) override {}
   void Retried(const std::string&, const RefusedBytes&) override {}
@@ -259,6 +264,7 @@ class RoundView final : public UpdateView {
 
  private:
   void Line(const std::string& text) {
+    if (m_machine.terminal) m_machine.out << kEraseLine;
     m_machine.out << InLines(m_machine, tavo::Displayable(text)) << std::endl;
   }
 

@@ -38,7 +38,8 @@ struct Version {
 std::optional<Version> VersionOf(const std::string& file) {
   std::error_code noSize;
   std::error_code noTime;
-  const Version version{fs::file_size(file, noSize), fs::last_write_time(file, noTime)};
+  const fs::path path = PathOf(file);
+  const Version version{fs::file_size(path, noSize), fs::last_write_time(path, noTime)};
   return noSize || noTime ? std::nullopt : std::optional(version);
 }
 
