@@ -87,6 +87,23 @@ TEST_F(Exports, TheAdapterRunsAtTheBaudRateThatIsAskedFor) {
   EXPECT_EQ(get_last_error(), 1);
 }
 
+TEST_F(Exports, NullIsAnEmptyTextWhichTakesTheFirstDevice) {
+  Station station(Plain());
+  current = &station;
+  const std::string file = station.platform.Folder() + "firmware.hex";
+  list_devices();
+  stop_update();
+  for (const char* text : {static_cast<const char*>(nullptr), ""}) {
+    EXPECT_FALSE(update_usb_device(text, text, true, true, true));
+    EXPECT_FALSE(update_ftdi_device(text, 0, true, text, true, true, true));
+    EXPECT_EQ(station.Requests(), Lines());
+    EXPECT_TRUE(update_usb_device(text, file.c_str(), false, false, false));
+    EXPECT_TRUE(update_ftdi_device(text, 19200, false, file.c_str(), false, false, false));
+    station.ForgetRequests();
+  }
+  EXPECT_FALSE(get_resetted_modules(nullptr, UINT32_MAX));
+}
+
 TEST_F(Exports, AfterTheObjectsHaveBeenDestroyedNothingHappens) {
   char name[] = "????";
   stop_update();

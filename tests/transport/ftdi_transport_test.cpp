@@ -5,6 +5,7 @@
 #include "tests/support/raw_read.h"
 #include "tests/support/virtual_platform.h"
 #include "transport/comm_ftdi.h"
+#include "transport/device_listing.h"
 
 namespace tavo::test {
 namespace {
@@ -66,6 +67,17 @@ TEST_F(FtdiTransportTest, AnAdapterThatCannotBeReadIsLoggedAndNotTaken) {
   EXPECT_EQ(m_transport.FirstPort(), "B2");
   EXPECT_TRUE(m_transport.OpenPort("B2"));
   EXPECT_EQ(m_d2xx.calls.at(m_d2xx.calls.size() - 3), "Open 4");
+}
+
+TEST_F(FtdiTransportTest, AdaptersAreListedEvenIfUsbCannotBe) {
+  FakeLibUsb usb;
+  m_d2xx.adapters = {{"", "", kD2xxOtherError}, {"A50285BI", "Tavo\x1B[2J adapter"}};
+  usb.results["GetDeviceList"] = LIBUSB_ERROR_ACCESS;
+  ListDevices(m_platform, m_log, usb, m_d2xx);
+  EXPECT_EQ(m_platform.Console(),
+            "2024.03.01 - 12:00:00 WARN CCommWinUSB: Error enumerating devices\n\n"
+            "2024.03.01 - 12:00:00 WARN CCommFTDI: Adapter 0 cannot be read: no permission, Error: "
+            "18\nTavo?[2J adapter\n");
 }
 
 TEST_F(FtdiTransportTest, OpensWithItsLineSettings) {
