@@ -22,5 +22,6 @@ void AddInspectCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddPackCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddReplayCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddSimulateCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
+void AddServeCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 
 }  // namespace tavo::tool

@@ -108,6 +108,19 @@ const Json& Json::operator[](std::size_t index) const {
                                                                   : kNull;
 }
 
+std::string Json::String() const {
+  const auto* const text = std::get_if<std::string>(&m_value);
+  return text == nullptr ? std::string() : *text;
+}
+
+double Json::Number() const {
+  if (const auto* const whole = std::get_if<std::int64_t>(&m_value)) {
+    return static_cast<double>(*whole);
+  }
+  const auto* const number = std::get_if<double>(&m_value);
+  return number == nullptr ? 0 : *number;
+}
+
 bool Json::operator==(const Json& other) const { return m_value == other.m_value; }
 
 }  // namespace tavo::tool

@@ -59,6 +59,9 @@ class Json {
   const Json& operator[](std::string_view name) const;
   const Json& operator[](std::size_t index) const;
   bool operator==(const Json& other) const;
+  // Empty and 0 for a value of another type.
+  std::string String() const;
+  double Number() const;
 
  private:
   std::variant<std::monostate, bool, std::int64_t, double, std::string, Array, Object> m_value{};
