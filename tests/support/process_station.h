@@ -5,9 +5,9 @@
 //   station.PlugIn({"--family", "plain"});
 //   const Result result = station.RunHost({"usb", "", "firmware.hex"});
 //
-// If TAVO_WINDOWS_BUILD names the folder of a Windows build, the hosts are the programs of that build.
-// They run under Wine (TAVO_WINE_BITS is 64 or 32), beside the DLL and the substitutes of both vendor
-// libraries.
+// If TAVO_WINDOWS_BUILD names the folder of a Windows build, the hosts and the tool are the programs of
+// that build. They run under Wine (TAVO_WINE_BITS is 64 or 32), beside the DLL and the substitutes of both
+// vendor libraries.
 #pragma once
 
 #include <cstdlib>
@@ -40,6 +40,7 @@ class ProcessStation {
   bool PlugIn(Words arguments) {
     const std::string number = std::to_string(m_simulators.size());
     const std::filesystem::path portFile = folder / ("port" + number);
+    std::filesystem::remove(portFile);
     arguments.insert(arguments.begin(),
                      {kTool, "simulate", "--port-file", portFile, "--state", "device" + number});
     m_simulators.emplace_back(folder, arguments, Environment(), "simulator" + number + ".txt");
@@ -50,24 +51,33 @@ class ProcessStation {
   }
 
   // Ends the simulators with Ctrl-C. False if one of them fails, for example because it leaked memory.
+  // Their state stays, for those that are plugged in next.
   bool SwitchOff() {
     bool well = true;
     for (ChildProcess& simulator : m_simulators) well = simulator.AskToEnd(kPrompt) == 0 && well;
+    m_simulators.clear();
+    m_addresses.clear();
     return well;
   }
 
-  // Runs a copy of the program in the station's folder, so that its log lies there.
+  bool IsWindows() const { return !m_windowsBuild.empty(); }
+
+  // A copy of the program in the station's folder, so that its log lies there.
+  Words Copy(const std::string& program) const {
+    if (!IsWindows()) return {CopyHere(Program(program))};
+    CopyHere(m_windowsBuild + "/bin/FirmwareUpdater.dll");
+    CopyHere(m_windowsBuild + "/bin/simulator/libusb-1.0.dll");
+    CopyHere(m_windowsBuild + "/bin/simulator/FTD2XX.dll");
+    return UnderWine(CopyHere(m_windowsBuild + "/bin/" + program + ".exe"));
+  }
   Result Run(const std::string& program, const Words& arguments) const {
-    Words command = m_windowsBuild.empty()
-                        ? Words{CopyHere(Program(program))}
-                        : Words{TAVO_SOURCE_DIR "/scripts/wine", FromHost("TAVO_WINE_BITS"),
-                                CopyHere(m_windowsBuild + "/bin/" + program + ".exe")};
-    if (!m_windowsBuild.empty()) {
-      CopyHere(m_windowsBuild + "/bin/FirmwareUpdater.dll");
-      CopyHere(m_windowsBuild + "/bin/simulator/libusb-1.0.dll");
-      CopyHere(m_windowsBuild + "/bin/simulator/FTD2XX.dll");
-    }
-    return RunCommand(command + arguments);
+    return RunCommand(Copy(program) + arguments);
+  }
+  // The tool in its place, beside the real libusb and its own substitutes.
+  Result RunToolInPlace(const Words& arguments) const {
+    return RunCommand(
+        (IsWindows() ? UnderWine(m_windowsBuild + "/bin/firmware-updater.exe") : Words{kTool}) +
+        arguments);
   }
 
   // The example hosts that an interpreter runs, as commands; never under Wine. The interpreter is a copy
@@ -90,12 +100,8 @@ class ProcessStation {
     return {exitCode, console};
   }
   // Starts a command, which then runs beside the test.
-  ChildProcess Start(const Words& command) const {
-    return ChildProcess(folder, command, Environment(), "console.txt");
-  }
-  // The same for a program of this system.
-  ChildProcess Start(const std::string& program, const Words& arguments) const {
-    return Start(Words{CopyHere(Program(program))} + arguments);
+  ChildProcess Start(const Words& command, const std::string& output = "console.txt") const {
+    return ChildProcess(folder, command, Environment(), output);
   }
   Result RunHost(const Words& arguments) const { return Run("update-host", arguments); }
 
@@ -133,6 +139,9 @@ class ProcessStation {
   static std::string FromHost(const char* variable) {
     const char* const value = std::getenv(variable);
     return value == nullptr ? "" : value;
+  }
+  static Words UnderWine(const std::string& program) {
+    return {TAVO_SOURCE_DIR "/scripts/wine", FromHost("TAVO_WINE_BITS"), program};
   }
   std::string CopyHere(const std::filesystem::path& file) const {
     const std::filesystem::path copy = folder / file.filename();
