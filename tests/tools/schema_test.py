@@ -36,6 +36,7 @@ RUNS = [
     (["--block-size", "100"], ["check-device"], 1),
     (["--family", "gateway", "--start", "bootloader"], ["check-device", "--through", "4.0"], 0),
     (["--fault", "lose:*"], ["check-device"], 7),
+    (["--ftdi", "--baud", "9600"], ["doctor", "--ftdi", "TAVO0001", "--probe"], 3),
     ([], ["history", "journal.ndjson"], 0),
     ([], ["inspect", "two.zip"], 0),
     ([], ["inspect", "gateway.hex", "--usb", "1"], 1),
@@ -81,7 +82,7 @@ def main(tool: str, documents: str) -> int:
     failures = 0
     validators = {}
     manual = (Path(documents) / "tool.md").read_text(encoding="utf-8")
-    for command in ("list", "info", "check-device", "history", "inspect", "update"):
+    for command in ("list", "info", "check-device", "doctor", "history", "inspect", "update"):
         text = (Path(documents) / "schema" / (command + ".schema.json")).read_text(encoding="utf-8")
         schema = json.loads(text)
         jsonschema.Draft7Validator.check_schema(schema)

@@ -198,6 +198,7 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
   app.require_subcommand(1);
   app.footer(Footer());
   AddListCommand(app, machine, exit);
+  AddDoctorCommand(app, machine, exit);
   AddInfoCommand(app, machine, exit);
   AddCheckDeviceCommand(app, machine, exit);
   AddUpdateCommand(app, machine, exit);

@@ -13,6 +13,7 @@ namespace tavo::tool {
 
 // In the order of the help text. The references must outlive the parsing.
 void AddListCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
+void AddDoctorCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddInfoCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddCheckDeviceCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddUpdateCommand(CLI::App& app, const Machine& machine, ExitCode& exit);

@@ -77,9 +77,9 @@ class UsbList {
   std::ptrdiff_t m_result;
 };
 
-const UsbKind* KindOf(const libusb_device_descriptor& descriptor) {
+const UsbKind* KindOf(std::uint16_t vendor, std::uint16_t product) {
   const auto kind = std::ranges::find_if(kUsbKinds, [&](const UsbKind& row) {
-    return row.vendor == descriptor.idVendor && row.product == descriptor.idProduct;
+    return row.vendor == vendor && row.product == product;
   });
   return kind == kUsbKinds.end() ? nullptr : &*kind;
 }
@@ -150,7 +150,7 @@ std::vector<UsbFinding> LookAtUsb(LibUsb& usb, const UsbList& list) {
   for (libusb_device* const device : list.Devices()) {
     libusb_device_descriptor descriptor{};
     if (usb.GetDeviceDescriptor(device, &descriptor) < 0) continue;
-    const UsbKind* const kind = KindOf(descriptor);
+    const UsbKind* const kind = KindOf(descriptor.idVendor, descriptor.idProduct);
     if (kind == nullptr) continue;
     for (int channel = 0; channel < kind->channels; ++channel) {
       findings.push_back({kind,
@@ -166,19 +166,13 @@ std::vector<UsbFinding> LookAtUsb(LibUsb& usb, const UsbList& list) {
 
 // --- obstacles ---
 
-std::string UdevRule(const UsbKind& kind) {
-  return Format(
-      "SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", TAG+=\"uaccess\"",
-      unsigned{kind.vendor}, unsigned{kind.product});
-}
-
 Obstacle InUse() {
   return {"in-use", "another program holds it", "end the program that uses it, then try again"};
 }
 
 Obstacle NoPermission(const UsbKind& kind) {
   return {"no-permission", "you have no permission to open it",
-          "put the line " + UdevRule(kind) +
+          "put the line " + UdevRule(kind.vendor, kind.product) +
               " into /etc/udev/rules.d/71-firmware-updater-local.rules, then plug it in again"};
 }
 
@@ -334,6 +328,17 @@ std::string AddressColumn(const FoundDevice& device) {
 }
 
 }  // namespace
+
+std::optional<TransportKind> KindOfUsb(std::uint16_t vendor, std::uint16_t product) {
+  const UsbKind* const kind = KindOf(vendor, product);
+  return kind == nullptr ? std::nullopt : std::optional(kind->kind);
+}
+
+std::string UdevRule(std::uint16_t vendor, std::uint16_t product) {
+  return Format(
+      "SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", TAG+=\"uaccess\"",
+      unsigned{vendor}, unsigned{product});
+}
 
 Json UsbIdentity::AsJson() const {
   const auto orNull = [](const std::string& text) { return text.empty() ? Json() : Json(text); };

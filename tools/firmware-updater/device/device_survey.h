@@ -57,6 +57,12 @@ inline constexpr std::chrono::milliseconds kLookPace{200};
 // texts and the obstacles to opening it stay unknown.
 using Opens = std::function<bool(const FoundDevice& device)>;
 
+// The kind of USB device with these ids; none: it does not matter here.
+std::optional<TransportKind> KindOfUsb(std::uint16_t vendor, std::uint16_t product);
+
+// The line for udev's rules that lets the user open such a device.
+std::string UdevRule(std::uint16_t vendor, std::uint16_t product);
+
 // USB devices first, then adapters, each in the order in which the system lists them. `trouble`,
 // unless null, says in one sentence why the search itself failed; empty when it worked.
 std::vector<FoundDevice> SurveyDevices(

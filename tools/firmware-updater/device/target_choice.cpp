@@ -58,21 +58,6 @@ NotConnected Missing(const std::string& name, const Devices& connected) {
                  "check the cable and the power, or select one of these: " + others);
 }
 
-// As the kernel calls a USB device: "1-4.2" for the port path 4-2 on bus 1.
-std::string KernelName(const FoundDevice& device) {
-  if (device.kind != TransportKind::Usb || !device.usb) return {};
-  std::string name = device.address;
-  std::ranges::replace(name, '-', '.');
-  return std::to_string(device.usb->bus) + "-" + name;
-}
-
-// Another program may be about to open one of the others.
-bool IsWanted(const TargetOptionsValues& named, const FoundDevice& device) {
-  if (!named.ftdiSerial.empty()) return device.address == named.ftdiSerial;
-  return named.usbPort.empty() || device.address == named.usbPort ||
-         KernelName(device) == named.usbPort;
-}
-
 // A port path goes before a kernel's name: "1-2" can be both.
 ChosenDevice Named(Target target, const Devices& connected) {
   const std::string name = TargetOptions({target.kind, target.address});
@@ -129,6 +114,19 @@ std::string Wanted(const TargetOptionsValues& named) {
 }
 
 }  // namespace
+
+std::string KernelName(const FoundDevice& device) {
+  if (device.kind != TransportKind::Usb || !device.usb) return {};
+  std::string name = device.address;
+  std::ranges::replace(name, '-', '.');
+  return std::to_string(device.usb->bus) + "-" + name;
+}
+
+bool IsWanted(const TargetOptionsValues& named, const FoundDevice& device) {
+  if (!named.ftdiSerial.empty()) return device.address == named.ftdiSerial;
+  return named.usbPort.empty() || device.address == named.usbPort ||
+         KernelName(device) == named.usbPort;
+}
 
 void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to) {
   Option usb = command.Value("--usb", to.usbPort, kUsbOptionHelp.Here());

@@ -31,6 +31,13 @@ struct TargetOptionsValues {
 // --usb, or --ftdi with --baud and --echo. `to` must outlive the parsing.
 void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to);
 
+// As the kernel calls a USB device: "1-4.2" for the port path 4-2 on bus 1; empty for an adapter.
+std::string KernelName(const FoundDevice& device);
+
+// Whether the user means this device, or none by name. Others are not to be opened: another program may be
+// about to.
+bool IsWanted(const TargetOptionsValues& named, const FoundDevice& device);
+
 // Looks at what is connected; sends nothing, and opens nothing for longer than a moment. Throws a
 // Refusal when it finds no device, none that is usable, or several to choose from.
 Target ChooseTarget(const Machine& machine, const TargetOptionsValues& named);

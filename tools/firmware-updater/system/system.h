@@ -66,6 +66,16 @@ std::filesystem::path StateFolder();
 // Files of ours in another user's folder would be in that user's way, and that user could replace them.
 bool IsOurs(const std::filesystem::path& folder);
 
+// Who may use a file; none: there is no such file, or the system has no such rights.
+struct Access {
+  bool granted;  // to read and write
+  bool inGroup;  // this user, in the group of the file
+  unsigned mode;
+  std::string owner;
+  std::string group;
+};
+std::optional<Access> AccessTo(const std::filesystem::path& file);
+
 // --- facts ---
 
 // The names of the drivers that Windows has bound to USB devices with these ids, such as "usbser"; empty

@@ -1,7 +1,9 @@
 #include <fcntl.h>
+#include <grp.h>
 #include <openssl/evp.h>
 #include <poll.h>
 #include <pthread.h>
+#include <pwd.h>
 #include <sys/ioctl.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
@@ -84,6 +86,22 @@ fs::path StateFolder() {
   if (state.starts_with('/')) return state;
   const std::string home = Environment("HOME");
   return home.empty() ? fs::path() : fs::path(home) / ".local" / "state";
+}
+
+std::optional<Access> AccessTo(const fs::path& file) {
+  struct stat status {};
+  if (stat(file.c_str(), &status) != 0) return std::nullopt;
+  const passwd* const owner = getpwuid(status.st_uid);
+  const ::group* const group = getgrgid(status.st_gid);
+  std::vector<gid_t> mine(static_cast<std::size_t>(std::max(getgroups(0, nullptr), 0)));
+  if (getgroups(static_cast<int>(mine.size()), mine.data()) < 0) mine.clear();
+  mine.push_back(getegid());
+  constexpr unsigned kPermissions = 07777;
+  return Access{.granted = access(file.c_str(), R_OK | W_OK) == 0,
+                .inGroup = std::ranges::count(mine, status.st_gid) > 0,
+                .mode = status.st_mode & kPermissions,
+                .owner = owner == nullptr ? std::to_string(status.st_uid) : owner->pw_name,
+                .group = group == nullptr ? std::to_string(status.st_gid) : group->gr_name};
 }
 
 bool IsOurs(const fs::path& folder) {

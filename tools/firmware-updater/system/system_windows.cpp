@@ -147,6 +147,8 @@ std::string TextOf(const fs::path& path) {
 fs::path StateFolder() { return PathOf(Environment("LOCALAPPDATA")); }
 
 // The folder for logs is the user's own by its place.
+std::optional<Access> AccessTo(const fs::path& /*file*/) { return std::nullopt; }
+
 bool IsOurs(const fs::path& folder) {
   std::error_code ignored;
   return fs::is_directory(folder, ignored);

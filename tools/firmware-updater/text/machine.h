@@ -1,6 +1,7 @@
 // The machine as commands see it, and the one way to complain.
 #pragma once
 
+#include <filesystem>
 #include <iosfwd>
 #include <string>
 #include <string_view>
@@ -25,6 +26,7 @@ struct Machine {
   bool terminal = false;               // `out` is a terminal: lines may be redrawn in place
   bool colour = false;                 // and the user wants colours
   int (*width)() = [] { return 80; };  // of the terminal at this moment, in characters
+  std::filesystem::path root = "/";    // of the system's own files, such as /sys
 };
 
 // The text in lines that fit the terminal; elsewhere in one line.
