@@ -665,6 +665,7 @@ TEST(UpdateRecord, EndsInWhatIsKnownOfTheDeviceAndTheUpdate) {
   for (const auto& [name, value] : expected) EXPECT_EQ(last[name], value) << name;
   EXPECT_EQ(last["state"]["device"], "updated-and-verified");
   EXPECT_EQ(last["flags"]["skipIdentityCheck"], false);
+  EXPECT_EQ(last["flags"]["trace"], false);
   EXPECT_EQ(last["tags"]["unit"], "4711");
   EXPECT_EQ(last["station"], "bench-3");
   EXPECT_EQ(last["log"], station.run.Path("tool.log").string());

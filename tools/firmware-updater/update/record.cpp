@@ -46,12 +46,14 @@ std::string TimeText(std::chrono::system_clock::time_point time) {
                 static_cast<int>(clock.seconds().count()));
 }
 
-Json AsJson(const UpdateFlags& flags, bool quick) {
-  return {{"skipIdentityCheck", !flags.checkIdentity},
-          {"extendedErase", flags.extendedErase},
-          {"bootloaderOnly", flags.bootloaderOnly},
-          {"dryRun", flags.dryRun},
-          {"quick", quick}};
+// --dry-run, which decides on the meaning of the whole record, stands beside these.
+Json FlagsJson(const Record& record) {
+  return {{"skipIdentityCheck", !record.flags.checkIdentity},
+          {"extendedErase", record.flags.extendedErase},
+          {"bootloaderOnly", record.flags.bootloaderOnly},
+          {"quick", record.quick},
+          {"verbose", record.verbose},
+          {"trace", record.trace}};
 }
 
 Json TagsJson(const std::vector<std::string>& tags) {
@@ -129,7 +131,7 @@ Json AsJson(const Record& record) {
           {"journal", TextOrNull(record.journal)},
           {"station", record.station},
           {"dryRun", record.flags.dryRun},
-          {"flags", AsJson(record.flags, record.quick)},
+          {"flags", FlagsJson(record)},
           {"tags", TagsJson(record.tags)},
           {"tool", TAVO_VERSION},
           {"begin", TimeText(record.begin)},

@@ -35,6 +35,8 @@ struct Record {
   std::string member{};  // of the archive, whose image the device gets; empty: not known
   UpdateFlags flags{};
   bool quick = false;
+  bool verbose = false;
+  bool trace = false;
   std::vector<std::string> tags{};  // "NAME=VALUE"
   std::chrono::system_clock::time_point begin{};
   std::chrono::system_clock::time_point end{};

@@ -59,6 +59,8 @@ class UpdateRun {
     m_record.station = options.station.empty() ? HostName() : options.station;
     m_record.flags = options.flags;
     m_record.quick = options.quick;
+    m_record.verbose = options.verbose;
+    m_record.trace = options.trace;
     m_record.tags = options.tags;
     Begin();
   }
