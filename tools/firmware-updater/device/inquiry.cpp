@@ -142,7 +142,8 @@ std::optional<TavoMessage> Inquiry::AwaitAnswer(const Command& command, millisec
     if (waited > longest) break;
     if (!announced && waited > kAnnounceAfter) {
       announced = true;
-      m_announce(WaitingFor(command));
+      const std::string text = WaitingFor(command);
+      if (text != std::exchange(m_announced, text)) m_announce(text);
     }
   }
   return std::nullopt;

@@ -32,7 +32,8 @@ enum class Patience {
 
 class Inquiry {
  public:
-  // Gets a line for the user: "Waiting for an answer from a bootloader (up to 4 s)".
+  // Gets a line for the user: "Waiting up to 4 s for an answer from a bootloader.". A wait that repeats
+  // the last one gets none.
   using Announce = std::function<void(const std::string& text)>;
 
   // The transport is open, and no update uses it. Both must outlive the inquiry.
@@ -79,6 +80,7 @@ class Inquiry {
   ICommInterface& m_transport;
   Platform& m_platform;
   Announce m_announce;
+  std::string m_announced{};  // the last line
   RefusedBytes m_refused;
   bool m_discards = true;
 };
