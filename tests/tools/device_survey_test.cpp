@@ -98,6 +98,13 @@ TEST_F(DeviceSurvey, ListSaysWhatAddressesADeviceAndWhatStandsInTheWay) {
             "                          hint: end the program that uses it, then try again\n"
             "--ftdi $'A\\033\\265\\0401'  It's?a? b\n");
   EXPECT_EQ(run.Err(), "");
+  run.machine.terminal = true;
+  run.machine.width = [] { return 60; };
+  EXPECT_EQ(run("list"), ExitCode::Done);
+  EXPECT_TRUE(
+      run.Says("                          cannot be used: another program\n"
+               "                          holds it (in-use)\n"))
+      << run.Out();
 }
 
 TEST_F(DeviceSurvey, AnUpdateOpensItsDeviceAloneAndOneThatCannotBeOpenedEndsAsOneThatIsMissing) {

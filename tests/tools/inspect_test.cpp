@@ -197,12 +197,16 @@ TEST_F(Inspect, NamesFromAnArchiveCannotSteerTheTerminal) {
 }
 
 TEST_F(Inspect, ScreensAreNarrow) {
-  run.Write("fw.zip", ZipArchive({{std::string(80, 'n') + ".hex", HexOf("labelled")},
+  run.Write("fw.zip", ZipArchive({{std::string(50, 'n') + ".hex", HexOf("labelled")},
                                   {"b.hex", With(HexOf("plain"), 3, 'x')}}));
-  EXPECT_EQ(run("inspect @fw.zip --block-size 1"), ExitCode::Done);
-  for (const std::string& line : test::LinesOf(run.Out())) {
-    const bool namesPath = line.find(station.platform.Folder()) != std::string::npos;
-    EXPECT_TRUE(namesPath || line.size() <= 100) << line;
+  run.machine.width = [] { return 70; };
+  for (const bool terminal : {false, true}) {
+    run.machine.terminal = terminal;
+    EXPECT_EQ(run("inspect @fw.zip --block-size 1"), ExitCode::Done);
+    for (const std::string& line : test::LinesOf(run.Out())) {
+      const bool namesPath = line.find(station.platform.Folder()) != std::string::npos;
+      EXPECT_TRUE(namesPath || line.size() <= (terminal ? 70 : 100)) << line;
+    }
   }
 }
 

@@ -258,7 +258,7 @@ class Diagnosis {
     }
     if (m_findings.empty()) {
       m_machine.out << "Nothing was found that keeps a device from being reached:\n";
-      PrintDevices(m_machine.out, m_devices);
+      PrintDevices(m_machine, m_devices);
       m_machine.out << (m_responds ? "It responds.\n"
                                    : "Whether it responds was not tried; --probe does that.\n");
     }

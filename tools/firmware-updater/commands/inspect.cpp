@@ -166,7 +166,9 @@ class ImageScreen {
   }
 
   void PutBlockMap() {
-    const ScaledMap scaled = ScaleMap(m_map);
+    constexpr std::size_t kAddressWidth = 16;  // with the blanks around it
+    const ScaledMap scaled =
+        ScaleMap(m_map, std::min(kMostCharacters, m_screen.width - kAddressWidth));
     m_out << "\n  Block map: " << m_map.blocks.size() << " blocks of " << m_map.blockSize
           << " bytes, " << scaled.blocksPerCharacter
           << (scaled.blocksPerCharacter == 1 ? " block" : " blocks") << " a character\n";

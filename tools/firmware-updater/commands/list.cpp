@@ -65,7 +65,7 @@ ExitCode List(const Machine& machine, const Options& options) {
   if (options.json) {
     WriteJson(machine.out, outcome);
   } else {
-    PrintDevices(machine.out, outcome.devices);
+    PrintDevices(machine, outcome.devices);
   }
   if (!outcome.trouble.empty()) Complain(machine, outcome.trouble, {});
   if (outcome.AnyUsable()) return ExitCode::Done;

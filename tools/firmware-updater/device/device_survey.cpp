@@ -5,6 +5,7 @@
 #include <optional>
 #include <ostream>
 #include <span>
+#include <sstream>
 
 #include "log/displayable.h"
 #include "log/logger.h"
@@ -354,16 +355,25 @@ std::vector<FoundDevice> SurveyDevices(const Machine& machine, std::string* trou
   return Survey(machine, opens, trouble).Devices();
 }
 
-void PrintDevices(std::ostream& to, const std::vector<FoundDevice>& devices) {
+void PrintDevices(const Machine& machine, const std::vector<FoundDevice>& devices) {
+  constexpr std::size_t kLeastRoom = 30;
+  std::ostream& to = machine.out;
   std::size_t width = 0;
   for (const FoundDevice& device : devices) width = std::max(width, AddressColumn(device).size());
   const std::string indent(width + 2, ' ');
+  const auto columns = static_cast<std::size_t>(std::max(machine.width(), 1));
+  const std::size_t room = std::max(columns, indent.size() + kLeastRoom) - indent.size();
+  const auto put = [&](const std::string& text) {
+    if (!machine.terminal) return void(to << indent << text << '\n');
+    std::istringstream lines(Wrapped(text, room));
+    for (std::string line; std::getline(lines, line);) to << indent << line << '\n';
+  };
   for (const FoundDevice& device : devices) {
     const std::string address = AddressColumn(device);
     to << address << indent.substr(address.size()) << device.description << '\n';
     for (const Obstacle& obstacle : device.obstacles) {
-      to << indent << "cannot be used: " << obstacle.text << " (" << obstacle.name << ")\n"
-         << indent << "hint: " << obstacle.hint << '\n';
+      put("cannot be used: " + obstacle.text + " (" + obstacle.name + ")");
+      put("hint: " + obstacle.hint);
     }
   }
 }

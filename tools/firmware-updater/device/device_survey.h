@@ -70,6 +70,6 @@ std::vector<FoundDevice> SurveyDevices(
     const Opens& opens = [](const FoundDevice&) { return true; });
 
 // One aligned line per device, its address first; below an unusable one, the reason and the remedy.
-void PrintDevices(std::ostream& to, const std::vector<FoundDevice>& devices);
+void PrintDevices(const Machine& machine, const std::vector<FoundDevice>& devices);
 
 }  // namespace tavo::tool

@@ -10,7 +10,6 @@ namespace tavo::tool {
 namespace {
 
 constexpr std::size_t kRows = 16;
-constexpr std::size_t kColumns = 64;
 
 constexpr std::uint8_t kAddressBytes = 4;  // of a positioning request
 constexpr double kBitsPerByte = 10;        // start, eight data bits, stop
@@ -64,16 +63,17 @@ BlockMap MapBlocks(const FirmwareImage& image, std::uint32_t blockSize) {
   return map;
 }
 
-ScaledMap ScaleMap(const BlockMap& map) {
-  ScaledMap scaled{.charactersPerRow = kColumns};
-  while (map.blocks.size() > scaled.blocksPerCharacter * kColumns * kRows) {
+ScaledMap ScaleMap(const BlockMap& map, std::size_t charactersPerRow) {
+  ScaledMap scaled{.charactersPerRow = charactersPerRow};
+  while (map.blocks.size() > scaled.blocksPerCharacter * charactersPerRow * kRows) {
     scaled.blocksPerCharacter *= 2;
   }
   std::span<const BlockUse> rest = map.blocks;
   while (!rest.empty()) {
     const auto group = rest.first(std::min(scaled.blocksPerCharacter, rest.size()));
     rest = rest.subspan(group.size());
-    if (scaled.rows.empty() || scaled.rows.back().size() == kColumns) scaled.rows.emplace_back();
+    if (scaled.rows.empty() || scaled.rows.back().size() == charactersPerRow)
+      scaled.rows.emplace_back();
     scaled.rows.back() += CharacterFor(group);
   }
   return scaled;

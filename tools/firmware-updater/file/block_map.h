@@ -57,7 +57,8 @@ inline constexpr char kSomeData = '+';
 inline constexpr char kBlankWritten = '.';
 inline constexpr char kBlankSkipped = '-';
 
-// The map in at most 16 rows of 64 characters.
-ScaledMap ScaleMap(const BlockMap& map);
+// The map in at most 16 rows.
+inline constexpr std::size_t kMostCharacters = 64;
+ScaledMap ScaleMap(const BlockMap& map, std::size_t charactersPerRow = kMostCharacters);
 
 }  // namespace tavo::tool
