@@ -69,6 +69,9 @@ TEST(CheckDevice, WithWriteAGoodDevicePassesEveryRuleAndRunsTheNewFirmware) {
     const bool asksAll = family.bootloaderVersion >= 3;
     EXPECT_EQ(document["notAsked"], asksAll ? 0 : family.bootloaderVersion == 2 ? 3 : 4);
     EXPECT_TRUE(station.UpdatedAndRuns());
+    station.run.machine.terminal = true;
+    EXPECT_EQ(station.run("check-device --write @firmware.hex"), ExitCode::Done);
+    EXPECT_TRUE(station.run.Says("\r\x1B[KWritten: 100 %\n"));
   }
 }
 

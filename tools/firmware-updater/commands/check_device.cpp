@@ -75,7 +75,21 @@ class DeviceCheck {
   }
 
  private:
-  void Say(const std::string& text) { m_machine.err << text << std::endl; }
+  void Say(const std::string& text) {
+    EndProgress();
+    m_machine.err << text << std::endl;
+  }
+
+  // The line is redrawn until another one follows.
+  void ShowProgress(unsigned percent) {
+    if (!m_machine.terminal || m_options.json || percent == m_progress) return;
+    m_progress = percent;
+    m_machine.out << "\r\x1B[KWritten: " << percent << " %" << std::flush;
+  }
+  void EndProgress() {
+    if (m_progress) m_machine.out << std::endl;
+    m_progress.reset();
+  }
 
   DeviceReport WhoAnswers(Inquiry& inquiry) {
     DeviceReport report = AskWhoAnswers(inquiry, Patience::Full);
@@ -110,7 +124,9 @@ class DeviceCheck {
     if (m_file && examination.Results().lost) m_notWritten = "the device was disconnected";
     if (const FirmwareImage* const image = ImageToWrite(findings)) {
       Say("Erasing and writing. An answer to ERASE is awaited for up to a minute.");
+      examination.onWritten = [this](unsigned percent) { ShowProgress(percent); };
       examination.Write(*image);
+      EndProgress();
     }
     Show(Stage::Writing, findings);
     const bool erased = findings.Find("erase") != nullptr;
@@ -238,8 +254,9 @@ class DeviceCheck {
   Session m_session;
   Json m_rules = Json::Array();
   std::array<int, kMarkNames.size()> m_counts{};
-  std::string m_notWritten;  // why, although it should have been
-  bool m_lost = false;       // the device, before all was asked
+  std::string m_notWritten;              // why, although it should have been
+  std::optional<unsigned> m_progress{};  // as shown in the last line
+  bool m_lost = false;                   // the device, before all was asked
   std::atomic<bool> m_stopped = false;
   Interrupts m_interrupts;  // the last to be made: it uses the others
 };

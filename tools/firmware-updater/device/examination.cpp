@@ -235,6 +235,7 @@ bool Examination::WriteBlocks(const FirmwareImage& image, bool repeatOne) {
     if (!WriteOne(image.startAddress + at, blocks.At(at), repeatOne && at == repeated))
       return false;
     next = blocks.NextToWrite(at);
+    onWritten(static_cast<unsigned>(std::uint64_t{next} * 100 / image.data.size()));
     m_findings.blankBytes += next - at - blocks.At(at).size();
   }
   m_place.clear();

@@ -110,6 +110,8 @@ class Examination {
 
   const Findings& Results() const { return m_findings; }
 
+  std::function<void(unsigned percent)> onWritten = [](unsigned) {};
+
  private:
   using Arguments = std::span<const std::uint8_t>;
 
