@@ -46,9 +46,12 @@ inline constexpr std::array kConditions{
               tavosim::DeviceIdAnswers::Both, 0x0401},
 };
 
-inline constexpr std::array kCommands{
-    "info", "update @firmware.hex", "update @firmware.hex --dry-run",
-    "update @firmware.hex --bootloader-only", "recover @firmware.hex"};
+inline constexpr std::array kCommands{"info",
+                                      "update @firmware.hex",
+                                      "update @firmware.hex --dry-run",
+                                      "update @firmware.hex --bootloader-only",
+                                      "update @firmware.hex --quick",
+                                      "recover @firmware.hex"};
 
 struct Situation {
   tavosim::Family device;
