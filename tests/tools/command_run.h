@@ -5,11 +5,9 @@
 //   EXPECT_EQ(run.Err(), "...");
 #pragma once
 
-#include <signal.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <chrono>
+#include <csignal>
 #include <filesystem>
 #include <iomanip>
 #include <sstream>
@@ -19,9 +17,15 @@
 
 #include "app.h"
 #include "simulator/firmware_builder.h"
+#include "system/interrupts.h"
 #include "tests/support/temporary_folder.h"
 #include "tests/support/transcript.h"
 #include "text/json.h"
+
+#ifndef _WIN32
+#include <signal.h>
+#include <unistd.h>
+#endif
 
 namespace tavo::tool {
 
@@ -51,12 +55,16 @@ class CommandRun {
     }
     std::vector<const char*> arguments;
     for (const std::string& word : words) arguments.push_back(word.c_str());
+#ifndef _WIN32
     // This process goes on after a command, so it still has to end by a signal.
     sigset_t signals;
     pthread_sigmask(SIG_SETMASK, nullptr, &signals);
     const int exit = RunTool(static_cast<int>(arguments.size()), arguments.data(), machine);
     pthread_sigmask(SIG_SETMASK, &signals, nullptr);
     return ExitCode{exit};
+#else
+    return ExitCode{RunTool(static_cast<int>(arguments.size()), arguments.data(), machine)};
+#endif
   }
 
   // Sends a signal to this process. True as soon as the tool has said something, false if it does not: it
@@ -64,7 +72,11 @@ class CommandRun {
   bool Signal(int number, bool isHandled = true) const {
     const int before = m_text.flushes;
     const int mostTries = isHandled ? 10'000 : 100;
+#ifdef _WIN32
+    Interrupts::Bring(number == SIGINT);
+#else
     kill(getpid(), number);
+#endif
     for (int tries = 0; tries < mostTries && m_text.flushes == before; ++tries) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }

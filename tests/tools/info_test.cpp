@@ -7,8 +7,11 @@
 #include "device/inquiry.h"
 #include "device/session.h"
 #include "device/target_choice.h"
-#include "tests/support/child_process.h"
 #include "tests/tools/tool_station.h"
+
+#ifndef _WIN32
+#include "tests/support/child_process.h"
+#endif
 
 namespace tavo::tool {
 namespace {
@@ -257,6 +260,7 @@ TEST(TargetChoice, TakesTheSelectedOrTheOnlyUsbDevice) {
   }
 }
 
+#ifndef _WIN32
 // A file or a serial number may be called anything, and what is recommended must work when it is
 // copied, out of JSON too.
 TEST(ShellWord, IsOneLineOfTextThatAShellReadsBack) {
@@ -273,6 +277,7 @@ TEST(ShellWord, IsOneLineOfTextThatAShellReadsBack) {
     EXPECT_EQ(shell.Output(), name) << word;
   }
 }
+#endif
 
 // Double quotes serve cmd and PowerShell alike; only PowerShell reads single quotes.
 TEST(ShellWord, OnWindowsServesCmdAndPowerShell) {

@@ -196,6 +196,7 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
   app.formatter(format);
   app.set_version_flag("--version", kVersion, "Print the version and exit");
   app.require_subcommand(1);
+  app.allow_windows_style_options(false);  // a path may begin with a slash there too
   app.footer(Footer());
   AddListCommand(app, machine, exit);
   AddDoctorCommand(app, machine, exit);

@@ -7,9 +7,8 @@
 #include <string_view>
 
 #include "device/device_survey.h"
-#include "text/text_format.h"
-
 #include "system/system.h"
+#include "text/text_format.h"
 
 namespace tavo::tool {
 namespace {

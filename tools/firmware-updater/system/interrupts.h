@@ -19,6 +19,12 @@ class Interrupts {
   Interrupts(const Interrupts&) = delete;
   Interrupts& operator=(const Interrupts&) = delete;
 
+#ifdef _WIN32
+  // As the console does, for tests, which have none: Ctrl-C, or Ctrl-Break. Returns when the interrupt has
+  // been counted and handled.
+  static void Bring(bool ctrlC);
+#endif
+
  private:
   struct Listener;
   std::unique_ptr<Listener> m_listener;

@@ -246,6 +246,10 @@ Interrupts::Interrupts(std::function<void(int number)> onInterrupt)
 
 Interrupts::~Interrupts() { LeadInterruptsTo({}); }
 
+void Interrupts::Bring(bool ctrlC) {
+  std::thread([ctrlC] { OnConsoleEvent(ctrlC ? CTRL_C_EVENT : CTRL_BREAK_EVENT); }).join();
+}
+
 // --- processes ---
 
 namespace {
