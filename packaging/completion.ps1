@@ -1,5 +1,5 @@
 # Completion of firmware-updater for PowerShell 5 and later. The tool itself lists the candidates; without
-# any, PowerShell completes file names.
+# any, PowerShell completes file names. Names that devices give themselves are quoted: nothing in them is run.
 Register-ArgumentCompleter -Native -CommandName firmware-updater, firmware-updater.exe -ScriptBlock {
     param($word, $command, $cursor)
     $words = @($command.CommandElements | Select-Object -Skip 1 |
@@ -12,6 +12,10 @@ Register-ArgumentCompleter -Native -CommandName firmware-updater, firmware-updat
     & $command.GetCommandName() complete @words 2>$null | Where-Object { -not $_.StartsWith(':') } | ForEach-Object {
         $candidate, $about = $_ -split "`t", 2
         if (-not $about) { $about = $candidate }
-        [System.Management.Automation.CompletionResult]::new($option + $candidate, $candidate, 'ParameterValue', $about)
+        $text = $candidate
+        if ($text -notmatch '^[a-zA-Z0-9._/:=+-]+$') {
+            $text = "'" + [System.Management.Automation.Language.CodeGeneration]::EscapeSingleQuotedStringContent($text) + "'"
+        }
+        [System.Management.Automation.CompletionResult]::new($option + $text, $candidate, 'ParameterValue', $about)
     }
 }
