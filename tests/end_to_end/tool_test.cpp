@@ -2,6 +2,7 @@
 // Windows tool: see process_station.h.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <csignal>
 #include <functional>
 
@@ -149,6 +150,30 @@ TEST_F(EndToEndTool, ItsOwnSimulatorsAreSeenByTheirCommandAloneAndKeepTheirState
   EXPECT_NE(both.console.find("--ftdi TAVO0001 "), std::string::npos) << both.console;
   const Result none = station.RunToolInPlace({"list"});
   EXPECT_EQ(none.exitCode, kNoDevice) << none.console;
+}
+
+TEST_F(EndToEndTool, OfSeveralDevicesOneIsPulledInMidWriteAndTheOthersAreUpdated) {
+  ASSERT_TRUE(station.MakeFirmware("plain"));
+  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--port-path", "1-1"}));
+  ASSERT_TRUE(
+      station.PlugIn({"--family", "plain", "--port-path", "1-2", "--fault", "unplug:id=0x134:20"}));
+  ASSERT_TRUE(station.PlugIn({"--family", "plain", "--port-path", "1-3"}));
+  const Result result =
+      station.Run("firmware-updater", {"update", "firmware.hex", "--all", "--tag", "unit=-7",
+                                       "--log", "tool.log", "--journal", "j"});
+  EXPECT_EQ(result.exitCode, kInBootloader) << result.console;
+  for (const char* text : {"usb-1: The device runs the new firmware, verified.\n",
+                           "usb-2: Writing               failed",
+                           "To recover it, run: firmware-updater recover firmware.hex --usb 2\n",
+                           "usb-3: The device runs the new firmware, verified.\n",
+                           "\n3 devices: 2 succeeded, 1 failed, 0 stopped.\n"}) {
+    EXPECT_NE(result.console.find(text), std::string::npos) << text << result.console;
+  }
+  EXPECT_TRUE(station.FlashHoldsFirmware());
+  EXPECT_FALSE(FileText(station.folder / "tool-usb-3.log").empty());
+  const std::string journal = FileText(station.folder / "j");
+  EXPECT_EQ(std::ranges::count(journal, '\n'), 3);
+  EXPECT_NE(journal.find("\"unit\":\"-7\""), std::string::npos) << journal;
 }
 
 TEST_F(EndToEndTool, EachChannelOfAnAdapterIsAnAdapter) {

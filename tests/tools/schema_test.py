@@ -19,6 +19,7 @@ RUNS = [
     ([], ["update", "firmware.hex"], 0),
     ([], ["update", "two.zip", "--dry-run", "--record", "r.ndjson"], 0),
     (["--ftdi"], ["update", "firmware.hex", "--ftdi", "TAVO0001"], 0),
+    ([], ["update", "firmware.hex", "--all"], 0),
     (["--fault", "lose:id=0x134:3"], ["update", "firmware.hex"], 0),
     (["--fault", "powercut:id=0x134:20"], ["update", "firmware.hex"], 5),
     (["--modules", "ABC,XYZ"], ["update", "firmware.hex"], 0),

@@ -189,7 +189,7 @@ TEST(UpdateCommand, WhatCannotBeDoneIsToldBeforeAnythingIsOpenedAndNoWrongDevice
       {"recover none.zip", BadFile},
       {"update @firmware.hex --usb 3-9", NoDevice},
       {"update @firmware.hex --ftdi NOBODY", NoDevice},
-      {"update @firmware.hex --usb 1-4-2 --ftdi TAVO0001", Usage},
+      {"recover @firmware.hex --usb 1-4-2 --ftdi TAVO0001", Usage},
       {"update @firmware.hex --no-such-option", Usage},
       {"update", Usage},
       {"update @firmware.hex --log /nonexistent/x.log", Usage, "/nonexistent/x"},
@@ -498,7 +498,7 @@ TEST(UpdateCommand, OnATerminalTheLineInHandIsNarrowerThanTheTerminal) {
     EXPECT_EQ(station.run.Says("\x1B[32mUpdated in"), width() == 1);
     const std::string screen = station.run.Out();
     EXPECT_EQ(screen.find('\b'), std::string::npos) << "the library draws its bar another way";
-    const std::string erase = "\r\x1B[K";
+    const std::string erase = "\r\x1B[J";
     for (std::size_t at = screen.find(erase); at != std::string::npos;) {
       const std::size_t begin = at + erase.size();
       at = screen.find(erase, begin);

@@ -25,5 +25,6 @@ int main(int argc, char** argv) {
                   .err = std::cerr,
                   .terminal = terminal,
                   .colour = terminal && Environment("NO_COLOR").empty(),
-                  .width = TerminalWidth});
+                  .width = [] { return SizeOfTerminal().width; },
+                  .height = [] { return SizeOfTerminal().height; }});
 }

@@ -248,13 +248,24 @@ class Survey {
                           : std::string();
   }
 
-  std::vector<FoundDevice> Devices() {
-    std::vector<FoundDevice> devices;
+  void AddUsbDevices(std::vector<FoundDevice>& devices) {
     for (UsbFinding& finding : m_findings) {
       if (finding.kind->kind == TransportKind::Usb) AddUsbDevice(finding, devices);
     }
-    AddAdapters(devices);
-    return devices;
+  }
+
+  void AddAdapters(std::vector<FoundDevice>& devices) {
+    TavoLink link;
+    LogPlatform quiet(m_machine.platform, {}, nullptr);
+    Logger log(quiet);
+    CCommFTDI transport(link, m_machine.platform, log, m_machine.adapters);
+    const std::vector<CCommDevDesc>& adapters = *transport.EnumerateDevices();
+    for (std::size_t index = 0; index < adapters.size(); ++index) {
+      const std::string& serial = adapters[index].port;
+      const bool shared =
+          !serial.empty() && std::ranges::count(adapters, serial, &CCommDevDesc::port) > 1;
+      AddAdapter(adapters[index], shared, FindingOf(index, adapters.size()), devices);
+    }
   }
 
  private:
@@ -304,20 +315,6 @@ class Survey {
     devices.push_back(std::move(device));
   }
 
-  void AddAdapters(std::vector<FoundDevice>& devices) {
-    TavoLink link;
-    LogPlatform quiet(m_machine.platform, {}, nullptr);
-    Logger log(quiet);
-    CCommFTDI transport(link, m_machine.platform, log, m_machine.adapters);
-    const std::vector<CCommDevDesc>& adapters = *transport.EnumerateDevices();
-    for (std::size_t index = 0; index < adapters.size(); ++index) {
-      const std::string& serial = adapters[index].port;
-      const bool shared =
-          !serial.empty() && std::ranges::count(adapters, serial, &CCommDevDesc::port) > 1;
-      AddAdapter(adapters[index], shared, FindingOf(index, adapters.size()), devices);
-    }
-  }
-
   const Machine& m_machine;
   const Opens& m_opens;
   const UsbList m_list;
@@ -352,7 +349,23 @@ Json UsbIdentity::AsJson() const {
 
 std::vector<FoundDevice> SurveyDevices(const Machine& machine, std::string* trouble,
                                        const Opens& opens) {
-  return Survey(machine, opens, trouble).Devices();
+  Survey survey(machine, opens, trouble);
+  std::vector<FoundDevice> devices;
+  survey.AddUsbDevices(devices);
+  survey.AddAdapters(devices);
+  return devices;
+}
+
+std::vector<FoundDevice> ConnectedDevices(const Machine& machine, TransportKind kind) {
+  const Opens none = [](const FoundDevice&) { return false; };
+  Survey survey(machine, none, nullptr);
+  std::vector<FoundDevice> devices;
+  if (kind == TransportKind::Usb) {
+    survey.AddUsbDevices(devices);
+  } else {
+    survey.AddAdapters(devices);
+  }
+  return devices;
 }
 
 void PrintDevices(const Machine& machine, const std::vector<FoundDevice>& devices) {

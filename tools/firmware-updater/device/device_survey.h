@@ -69,6 +69,9 @@ std::vector<FoundDevice> SurveyDevices(
     const Machine& machine, std::string* trouble = nullptr,
     const Opens& opens = [](const FoundDevice&) { return true; });
 
+// The devices of one kind, without opening any: a look that disturbs no update.
+std::vector<FoundDevice> ConnectedDevices(const Machine& machine, TransportKind kind);
+
 // One aligned line per device, its address first; below an unusable one, the reason and the remedy.
 void PrintDevices(const Machine& machine, const std::vector<FoundDevice>& devices);
 

@@ -113,6 +113,24 @@ std::string Wanted(const TargetOptionsValues& named) {
   return "a USB device";
 }
 
+constexpr const char* kFtdiHelp = "The device at the FTDI adapter with this serial number";
+
+void AddLineOptions(CommandOptions& command, TargetOptionsValues& to, const Option& ftdi) {
+  command.Value("--baud", to.baudRate, "Baud rate of the adapter")
+      .Shown("N")
+      .Between(kSlowestBaudRate, kFastestBaudRate)
+      .WithDefault()
+      .Needs(ftdi);
+  command.Flag("--echo", to.echo, "The adapter's line gives back every byte sent").Needs(ftdi);
+}
+
+// The address of the device that a name stands for; the name itself while that is not connected.
+std::string AddressOf(const std::string& usbPort, const Devices& connected) {
+  const bool isPath = std::ranges::count(connected, usbPort, &FoundDevice::address) > 0;
+  const auto called = std::ranges::find(connected, usbPort, KernelName);
+  return isPath || called == connected.end() ? usbPort : called->address;
+}
+
 }  // namespace
 
 std::string KernelName(const FoundDevice& device) {
@@ -128,18 +146,58 @@ bool IsWanted(const TargetOptionsValues& named, const FoundDevice& device) {
          KernelName(device) == named.usbPort;
 }
 
+TargetOptionsValues SeveralTargets::One() const {
+  TargetOptionsValues one = line;
+  if (!usbPorts.empty()) one.usbPort = usbPorts.front();
+  if (!ftdiSerials.empty()) one.ftdiSerial = ftdiSerials.front();
+  return one;
+}
+
 void AddTargetOptions(CommandOptions& command, TargetOptionsValues& to) {
   Option usb = command.Value("--usb", to.usbPort, kUsbOptionHelp.Here());
   usb.Shown("PORT").Checked(CheckName);
-  Option ftdi = command.Value("--ftdi", to.ftdiSerial,
-                              "The device at the FTDI adapter with this serial number");
+  Option ftdi = command.Value("--ftdi", to.ftdiSerial, kFtdiHelp);
   ftdi.Shown("SERIAL").Checked(CheckName).Excludes(usb);
-  command.Value("--baud", to.baudRate, "Baud rate of the adapter")
-      .Shown("N")
-      .Between(kSlowestBaudRate, kFastestBaudRate)
-      .WithDefault()
-      .Needs(ftdi);
-  command.Flag("--echo", to.echo, "The adapter's line gives back every byte sent").Needs(ftdi);
+  AddLineOptions(command, to, ftdi);
+}
+
+void AddTargetOptions(CommandOptions& command, SeveralTargets& to) {
+  command.Values("--usb", to.usbPorts, kUsbOptionHelp.Here()).Shown("PORT").Checked(CheckName);
+  Option ftdi = command.Values("--ftdi", to.ftdiSerials, kFtdiHelp);
+  ftdi.Shown("SERIAL").Checked(CheckName);
+  AddLineOptions(command, to.line, ftdi);
+}
+
+std::vector<Target> ChooseTargets(const Machine& machine, const SeveralTargets& named) {
+  const Devices connected = ConnectedDevices(machine, TransportKind::Usb);
+  std::vector<Target> targets;
+  const auto add = [&targets](const Target& target) {
+    const bool isNew = std::ranges::count(targets, target.address, &Target::address) == 0;
+    if (isNew) targets.push_back(target);
+    return isNew;
+  };
+  const auto addNamed = [&add](const Target& target) {
+    if (add(target)) return;
+    throw Refusal{ExitCode::Usage, "repeated-device",
+                  TargetOptions({target.kind, target.address}) + " is selected twice",
+                  "select each device once"};
+  };
+  for (const FoundDevice& device : connected) {
+    if (!named.all) break;
+    if (device.address.empty()) throw Unusable("a USB device", device.obstacles.front());
+    add({TransportKind::Usb, device.address});
+  }
+  for (const std::string& port : named.usbPorts) {
+    addNamed({TransportKind::Usb, AddressOf(port, connected)});
+  }
+  for (const std::string& serial : named.ftdiSerials) {
+    addNamed({TransportKind::Ftdi, serial, named.line.baudRate, named.line.echo});
+  }
+  if (targets.empty()) {
+    throw Missing(std::string("no device found (looked for ") + kSearchedFor + ")",
+                  "check the cable and the power; `firmware-updater list` shows every obstacle");
+  }
+  return targets;
 }
 
 ChosenDevice ChooseDevice(const Machine& machine, const TargetOptionsValues& named) {

@@ -12,6 +12,7 @@
 #include <functional>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "device/device_survey.h"
 #include "device/target.h"
@@ -37,6 +38,25 @@ std::string KernelName(const FoundDevice& device);
 // Whether the user means this device, or none by name. Others are not to be opened: another program may be
 // about to.
 bool IsWanted(const TargetOptionsValues& named, const FoundDevice& device);
+
+// Any number of devices.
+struct SeveralTargets {
+  std::vector<std::string> usbPorts{};
+  std::vector<std::string> ftdiSerials{};
+  TargetOptionsValues line{};  // of all adapters
+  bool all = false;
+
+  std::size_t Count() const { return usbPorts.size() + ftdiSerials.size(); }
+  // The only one that is named, if one is.
+  TargetOptionsValues One() const;
+};
+
+// The same options, of which --usb and --ftdi may be repeated.
+void AddTargetOptions(CommandOptions& command, SeveralTargets& to);
+
+// The devices by their addresses as `list` shows them. One that is named need not be connected; --all
+// stands for all USB devices. Opens none. Throws a Refusal.
+std::vector<Target> ChooseTargets(const Machine& machine, const SeveralTargets& named);
 
 // Looks at what is connected; sends nothing, and opens nothing for longer than a moment. Throws a
 // Refusal when it finds no device, none that is usable, or several to choose from.

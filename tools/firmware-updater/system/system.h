@@ -33,11 +33,17 @@ void SurviveLostOutput();
 
 // --- the terminal ---
 
+// The values hold when the system reports none.
+struct TerminalSize {
+  int width = 80;
+  int height = 24;
+};
+
 // Whether standard output is a terminal on which lines can be redrawn, in colours.
 bool IsTerminal();
 
-// Of that terminal at this moment, in characters; 80 when the system does not report it.
-int TerminalWidth();
+// Of that terminal at this moment, in characters.
+TerminalSize SizeOfTerminal();
 
 // Whether a short text can be written to standard output now or in a moment, without waiting for somebody
 // to read.

@@ -61,11 +61,11 @@ void SurviveLostOutput() {
 
 bool IsTerminal() { return isatty(STDOUT_FILENO) == 1 && Environment("TERM") != "dumb"; }
 
-int TerminalWidth() {
-  constexpr int kUsual = 80;
+TerminalSize SizeOfTerminal() {
   winsize size{};
-  const bool known = ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0;
-  return known ? size.ws_col : kUsual;
+  const bool known =
+      ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0 && size.ws_col > 0 && size.ws_row > 0;
+  return known ? TerminalSize{size.ws_col, size.ws_row} : TerminalSize{};
 }
 
 bool OutputTakesText() { return TakesText(STDOUT_FILENO); }

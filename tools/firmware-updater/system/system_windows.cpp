@@ -112,11 +112,12 @@ bool IsTerminal() {
          SetConsoleMode(output, mode | ENABLE_VIRTUAL_TERMINAL_PROCESSING) != 0;
 }
 
-int TerminalWidth() {
-  constexpr int kUsual = 80;
+TerminalSize SizeOfTerminal() {
   CONSOLE_SCREEN_BUFFER_INFO information{};
   const bool known = GetConsoleScreenBufferInfo(GetStdHandle(STD_OUTPUT_HANDLE), &information) != 0;
-  return known ? information.srWindow.Right - information.srWindow.Left + 1 : kUsual;
+  const SMALL_RECT& window = information.srWindow;
+  return known ? TerminalSize{window.Right - window.Left + 1, window.Bottom - window.Top + 1}
+               : TerminalSize{};
 }
 
 // A pipe does not report whether it has room. But each interrupt has a thread of its own, so one that

@@ -44,17 +44,21 @@ FileHandle LogPlatform::OpenLog(const std::string& /*path*/, Links links) {
   return m_machine.OpenLog(kNullFile, links);
 }
 
-LogFile DefaultLog(std::string device) {
+std::string FileName(std::string text) {
+  text.resize(std::min(text.size(), kLongestName));
+  std::ranges::replace_if(
+      text, [](char c) { return kNameSigns.find(c) == kNameSigns.npos; }, '_');
+  return text;
+}
+
+LogFile DefaultLog(const std::string& device) {
   const fs::path state = StateFolder();
   if (!IsOurs(NearestExisting(state))) return {};
   const fs::path folder = state / "firmware-updater";
   std::error_code error;
   fs::create_directories(folder, error);
   if (error || !IsOurs(folder)) return {};
-  device.resize(std::min(device.size(), kLongestName));
-  std::ranges::replace_if(
-      device, [](char c) { return kNameSigns.find(c) == kNameSigns.npos; }, '_');
-  return {TextOf(folder / (device + ".log")), Links::Refuse};
+  return {TextOf(folder / (FileName(device) + ".log")), Links::Refuse};
 }
 
 }  // namespace tavo::tool

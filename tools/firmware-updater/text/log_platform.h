@@ -48,10 +48,13 @@ class LogPlatform final : public Platform {
   bool m_lost = false;
 };
 
-// Where the log goes when the user names no file: firmware-updater/DEVICE.log in $XDG_STATE_HOME, or in
-// .local/state of $HOME; on Windows in %LOCALAPPDATA%. Signs of `device` that a file name should not have
-// become '_'. Makes the folders. Empty when they cannot be made, and when they belong to another user, as
-// under `sudo -E`.
-LogFile DefaultLog(std::string device);
+// The text with '_' in place of the signs that a file name should not have.
+std::string FileName(std::string text);
+
+// Where the log goes when the user names no file: firmware-updater/DEVICE.log in
+// $XDG_STATE_HOME, or in .local/state of $HOME; on Windows in %LOCALAPPDATA%.
+// Makes the folders. Empty when they cannot be made, and when they belong to another user, as under
+// `sudo -E`.
+LogFile DefaultLog(const std::string& device);
 
 }  // namespace tavo::tool

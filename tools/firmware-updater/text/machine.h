@@ -21,12 +21,13 @@ struct Machine {
   Platform& platform;
   LibUsb& usb;
   D2xx& adapters;
-  std::ostream& out;                   // results; JSON alone where that is asked for
-  std::ostream& err;                   // errors and hints
-  bool terminal = false;               // `out` is a terminal: lines may be redrawn in place
-  bool colour = false;                 // and the user wants colours
-  int (*width)() = [] { return 80; };  // of the terminal at this moment, in characters
-  std::filesystem::path root = "/";    // of the system's own files, such as /sys
+  std::ostream& out;                    // results; JSON alone where that is asked for
+  std::ostream& err;                    // errors and hints
+  bool terminal = false;                // `out` is a terminal: lines may be redrawn in place
+  bool colour = false;                  // and the user wants colours
+  int (*width)() = [] { return 80; };   // of the terminal at this moment, in characters
+  int (*height)() = [] { return 24; };  // the same
+  std::filesystem::path root = "/";     // of the system's own files, such as /sys
 };
 
 // The text in lines that fit the terminal; elsewhere in one line.

@@ -1,6 +1,7 @@
 #include "text/options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <charconv>
 #include <memory>
 #include <utility>
@@ -120,6 +121,21 @@ void CommandOptions::UserCommand(std::vector<std::string>& to, const char* help)
     to = std::move(words);
     to.insert(to.begin(), *program);
   };
+}
+
+std::vector<std::string> CommandOptions::Given(const std::vector<std::string_view>& except) const {
+  constexpr const char* kPlainFlag = "true";
+  std::vector<std::string> words;
+  for (const CLI::Option* const option : m_command.get_options()) {
+    const std::string name = option->get_name();
+    const bool isFlag = option->get_items_expected_max() == 0;
+    if (!name.starts_with("--") || std::ranges::count(except, name) > 0) continue;
+    for (const std::string& value : option->results()) {
+      words.push_back(isFlag && value != kPlainFlag ? name + "=" + value : name);
+      if (!isFlag) words.push_back(value);
+    }
+  }
+  return words;
 }
 
 void CommandOptions::Footer(const std::string& text) { m_command.footer(text); }

@@ -15,6 +15,7 @@
 #include <initializer_list>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "text/exit_code.h"
@@ -73,6 +74,9 @@ class CommandOptions {
 
   // A command line of the user's behind "--". The options in it are its own.
   void UserCommand(std::vector<std::string>& to, const char* help);
+
+  // The options that the user has given, but those of these names, as words for another command.
+  std::vector<std::string> Given(const std::vector<std::string_view>& except) const;
 
   void Footer(const std::string& text);
   // `run` is called when the user has chosen the command; `exit` gets what it returns.

@@ -111,6 +111,10 @@ std::string CommandOf(const ConditionRow& row, Ending ending, Advice advice, Tas
   return CommandLine(task);
 }
 
+bool IsUsable(const ConditionRow& row) {
+  return RunsApplication(row.condition) || row.condition == DeviceCondition::Untouched;
+}
+
 }  // namespace
 
 bool RunsApplication(DeviceCondition condition) {
@@ -159,18 +163,30 @@ std::string ClosingState::Line() const {
 ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, Advice advice,
                        const Task& task) {
   const ConditionRow& row = RowOf(evidence.device);
-  ClosingState state{
-      .device = std::string(row.name),
-      .tunnel = std::string(TunnelName(evidence.tunnel)),
-      .sentence = std::string(row.sentence),
-      .command = CommandOf(row, ending, advice, task),
-      .tries = RunsApplication(row.condition) || row.condition == DeviceCondition::Untouched,
-      .needsFile = advice == Advice::AnotherFile,
-      .exit = ExitOf(row, ending)};
+  ClosingState state{.device = std::string(row.name),
+                     .tunnel = std::string(TunnelName(evidence.tunnel)),
+                     .sentence = std::string(row.sentence),
+                     .command = CommandOf(row, ending, advice, task),
+                     .tries = IsUsable(row),
+                     .needsFile = advice == Advice::AnotherFile,
+                     .exit = ExitOf(row, ending)};
   if (evidence.tunnel == TunnelCondition::LeftOpen) {
     state.sentence += " The tunnel to it is still open; the next update closes it.";
   }
   return state;
+}
+
+ClosingState ClosingStateIn(const Json& result) {
+  const Json& state = result["state"];
+  ClosingState closing{.device = state["device"].String(),
+                       .tunnel = state["tunnel"].String(),
+                       .sentence = state["text"].String(),
+                       .command = state["next"].String()};
+  const auto row = std::ranges::find(kConditions, closing.device, &ConditionRow::name);
+  closing.tries = row != kConditions.end() && IsUsable(*row);
+  closing.needsFile = closing.command.find(" FILE ") != std::string::npos;
+  closing.exit = static_cast<ExitCode>(result["exit"].Number());
+  return closing;
 }
 
 }  // namespace tavo::tool

@@ -8,6 +8,7 @@
 #include "device/target.h"
 #include "engine/firmware_updater.h"
 #include "text/exit_code.h"
+#include "text/json.h"
 
 namespace tavo::tool {
 
@@ -50,6 +51,9 @@ struct ClosingState {
 
 ClosingState CloseWith(const DeviceEvidence& evidence, Ending ending, Advice advice,
                        const Task& task);
+
+// As the result of another process reports it.
+ClosingState ClosingStateIn(const Json& result);
 
 // A file for a command line, where one that begins with a hyphen would be taken for an option.
 std::string FileWord(const std::string& file);

@@ -29,14 +29,6 @@ ClosingState NothingChanged(const char* sentence) {
           .command = ""};
 }
 
-// Empty stays empty.
-std::string AbsolutePath(const std::string& path) {
-  if (path.empty()) return path;
-  std::error_code error;
-  const std::filesystem::path absolute = std::filesystem::absolute(PathOf(path), error);
-  return error ? path : TextOf(absolute.lexically_normal());
-}
-
 // The result has room for one value of each name.
 void CheckTags(const std::vector<std::string>& tags) {
   std::set<std::string> names;
@@ -52,16 +44,10 @@ void CheckTags(const std::vector<std::string>& tags) {
 class UpdateRun {
  public:
   UpdateRun(const Machine& machine, Purpose purpose, const UpdateOptions& options, UpdateView& view)
-      : m_machine(machine), m_options(options), m_view(view) {
-    m_record.purpose = purpose;
-    m_record.file = AbsolutePath(options.file);
-    m_record.traffic = AbsolutePath(options.record);
-    m_record.station = options.station.empty() ? HostName() : options.station;
-    m_record.flags = options.flags;
-    m_record.quick = options.quick;
-    m_record.verbose = options.verbose;
-    m_record.trace = options.trace;
-    m_record.tags = options.tags;
+      : m_machine(machine),
+        m_options(options),
+        m_view(view),
+        m_record(NewRecord(purpose, options)) {
     Begin();
   }
 
@@ -167,9 +153,13 @@ ExitCode ExitOf(const Machine& machine, const ClosingState& state) {
 
 }  // namespace
 
-void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
+void AddUpdateOptions(CommandOptions& command, UpdateOptions& to, SeveralTargets* several) {
   command.Value("FILE", to.file, "Update file: .hex, or .zip with .hex files inside").Required();
-  AddTargetOptions(command, to.target);
+  if (several == nullptr) {
+    AddTargetOptions(command, to.target);
+  } else {
+    AddTargetOptions(command, *several);
+  }
   AddLatencyOption(command, to.shortLatency);
   command
       .FlagOrValue("--wait", "86400", to.wait,
@@ -207,6 +197,26 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to) {
       });
   command.Flag("--verbose", to.verbose, "Show the library's log as well");
   command.Flag("--trace", to.trace, kTraceHelp);
+}
+
+std::string AbsolutePath(const std::string& path) {
+  if (path.empty()) return path;
+  std::error_code error;
+  const std::filesystem::path absolute = std::filesystem::absolute(PathOf(path), error);
+  return error ? path : TextOf(absolute.lexically_normal());
+}
+
+Record NewRecord(Purpose purpose, const UpdateOptions& options) {
+  return {.purpose = purpose,
+          .file = AbsolutePath(options.file),
+          .traffic = AbsolutePath(options.record),
+          .station = options.station.empty() ? HostName() : options.station,
+          .flags = options.flags,
+          .quick = options.quick,
+          .verbose = options.verbose,
+          .trace = options.trace,
+          .tags = options.tags,
+          .begin = std::chrono::system_clock::now()};
 }
 
 ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options) {

@@ -9,7 +9,7 @@
 #include "engine/firmware_updater.h"
 #include "text/machine.h"
 #include "text/options.h"
-#include "update/closing_state.h"
+#include "update/record.h"
 
 namespace tavo::tool {
 
@@ -35,8 +35,16 @@ struct UpdateOptions {
   std::vector<std::string> tags{};  // "NAME=VALUE"
 };
 
-// The options that both commands have.
-void AddUpdateOptions(CommandOptions& command, UpdateOptions& to);
+// The options that both commands have. With `several`, any number of devices can be selected, and
+// `to.target` is left alone.
+void AddUpdateOptions(CommandOptions& command, UpdateOptions& to,
+                      SeveralTargets* several = nullptr);
+
+// Empty stays empty.
+std::string AbsolutePath(const std::string& path);
+
+// That of a command that begins now.
+Record NewRecord(Purpose purpose, const UpdateOptions& options);
 
 ExitCode RunUpdate(const Machine& machine, Purpose purpose, const UpdateOptions& options);
 // The same with an update file that was read already.

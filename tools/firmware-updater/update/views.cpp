@@ -10,6 +10,7 @@
 #include "device/refused_text.h"
 #include "log/displayable.h"
 #include "text/json.h"
+#include "text/live_lines.h"
 #include "text/text_format.h"
 
 namespace tavo::tool {
@@ -20,11 +21,6 @@ using std::chrono::milliseconds;
 constexpr int kBarWidth = 20;
 constexpr milliseconds kRedrawPace{100};
 constexpr milliseconds kRateNeeds{200};  // a rate over less time is noise
-
-constexpr const char* kGreen = "\x1B[32m";
-constexpr const char* kRed = "\x1B[31m";
-constexpr const char* kPlain = "\x1B[0m";
-constexpr const char* kEraseLine = "\r\x1B[K";
 
 // A note may come from a thread that must not wait long for another one writing to a blocked screen.
 // Returns no lock when that one does not let go in time.
@@ -100,7 +96,7 @@ class TextView : public UpdateView {
       m_machine.out << "module " << name << " was reset\n";
     }
     const bool well = record.ending == Ending::Succeeded;
-    if (well) m_machine.out << Coloured(kGreen, Summary(record)) << '\n';
+    if (well) m_machine.out << Coloured(m_machine, kGreen, Summary(record)) << '\n';
     for (const std::string& lost : record.lost) {
       const bool isJournal = lost == "journal";  // the rest of which is safe
       m_machine.out << "The " << lost << (isJournal ? " entry" : "") << " is lost.\n";
@@ -110,10 +106,6 @@ class TextView : public UpdateView {
 
  protected:
   std::mutex m_lock;
-
-  std::string Coloured(const char* colour, const std::string& text) const {
-    return m_machine.colour ? colour + text + kPlain : text;
-  }
 
   const Machine& m_machine;
 
@@ -181,9 +173,9 @@ class TerminalView final : public TextView {
                  const Transfer& transfer) override {
     const std::lock_guard lock(m_lock);
     m_nextRedraw = milliseconds{0};
-    Erase();
+    m_live.Erase();
     m_machine.out << m_title
-                  << Coloured(end == PhaseEnd::Ok ? kGreen : kRed,
+                  << Coloured(m_machine, end == PhaseEnd::Ok ? kGreen : kRed,
                               PhaseResult(phase, end, elapsed, transfer))
                   << std::endl;
     m_title.clear();
@@ -196,38 +188,22 @@ class TerminalView final : public TextView {
   void Note(const std::string& text) override {
     const std::unique_lock lock = LockForNote(m_lock);
     if (!lock) return;
-    Erase();
-    m_machine.out << InLines(m_machine, text) << '\n';
+    m_live.Say(text);
     Redraw();
   }
 
  private:
-  // Characters in a redrawn line: one that reaches the edge would wrap, and its rest would stay.
-  std::size_t Room() const { return static_cast<std::size_t>(std::max(m_machine.width(), 2) - 1); }
-
   bool Fits(const std::string& part) const {
-    return m_title.size() + m_state.size() + part.size() + 2 <= Room();
-  }
-
-  // A window that has become narrower since has broken the line into several.
-  void Erase() {
-    const std::size_t above = m_drawn == 0 ? 0 : (m_drawn - 1) / (Room() + 1);
-    if (above > 0) m_machine.out << "\x1B[" << above << "A\r\x1B[J";
-    m_machine.out << kEraseLine;
-    m_drawn = 0;
+    return m_title.size() + m_state.size() + part.size() + 2 <= m_live.Room();
   }
 
   void Redraw() {
-    if (m_title.empty()) return;
-    Erase();
-    const std::string line = (m_title + m_state).substr(0, Room());
-    m_machine.out << line << std::flush;
-    m_drawn = line.size();
+    if (!m_title.empty()) m_live.Show({{{m_title + m_state}}});
   }
 
+  LiveLines m_live{m_machine};
   std::string m_title;
   std::string m_state;
-  std::size_t m_drawn = 0;  // characters of the line in hand
   milliseconds m_nextRedraw{0};
 };
 
@@ -239,15 +215,14 @@ class RoundView final : public UpdateView {
   // A terminal shows what the round is doing until its line comes.
   void PhaseBegins(Phase phase) override {
     const std::lock_guard lock(m_lock);
-    if (!m_machine.terminal) return;
-    m_machine.out << kEraseLine << DescriptionOf(phase).title << std::flush;
+    if (m_machine.terminal) m_live.Show({{{DescriptionOf(phase).title}}});
   }
   void Wrote(const Transfer&) override {}
   void PhaseEnds(Phase, PhaseEnd, milliseconds, const Transfer&) override {}
   void Retried(const std::string&, const RefusedBytes&) override {}
   void Note(const std::string& text) override {
     const std::unique_lock lock = LockForNote(m_lock);
-    if (lock && m_noted.insert(text).second) Line(text);
+    if (lock && m_noted.insert(text).second) m_live.Say(tavo::Displayable(text));
   }
   void Show(const Record& record) override {
     const std::lock_guard lock(m_lock);
@@ -259,16 +234,12 @@ class RoundView final : public UpdateView {
       line += record.failure->name + ": " + text + (text.ends_with('.') ? " " : ". ");
     }
     for (const std::string& lost : record.lost) line += "The " + lost + " is lost. ";
-    Line(line + record.state.Line());
+    m_live.Say(tavo::Displayable(line + record.state.Line()));
   }
 
  private:
-  void Line(const std::string& text) {
-    if (m_machine.terminal) m_machine.out << kEraseLine;
-    m_machine.out << InLines(m_machine, tavo::Displayable(text)) << std::endl;
-  }
-
   const Machine& m_machine;
+  LiveLines m_live{m_machine};
   std::mutex m_lock;
   std::set<std::string> m_noted;
 };

@@ -17,7 +17,7 @@ namespace tavo::tool {
 namespace {
 
 using std::chrono::milliseconds;
-using Json = nlohmann::ordered_json;
+using WireJson = nlohmann::ordered_json;
 
 constexpr int kVersion = 1;
 constexpr std::uint8_t kBlank = 0xFF;
@@ -48,8 +48,8 @@ std::vector<std::uint8_t> BytesOf(const std::string& text) {
 }
 
 // Runs of one value, [count, value]: most of an image without its program is made of them.
-Json RunsOf(const std::vector<std::uint8_t>& data) {
-  Json runs = Json::array();
+WireJson RunsOf(const std::vector<std::uint8_t>& data) {
+  WireJson runs = WireJson::array();
   for (auto begin = data.begin(); begin != data.end();) {
     const auto end = std::find_if(begin, data.end(), [begin](auto byte) { return byte != *begin; });
     runs.push_back({end - begin, *begin});
@@ -58,9 +58,9 @@ Json RunsOf(const std::vector<std::uint8_t>& data) {
   return runs;
 }
 
-std::vector<std::uint8_t> DataOf(const Json& runs, std::size_t most) {
+std::vector<std::uint8_t> DataOf(const WireJson& runs, std::size_t most) {
   std::vector<std::uint8_t> data;
-  for (const Json& run : runs) {
+  for (const WireJson& run : runs) {
     const std::size_t count = run.at(0);
     if (count > most - data.size()) throw std::out_of_range("an image is too long");
     data.insert(data.end(), count, run.at(1).get<std::uint8_t>());
@@ -78,13 +78,13 @@ constexpr std::array kKinds{KindRow{WireEvent::Kind::Out, "out"},
                             KindRow{WireEvent::Kind::In, "in"},
                             KindRow{WireEvent::Kind::Reconnect, "reconnect"}};
 
-milliseconds TimeOf(const Json& line) {
+milliseconds TimeOf(const WireJson& line) {
   const double seconds = line.at("t");
   if (!(seconds >= 0 && seconds < kMaxSeconds)) throw std::out_of_range("no time of an update");
   return milliseconds(std::llround(seconds * 1000));
 }
 
-WireEvent EventOf(WireEvent::Kind kind, const Json& line) {
+WireEvent EventOf(WireEvent::Kind kind, const WireJson& line) {
   return {.kind = kind,
           .time = TimeOf(line),
           .ok = line.at("ok"),
@@ -92,7 +92,7 @@ WireEvent EventOf(WireEvent::Kind kind, const Json& line) {
           .hidden = line.value("hidden", std::size_t{0})};
 }
 
-UpdateFlags FlagsOf(const Json& flags) {
+UpdateFlags FlagsOf(const WireJson& flags) {
   return {.checkIdentity = flags.at("checkIdentity"),
           .extendedErase = flags.at("extendedErase"),
           .bootloaderOnly = flags.at("bootloaderOnly"),
@@ -101,7 +101,7 @@ UpdateFlags FlagsOf(const Json& flags) {
           .inBootloader = flags.value("inBootloader", false)};
 }
 
-Json AsJson(const UpdateFlags& flags) {
+WireJson AsJson(const UpdateFlags& flags) {
   return {{"checkIdentity", flags.checkIdentity},   {"extendedErase", flags.extendedErase},
           {"bootloaderOnly", flags.bootloaderOnly}, {"dryRun", flags.dryRun},
           {"checkHardware", flags.checkHardware},   {"inBootloader", flags.inBootloader}};
@@ -112,13 +112,13 @@ RecordedRun& LastRun(WireRecord& record) {
   return record.runs.back();
 }
 
-FirmwareImage ImageOf(const Json& line, const std::vector<FirmwareImage>& others) {
+FirmwareImage ImageOf(const WireJson& line, const std::vector<FirmwareImage>& others) {
   std::size_t room = kMaxImageBytes;
   for (const FirmwareImage& other : others) room -= other.data.size();
   return {DataOf(line.at("runs"), room), line.at("start")};
 }
 
-void TakeLine(const Json& line, WireRecord& record) {
+void TakeLine(const WireJson& line, WireRecord& record) {
   const std::string event = line.at("event");
   if (const auto row = std::ranges::find(kKinds, event, &KindRow::name); row != kKinds.end()) {
     LastRun(record).events.push_back(EventOf(row->kind, line));
@@ -192,7 +192,7 @@ std::string ReadWireRecord(const std::string& path, WireRecord& record) {
   try {
     for (std::string line; std::getline(file, line);) {
       ++number;
-      const Json json = Json::parse(line);
+      const WireJson json = WireJson::parse(line);
       const bool heading = json.at("event") == "recording" && json.at("version") == kVersion;
       if (number == 1 && !heading) return "this is no record of an update, or of another version";
       TakeLine(json, record);
@@ -211,7 +211,7 @@ WireRecorder::WireRecorder(Platform& platform, const std::string& path, bool wit
     : m_platform(platform), m_withFirmware(withFirmware), m_onLost(std::move(onLost)) {
   if (path.empty()) return;
   m_file.open(PathOf(path), std::ios::trunc | std::ios::binary);
-  Write(Json{{"version", kVersion}, {"event", "recording"}}.dump());
+  Write(WireJson{{"version", kVersion}, {"event", "recording"}}.dump());
 }
 
 // Every line is flushed: a loss shows at once, and a record of a killed update ends in its last line.
@@ -227,32 +227,32 @@ double WireRecorder::Now() const {
 void WireRecorder::AddImage(const FirmwareImage& image) {
   if (!m_file.is_open()) return;
   const FirmwareImage shown = m_withFirmware ? image : WithoutProgram(image);
-  Write(
-      Json{{"event", "image"}, {"start", shown.startAddress}, {"runs", RunsOf(shown.data)}}.dump());
+  Write(WireJson{{"event", "image"}, {"start", shown.startAddress}, {"runs", RunsOf(shown.data)}}
+            .dump());
 }
 
 void WireRecorder::RunBegins(const UpdateFlags& flags) {
   const std::lock_guard lock(m_lock);
   m_running = m_file.is_open();
   m_begin = m_platform.MonotonicNow();
-  if (m_running) Write(Json{{"event", "run"}, {"flags", AsJson(flags)}}.dump());
+  if (m_running) Write(WireJson{{"event", "run"}, {"flags", AsJson(flags)}}.dump());
 }
 
 void WireRecorder::RunEnds(const RunOutcome& outcome) {
   const std::lock_guard lock(m_lock);
   if (!std::exchange(m_running, false)) return;
-  Write(Json{{"event", "ended"},
-             {"t", Now()},
-             {"succeeded", outcome.succeeded},
-             {"code", outcome.code},
-             {"device", outcome.device}}
+  Write(WireJson{{"event", "ended"},
+                 {"t", Now()},
+                 {"succeeded", outcome.succeeded},
+                 {"code", outcome.code},
+                 {"device", outcome.device}}
             .dump());
 }
 
 void WireRecorder::Add(WireEvent::Kind kind, bool ok, Bytes bytes) {
   const std::lock_guard lock(m_lock);
   if (!m_running) return;
-  Json line{
+  WireJson line{
       {"event", std::ranges::find(kKinds, kind, &KindRow::kind)->name}, {"t", Now()}, {"ok", ok}};
   const bool hide = kind == WireEvent::Kind::Out && !m_withFirmware && CarriesFirmware(bytes);
   if (hide) {
@@ -265,7 +265,7 @@ void WireRecorder::Add(WireEvent::Kind kind, bool ok, Bytes bytes) {
 
 void WireRecorder::Stop() {
   const std::lock_guard lock(m_lock);
-  if (m_running) Write(Json{{"event", "stop"}, {"t", Now()}}.dump());
+  if (m_running) Write(WireJson{{"event", "stop"}, {"t", Now()}}.dump());
 }
 
 }  // namespace tavo::tool
