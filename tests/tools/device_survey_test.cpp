@@ -58,6 +58,8 @@ const ObstacleCase kObstacleCases[] = {
      "A1 ambiguous-serial-number, A1 ambiguous-serial-number"},
     {"a silent adapter, not permitted", {kFtdiChip}, {{"Open 5", LIBUSB_ERROR_ACCESS}}, {{"", ""}},
      kSystem == System::Windows ? "- in-use" : "- no-permission"},
+    {"an adapter without its driver", {kFtdiChip}, {}, {},
+     kSystem == System::Windows ? "- no-driver" : ""},
     {"a held adapter", {kFtdiChip}, {{"ClaimInterface 0", LIBUSB_ERROR_BUSY}}, {{"A1", "x"}},
      "A1 in-use"},
     {"a second channel", {{.vendor = 0x0403, .product = 0x6010, .ports = {5}}},

@@ -456,7 +456,7 @@ TEST(UpdateCommand, WatchUpdatesOnceForEachCompleteVersionOfTheFile) {
       {60s, [&] { write("firmware.hex", ":00"); }},
       {80s, [&] { std::filesystem::remove(station.run.Path("firmware.hex")); }},
       {81s, [&] { write("firmware.hex", whole); }},
-      {100s, [] { kill(getpid(), SIGTERM); }},
+      {100s, [&] { station.run.Signal(SIGTERM, false); }},
   };
   station.platform.onSleep = [&, next = std::size_t{0}]() mutable {
     if (next == events.size() || station.platform.MonotonicNow() < events[next].first) return;

@@ -266,6 +266,7 @@ class Survey {
           !serial.empty() && std::ranges::count(adapters, serial, &CCommDevDesc::port) > 1;
       AddAdapter(adapters[index], shared, FindingOf(index, adapters.size()), devices);
     }
+    if (kSystem == System::Windows && adapters.empty()) AddDriverless(devices);
   }
 
  private:
@@ -286,6 +287,17 @@ class Survey {
     const auto obstacle = ObstacleOf(m_machine.usb, *finding.kind, result);
     if (obstacle) device.obstacles.push_back(*obstacle);
     devices.push_back(std::move(device));
+  }
+
+  // Without its maker's driver, only USB knows an adapter.
+  void AddDriverless(std::vector<FoundDevice>& devices) {
+    for (const UsbFinding& finding : m_findings) {
+      if (finding.kind->kind != TransportKind::Ftdi || finding.channel != 0) continue;
+      FoundDevice device{TransportKind::Ftdi, "", Described("FTDI adapter", finding.identity)};
+      device.usb = finding.identity;
+      device.obstacles.push_back({"no-driver", "FTD2XX.dll does not list it", kAdapterDriverHint});
+      devices.push_back(std::move(device));
+    }
   }
 
   // The USB finding of adapter number `index`. The adapters' library lists them in the order of USB; if

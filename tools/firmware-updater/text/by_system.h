@@ -36,4 +36,8 @@ inline constexpr TextBySystem kDriverHint{
     "driver, Browse my computer, Let me pick, Universal Serial Bus devices, WinUsb Device; then "
     "plug it in again"};
 
+// On Windows alone.
+inline constexpr const char* kAdapterDriverHint =
+    "install the D2XX driver of the adapter's maker, then plug it in again";
+
 }  // namespace tavo::tool
