@@ -114,6 +114,7 @@ INSTANTIATE_TEST_SUITE_P(Stories, EndToEndToolUpdate, testing::ValuesIn(kStories
                          [](const auto& row) { return row.param.name; });
 
 TEST_F(EndToEndTool, AfterAKillInfoNamesTheCommandThatRecoversTheDevice) {
+  if (station.IsWindows()) GTEST_SKIP() << "Wine keeps the sockets of a killed program open";
   StartUpdate().Send(SIGKILL);
   const Result info = station.Run("firmware-updater", {"info", "firmware.hex"});
   EXPECT_EQ(info.exitCode, kDone);
