@@ -239,13 +239,14 @@ TEST(SilentDevice, IsAskedABoundedNumberOfTimes) {
     rig.platform.SetTickOffset(0xFFFFFFFF - 9999);  // the tick counter wraps after 10 s
     rig.Load(ImageWithAdb(5, 0));
     rig.access.blockSize = 64;
-    rig.access.processorId = 0x1E9748;  // of an earlier update
+    rig.access.processorId = rig.access.softwareId = 0x1E9748;  // of an earlier question
     rig.device->On("", kSilence);
     rig.Run({row.step});
     ASSERT_FALSE(rig.device->requests.empty());
     EXPECT_EQ(rig.device->requests, Texts(row.requests, rig.device->requests.front()));
     EXPECT_EQ(rig.platform.MonotonicNow(), row.time);
     EXPECT_EQ(rig.access.processorId == -1, row.step == &U::RequestProcessorId);
+    EXPECT_EQ(rig.access.softwareId == -1, row.step == &U::RequestSoftwareId);
     EXPECT_EQ(rig.engine.Succeeded(), row.succeeds);
     EXPECT_EQ(rig.engine.LastError(), row.succeeds ? ErrorCode::None : ErrorCode::Timeout);
   }

@@ -255,7 +255,7 @@ TEST(HexSurvey, SaysWhatTheConverterDoesAndWhy) {
        {"line 1: the record is of the unknown type 0x09 and is "
         "ignored"}},
       {":0100000001FE\r:00000001FF\r", "", {"line 1: text after the record is ignored", end}},
-      {":0100100001EE\n:0100200001DE\n:0100000001FE\n:00000001FF\n",
+      {":0100100001EE\n:0100200001DE\n:0100000001FE\n:0100010001FD\n:00000001FF\n",
        "",
        {"line 2: gap: the record for 0x00000020 follows 0x00000010, and its bytes would be written "
         "at 0x00000001",

@@ -477,6 +477,7 @@ TEST(UpdateCommand, AResultThatIsLostIsNoSuccess) {
   station.run.machine.out.setstate(std::ios::badbit);
   EXPECT_EQ(station.Update(), EvidenceLost);
   EXPECT_TRUE(station.run.Complains("the result was lost. The device runs the new firmware"));
+  EXPECT_FALSE(station.run.Complains("the output was lost")) << "it is said once";
   ToolStation defective(Options("plain"));
   defective.run.machine.terminal = true;
   defective.run.machine.width = []() -> int { throw std::runtime_error("a defect"); };
