@@ -1,7 +1,6 @@
 #include <windows.h>
 
-#include <filesystem>
-
+#include "platform/utf16_windows.h"
 #include "system/shared_file.h"
 
 namespace tavo::tool {
@@ -22,9 +21,9 @@ SharedFile::SharedFile(const std::string& path) {
   constexpr DWORD kAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
   // Without the right to write elsewhere, every write appends.
   constexpr DWORD kRights = GENERIC_READ | FILE_APPEND_DATA;
-  const std::filesystem::path name(std::u8string(path.begin(), path.end()));
-  m_handle = reinterpret_cast<std::intptr_t>(CreateFileW(
-      name.c_str(), kRights, kAll, nullptr, OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
+  m_handle =
+      reinterpret_cast<std::intptr_t>(CreateFileW(SystemPath(path).c_str(), kRights, kAll, nullptr,
+                                                  OPEN_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
 SharedFile::~SharedFile() {
