@@ -251,6 +251,14 @@ void Bench::Work(Job& job) {
     job.exit = static_cast<int>(ExitCode::FailedUnknown);
     TakeLog(job, error.what());
   }
+  const bool killed = job.closing.empty() && job.exit > static_cast<int>(ExitCode::EvidenceLost);
+  if (killed && job.lines == 0) {
+    job.exit = static_cast<int>(ExitCode::Stopped);
+    job.closing = "stopped before it began";
+  } else if (killed) {
+    job.exit = static_cast<int>(ExitCode::FailedUnknown);
+    job.closing = "killed; the state of the device is unknown";
+  }
   if (job.action.writes) {
     const std::string& text = job.closing.empty() ? job.lastLog : job.closing;
     m_say(job.device + ": " + std::string(job.action.name) + ": " + text);

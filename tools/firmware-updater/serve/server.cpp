@@ -32,7 +32,6 @@ constexpr const char* kPolicy =
     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'";
 
 constexpr int kNotAllowed = 403;
-constexpr int kConflict = 409;
 constexpr int kTooLarge = 413;
 constexpr int kWrongType = 415;
 constexpr int kBusy = 503;
@@ -42,10 +41,9 @@ void Refuse(Response& response, int status, const std::string& reason) {
   response.set_content(reason + "\n", "text/plain; charset=utf-8");
 }
 
-// Empty, or the reason why not; with the answer 409 it is one for the user.
+// `problem` is for the user; empty: none.
 void Reply(Response& response, const std::string& problem) {
-  if (problem.empty()) return response.set_content("{}", "application/json");
-  Refuse(response, kConflict, problem);
+  response.set_content(problem, "text/plain; charset=utf-8");
 }
 
 // The library bounds a body only when its length is announced.

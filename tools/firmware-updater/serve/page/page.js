@@ -23,12 +23,13 @@ async function send(path, body) {
   try {
     const headers = { 'X-Token': token, 'Content-Type': 'application/octet-stream' };
     const answer = await fetch('/api/' + path, { method: 'POST', headers, body });
-    return answer.ok ? '' : (await answer.text()).trim();
+    return (await answer.text()).trim();
   } catch {
     return 'the program behind this page does not respond';
   }
 }
 
+// For an adapter, with the settings on its card.
 async function start(command, device, file, quietly) {
   const card = byId(idOf(nameOf(device)));
   const line = device.kind === 'ftdi' && card
@@ -89,10 +90,11 @@ function take(event) {
 function takeOfJob(event) {
   const { jobs } = bench;
   if (event.command) {
-    for (const [number, job] of jobs) {
-      if (nameOf(job.device) === nameOf(event.device) && writes(job) === writes(event)) jobs.delete(number);
-    }
-    jobs.set(event.job, { ...event, phases: new Map(), retries: 0, notes: [], logs: [] });
+    const { info, work } = jobsOf(event.device);
+    const before = writes(event) ? work : info;
+    jobs.delete(before?.job);
+    // The last answer is shown until the next one comes.
+    jobs.set(event.job, { ...event, phases: new Map(), logs: [], answer: before?.answer });
     if (writes(event)) say(`${title(event.device)}: ${event.command} begins.`);
   }
   const job = jobs.get(event.job);
@@ -110,8 +112,8 @@ function takeLine(job, line, at) {
     case undefined: job.answer = line; break;
     case 'phase': job.phases.set(line.phase, { ...line, at }); break;
     case 'bytes': job.bytes = line; break;
-    case 'retry': ++job.retries; job.logs.push(`Not answered in time: ${line.request}`); break;
-    case 'note': job.notes.push(line.text); break;
+    case 'retry': job.logs.push(`Not answered in time: ${line.request}`); break;
+    case 'note': job.logs.push(line.text); break;
     case 'result': job.result = line; break;
   }
 }
@@ -165,14 +167,15 @@ function shownDevices() {
 }
 
 // What is known last counts.
+const newest = (info, work) => (info?.end ?? 0) > (work?.end ?? 0) ? info : work;
 function stateOf(device, { info, work }) {
   if (isRunning(work)) return work.stop ? 'stopping' : work.command;
   if (isRunning(info)) return info.command;
   if (device.gone) return 'gone';
   if (!device.usable) return 'unusable';
-  const newest = (info?.end ?? 0) > (work?.end ?? 0) ? info : work;
-  if (!newest) return 'not-asked';
-  return newest.result?.state.device ?? newest.answer?.state ?? 'unknown';
+  const last = newest(info, work);
+  if (!last) return 'not-asked';
+  return last.result?.state.device ?? last.answer?.state ?? 'unknown';
 }
 
 // The command in the tool's words becomes a button, if the page has it.
@@ -204,26 +207,29 @@ function card(device) {
 }
 
 function facts(device, { info, work }) {
-  const answer = (info?.end ?? 0) > (work?.end ?? 0) ? info?.answer : work?.result?.after ?? work?.result?.before;
+  const last = newest(info, work);
+  const answer = last?.answer ?? last?.result?.after ?? last?.result?.before;
   const all = { ...info?.answer, ...Object.fromEntries(Object.entries(answer ?? {}).filter(([, value]) => value != null)) };
   return h('dl', {},
     row('Product', device.usb?.product),
     row('Serial number', device.usb?.serialNumber),
     row('Software', hex(all.softwareId)),
     row('Device id', hex(all.deviceId)),
-    row('Hardware', hex(all.hardwareId)),
+    row('Hardware', all.hardware ? Object.values(all.hardware).join('.') : hex(all.hardwareId)),
     row('Bootloader', all.bootloaderVersion),
     row('Flash', info?.answer?.verification && kVerdicts[info.answer.verification.verdict]),
     row('Behind', all.through && `master ${all.through.master}, slave ${all.through.slave}`));
 }
 
+const knowsFit = (info) => usableFile() && info?.file?.number === bench.file.number && info.answer && 'exit' in info &&
+  info.answer.state !== 'silent';
+
 function fit(info) {
-  const file = usableFile();
-  if (!file || info?.file?.number !== file.number || !info.answer || info.answer.state === 'silent') return null;
+  if (!knowsFit(info)) return null;
   const { misfit } = info.answer;
   return misfit
-    ? h('div', { class: 'note warn' }, h('p', {}, `✕ ${file.name} does not fit: ${misfit}`))
-    : h('p', { class: 'good' }, `✓ ${file.name} fits, as far as the device answers.`);
+    ? h('div', { class: 'note warn' }, h('p', {}, `✕ ${bench.file.name} does not fit: ${misfit}`))
+    : h('p', { class: 'good' }, `✓ ${bench.file.name} fits, as far as the device answers.`);
 }
 
 function progress(job) {
@@ -231,9 +237,9 @@ function progress(job) {
   const percent = due ? Math.floor(100 * written / due) : 0;
   return h('div', { class: 'card-progress' },
     h('p', { class: 'top' },
-      h('span', {}, `${look(job.command)[0]} ${job.file?.name ?? ''}`),
+      h('span', {}, `${look(job.command)[isRunning(job) ? 0 : 3]}: ${job.file.name}`),
       h('span', { class: 'quiet' }, due ? `${written} of ${due} bytes, ${percent} %` : '')),
-    h('progress', { max: due || 1, value: written, 'aria-label': `Written to ${title(job.device)}` }),
+    isRunning(job) && h('progress', { max: due || 1, value: written, 'aria-label': `Written to ${title(job.device)}` }),
     h('ol', { class: 'phases', 'aria-label': 'Phases' }, [...job.phases.values()].map(phase)));
 }
 
@@ -260,10 +266,11 @@ function actions(device, { info, work }) {
   if (isRunning(work)) {
     return h('div', { class: 'actions' }, button(work.stop ? 'Stop at once' : 'Stop', 'stop', { 'data-job': work.job }));
   }
-  if (!device.usable || bench.stopping) return null;
+  if (!(device.usable || isRunning(info)) || bench.stopping) return null;
   const file = usableFile();
   const misfit = info?.file?.number === file?.number && info?.answer?.misfit;
-  const recommended = nextCommand(info?.answer?.next) ?? 'update';
+  const { answer, result } = newest(info, work) ?? {};
+  const recommended = nextCommand(result?.state.next ?? answer?.next) ?? 'update';
   const command = (name) => button(look(name)[3], name,
     { class: name === recommended ? 'first' : '', disabled: !file || Boolean(misfit), 'aria-label': `${look(name)[3]} ${title(device)}` });
   return h('div', { class: 'actions' },
@@ -275,22 +282,21 @@ function actions(device, { info, work }) {
 }
 
 // Those that the file is known to fit.
-const candidates = () => bench.devices.filter((device) => {
-  const { info, work } = jobsOf(device);
-  const answer = info?.answer;
-  return usableFile() && device.usable && !isRunning(work) && info?.file?.number === bench.file.number &&
-    answer && !answer.misfit && answer.state !== 'silent';
+const fitting = () => bench.devices.filter((device) => {
+  const { info } = jobsOf(device);
+  return knowsFit(info) && !info.answer.misfit;
 });
+const candidates = () => fitting().filter((device) => device.usable && !isRunning(jobsOf(device).work));
 const running = () => [...bench.jobs.values()].filter((job) => writes(job) && isRunning(job));
 
 function draw() {
-  const fits = candidates();
+  const able = candidates().length;
   const devices = shownDevices();
   const into = (id, ...children) => morph(byId(id), h(byId(id).localName, { id, class: byId(id).className || false }, ...children));
   into('file', problem && h('div', { class: 'note bad', role: 'alert' }, h('p', {}, problem)),
-    bench.file && showFile(bench.file, fits.length));
+    bench.file && showFile(bench.file, fitting().length));
   into('together', h('div', { class: 'actions' },
-    fits.length > 1 && button(`Update all that fit (${fits.length})`, 'all'),
+    able > 1 && button(`Update all that fit (${able})`, 'all'),
     running().length > 1 && button('Stop all', 'stop-all')));
   into('devices', devices.length > 0
     ? h('ul', { class: 'cards' }, devices.map(card))

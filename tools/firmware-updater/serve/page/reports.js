@@ -73,7 +73,7 @@ function histogram(bars) {
   return h('svg', { class: 'bars', viewBox: `0 0 ${bars.length * 30} 70`, role: 'img', 'aria-label': label }, bars.map((bar, i) => [
     h('rect', { x: i * 30 + 3, y: 56 - 44 * bar.count / most, width: 24, height: 44 * bar.count / most + 1, rx: 1.5 }),
     bar.count > 0 && h('text', { x: i * 30 + 15, y: 52 - 44 * bar.count / most, 'text-anchor': 'middle' }, String(bar.count)),
-    h('text', { x: i * 30 + 15, y: 67, 'text-anchor': 'middle' }, bar.to == null ? `>${bar.from}` : `<${bar.to} s`)]));
+    bar.count > 0 && h('text', { x: i * 30 + 15, y: 67, 'text-anchor': 'middle' }, bar.to == null ? `>${bar.from}` : `<${bar.to}`)]));
 }
 
 const rows = (heads, lines) => h('table', {},

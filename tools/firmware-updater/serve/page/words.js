@@ -23,7 +23,7 @@ const kLooks = {
   unknown: ['State unknown', '?', 'bad'],
 };
 export const look = (state) => kLooks[state] ?? kLooks.unknown;
-export const seconds = (time) => `${time.toFixed(time < 10 ? 1 : 0)} s`;
+export const seconds = (time) => `${time.toFixed(time < 10 ? 1 : 0)}\u00a0s`;
 export const clock = (milliseconds) => new Date(milliseconds).toLocaleTimeString();
 export const kVerdicts = {
   passed: '✓ whole, by its checksum',
