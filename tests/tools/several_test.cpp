@@ -5,7 +5,9 @@
 
 #include "device/target_choice.h"
 #include "tests/tools/tool_station.h"
+#include "text/panels.h"
 #include "update/fleet_view.h"
+#include "update/station.h"
 
 namespace tavo::tool {
 namespace {
@@ -91,6 +93,50 @@ TEST(FleetView, ATableIsRedrawnInPlaceAndWhatIsSaidStaysAboveIt) {
   lines.Say("said");
   lines.Show({{{"d"}}});
   EXPECT_TRUE(station.run.Out().ends_with("bc\x1B[2A\r\x1B[Jsaid\nd")) << station.run.Out();
+}
+
+TEST(StationPort, WaitsForASteadyContactTriesOnceMoreAndShowsItsVerdictUntilUnplugged) {
+  using namespace std::chrono_literals;
+  using State = Port::State;
+  const Task task{.file = "f.hex", .target = {TransportKind::Usb, "4"}};
+  const Json failed =
+      Json::Parse(R"({"exit":5,"state":{"next":"firmware-updater recover f.hex --usb 4"}})");
+  Port port;
+  EXPECT_FALSE(port.Look(0ms, true) || port.Look(900ms, false) || port.Look(1000ms, true));
+  EXPECT_FALSE(port.Look(1999ms, true));
+  EXPECT_TRUE(port.Look(2000ms, true));
+  port.Begin();
+  EXPECT_FALSE(port.Look(9s, true));
+  EXPECT_EQ(port.End(9s, task, failed), Purpose::Recover);
+  port.Begin();
+  EXPECT_EQ(port.End(10s, task, failed), std::nullopt);
+  EXPECT_EQ(port.Current(), State::Failed);
+  for (const auto now : {11s, 12s, 13s}) port.Look(now, now == 11s);
+  EXPECT_EQ(port.Current(), State::Failed);  // unplugged, but hardly seen yet
+  port.Look(14s, true);
+  EXPECT_TRUE(port.Look(15s, true));  // the next device
+  port.Begin();
+  EXPECT_EQ(port.End(16s, task, Json::Parse(R"({"exit":0,"state":{}})")), std::nullopt);
+  EXPECT_EQ(port.Current(), State::Passed);
+  EXPECT_EQ(port.End(16s, task, Json::Parse(R"({"exit":1,"state":{"next":"other"}})")),
+            std::nullopt);
+}
+
+TEST(Panels, FitEveryWindowAndTheWordIsThere) {
+  const std::vector<Panel> panels(8, {"usb-4  unplug it", "PASS"});
+  for (const std::size_t room : {1U, 23U, 39U, 79U, 199U}) {
+    for (const std::size_t rows : {1U, 7U, 23U, 60U}) {
+      const auto lines = DrawPanels(panels, room, rows, false);
+      std::string text;
+      for (const LiveLine& line : lines) {
+        const std::string row = TextOf(line);
+        text += row;
+        EXPECT_TRUE(row.size() <= room || lines.size() == panels.size()) << row;
+      }
+      EXPECT_TRUE(lines.size() <= rows || lines.size() == panels.size()) << lines.size();
+      EXPECT_TRUE(text.find("PASS") != std::string::npos || text.find("####") != std::string::npos);
+    }
+  }
 }
 
 }  // namespace

@@ -203,6 +203,7 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
   AddInfoCommand(app, machine, exit);
   AddCheckDeviceCommand(app, machine, exit);
   AddUpdateCommand(app, machine, exit);
+  AddStationCommand(app, machine, exit);
   AddRecoverCommand(app, machine, exit);
   AddHistoryCommand(app, machine, exit);
   AddInspectCommand(app, machine, exit);

@@ -17,6 +17,7 @@ void AddDoctorCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddInfoCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddCheckDeviceCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddUpdateCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
+void AddStationCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddRecoverCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddHistoryCommand(CLI::App& app, const Machine& machine, ExitCode& exit);
 void AddInspectCommand(CLI::App& app, const Machine& machine, ExitCode& exit);

@@ -19,6 +19,7 @@ void AddRecoverCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
   command.Footer(kExamples);
   const auto options = std::make_shared<UpdateOptions>();
   AddUpdateOptions(command, *options);
+  AddViewOptions(command, *options);
   command.OnRun(exit,
                 [&machine, options] { return RunUpdate(machine, Purpose::Recover, *options); });
 }

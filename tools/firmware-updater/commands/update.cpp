@@ -46,6 +46,7 @@ void AddUpdateCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
   const auto options = std::make_shared<UpdateOptions>();
   const auto targets = std::make_shared<SeveralTargets>();
   AddUpdateOptions(command, *options, targets.get());
+  AddViewOptions(command, *options);
   command.Flag("--all", targets->all, "Update every USB device");
   command.Flag("--bootloader-only", options->flags.bootloaderOnly,
                "Ask nothing that needs a running application, and open no tunnel");

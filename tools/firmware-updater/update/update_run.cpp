@@ -161,14 +161,9 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to, SeveralTargets
     AddTargetOptions(command, *several);
   }
   AddLatencyOption(command, to.shortLatency);
-  command
-      .FlagOrValue("--wait", "86400", to.wait,
-                   "Wait for the device to be connected, for a day or SECONDS")
-      .Seconds();
   command.Flag("--skip-identity-check", to.flags.checkIdentity,
                "Do not ask for device ids, do not check the hardware id, set no label", false);
   command.Flag("--extended-erase", to.flags.extendedErase, "Erase mode 3 instead of 1");
-  command.Flag("--json", to.json, "Report as JSON, one object a line, and nothing else");
   command
       .Value("--log", to.log,
              "File to append the library's log to, instead of the device's own in the user's state "
@@ -195,6 +190,14 @@ void AddUpdateOptions(CommandOptions& command, UpdateOptions& to, SeveralTargets
       .Checked([](const std::string& tag) {
         return tag.find('=') + 1 > 1 ? "" : "write it as NAME=VALUE";
       });
+}
+
+void AddViewOptions(CommandOptions& command, UpdateOptions& to) {
+  command
+      .FlagOrValue("--wait", "86400", to.wait,
+                   "Wait for the device to be connected, for a day or SECONDS")
+      .Seconds();
+  command.Flag("--json", to.json, "Report as JSON, one object a line, and nothing else");
   command.Flag("--verbose", to.verbose, "Show the library's log as well");
   command.Flag("--trace", to.trace, kTraceHelp);
 }

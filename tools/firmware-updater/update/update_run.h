@@ -35,10 +35,13 @@ struct UpdateOptions {
   std::vector<std::string> tags{};  // "NAME=VALUE"
 };
 
-// The options that both commands have. With `several`, any number of devices can be selected, and
+// The options of every command that updates. With `several`, any number of devices can be selected, and
 // `to.target` is left alone.
 void AddUpdateOptions(CommandOptions& command, UpdateOptions& to,
                       SeveralTargets* several = nullptr);
+
+// Those of a command that a person or a program starts for each update.
+void AddViewOptions(CommandOptions& command, UpdateOptions& to);
 
 // Empty stays empty.
 std::string AbsolutePath(const std::string& path);
