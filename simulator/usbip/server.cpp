@@ -87,8 +87,9 @@ void Server::Wait(SimTime now) {
     m_watches.push_back(
         {peer.socket.Fd(), peer.output.empty() ? Readiness::Input : Readiness::InputOrRoom});
   }
-  std::optional<std::chrono::nanoseconds> limit;
-  if (const std::optional<SimTime> due = m_device.NextDue(now)) limit = *due - Now();
+  std::chrono::nanoseconds limit = std::chrono::seconds(1);  // a stop whose connection fails
+  if (const std::optional<SimTime> due = m_device.NextDue(now))
+    limit = std::min<std::chrono::nanoseconds>(limit, *due - Now());
   WaitUntilReady(m_watches, limit);
 }
 
