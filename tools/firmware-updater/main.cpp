@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
   PrepareStreams();
   const std::vector<std::string> words = CommandLineWords(argc, argv);
   std::vector<const char*> pointers;
+  pointers.reserve(words.size());
   for (const std::string& word : words) pointers.push_back(word.c_str());
   const bool terminal = IsTerminal();
   const auto adapters = tavo::MakeSystemD2xx();

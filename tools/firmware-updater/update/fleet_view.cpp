@@ -92,6 +92,7 @@ class Table final : public TextView {
       nameWidth = std::max(nameWidth, device.Name().size());
     }
     std::vector<LiveLine> rows;
+    rows.reserve(devices.size());
     for (const DeviceProgress& device : devices) {
       rows.push_back(device.Row(nameWidth, m_live.Room()));
     }
