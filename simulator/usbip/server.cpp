@@ -14,6 +14,7 @@ constexpr std::size_t kMaxPending = 256;
 constexpr std::size_t kMaxPeers = 16;
 constexpr std::size_t kMaxUnsent = 4 * kMaxTransferSize;
 constexpr int kMaxChunksPerTurn = 8;  // one busy peer does not keep the others waiting
+constexpr auto kLongestWait = std::chrono::milliseconds(50);  // before a stop is noticed
 
 constexpr std::size_t kDeviceDescriptorSize = 18;  // USB 2.0, 9.6.1
 constexpr std::uint8_t kInterfaceDescriptorType = 4;
@@ -58,10 +59,6 @@ Server::Server(UsbDevice& device, ServerOptions options)
 }
 
 void Server::Run(const std::stop_token& stop) {
-  // A connection of its own ends the wait for the others.
-  const std::stop_callback wake(stop, [this] {
-    ConnectTo(ParseIp("127.0.0.1").value_or(0), m_port, std::chrono::seconds(1));
-  });
   while (true) {
     const bool last = stop.stop_requested();
     const SimTime now = Now();
@@ -87,7 +84,7 @@ void Server::Wait(SimTime now) {
     m_watches.push_back(
         {peer.socket.Fd(), peer.output.empty() ? Readiness::Input : Readiness::InputOrRoom});
   }
-  std::chrono::nanoseconds limit = std::chrono::seconds(1);  // a stop whose connection fails
+  std::chrono::nanoseconds limit = kLongestWait;
   if (const std::optional<SimTime> due = m_device.NextDue(now))
     limit = std::min<std::chrono::nanoseconds>(limit, *due - Now());
   WaitUntilReady(m_watches, limit);
