@@ -21,6 +21,7 @@ constexpr milliseconds kLongestWait{FrameAssembler::kInterByteTimeoutMs +
                                     TavoLink::kQueueTimeoutMs + TavoLink::kAnswerTimeoutMs};
 constexpr int kMostPolls = 100'000;
 
+constexpr milliseconds kHastyWait{100};
 constexpr milliseconds kBriefWait{500};
 constexpr milliseconds kAnnounceAfter{1000};
 constexpr milliseconds kTunnelOpening{6000};
@@ -39,6 +40,15 @@ const std::array kAnnouncements{
     Announcement{kRequestDeviceIdAdmin, "the device, for its id"},
     Announcement{kRequestSoftwareId, "the application, for its software id"},
 };
+
+milliseconds LongestWait(Patience patience) {
+  switch (patience) {
+    case Patience::Hasty: return kHastyWait;
+    case Patience::Brief: return kBriefWait;
+    case Patience::Full: break;
+  }
+  return kLongestWait;
+}
 
 std::string WaitingFor(const Command& command) {
   const auto row = std::ranges::find_if(kAnnouncements, [&](const Announcement& announcement) {
@@ -88,6 +98,15 @@ bool AskEither(Inquiry& inquiry, Patience patience, DeviceReport& report) {
   return AskApplication(inquiry, patience, report) || AskBootloader(inquiry, patience, report);
 }
 
+// Most applications answer the question about the tunnel, and bootloaders do not. So it comes first, and
+// decides which of the two is asked before the other.
+bool AskHastily(Inquiry& inquiry, DeviceReport& report) {
+  constexpr Patience kHasty = Patience::Hasty;
+  report.tunnel = inquiry.OpenTunnel(kHasty);
+  if (report.tunnel) return AskEither(inquiry, kHasty, report);
+  return AskBootloader(inquiry, kHasty, report) || AskApplication(inquiry, kHasty, report);
+}
+
 }  // namespace
 
 Refusal EchoRefusal(bool echoes, const std::string& command) {
@@ -124,7 +143,7 @@ std::optional<TavoMessage> Inquiry::Ask(const Command& command,
     m_transport.WaitUntilQuiet();
     return std::nullopt;
   }
-  auto answer = AwaitAnswer(command, patience == Patience::Brief ? kBriefWait : kLongestWait);
+  auto answer = AwaitAnswer(command, LongestWait(patience));
   m_refused += m_transport.Refused();
   return answer;
 }
@@ -220,17 +239,21 @@ ExitCode FailedWith(const DeviceReport& report) {
 
 void AskBootloaderFacts(Inquiry& inquiry, DeviceReport& report) {
   report.processorId = AskProcessorId(inquiry);
+  if (report.processorId) inquiry.LeaveOutDiscarding();
   report.applicationKiB = AskValue(inquiry, kCheckApplicationSize);
+  if (report.applicationKiB) inquiry.LeaveOutDiscarding();
   report.hardwareId = AskValue(inquiry, kCheckHardwareId);
 }
 
 DeviceReport AskWhoAnswers(Inquiry& inquiry, Patience patience) {
   DeviceReport report;
+  if (patience == Patience::Hasty && AskHastily(inquiry, report)) return report;
   // The tunnel comes last: the escape before that question might keep a master from passing the others
   // on to the device behind it. Most devices answer at once, so patience is for those that do not.
   const bool answered = AskEither(inquiry, Patience::Brief, report) ||
                         (patience == Patience::Full && AskEither(inquiry, patience, report));
-  report.tunnel = inquiry.OpenTunnel(answered ? Patience::Brief : patience);
+  const bool full = patience == Patience::Full && !answered;
+  report.tunnel = inquiry.OpenTunnel(full ? Patience::Full : Patience::Brief);
   return report;
 }
 

@@ -26,6 +26,7 @@ namespace tavo::tool {
 
 // How long a question waits for its answer.
 enum class Patience {
+  Hasty,  // a tenth of a second, for an update in a hurry
   Brief,  // half a second: an answer proves something, silence does not
   Full,   // four seconds, which is the protocol's own bound
 };
@@ -116,7 +117,8 @@ struct DeviceReport {
 // How a command ends that has failed with this device.
 ExitCode FailedWith(const DeviceReport& report);
 
-// Finds out who answers: within a second if an application or a bootloader does, within ten otherwise.
+// Finds out who answers: within a second if an application or a bootloader does, within ten otherwise. In
+// haste a bootloader is found after one short silence; if nobody answers so fast, the search is brief.
 DeviceReport AskWhoAnswers(Inquiry& inquiry, Patience patience);
 
 // Whether a bootloader answers, with its version and block size; whatever else answers has not both.

@@ -100,7 +100,7 @@ void Work::CheckEcho() {
 bool Work::Prepare() {
   Inquiry inquiry = Ask();
   if (m_task.purpose == Purpose::Recover || UsesTunnel()) CloseOpenTunnel(inquiry);
-  m_found = AskWhoAnswers(inquiry, Patience::Brief);
+  m_found = AskWhoAnswers(inquiry, m_task.quick ? Patience::Hasty : Patience::Brief);
   if (m_found.tunnel.value_or(0) != 0 && !m_task.flags.bootloaderOnly) {
     CloseOpenTunnel(inquiry);
     m_found = AskWhoAnswers(inquiry, Patience::Brief);
