@@ -120,10 +120,14 @@ TEST(StationPort, WaitsForASteadyContactTriesOnceMoreAndShowsItsVerdictUntilUnpl
   EXPECT_EQ(port.Current(), State::Passed);
   EXPECT_EQ(port.End(16s, task, Json::Parse(R"({"exit":1,"state":{"next":"other"}})")),
             std::nullopt);
+  EXPECT_EQ(port.End(16s, task, Json::Parse(R"({"exit":6,"ending":"stopped","state":{}})")),
+            std::nullopt);
+  EXPECT_EQ(port.Current(), State::Stopped);
 }
 
 TEST(Panels, FitEveryWindowAndTheWordIsThere) {
-  const std::vector<Panel> panels(8, {"usb-4  unplug it", "PASS"});
+  const std::vector<Panel> panels{
+      {"usb-1", "PASS"}, {"usb-2", "FAIL"}, {"usb-3", "STOP"}, {"usb-4"}, {"usb-5", "PASS"}};
   for (const std::size_t room : {1U, 23U, 39U, 79U, 199U}) {
     for (const std::size_t rows : {1U, 7U, 23U, 60U}) {
       const auto lines = DrawPanels(panels, room, rows, false);

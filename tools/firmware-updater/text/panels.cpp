@@ -22,6 +22,8 @@ constexpr std::array kLetters{
     Letter{'F', {"#####", "#    ", "#### ", "#    ", "#    "}},
     Letter{'I', {" ### ", "  #  ", "  #  ", "  #  ", " ### "}},
     Letter{'L', {"#    ", "#    ", "#    ", "#    ", "#####"}},
+    Letter{'T', {"#####", "  #  ", "  #  ", "  #  ", "  #  "}},
+    Letter{'O', {" ### ", "#   #", "#   #", "#   #", " ### "}},
 };
 
 // A sign of a letter is about twice as high as wide, so a dot is two signs wide where there is room.

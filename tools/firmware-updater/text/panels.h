@@ -11,7 +11,7 @@ namespace tavo::tool {
 
 struct Panel {
   std::string title;   // "usb-4-2  Writing  43 %"
-  std::string word{};  // "PASS" or "FAIL"; empty: none yet
+  std::string word{};  // "PASS", "FAIL" or "STOP"; empty: none yet
 };
 
 // As large as they fit the window: side by side, below each other, or with the plain word where there is no

@@ -1,7 +1,9 @@
 #include "update/station.h"
 
 #include <algorithm>
+#include <array>
 #include <deque>
+#include <map>
 #include <ostream>
 
 #include "device/device_survey.h"
@@ -22,7 +24,27 @@ constexpr milliseconds kShown{5000};  // at least, unless the next device comes 
 constexpr milliseconds kPace{50};
 constexpr milliseconds kRedrawPace{100};
 
-bool HasPassed(const Json& result) { return result["exit"] == static_cast<int>(ExitCode::Done); }
+// The states in which a port shows a verdict, until the device is unplugged.
+struct Verdict {
+  Port::State state;
+  const char* panel;  // four letters
+  const char* line;
+};
+constexpr std::array kVerdicts{
+    Verdict{Port::State::Passed, "PASS", "PASS"},
+    Verdict{Port::State::Failed, "FAIL", "FAIL"},
+    Verdict{Port::State::Stopped, "STOP", "STOPPED"},
+};
+
+const Verdict* VerdictOf(Port::State state) {
+  const auto* const row = std::ranges::find(kVerdicts, state, &Verdict::state);
+  return row == kVerdicts.end() ? nullptr : row;
+}
+
+Port::State StateAfter(const Json& result) {
+  if (result["exit"] == static_cast<int>(ExitCode::Done)) return Port::State::Passed;
+  return result["ending"] == "stopped" ? Port::State::Stopped : Port::State::Failed;
+}
 
 class Station {
  public:
@@ -44,8 +66,12 @@ class Station {
       Draw();
     }
     m_live.Erase();
-    m_machine.out << Format("%u passed, %u failed.", m_passed, m_failed) << std::endl;
-    return m_most > 0 && m_passed >= m_most ? ExitCode::Done : ExitCode::Stopped;
+    m_machine.out << Format("%zu passed, %zu failed", Ended(Port::State::Passed),
+                            Ended(Port::State::Failed));
+    const std::size_t stopped = Ended(Port::State::Stopped);
+    if (stopped > 0) m_machine.out << Format(", %zu stopped", stopped);
+    m_machine.out << "." << std::endl;
+    return IsComplete() ? ExitCode::Done : ExitCode::Stopped;
   }
 
  private:
@@ -56,7 +82,12 @@ class Station {
     DeviceProgress progress;
   };
 
-  bool IsOver() const { return m_fleet.IsStopping() || (m_most > 0 && m_passed >= m_most); }
+  // Those that are at work are taken to pass.
+  bool HasRoomForAnother() const {
+    return m_most == 0 || Ended(Port::State::Passed) + Working() < m_most;
+  }
+  bool IsComplete() const { return m_most > 0 && Ended(Port::State::Passed) >= m_most; }
+  bool IsOver() const { return m_fleet.IsStopping() || IsComplete(); }
 
   milliseconds Now() const { return m_machine.platform.MonotonicNow(); }
 
@@ -88,13 +119,18 @@ class Station {
       const auto& devices = target.kind == TransportKind::Usb ? usb : adapters;
       const bool connected = std::ranges::count(devices, target.address, &FoundDevice::address) > 0;
       const bool ready = m_places[i].port.Look(Now(), connected);
-      if (ready && (m_most == 0 || m_passed + Working() < m_most)) Start(i, Purpose::Update);
+      if (ready && HasRoomForAnother()) Start(i, Purpose::Update);
     }
   }
 
   std::size_t Working() const {
     return static_cast<std::size_t>(std::ranges::count_if(
         m_places, [](const Place& place) { return place.port.Current() == Port::State::Working; }));
+  }
+
+  std::size_t Ended(Port::State verdict) const {
+    const auto count = m_ended.find(verdict);
+    return count == m_ended.end() ? 0 : count->second;
   }
 
   void Start(std::size_t index, Purpose purpose) {
@@ -131,23 +167,20 @@ class Station {
       Say(place.progress.Name() + ": trying once more: " + NameOf(*again) + ".");
       return Start(index, *again);
     }
-    ++(HasPassed(result) ? m_passed : m_failed);
-    Say(place.progress.Name() + ": " + (HasPassed(result) ? "PASS" : "FAIL"));
+    ++m_ended[place.port.Current()];
+    Say(place.progress.Name() + ": " + VerdictOf(place.port.Current())->line);
   }
 
   void Say(const std::string& text) { m_live.Say(text); }
 
   Panel PanelOf(const Place& place) const {
     const std::string name = place.progress.Name() + "  ";
-    switch (place.port.Current()) {
-      case Port::State::Waiting: return {name + "plug in a device"};
-      case Port::State::Working:
-        return {name + (place.task.purpose == Purpose::Recover ? "recovering: " : "") +
-                place.progress.Doing()};
-      case Port::State::Passed: return {name + "unplug it", "PASS"};
-      case Port::State::Failed: break;
+    if (const Verdict* const verdict = VerdictOf(place.port.Current())) {
+      return {name + "unplug it", verdict->panel};
     }
-    return {name + "unplug it", "FAIL"};
+    if (place.port.Current() == Port::State::Waiting) return {name + "plug in a device"};
+    const bool recovers = place.task.purpose == Purpose::Recover;
+    return {name + (recovers ? "recovering: " : "") + place.progress.Doing()};
   }
 
   void Draw() {
@@ -167,8 +200,7 @@ class Station {
   LiveLines m_live{m_machine};
   std::deque<Place> m_places;
   Fleet m_fleet;
-  std::uint32_t m_passed = 0;
-  std::uint32_t m_failed = 0;
+  std::map<Port::State, std::size_t> m_ended;  // devices by verdict
   milliseconds m_nextLook{0};
   milliseconds m_nextDraw{0};
 };
@@ -179,7 +211,7 @@ bool Port::Look(milliseconds now, bool connected) {
   if (connected != m_connected) m_since = now;
   m_connected = connected;
   const bool settled = now - m_since >= kSettled;
-  const bool hasVerdict = m_state == State::Passed || m_state == State::Failed;
+  const bool hasVerdict = VerdictOf(m_state) != nullptr;
   m_unplugged = m_unplugged || (hasVerdict && !connected && settled);
   if (hasVerdict && m_unplugged && (connected || now - m_ended >= kShown)) {
     m_state = State::Waiting;
@@ -190,7 +222,7 @@ bool Port::Look(milliseconds now, bool connected) {
 
 std::optional<Purpose> Port::End(milliseconds now, const Task& task, const Json& result) {
   m_ended = now;
-  m_state = HasPassed(result) ? State::Passed : State::Failed;
+  m_state = StateAfter(result);
   const std::string next = result["state"]["next"].String();
   for (const Purpose purpose : {Purpose::Recover, Purpose::Update}) {
     Task again = task;

@@ -14,7 +14,7 @@ namespace tavo::tool {
 // What one port decides. It is told the time and whether a device is connected.
 class Port {
  public:
-  enum class State { Waiting, Working, Passed, Failed };
+  enum class State { Waiting, Working, Passed, Failed, Stopped };
 
   // True: a device has been connected for a second, so its update may begin. One that comes and goes
   // within a second is a bad contact.
