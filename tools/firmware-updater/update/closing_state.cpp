@@ -7,7 +7,7 @@ namespace tavo::tool {
 namespace {
 
 // The command that helps.
-enum class Cure { None, Update, Recover };
+enum class Cure { None, Again, Update, Recover };
 
 struct ConditionRow {
   DeviceCondition condition;
@@ -21,7 +21,7 @@ struct ConditionRow {
 constexpr std::array kConditions{
   ConditionRow{DeviceCondition::Untouched, "untouched",
       "The device was not updated; its flash was not changed.",
-      Cure::Update, ExitCode::FailedUnknown},
+      Cure::Again, ExitCode::FailedUnknown},
   ConditionRow{DeviceCondition::OldApplicationRuns, "old-application-runs",
       "The device runs its old firmware; nothing was written.",
       Cure::Update, ExitCode::FailedRuns},
@@ -100,13 +100,14 @@ std::string CommandOf(const ConditionRow& row, Ending ending, Advice advice, Tas
   // A dry run begins by leading the device back to its application, so that another one may do it;
   // where it has failed to, there is no application.
   const bool again = task.flags.dryRun && row.condition != DeviceCondition::BootloaderAsFound;
-  task.purpose = again || row.cure == Cure::Update ? Purpose::Update : Purpose::Recover;
+  if (again || row.cure == Cure::Update) task.purpose = Purpose::Update;
+  if (!again && row.cure == Cure::Recover) task.purpose = Purpose::Recover;
   switch (advice) {
     case Advice::Again: break;
     case Advice::SkipIdentity: task.flags.checkIdentity = false; break;
     case Advice::OpenTunnel: task.flags.bootloaderOnly = false; break;
     case Advice::AnotherFile:
-      return task.purpose == Purpose::Recover ? CommandWith(task, "FILE") : std::string();
+      return row.cure == Cure::Recover ? CommandWith(task, "FILE") : std::string();
   }
   return CommandLine(task);
 }
