@@ -1,6 +1,10 @@
-# Provides CLI11::CLI11 and nlohmann_json::nlohmann_json. They consist of headers alone, so a build for
-# Windows takes those of this system; a folder with links to them keeps the system's other headers out.
+# Provides CLI11::CLI11, nlohmann_json::nlohmann_json and httplib::httplib. The first two consist of headers
+# alone, so a build for Windows takes those of this system; a folder with links to them keeps the system's
+# other headers out. Debian has half compiled the third, so a build for Windows takes the one header that
+# scripts/get-source fetched (or that in the folder given with -DHTTPLIB_SOURCE_DIR=... or in $HTTPLIB_DIR).
 if(NOT WIN32)
+  pkg_check_modules(HTTPLIB REQUIRED IMPORTED_TARGET GLOBAL cpp-httplib)
+  add_library(httplib::httplib ALIAS PkgConfig::HTTPLIB)
   find_package(CLI11 REQUIRED)
   find_package(nlohmann_json REQUIRED)
   return()
@@ -18,3 +22,15 @@ foreach(library CLI11::CLI11 nlohmann_json::nlohmann_json)
   add_library(${library} INTERFACE IMPORTED GLOBAL)
   target_include_directories(${library} SYSTEM INTERFACE ${CMAKE_BINARY_DIR}/headers)
 endforeach()
+
+set(HTTPLIB_SOURCE_DIR "$ENV{HTTPLIB_DIR}" CACHE PATH "Folder with httplib.h of cpp-httplib 0.11.4")
+set(httplib_source "${HTTPLIB_SOURCE_DIR}")
+if(NOT httplib_source)
+  set(httplib_source "${PROJECT_SOURCE_DIR}/build/httplib")
+endif()
+if(NOT EXISTS "${httplib_source}/httplib.h")
+  message(FATAL_ERROR "${httplib_source}/httplib.h was not found: run scripts/get-source httplib")
+endif()
+add_library(httplib::httplib INTERFACE IMPORTED GLOBAL)
+target_include_directories(httplib::httplib SYSTEM INTERFACE "${httplib_source}")
+target_link_libraries(httplib::httplib INTERFACE ws2_32)

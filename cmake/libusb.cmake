@@ -1,5 +1,5 @@
 # Provides the target libusb::libusb. On Windows it is built here, as libusb-1.0.dll, from the source
-# that scripts/get-libusb fetched (or the folder given with -DLIBUSB_SOURCE_DIR=... or in
+# that scripts/get-source libusb fetched (or the folder given with -DLIBUSB_SOURCE_DIR=... or in
 # $LIBUSB_DIR); elsewhere it is the one that is installed.
 if(NOT WIN32)
   find_package(PkgConfig REQUIRED)
@@ -15,7 +15,7 @@ if(NOT libusb_source)
 endif()
 set(libusb_source "${libusb_source}/libusb")
 if(NOT EXISTS "${libusb_source}/libusb.h")
-  message(FATAL_ERROR "The source of libusb was not found: run scripts/get-libusb, "
+  message(FATAL_ERROR "The source of libusb was not found: run scripts/get-source libusb, "
                       "or give -DLIBUSB_SOURCE_DIR=<folder with the unpacked source>")
 endif()
 

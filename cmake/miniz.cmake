@@ -1,7 +1,7 @@
 # Provides the target miniz::miniz (ZIP archives). In this order:
 #   1. the folder named with -DMINIZ_SOURCE_DIR=... or in $MINIZ_DIR, holding miniz.c and miniz.h
 #   2. an installed miniz: its CMake package, its pkg-config file, or header and library alone
-#   3. the copy that scripts/get-miniz has put into build/miniz of this repository
+#   3. the copy that scripts/get-source miniz has put into build/miniz of this repository
 
 enable_language(C)
 
@@ -58,7 +58,7 @@ else()
   endif()
 endif()
 if(NOT TARGET miniz::miniz)
-  message(FATAL_ERROR "miniz was not found: run scripts/get-miniz, install a miniz package, "
+  message(FATAL_ERROR "miniz was not found: run scripts/get-source miniz, install a miniz package, "
                       "or give -DMINIZ_SOURCE_DIR=<folder with miniz.c and miniz.h>")
 endif()
 

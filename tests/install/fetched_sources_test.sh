@@ -20,16 +20,16 @@ mkfifo "$scratch/home/pipe"
 ln -s home "$scratch/link"
 : >"$scratch/file"
 for folder in home link file; do
-  ! "$scripts/get-libusb" "$scratch/$folder" >"$scratch/log" 2>&1 || fail "$folder was accepted"
+  ! "$scripts/get-source" libusb "$scratch/$folder" >"$scratch/log" 2>&1 || fail "$folder was accepted"
   grep -q 'holds other files\|is not a folder' "$scratch/log" || fail "$(cat "$scratch/log")"
 done
 [ "$(cat "$scratch/home/letter")" = precious ] || fail 'files of somebody else are gone'
 
 if [ -d "$1/build/libusb" ]; then
   cp -R "$1/build/libusb" "$scratch/source"
-  "$scripts/get-libusb" "$scratch/source" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
+  "$scripts/get-source" libusb "$scratch/source" >"$scratch/log" 2>&1 || fail "$(cat "$scratch/log")"
   echo changed >>"$scratch/source/libusb/core.c"
-  ! "$scripts/get-libusb" "$scratch/source" >"$scratch/log" 2>&1 || fail 'a changed source was accepted'
+  ! "$scripts/get-source" libusb "$scratch/source" >"$scratch/log" 2>&1 || fail 'a changed source was accepted'
 fi
 
 . "$scripts/debian-archive.sh"

@@ -210,9 +210,7 @@ void AddEverything(CLI::App& app, const Machine& machine, ExitCode& exit) {
   AddPackCommand(app, machine, exit);
   AddReplayCommand(app, machine, exit);
   AddSimulateCommand(app, machine, exit);
-#ifdef TAVO_SERVE
   AddServeCommand(app, machine, exit);
-#endif
 }
 
 int RunTool(int argc, const char* const* argv, const Machine& machine) {

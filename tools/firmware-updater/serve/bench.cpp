@@ -76,8 +76,7 @@ Words TargetWords(const Json& device, const Json& request) {
 
 fs::path MakeFolder() {
   const fs::path folder = fs::temp_directory_path() / ("firmware-updater-" + MakeSecret());
-  fs::create_directory(folder);
-  fs::permissions(folder, fs::perms::owner_all);
+  MakePrivateFolder(folder);
   return folder;
 }
 
@@ -339,7 +338,7 @@ std::string Bench::TakeFile(const std::string& name, const std::string& content)
     return "the file cannot be stored: the disk may be full";
   }
   to.close();
-  const Answer answer = Ask({"firmware-updater", "inspect", file.path.string(), "--json"});
+  const Answer answer = Ask({"firmware-updater", "inspect", TextOf(file.path), "--json"});
   const std::lock_guard lock(m_lock);
   m_files[number] = std::move(file);
   m_events.Publish("file", {{"file", number}, {"name", name}, {"report", answer.document}});

@@ -10,6 +10,7 @@
 #include "serve/bench.h"
 #include "serve/page_files.h"
 #include "serve/secret.h"
+#include "system/system.h"
 
 namespace tavo::tool {
 namespace {
@@ -62,8 +63,9 @@ std::optional<std::string> Body(const ContentReader& read, std::size_t most) {
 struct Server::Http {
   explicit Http(Bench& theBench) : bench(theBench) {
     server.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
-    // Without this another program of the user's could listen on the same port.
-    server.set_socket_options([](socket_t) {});
+    // The library would let another program listen on the same port.
+    server.set_socket_options(
+        [](socket_t socket) { KeepPortAlone(static_cast<std::uintptr_t>(socket)); });
     server.set_tcp_nodelay(true);
     server.set_keep_alive_max_count(
         1);  // what a refused request still sends is never read as a next one

@@ -72,6 +72,9 @@ std::filesystem::path StateFolder();
 // Files of ours in another user's folder would be in that user's way, and that user could replace them.
 bool IsOurs(const std::filesystem::path& folder);
 
+// A new folder that only this user can enter. Throws std::system_error.
+void MakePrivateFolder(const std::filesystem::path& folder);
+
 // Who may use a file; none: there is no such file, or the system has no such rights.
 struct Access {
   bool granted;  // to read and write
@@ -90,6 +93,9 @@ std::string UsbDrivers(std::uint16_t vendor, std::uint16_t product);
 
 // Empty when the system does not report it.
 std::string HostName();
+
+// No other program can listen on the port of this socket, which is not bound yet. Throws std::system_error.
+void KeepPortAlone(std::uintptr_t socket);
 
 // None when the system's cryptography refuses.
 using Sha256Digest = std::array<std::uint8_t, 32>;

@@ -109,12 +109,20 @@ bool IsOurs(const fs::path& folder) {
   return stat(folder.c_str(), &status) == 0 && status.st_uid == geteuid();
 }
 
+void MakePrivateFolder(const fs::path& folder) {
+  if (mkdir(folder.c_str(), S_IRWXU) == 0) return;
+  throw std::system_error(errno, std::generic_category(), folder.string());
+}
+
 std::string UsbDrivers(std::uint16_t /*vendor*/, std::uint16_t /*product*/) { return {}; }
 
 std::string HostName() {
   std::array<char, 256> name{};
   return gethostname(name.data(), name.size() - 1) == 0 ? name.data() : "";
 }
+
+// A port is shared only when both programs ask for it.
+void KeepPortAlone(std::uintptr_t /*socket*/) {}
 
 std::optional<Sha256Digest> Sha256Of(std::span<const std::uint8_t> bytes) {
   Sha256Digest digest{};

@@ -1,9 +1,12 @@
-#include <windows.h>
+#include <winsock2.h>
 // After it:
+#include <windows.h>
+// After that:
 #include <bcrypt.h>
 #include <cfgmgr32.h>
 #include <fcntl.h>
 #include <io.h>
+#include <sddl.h>
 
 #include <algorithm>
 #include <atomic>
@@ -30,6 +33,10 @@ namespace tavo::tool {
 namespace {
 
 namespace fs = std::filesystem;
+
+[[noreturn]] void ThrowLastError(const std::string& what) {
+  throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), what);
+}
 
 bool IsConsole(HANDLE stream) {
   DWORD mode = 0;
@@ -155,6 +162,17 @@ bool IsOurs(const fs::path& folder) {
   return fs::is_directory(folder, ignored);
 }
 
+// Full access for the owner, on it and on all that will be in it; nothing is inherited from above.
+void MakePrivateFolder(const fs::path& folder) {
+  constexpr const wchar_t* kOwnerAlone = L"D:P(A;OICI;FA;;;OW)";
+  SECURITY_ATTRIBUTES attributes{sizeof attributes, nullptr, FALSE};
+  const bool made = ConvertStringSecurityDescriptorToSecurityDescriptorW(
+                        kOwnerAlone, SDDL_REVISION_1, &attributes.lpSecurityDescriptor, nullptr) &&
+                    CreateDirectoryW(folder.c_str(), &attributes);
+  if (!made) ThrowLastError(TextOf(folder));
+  LocalFree(attributes.lpSecurityDescriptor);
+}
+
 std::string UsbDrivers(std::uint16_t vendor, std::uint16_t product) {
   constexpr ULONG kPresentUsb = CM_GETIDLIST_FILTER_ENUMERATOR | CM_GETIDLIST_FILTER_PRESENT;
   constexpr std::wstring_view kDivider = L"usbccgp";  // only divides a device into its interfaces
@@ -187,6 +205,14 @@ std::string HostName() {
   auto size = static_cast<DWORD>(name.size());
   const bool known = GetComputerNameExW(ComputerNameDnsHostname, name.data(), &size) != 0;
   return known ? ToUtf8({name.data(), size}) : "";
+}
+
+void KeepPortAlone(std::uintptr_t socket) {
+  const int yes = 1;
+  if (setsockopt(socket, SOL_SOCKET, SO_EXCLUSIVEADDRUSE, reinterpret_cast<const char*>(&yes),
+                 sizeof yes) != 0) {
+    ThrowLastError("a port");
+  }
 }
 
 std::optional<Sha256Digest> Sha256Of(std::span<const std::uint8_t> bytes) {
@@ -256,10 +282,6 @@ void Interrupts::Bring(bool ctrlC) {
 namespace {
 
 using Words = Process::Words;
-
-[[noreturn]] void ThrowLastError(const std::string& what) {
-  throw std::system_error(static_cast<int>(GetLastError()), std::system_category(), what);
-}
 
 class Handle {
  public:
