@@ -39,7 +39,7 @@ struct Doctor : testing::Test, ToolMachine {
     const Json document = Json::Parse(run.Out());
     std::string names;
     for (std::size_t i = 0; i < document["findings"].Size(); ++i) {
-      names += document["findings"][i]["name"].AsText() + " ";
+      names += document["findings"][i]["name"].String() + " ";
     }
     return names;
   }
@@ -57,10 +57,11 @@ TEST_F(Doctor, FindsWhatTheSystemKnows) {
   usb.results["ClaimInterface 1"] = LIBUSB_ERROR_BUSY;
   EXPECT_EQ(run("doctor --usb 1-4.2"), ExitCode::NoDevice);
   EXPECT_EQ(run.Out(),
-            "1-4.2: minicom (process 812) has /dev/ttyACM0 open (held)\n"
-            "hint: end it: kill 812\n");
-  Link("../../drivers/usbip-host", "sys/bus/usb/devices/1-4.2/1-4.2:1.1/driver");
+            "--usb 1-4.2: minicom (process 812) has /dev/ttyACM0 open (held)\n"
+            "hint: run `kill 812`\n");
+  Link("../../drivers/option", "sys/bus/usb/devices/1-4.2/1-4.2:1.1/driver");
   EXPECT_EQ(Names(), "other-driver held ");
+  EXPECT_TRUE(run.Says("`echo 1-4.2:1.1 | sudo tee /sys/bus/usb/drivers/option/unbind`"));
   usb.devices.clear();
   EXPECT_EQ(Names(" --usb 4-2"), "not-connected ");
 }

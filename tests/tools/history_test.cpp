@@ -16,24 +16,28 @@ TEST(Journal, ATornLineIsLeftAloneAndHistoryCountsADeviceUntilItPasses) {
   EXPECT_EQ(station.run(station.run.Recommended() + journal), ExitCode::Done);
   EXPECT_EQ(station.run("update @firmware.hex" + journal), ExitCode::Done);
   EXPECT_EQ(station.run("update @firmware.hex --dry-run" + journal), ExitCode::Done);
-  station.run.Write("journal", station.run.Read("journal") + "\n# a note\n");
+  station.run.Write("journal", station.run.Read("journal") +
+                                   "\n# a note\n{\"event\":\"result\"}\n" +
+                                   std::string(100'000, '[') + std::string(100'000, ']'));
 
   EXPECT_EQ(station.run("history @journal --json"), ExitCode::Done);
   const Json sums = Json::Parse(station.run.Out());
   const std::pair<const char*, const char*> kExpected[] = {
-      {"updates", "3"},     {"succeeded", "2"},
-      {"failed", "1"},      {"dryRuns", "1"},
-      {"devices", "2"},     {"passedFirst", "1"},
-      {"unfinished", "[]"}, {"torn", "[1]"},
-      {"foreign", "[7]"},   {"failures", "{\"timeout\":1}"}};
+      {"updates", "3"},       {"succeeded", "2"},
+      {"failed", "1"},        {"dryRuns", "1"},
+      {"devices", "2"},       {"passedFirst", "1"},
+      {"unfinished", "[]"},   {"torn", "[1]"},
+      {"foreign", "[7,8,9]"}, {"failures", "{\"timeout\":1}"}};
   for (const auto& [name, value] : kExpected) EXPECT_EQ(sums[name].Text(), value) << name;
 
   EXPECT_EQ(station.run("history @journal --csv"), ExitCode::Done);
   const auto rows = test::LinesOf(station.run.Out());
   EXPECT_EQ(rows.size(), 5);
+  EXPECT_TRUE(station.run.Complains("1 line torn")) << station.run.Err();
   EXPECT_NE(rows[1].find(",update,false,failed,5,timeout,bootloader-flash-erased,usb,1-4-2,"),
             std::string::npos)
       << rows[1];
+  EXPECT_EQ(station.run("history @journal --since 2026-31-12"), ExitCode::Usage);
   EXPECT_EQ(station.run("history @journal --since 2100-01-01"), ExitCode::Done);
   EXPECT_TRUE(station.run.Says("Updates: 0;")) << station.run.Out();
 }

@@ -78,17 +78,21 @@ TEST(Info, InspectSaysWhetherTheFileFitsTheDevice) {
   const struct {
     const char* file;
     DeviceState state;
+    const char* fault;
     const char* says;
     ExitCode exit;
   } kRows[] = {
-      {"plain", kWaits, "The file        fits\n", ExitCode::Done},
-      {"plain", kRuns, "fits, as far as a running application answers", ExitCode::Done},
-      {"variant", kWaits, "does not fit: the file is for ", ExitCode::FailedInBootloader},
-      {"gateway", kRuns, "does not fit: the file is for a device behind", ExitCode::FailedRuns},
+      {"plain", kWaits, "lose:99", "The file        fits\n", ExitCode::Done},
+      {"plain", kRuns, "lose:99", "fits, as far as a running application answers", ExitCode::Done},
+      {"plain", kRuns, "lose:*", "Device --usb 1-4-2 does not respond", ExitCode::FailedUnknown},
+      {"variant", kWaits, "lose:99", "does not fit: the file is for ",
+       ExitCode::FailedInBootloader},
+      {"gateway", kRuns, "lose:99", "does not fit: the file is for a device behind",
+       ExitCode::FailedRuns},
   };
   for (const auto& row : kRows) {
     SCOPED_TRACE(row.says);
-    ToolStation station(OptionsOf("plain", row.state));
+    ToolStation station(OptionsOf("plain", row.state), false, {row.fault});
     station.TakeFileOf(row.file);
     EXPECT_EQ(station.run("inspect @firmware.hex --usb 1-4-2"), row.exit) << station.run.Err();
     EXPECT_TRUE(station.run.Says(row.says)) << station.run.Out();

@@ -29,8 +29,6 @@ constexpr std::array<std::uint32_t, 8> kUsualRates{19200, 115200, 9600,   38400,
                                                    57600, 230400, 460800, 921600};
 // An update takes the device from the first two and gives it back; the third stands for a program.
 constexpr std::array kHarmlessDrivers{"cdc_acm", "ftdi_sio", "usbfs"};
-constexpr const char* kIntoRules =
-    " into /etc/udev/rules.d/71-firmware-updater-local.rules, then plug it in again";
 
 struct Options {
   TargetOptionsValues target{};
@@ -42,10 +40,25 @@ struct Options {
 
 struct Finding {
   std::string name;    // stable, for scripts
-  std::string device;  // empty: it is about no single one
+  std::string device;  // as an option selects it; empty: it is about no single one
   std::string text;
   std::string cure;
 };
+
+std::string NameOf(TransportKind kind, const std::string& address) {
+  return address.empty() ? address : TargetOptions({.kind = kind, .address = address});
+}
+
+std::string NameOf(const TargetOptionsValues& named) {
+  return named.ftdiSerial.empty() ? NameOf(TransportKind::Usb, named.usbPort)
+                                  : NameOf(TransportKind::Ftdi, named.ftdiSerial);
+}
+
+// The kernel's name selects a USB device, but not an adapter.
+std::string NameOf(const HostDevice& device) {
+  const bool isUsb = KindOfUsb(device.vendorId, device.productId) == TransportKind::Usb;
+  return isUsb ? NameOf(TransportKind::Usb, device.name) : "adapter " + device.name;
+}
 
 class Diagnosis {
  public:
@@ -94,7 +107,7 @@ class Diagnosis {
   }
 
   Finding NotConnected() const {
-    const std::string named = m_options.target.usbPort + m_options.target.ftdiSerial;
+    const std::string named = NameOf(m_options.target);
     const bool anyUsb = kSystem == System::Windows || m_host.HasUsb();
     return {"not-connected", named,
             named.empty() ? std::string("no device is connected: looked for ") + kSearchedFor
@@ -116,22 +129,20 @@ class Diagnosis {
 
   void Examine(const HostDevice& device) {
     CheckAccess(device);
-    for (const std::string& driver : device.drivers) {
+    for (const auto& [interface, driver] : device.bound) {
       if (std::ranges::count(kHarmlessDrivers, driver) > 0) continue;
-      Find({"other-driver", device.name, "the kernel's driver " + driver + " has it",
-            "take it away: echo " + device.name + " | sudo tee /sys/bus/usb/drivers/" + driver +
-                "/unbind"});
+      Find({"other-driver", NameOf(device), "the kernel's driver " + driver + " has it",
+            "run `echo " + interface + " | sudo tee /sys/bus/usb/drivers/" + driver + "/unbind`"});
     }
     const bool hasTerminal = device.files.size() > 1;
     if (hasTerminal && !device.ignoredByModemManager && m_host.Runs("ModemManager")) {
-      Find({"modem-manager", device.name, "ModemManager runs and may send to it in mid-update",
-            "put the line " + UdevRule(device.vendorId, device.productId) +
-                ", ENV{ID_MM_DEVICE_IGNORE}=\"1\"" + kIntoRules});
+      Find({"modem-manager", NameOf(device), "ModemManager runs and may send to it in mid-update",
+            RuleCure(device.vendorId, device.productId, "ENV{ID_MM_DEVICE_IGNORE}=\"1\"")});
     }
     for (const Holder& holder : m_host.HoldersOf(device, &m_hidden)) {
-      Find({"held", device.name,
+      Find({"held", NameOf(device),
             holder.program + " (process " + holder.process + ") has " + holder.file + " open",
-            "end it: kill " + holder.process});
+            "run `kill " + holder.process + "`"});
     }
   }
 
@@ -144,18 +155,19 @@ class Diagnosis {
     const std::string rule = m_host.RuleFor(device);
     constexpr unsigned kGroupMay = 0060;
     if (rule.empty()) {
-      Find({"no-rule", device.name, denied + ", and no udev rule names it",
-            "put the line " + UdevRule(device.vendorId, device.productId) + kIntoRules});
+      Find({"no-rule", NameOf(device), denied + ", and no udev rule names it",
+            RuleCure(device.vendorId, device.productId)});
     } else if (access->group != "root" && (access->mode & kGroupMay) == kGroupMay &&
                !access->inGroup) {
-      Find({"not-in-group", device.name, denied + ", and you are not in its group",
-            "run: sudo usermod -aG " + access->group + " $USER, then log in again"});
+      Find({"not-in-group", NameOf(device), denied + ", and you are not in its group",
+            "run `sudo usermod -aG " + access->group + " $USER`, then log in again"});
     } else {
-      Find({"rule-without-effect", device.name,
-            denied + ", although " + rule + " names it: uaccess is for whoever sits at the machine",
-            "plug it in again; for SSH and services, add MODE=\"0660\", GROUP=\"a group of yours\" "
-            "to "
-            "its rule"});
+      Find({"rule-without-effect", NameOf(device),
+            denied + ", although " + rule +
+                " names it: TAG+=\"uaccess\" admits whoever sits at the machine",
+            "plug it in again; for SSH and services, add `MODE=\"0660\", GROUP=\"a group of "
+            "yours\"` "
+            "to its rule"});
     }
   }
 
@@ -168,7 +180,7 @@ class Diagnosis {
           (obstacle.name == "in-use" && Knows("held"));
       if (explained) continue;
       const bool hidden = obstacle.name == "in-use" && m_hidden;
-      Find({obstacle.name, device.address, obstacle.text,
+      Find({obstacle.name, NameOf(device.kind, device.address), obstacle.text,
             hidden ? "run this again with sudo: it then names the program" : obstacle.hint});
     }
   }
@@ -187,7 +199,7 @@ class Diagnosis {
       m_machine.err << "Asking at " << tried.baudRate << " baud." << std::endl;
       m_responds = Responds(tried);
       if (!m_responds || i == 0) continue;
-      Find({"wrong-baud", target.address,
+      Find({"wrong-baud", NameOf(target.kind, target.address),
             Format("it responds at %u baud, not at %u", tried.baudRate, target.baudRate),
             Format("use --baud %u", tried.baudRate)});
     }
@@ -197,8 +209,7 @@ class Diagnosis {
     }
   } catch (const Refusal& refusal) {
     if (m_findings.empty()) {
-      Find({refusal.name, m_options.target.usbPort + m_options.target.ftdiSerial, refusal.text,
-            refusal.hint});
+      Find({refusal.name, NameOf(m_options.target), refusal.text, refusal.hint});
     }
   }
 
@@ -211,7 +222,7 @@ class Diagnosis {
 
   void FindSilence(const Target& target, const std::string& when, const std::string& cure) {
     const std::string came = NoAnswerAmong(m_refused);
-    Find({"silent", target.address,
+    Find({"silent", NameOf(target.kind, target.address),
           "it does not respond" + (when.empty() ? "" : " " + when) +
               (came.empty() ? "" : "; " + came),
           m_refused.Total() > 0 && target.kind == TransportKind::Usb
@@ -239,7 +250,7 @@ class Diagnosis {
       m_echo = inquiry.LineEchoes();
       if (*m_echo != wanted) {
         const Refusal refusal = EchoRefusal(*m_echo, {});
-        Find({refusal.name, m_options.target.ftdiSerial, refusal.text, refusal.hint});
+        Find({refusal.name, NameOf(m_options.target), refusal.text, refusal.hint});
       }
     }
     transport.SetEcho(*m_echo);

@@ -33,23 +33,23 @@ bool Succeeded(const Json& result) { return result["ending"] == "succeeded"; }
 
 std::string Place(const Json& result) {
   const Json& target = result["target"];
-  return result["station"].AsText() + " " + target["kind"].AsText() + " " +
-         target["address"].AsText();
+  return result["station"].String() + " " + target["kind"].String() + " " +
+         target["address"].String();
 }
 
 std::string File(const Json& result) {
   constexpr std::size_t kShortDigest = 12;
-  const std::string& path = result["file"].AsText();
+  const std::string& path = result["file"].String();
   return path.substr(path.find_last_of("/\\") + 1) + " " +
-         result["sha256"].AsText().substr(0, kShortDigest);
+         result["sha256"].String().substr(0, kShortDigest);
 }
 
 // A serial number of USB is the device's own; that of an adapter says nothing about the device behind it.
 std::string Device(const Json& result, const std::string& tag) {
-  const std::string& named = result["tags"][tag].AsText();
+  const std::string& named = result["tags"][tag].String();
   if (!named.empty()) return tag + "=" + named;
   const Json& target = result["target"];
-  const std::string& serial = target["usb"]["serialNumber"].AsText();
+  const std::string& serial = target["usb"]["serialNumber"].String();
   const bool isOwn = target["kind"] == "usb" && !serial.empty();
   return isOwn ? "serial number " + serial : Place(result);
 }
@@ -64,7 +64,7 @@ struct Group {
     ++updates;
     if (!Succeeded(result)) return;
     ++succeeded;
-    seconds += result["seconds"].AsNumber();
+    seconds += result["seconds"].Number();
   }
   double MeanSeconds() const { return succeeded == 0 ? 0 : seconds / succeeded; }
 };
@@ -80,14 +80,14 @@ class Sums {
       ++dryRuns;
       return;
     }
-    begin = updates == 0 ? result["begin"].AsText() : std::min(begin, result["begin"].AsText());
-    end = std::max(end, result["end"].AsText());
+    begin = updates == 0 ? result["begin"].String() : std::min(begin, result["begin"].String());
+    end = std::max(end, result["end"].String());
     ++updates;
-    ++endings[result["ending"].AsText()];
-    if (!result["failure"].IsNull()) ++failures[result["failure"]["name"].AsText()];
+    ++endings[result["ending"].String()];
+    if (!result["failure"].IsNull()) ++failures[result["failure"]["name"].String()];
     ports[Place(result)].Add(result);
     files[File(result)].Add(result);
-    if (Succeeded(result)) seconds.push_back(result["seconds"].AsNumber());
+    if (Succeeded(result)) seconds.push_back(result["seconds"].Number());
     Pass(result);
   }
 
@@ -173,12 +173,19 @@ double Median(std::vector<double> values) {
 
 // --- the screen ---
 
+// In UTF-8 every character has one byte that continues no other.
+std::size_t Characters(const std::string& text) {
+  return static_cast<std::size_t>(
+      std::ranges::count_if(text, [](char byte) { return (byte & 0xC0) != 0x80; }));
+}
+
 void PutGroups(std::ostream& out, const char* title, const Groups& groups) {
   std::size_t width = 0;
-  for (const auto& [name, group] : groups) width = std::max(width, name.size());
+  for (const auto& [name, group] : groups) width = std::max(width, Characters(Displayable(name)));
   out << '\n' << Format("%-*s  updates  succeeded  mean time\n", static_cast<int>(width), title);
   for (const auto& [name, group] : groups) {
-    out << Displayable(name) << std::string(width - name.size(), ' ')
+    const std::string shown = Displayable(name);
+    out << shown << std::string(width - Characters(shown), ' ')
         << Format("  %7d  %9d", group.updates, group.succeeded);
     if (group.succeeded > 0) out << Format("  %7.1f s", group.MeanSeconds());
     out << '\n';
@@ -202,14 +209,26 @@ void PutDurations(std::ostream& out, const std::vector<double>& seconds) {
   }
 }
 
-void PutLines(std::ostream& out, const std::vector<std::size_t>& lines, const char* what) {
+// The first ones, and how many more there are.
+template <typename List>
+void PutList(std::ostream& out, const List& list) {
   constexpr std::size_t kMostShown = 8;
+  for (std::size_t i = 0; i < std::min(list.size(), kMostShown); ++i) {
+    out << (i == 0 ? "" : ", ") << list[i];
+  }
+  if (list.size() > kMostShown) out << " and " << list.size() - kMostShown << " more";
+  out << '\n';
+}
+
+void PutLines(std::ostream& out, const std::vector<std::size_t>& lines, const char* what) {
   if (lines.empty()) return;
   out << lines.size() << (lines.size() == 1 ? " line " : " lines ") << what << ": ";
-  for (std::size_t i = 0; i < std::min(lines.size(), kMostShown); ++i) {
-    out << (i == 0 ? "" : ", ") << lines[i];
-  }
-  out << (lines.size() > kMostShown ? " and others\n" : "\n");
+  PutList(out, lines);
+}
+
+void PutOthers(std::ostream& out, const OtherLines& others) {
+  PutLines(out, others.torn, "torn, as by a power cut, and not counted");
+  PutLines(out, others.foreign, "not of a journal");
 }
 
 void PutScreen(std::ostream& out, Sums sums, const OtherLines& others) {
@@ -221,8 +240,10 @@ void PutScreen(std::ostream& out, Sums sums, const OtherLines& others) {
     out << Format("First-pass yield: %.1f %%, %d of %d devices\n",
                   100.0 * sums.passedFirst / sums.devices, sums.passedFirst, sums.devices);
   }
-  for (const std::string& name : sums.Unfinished())
-    out << "Not updated yet: " << Displayable(name) << '\n';
+  std::vector<std::string> unfinished = sums.Unfinished();
+  std::ranges::transform(unfinished, unfinished.begin(),
+                         [](const std::string& name) { return Displayable(name); });
+  if (!unfinished.empty()) PutList(out << "Not updated yet: ", unfinished);
   if (!sums.failures.empty()) out << "\nFailures\n";
   for (const auto& [name, count] : sums.failures)
     out << Format("%6d  ", count) << Displayable(name) << '\n';
@@ -232,8 +253,7 @@ void PutScreen(std::ostream& out, Sums sums, const OtherLines& others) {
     PutGroups(out, "File", sums.files);
   }
   if (!others.torn.empty() || !others.foreign.empty()) out << '\n';
-  PutLines(out, others.torn, "torn, as by a power cut, and not counted");
-  PutLines(out, others.foreign, "not of a journal");
+  PutOthers(out, others);
 }
 
 // --- documents ---
@@ -285,7 +305,7 @@ Json AsJson(Sums sums, const OtherLines& others) {
 
 std::string Cell(const Json& value) {
   if (value.IsNull() || value == "") return {};
-  const std::string& text = value.AsText();
+  const std::string& text = value.String();
   std::string cell = text.empty() ? value.Text() : text;
   if (cell.find_first_of("\",\r\n") == cell.npos) return cell;
   for (std::size_t at = 0; (at = cell.find('"', at)) != cell.npos; at += 2) cell.insert(at, 1, '"');
@@ -348,11 +368,12 @@ ExitCode History(const Machine& machine, const Options& options) {
   Sums sums(options.tag);
   if (options.csv) WriteCsvHead(machine.out);
   const OtherLines others = ReadJournal(options.path, [&](const Json& result) {
-    if (result["begin"].AsText() < options.since) return;
+    if (result["begin"].String() < options.since) return;
     if (options.csv) return WriteCsvRow(machine.out, result);
     sums.Add(result);
   });
   if (options.json) machine.out << AsJson(sums, others).Text(2) << '\n';
+  if (options.csv) PutOthers(machine.err, others);
   if (!options.json && !options.csv) PutScreen(machine.out, sums, others);
   return ExitCode::Done;
 }
@@ -364,7 +385,8 @@ std::string CheckDate(const std::string& text) {
                       std::equal(text.begin(), text.end(), kPattern.begin(), [](char c, char p) {
                         return p == 'd' ? c >= '0' && c <= '9' : c == p;
                       });
-  return isDate ? "" : "is no date in UTC such as 2026-01-31 or 2026-01-31T12:00, but " + text;
+  const bool exists = isDate && text.substr(5, 2) <= "12" && text.substr(8, 2) <= "31";
+  return exists ? "" : "is no date in UTC such as 2026-01-31 or 2026-01-31T12:00, but " + text;
 }
 
 }  // namespace
@@ -380,13 +402,13 @@ void AddHistoryCommand(CLI::App& app, const Machine& machine, ExitCode& exit) {
       .Shown("NAME")
       .NotEmpty();
   command.Flag("--json", options->json, "Write one JSON document");
-  command.Flag("--csv", options->csv, "Write a table instead, one row for each update");
+  command.Flag("--csv", options->csv, "Write a table instead, one row for each update")
+      .Excludes("--json");
   command.Footer(
       "First-pass yield: a device counts once for all its updates up to the first that succeeds. "
-      "It "
-      "passes when that was its first one. Its name is its tag, else its USB serial number, else "
-      "its "
-      "port.\n\n"
+      "It passes when that was its first one. Its name is its tag, else its USB serial number, "
+      "else "
+      "its port.\n\n"
       "Examples:\n"
       "  firmware-updater update firmware.hex --journal line.ndjson\n"
       "  firmware-updater history line.ndjson --since 2026-01-31\n"

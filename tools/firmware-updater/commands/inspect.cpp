@@ -245,8 +245,7 @@ struct Fit {
   DeviceFacts facts;
   std::string misfit;  // empty: nothing that the device answers speaks against the file
   bool answers = false;
-  bool isComplete =
-      false;  // a bootloader has answered, which alone knows processor, size and hardware
+  bool isComplete = false;  // a bootloader has answered: it alone knows processor and hardware
   ExitCode exit = ExitCode::Done;
 };
 
@@ -265,20 +264,25 @@ Fit FitOf(const Machine& machine, const PackageReport& report, const Options& op
 }
 
 std::string FitText(const Fit& fit) {
-  if (!fit.answers) return "does not respond";
   if (!fit.misfit.empty()) return "does not fit: " + fit.misfit;
   if (fit.isComplete) return "fits";
   return "fits, as far as a running application answers; only its bootloader knows processor, size "
-         "and "
-         "hardware id: `firmware-updater info FILE --verify` asks it";
+         "and hardware id";
 }
 
-void PutFit(const Screen& screen, const Fit& fit) {
-  screen.out << "\nDevice " << fit.place.Options() << '\n';
+void PutFit(const Screen& screen, const Fit& fit, const std::string& file) {
+  const std::string device = "Device " + fit.place.Options();
+  screen.out << '\n' << device << (fit.answers ? "\n" : " does not respond\n");
+  if (!fit.answers) return;
   if (const std::string facts = FactsText(fit.facts); !facts.empty()) {
     PutWrapped(screen, 2, kLabelWidth, "Reports", facts);
   }
   PutWrapped(screen, 2, kLabelWidth, "The file", FitText(fit));
+  if (fit.isComplete || !fit.misfit.empty()) return;
+  const Screen endless{screen.out, std::string::npos};  // a command stays in one piece
+  PutWrapped(
+      endless, 2, kLabelWidth, "To ask it",
+      "firmware-updater info " + FileWord(file) + " --verify " + TargetOptions(fit.place.target));
 }
 
 Json FitJson(const Fit& fit) {
@@ -300,7 +304,7 @@ ExitCode Inspect(const Machine& machine, const Options& options) {
   } else if (report.CouldBeWritten() || !report.members.empty()) {
     PutScreen(ScreenOf(machine), report, options.blockSize);
   }
-  if (fit && !options.json) PutFit(ScreenOf(machine), *fit);
+  if (fit && !options.json) PutFit(ScreenOf(machine), *fit, options.file);
   if (report.CouldBeWritten()) return fit ? fit->exit : ExitCode::Done;
   Complain(machine, Displayable(report.path) + ": " + report.problem, report.hint);
   return ExitCode::BadFile;

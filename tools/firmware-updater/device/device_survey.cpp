@@ -173,8 +173,7 @@ Obstacle InUse() {
 
 Obstacle NoPermission(const UsbKind& kind) {
   return {"no-permission", "you have no permission to open it",
-          "put the line " + UdevRule(kind.vendor, kind.product) +
-              " into /etc/udev/rules.d/71-firmware-updater-local.rules, then plug it in again"};
+          RuleCure(kind.vendor, kind.product)};
 }
 
 Obstacle NoDriver(const UsbKind& kind) {
@@ -344,10 +343,12 @@ std::optional<TransportKind> KindOfUsb(std::uint16_t vendor, std::uint16_t produ
   return kind == nullptr ? std::nullopt : std::optional(kind->kind);
 }
 
-std::string UdevRule(std::uint16_t vendor, std::uint16_t product) {
+std::string RuleCure(std::uint16_t vendor, std::uint16_t product, const char* assignments) {
   return Format(
-      "SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", TAG+=\"uaccess\"",
-      unsigned{vendor}, unsigned{product});
+      "run `echo 'SUBSYSTEM==\"usb\", ATTR{idVendor}==\"%04x\", ATTR{idProduct}==\"%04x\", %s' | "
+      "sudo tee -a "
+      "/etc/udev/rules.d/71-firmware-updater-local.rules`, then plug it in again",
+      unsigned{vendor}, unsigned{product}, assignments);
 }
 
 Json UsbIdentity::AsJson() const {

@@ -60,8 +60,9 @@ using Opens = std::function<bool(const FoundDevice& device)>;
 // The kind of USB device with these ids; none: it does not matter here.
 std::optional<TransportKind> KindOfUsb(std::uint16_t vendor, std::uint16_t product);
 
-// The line for udev's rules that lets the user open such a device.
-std::string UdevRule(std::uint16_t vendor, std::uint16_t product);
+// The step that puts a rule of udev's for such a device in force; without `assignments` it lets the user open it.
+std::string RuleCure(std::uint16_t vendor, std::uint16_t product,
+                     const char* assignments = "TAG+=\"uaccess\"");
 
 // USB devices first, then adapters, each in the order in which the system lists them. `trouble`,
 // unless null, says in one sentence why the search itself failed; empty when it worked.

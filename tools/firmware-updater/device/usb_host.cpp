@@ -71,11 +71,10 @@ HostDevice UsbHost::Read(const fs::path& folder) const {
       device.files.push_back("/dev" / path.filename());
   };
   ForEach(folder, [&](const fs::path& interface) {
-    if (interface.filename().string().find(':') == std::string::npos) return;
+    const std::string name = interface.filename().string();
+    if (name.find(':') == std::string::npos) return;
     const std::string driver = LinkName(interface / "driver");
-    if (!driver.empty() && std::ranges::count(device.drivers, driver) == 0) {
-      device.drivers.push_back(driver);
-    }
+    if (!driver.empty()) device.bound.push_back({name, driver});
     ForEach(interface / "tty", addTerminal);
     ForEach(interface, [&](const fs::path& path) {
       if (path.filename() != "tty") addTerminal(path);

@@ -10,13 +10,19 @@
 
 namespace tavo::tool {
 
+// An interface of a device and the kernel's driver that has it.
+struct BoundInterface {
+  std::string name;  // the kernel's: "1-4.2:1.0"
+  std::string driver;
+};
+
 struct HostDevice {
   std::string name{};  // the kernel's: "1-4.2"
   std::uint16_t vendorId = 0;
   std::uint16_t productId = 0;
   unsigned bus = 0;
   std::string serialNumber{};
-  std::vector<std::string> drivers{};  // of its interfaces
+  std::vector<BoundInterface> bound{};
   std::vector<std::filesystem::path>
       files{};  // through which programs use it: /dev/bus/usb/001/004, /dev/ttyACM0
   bool ignoredByModemManager = false;

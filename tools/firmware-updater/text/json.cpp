@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 namespace tavo::tool {
 
@@ -12,7 +13,10 @@ struct JsonLibrary {
     return std::visit([](const auto& value) { return Convert(value); }, json.m_value);
   }
 
-  static Json To(const Library& json) {
+  // A text from outside may nest values as deep as it likes; the stack is not that deep.
+  static Json To(const Library& json, int depth = 0) {
+    constexpr int kDeepest = 100;
+    if (depth > kDeepest) throw std::runtime_error("values nested too deeply");
     switch (json.type()) {
       case Library::value_t::boolean: return json.get<bool>();
       case Library::value_t::number_integer:
@@ -21,12 +25,13 @@ struct JsonLibrary {
       case Library::value_t::string: return json.get<std::string>();
       case Library::value_t::array: {
         Json::Array items;
-        for (const Library& item : json) items.push_back(To(item));
+        for (const Library& item : json) items.push_back(To(item, depth + 1));
         return items;
       }
       case Library::value_t::object: {
         Json::Object members;
-        for (const auto& [name, value] : json.items()) members.emplace_back(name, To(value));
+        for (const auto& [name, value] : json.items())
+          members.emplace_back(name, To(value, depth + 1));
         return members;
       }
       default: return {};
@@ -82,13 +87,13 @@ std::size_t Json::Size() const {
   return members == nullptr ? 0 : members->size();
 }
 
-const std::string& Json::AsText() const {
+const std::string& Json::String() const {
   static const std::string kEmpty;
   const auto* const text = std::get_if<std::string>(&m_value);
   return text == nullptr ? kEmpty : *text;
 }
 
-double Json::AsNumber() const {
+double Json::Number() const {
   if (const auto* const whole = std::get_if<std::int64_t>(&m_value)) {
     return static_cast<double>(*whole);
   }
@@ -106,19 +111,6 @@ const Json& Json::operator[](std::string_view name) const {
 const Json& Json::operator[](std::size_t index) const {
   return index < Size() && std::holds_alternative<Array>(m_value) ? std::get<Array>(m_value)[index]
                                                                   : kNull;
-}
-
-std::string Json::String() const {
-  const auto* const text = std::get_if<std::string>(&m_value);
-  return text == nullptr ? std::string() : *text;
-}
-
-double Json::Number() const {
-  if (const auto* const whole = std::get_if<std::int64_t>(&m_value)) {
-    return static_cast<double>(*whole);
-  }
-  const auto* const number = std::get_if<double>(&m_value);
-  return number == nullptr ? 0 : *number;
 }
 
 bool Json::operator==(const Json& other) const { return m_value == other.m_value; }

@@ -52,16 +52,13 @@ class Json {
 
   bool IsNull() const { return std::holds_alternative<std::monostate>(m_value); }
   std::size_t Size() const;  // of an array or object; else 0
-  // Empty and 0 for anything else.
-  const std::string& AsText() const;
-  double AsNumber() const;
-  // Null for what does not exist.
+  // Empty and 0 for a value of another type.
+  const std::string& String() const;
+  double Number() const;
+  // Null for a member or an item that does not exist.
   const Json& operator[](std::string_view name) const;
   const Json& operator[](std::size_t index) const;
   bool operator==(const Json& other) const;
-  // Empty and 0 for a value of another type.
-  std::string String() const;
-  double Number() const;
 
  private:
   std::variant<std::monostate, bool, std::int64_t, double, std::string, Array, Object> m_value{};

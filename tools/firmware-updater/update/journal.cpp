@@ -62,11 +62,12 @@ OtherLines ReadJournal(const std::string& path, const std::function<void(const J
     ++number;
     if (line.empty()) return;
     const Json json = Parsed(line);
-    const std::string& event = json["event"].AsText();
-    if (event == kResultEvent) return onResult(json);
+    const std::string& event = json["event"].String();
+    const bool isWhole = !json["begin"].String().empty() && !json["ending"].String().empty();
+    if (event == kResultEvent && isWhole) return onResult(json);
     if (json.IsNull() && IsTorn(line)) {
       others.torn.push_back(number);
-    } else if (event.empty()) {
+    } else if (event.empty() || event == kResultEvent) {
       others.foreign.push_back(number);
     }
   });
