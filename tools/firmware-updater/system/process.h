@@ -56,7 +56,7 @@ class Process {
   // Nothing when it still runs at the end of `limit`.
   std::optional<int> Wait(std::chrono::milliseconds limit);
 
-  // SIGTERM; on Windows Ctrl-Break, which takes a console that both share.
+  // SIGTERM; on Windows an interrupt, which reaches "firmware-updater" alone.
   void RequestStop();
   // Also ends what a program in the background has started itself.
   void Kill();

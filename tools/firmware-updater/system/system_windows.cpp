@@ -162,9 +162,10 @@ bool IsOurs(const fs::path& folder) {
   return fs::is_directory(folder, ignored);
 }
 
-// Full access for the owner, on it and on all that will be in it; nothing is inherited from above.
+// Full access for its owner and administrators, on it and on all that will be in it; nothing is inherited
+// from above.
 void MakePrivateFolder(const fs::path& folder) {
-  constexpr const wchar_t* kOwnerAlone = L"D:P(A;OICI;FA;;;OW)";
+  constexpr const wchar_t* kOwnerAlone = L"D:P(A;OICI;FA;;;OW)(A;OICI;FA;;;BA)";
   SECURITY_ATTRIBUTES attributes{sizeof attributes, nullptr, FALSE};
   const bool made = ConvertStringSecurityDescriptorToSecurityDescriptorW(
                         kOwnerAlone, SDDL_REVISION_1, &attributes.lpSecurityDescriptor, nullptr) &&
@@ -263,10 +264,30 @@ void LeadInterruptsTo(std::function<void()> interrupt) {
   g_current.object.interrupt = std::move(interrupt);
 }
 
+// Counts the requests to stop of a process that runs in the background. A console event would take a
+// console, and would end a process that does not expect it yet.
+std::wstring NameOfStops(DWORD process) {
+  return L"Local\\firmware-updater-stop-" + std::to_wstring(process);
+}
+
+// Each request gets a thread of its own, as from the console.
+bool ListenToParent() {
+  const HANDLE stops =
+      OpenSemaphoreW(SYNCHRONIZE, FALSE, NameOfStops(GetCurrentProcessId()).c_str());
+  if (stops == nullptr) return false;
+  std::thread([stops] {
+    while (WaitForSingleObject(stops, INFINITE) == WAIT_OBJECT_0) {
+      std::thread(OnConsoleEvent, CTRL_BREAK_EVENT).detach();
+    }
+  }).detach();
+  return true;
+}
+
 }  // namespace
 
 Interrupts::Interrupts(std::function<void(int number)> onInterrupt)
     : m_listener(std::make_unique<Listener>(std::move(onInterrupt))) {
+  [[maybe_unused]] static const bool hasParent = ListenToParent();
   LeadInterruptsTo([this] { m_listener->onInterrupt(++m_listener->number); });
   SetConsoleCtrlHandler(OnConsoleEvent, TRUE);
 }
@@ -427,7 +448,9 @@ void ReadLines(const Handle& from, const Process::OnLine& onLine) {
 
 struct Process::Child {
   Child(PROCESS_INFORMATION started, Handle inJob)
-      : process(started.hProcess), id(started.dwProcessId), job(std::move(inJob)) {
+      : process(started.hProcess),
+        job(std::move(inJob)),
+        stops(CreateSemaphoreW(nullptr, 0, LONG_MAX, NameOfStops(started.dwProcessId).c_str())) {
     if (*job != nullptr) AssignProcessToJobObject(*job, *process);
     ResumeThread(started.hThread);
     CloseHandle(started.hThread);
@@ -445,8 +468,8 @@ struct Process::Child {
   }
 
   const Handle process;
-  const DWORD id;
   const Handle job;  // none for a program in the foreground
+  const Handle stops;
   std::vector<std::jthread> readers{};
 };
 
@@ -505,7 +528,7 @@ std::optional<int> Process::Wait(std::chrono::milliseconds limit) {
   return Wait();
 }
 
-void Process::RequestStop() { GenerateConsoleCtrlEvent(CTRL_BREAK_EVENT, m_child->id); }
+void Process::RequestStop() { ReleaseSemaphore(*m_child->stops, 1, nullptr); }
 
 void Process::Kill() {
   if (*m_child->job != nullptr) {
