@@ -7,11 +7,13 @@
 #include "platform/d2xx.h"
 #include "platform/libusb_api.h"
 #include "platform/platform.h"
+#include "system/process.h"
 #include "system/system.h"
 
 int main(int argc, char** argv) {
   using namespace tavo::tool;
   PrepareStreams();
+  Process::NameTool(tavo::SystemPlatform().ExecutablePath());
   const std::vector<std::string> words = CommandLineWords(argc, argv);
   std::vector<const char*> pointers;
   pointers.reserve(words.size());

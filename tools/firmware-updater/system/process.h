@@ -1,5 +1,5 @@
 // A program that runs beside this one, its child. "firmware-updater" as the first word is this very
-// program, in any folder. None of this program's files and pipes reaches it, but for its streams.
+// program, in any folder, once main has named it. None of this program's files and pipes reaches it, but for its streams.
 //
 //   Process command({"firmware-updater", "list"}, {"TAVO_SIMULATORS=127.0.0.1:1234"});
 //   return command.Wait();
@@ -16,6 +16,8 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <system_error>
+#include <utility>
 #include <vector>
 
 namespace tavo::tool {
@@ -30,6 +32,10 @@ class Process {
     OnLine out;
     OnLine err;
   };
+
+  // The program that "firmware-updater" stands for. Called by main alone: a test that started itself in the
+  // tool's place would do so again, without end.
+  static void NameTool(std::string path) { s_tool = std::move(path); }
 
   // In the foreground: it shares this program's streams. Ctrl-C at the terminal reaches it directly; all
   // other requests to stop that reach this program are passed on to it, until this program ends. One at a
@@ -62,6 +68,15 @@ class Process {
   void Kill();
 
  private:
+  // Empty: not the tool.
+  static std::string ToolIn(const Words& words) {
+    if (words.front() != "firmware-updater") return {};
+    if (!s_tool.empty()) return s_tool;
+    throw std::system_error(std::make_error_code(std::errc::no_such_file_or_directory),
+                            words.front());
+  }
+
+  inline static std::string s_tool{};
   struct Child;
   std::unique_ptr<Child> m_child;
 };

@@ -287,10 +287,10 @@ struct Surroundings {
   _exit(EXIT_FAILURE);
 }
 
-// The process id. Returns when the program runs.
-pid_t Start(Words words, const Words& additions, const Surroundings& surroundings) {
-  const std::string program =
-      words.front() == "firmware-updater" ? SystemPlatform().ExecutablePath() : words.front();
+// The process id. Returns when the program runs. `tool`: its path, if it is the tool.
+pid_t Start(const std::string& tool, Words words, const Words& additions,
+            const Surroundings& surroundings) {
+  const std::string program = tool.empty() ? words.front() : tool;
   Words variables = ChildEnvironment(additions);
   const std::vector<char*> wordPointers = Pointers(words);
   const std::vector<char*> variablePointers = Pointers(variables);
@@ -366,7 +366,7 @@ struct Process::Child {
 
 Process::Process(const Words& words, const Words& environment) {
   const SignalPause pause;
-  const pid_t pid = Start(words, environment, {.blocked = pause.Before()});
+  const pid_t pid = Start(ToolIn(words), words, environment, {.blocked = pause.Before()});
   LeaveSignalsTo(pid);
   m_child = std::make_unique<Child>(pid, false);
 }
@@ -380,7 +380,7 @@ Process::Process(const Words& words, const Words& environment, Output output) {
   Surroundings surroundings{.streams = {*nothing, *out.write, err ? *err->write : *out.write},
                             .background = true};
   sigemptyset(&surroundings.blocked);
-  m_child = std::make_unique<Child>(Start(words, environment, surroundings), true);
+  m_child = std::make_unique<Child>(Start(ToolIn(words), words, environment, surroundings), true);
   m_child->Read(std::move(out.read), std::move(output.out));
   if (err) m_child->Read(std::move(err->read), std::move(output.err));
 }

@@ -416,19 +416,17 @@ Handle MakeJob() {
   return job;
 }
 
-// Suspended, and made with `flags` besides.
-PROCESS_INFORMATION Start(const Words& words, const Words& additions, STARTUPINFOEXW& startup,
-                          DWORD flags) {
-  const bool self = words.front() == "firmware-updater";
-  const std::wstring program =
-      self ? SystemPath(SystemPlatform().ExecutablePath()) : std::wstring();
+// Suspended, and made with `flags` besides. `tool`: the path of the program, if it is the tool.
+PROCESS_INFORMATION Start(const std::string& tool, const Words& words, const Words& additions,
+                          STARTUPINFOEXW& startup, DWORD flags) {
+  const std::wstring program = SystemPath(tool);
   std::wstring line = CommandLineOf(words);
   std::wstring environment = ChildEnvironment(additions);
   startup.StartupInfo.cb = sizeof startup;
   PROCESS_INFORMATION started{};
   flags |= CREATE_SUSPENDED | CREATE_UNICODE_ENVIRONMENT | EXTENDED_STARTUPINFO_PRESENT;
-  if (CreateProcessW(self ? program.c_str() : nullptr, line.data(), nullptr, nullptr, TRUE, flags,
-                     environment.data(), nullptr, &startup.StartupInfo, &started) == 0) {
+  if (CreateProcessW(tool.empty() ? nullptr : program.c_str(), line.data(), nullptr, nullptr, TRUE,
+                     flags, environment.data(), nullptr, &startup.StartupInfo, &started) == 0) {
     ThrowLastError(words.front());
   }
   return started;
@@ -485,7 +483,7 @@ Process::Process(const Words& words, const Words& environment) {
   Inheritance inheritance(streams);
   STARTUPINFOEXW startup{};
   startup.lpAttributeList = inheritance.List();
-  m_child = std::make_unique<Child>(Start(words, environment, startup, 0), Handle());
+  m_child = std::make_unique<Child>(Start(ToolIn(words), words, environment, startup, 0), Handle());
 }
 
 Process::Process(const Words& words, const Words& environment, Output output) {
@@ -504,8 +502,8 @@ Process::Process(const Words& words, const Words& environment, Output output) {
   startup.StartupInfo.hStdInput = streams[0];
   startup.StartupInfo.hStdOutput = streams[1];
   startup.StartupInfo.hStdError = streams.back();
-  m_child = std::make_unique<Child>(Start(words, environment, startup, CREATE_NEW_PROCESS_GROUP),
-                                    MakeJob());
+  m_child = std::make_unique<Child>(
+      Start(ToolIn(words), words, environment, startup, CREATE_NEW_PROCESS_GROUP), MakeJob());
   m_child->Read(std::move(out.read), std::move(output.out));
   if (err) m_child->Read(std::move(err->read), std::move(output.err));
 }
