@@ -46,18 +46,13 @@ void Fleet::Start(std::size_t device, const Process::Words& words, const std::st
   const std::lock_guard lock(m_childrenLock);
   if (m_stopping) return;
   ++m_running;
+  m_rescues[device] = rescue;
+  const auto report = [=, this](const Json& line) { Push({device, line}); };
   try {
-    m_children[device] = {
-        std::make_unique<Process>(words, Process::Words(),
-                                  Process::Output{.out =
-                                                      [=, this](std::string_view line) {
-                                                        Push({device, EventIn(line)});
-                                                      },
-                                                  .err =
-                                                      [=, this](std::string_view line) {
-                                                        Push({device, Note(line)});
-                                                      }}),
-        rescue};
+    m_children[device] = std::make_unique<Process>(
+        words, Process::Words(),
+        Process::Output{.out = [=](std::string_view line) { report(EventIn(line)); },
+                        .err = [=](std::string_view line) { report(Note(line)); }});
   } catch (const std::system_error& error) {
     Push({device, Note(error.what())});
     Push({device, {}, EXIT_FAILURE});
@@ -75,11 +70,20 @@ std::optional<Fleet::Report> Fleet::Next(milliseconds limit) {
     if (!m_reports.empty()) {
       Report report = std::move(m_reports.front());
       m_reports.pop_front();
+      lock.unlock();
       if (report.line.IsNull()) --m_running;
+      NoteRescue(report);
       return report;
     }
     if (Clock::now() >= end) return std::nullopt;
   }
+}
+
+// The device's own result knows better than what was named at its start.
+void Fleet::NoteRescue(const Report& report) {
+  if (report.line["event"] != "result") return;
+  const std::lock_guard lock(m_childrenLock);
+  m_rescues[report.device] = report.line["state"]["next"].String();
 }
 
 void Fleet::Push(Report report) {
@@ -92,7 +96,7 @@ void Fleet::Push(Report report) {
 void Fleet::CollectEnds() {
   const std::lock_guard lock(m_childrenLock);
   std::erase_if(m_children, [this](const auto& entry) {
-    const std::optional<int> exit = entry.second.process->Wait(milliseconds(0));
+    const std::optional<int> exit = entry.second->Wait(milliseconds(0));
     if (exit) Push({entry.first, {}, *exit});
     return exit.has_value();
   });
@@ -105,15 +109,13 @@ void Fleet::OnInterrupt(int number) {
   m_stopping = true;
   {
     const std::lock_guard lock(m_childrenLock);
-    for (const auto& [device, child] : m_children) child.process->RequestStop();
+    for (const auto& [device, child] : m_children) child->RequestStop();
   }
   if (number == 1 || (AllEndWithin(kPatience) && OutputTakesText())) return;
   const std::lock_guard lock(m_childrenLock);
-  std::string text = "\nEnded at once.";
-  for (const auto& [device, child] : m_children) {
-    child.process->Kill();
-    text += " A device may be in its bootloader. To recover it, run: " + child.rescue + "\n";
-  }
+  for (const auto& [device, child] : m_children) child->Kill();
+  std::string text = "\nEnded at once. To recover the devices, run:\n";
+  for (const auto& [device, rescue] : m_rescues) text += rescue.empty() ? "" : "  " + rescue + "\n";
   SayLast(text);
   std::_Exit(static_cast<int>(ExitCode::Stopped));
 }

@@ -50,18 +50,15 @@ class Fleet {
   bool IsStopping() const { return m_stopping; }
 
  private:
-  struct Child {
-    std::unique_ptr<Process> process;
-    std::string rescue;
-  };
-
+  void NoteRescue(const Report& report);
   void Push(Report report);
   void CollectEnds();
   void OnInterrupt(int number);
   bool AllEndWithin(std::chrono::milliseconds limit) const;
 
-  std::mutex m_childrenLock;
-  std::map<std::size_t, Child> m_children;
+  std::mutex m_childrenLock;  // of the next two
+  std::map<std::size_t, std::unique_ptr<Process>> m_children;
+  std::map<std::size_t, std::string> m_rescues;  // should all end now
   std::mutex m_reportsLock;
   std::condition_variable m_reported;
   std::deque<Report> m_reports;
