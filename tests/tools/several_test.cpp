@@ -93,6 +93,9 @@ TEST(FleetView, ATableIsRedrawnInPlaceAndWhatIsSaidStaysAboveIt) {
   lines.Say("said");
   lines.Show({{{"d"}}});
   EXPECT_TRUE(station.run.Out().ends_with("bc\x1B[2A\r\x1B[Jsaid\nd")) << station.run.Out();
+  station.run.machine.height = [] { return 3; };
+  lines.Show({{{"e"}}, {{"f"}}, {{"g"}}});
+  EXPECT_TRUE(station.run.Out().ends_with("d\r\x1B[Je\nf")) << station.run.Out();
 }
 
 TEST(StationPort, WaitsForASteadyContactTriesOnceMoreAndShowsItsVerdictUntilUnplugged) {

@@ -27,6 +27,7 @@ void LiveLines::Show(const std::vector<LiveLine>& lines) {
   std::string text = Erasing();
   m_drawn.clear();
   for (const LiveLine& line : lines) {
+    if (m_drawn.size() == Rows()) break;
     if (!m_drawn.empty()) text += '\n';
     std::size_t used = 0;
     for (const Span& span : line) {

@@ -27,7 +27,7 @@ class LiveLines {
  public:
   explicit LiveLines(const Machine& machine) : m_machine(machine) {}
 
-  // In place of the lines that are shown. Those that do not fit the width are cut off.
+  // In place of the lines that are shown. Lines below the window and characters beside it are cut off.
   void Show(const std::vector<LiveLine>& lines);
   void Erase();
   // The text takes their place and stays.
