@@ -1,4 +1,4 @@
-# Writes OUTPUT, a source file with the text of each file in FOLDER; serve/page_files.h declares it.
+# Writes OUTPUT, a source file with the text of each file in FOLDER; serve/server.h declares it.
 set(types .html "text/html; charset=utf-8" .css "text/css; charset=utf-8" .js "text/javascript; charset=utf-8"
           .svg "image/svg+xml")
 set(rows "")
@@ -11,7 +11,7 @@ foreach(file index.html page.css page.js dom.js reports.js words.js icon.svg)
   string(REPLACE index.html "" path ${file})
   string(APPEND rows "    {\"/${path}\", \"${type}\", R\"PAGE(${text})PAGE\"},\n")
 endforeach()
-file(WRITE ${OUTPUT} "#include \"serve/page_files.h\"
+file(WRITE ${OUTPUT} "#include \"serve/server.h\"
 
 std::span<const tavo::tool::PageFile> tavo::tool::PageFiles() {
   static constexpr PageFile kFiles[] = {

@@ -1,12 +1,9 @@
 // serve: a page in the browser for the bench. Its user sees the devices, drops an update file and starts
 // the tool's other commands.
 #include <memory>
-#include <mutex>
 #include <ostream>
-#include <stdexcept>
 
 #include "commands/commands.h"
-#include "serve/bench.h"
 #include "serve/server.h"
 #include "system/interrupts.h"
 #include "system/system.h"
@@ -17,22 +14,10 @@ namespace {
 
 ExitCode Serve(const Machine& machine, const std::string& journal) {
   SurviveLostOutput();
-  std::mutex screen;
-  Bench bench(journal, [&](const std::string& line) {
-    const std::lock_guard lock(screen);
-    machine.out << InLines(machine, line) << std::endl;
-  });
+  Bench bench(journal);
   const Interrupts interrupts([&bench](int) { bench.RequestStop(); });
-  std::unique_ptr<Server> server;
-  try {
-    server = std::make_unique<Server>(bench);
-  } catch (const std::runtime_error& error) {
-    Complain(machine, error.what(), {});
-    return ExitCode::NoDevice;
-  }
-  machine.out << "Open this address in a browser on this machine; it is for you alone:\n"
-              << server->Address() << "\nCtrl-C ends the page." << std::endl;
-  return bench.Run();
+  return ServeBench(
+      bench, [&](const std::string& line) { machine.out << InLines(machine, line) << std::endl; });
 }
 
 }  // namespace

@@ -1,8 +1,10 @@
 // The state of the bench, as the events that lead to it. A page that comes late gets all that still hold, in
 // order, then each new one. A page that reads slowly costs nothing: it skips the events that a later one
-// has replaced, and nobody waits for it.
+// has replaced, and nobody waits for it. Any thread may call.
 #pragma once
 
+#include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <cstdint>
@@ -17,46 +19,59 @@ namespace tavo::tool {
 
 class EventLog {
  public:
-  // One page. Threads may have one each.
-  class Reader {
-   public:
-    explicit Reader(EventLog& log);
-    ~Reader();
-    Reader(const Reader&) = delete;
-    Reader& operator=(const Reader&) = delete;
+  std::atomic<int> readers = 0;  // the open pages
 
-    // The new events, as server-sent events; empty when none came within `limit`, nothing when the log is closed
-    // and read.
-    std::optional<std::string> Next(std::chrono::milliseconds limit);
+  // Replaces an earlier event with the same subject and key, unless it equals that.
+  void Publish(const std::string& subject, const std::string& key, const Json& event) {
+    std::string text = event.Text();
+    const std::lock_guard lock(m_lock);
+    const auto old = std::ranges::find_if(m_events, [&](const auto& entry) {
+      return entry.second.key == key && entry.second.subject == subject;
+    });
+    if (old != m_events.end() && old->second.text == text) return;
+    if (old != m_events.end()) m_events.erase(old);
+    m_events[++m_last] = {subject, key, std::move(text)};
+    m_changed.notify_all();
+  }
 
-   private:
-    EventLog& m_log;
-    std::uint64_t m_position = 0;
-  };
+  // A page that comes later gets no event of this subject.
+  void Forget(const std::string& subject) {
+    const std::lock_guard lock(m_lock);
+    std::erase_if(m_events, [&](const auto& entry) { return entry.second.subject == subject; });
+  }
 
-  // Replaces an earlier event with the same key.
-  void Publish(const std::string& key, const Json& event);
-  // A page that comes later does not get the events whose keys begin with `prefix`.
-  void Forget(const std::string& prefix);
   // The last event has been published.
-  void Close();
+  void Close() {
+    const std::lock_guard lock(m_lock);
+    m_closed = true;
+    m_changed.notify_all();
+  }
 
-  std::size_t Readers() const;
-  // Waits for a reader at most until `limit`; whether there is one.
-  bool AwaitReader(std::chrono::milliseconds limit) const;
+  // The events that are new to a page at this place, as server-sent events; empty when none came within `limit`, nothing
+  // when the log is closed and read.
+  std::optional<std::string> Next(std::uint64_t& place, std::chrono::milliseconds limit) {
+    std::unique_lock lock(m_lock);
+    m_changed.wait_for(lock, limit, [&] { return m_closed || m_last > place; });
+    if (m_closed && m_last == place) return std::nullopt;
+    std::string text;
+    for (auto event = m_events.upper_bound(place); event != m_events.end(); ++event) {
+      text += "data: " + event->second.text + "\n\n";
+    }
+    place = m_last;
+    return text;
+  }
 
  private:
   struct Event {
+    std::string subject;
     std::string key;
     std::string text;
   };
 
-  mutable std::mutex m_lock;
-  mutable std::condition_variable m_changed;
-  std::map<std::uint64_t, Event> m_events;         // by number, from 1
-  std::map<std::string, std::uint64_t> m_numbers;  // by key
+  std::mutex m_lock;
+  std::condition_variable m_changed;
+  std::map<std::uint64_t, Event> m_events;  // by number, from 1
   std::uint64_t m_last = 0;
-  std::size_t m_readers = 0;
   bool m_closed = false;
 };
 

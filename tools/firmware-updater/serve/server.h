@@ -4,28 +4,23 @@
 // this machine's own, is refused. Reading changes nothing. What it lets in goes to the Bench.
 #pragma once
 
-#include <memory>
-#include <string>
+#include <span>
+#include <string_view>
+
+#include "serve/bench.h"
 
 namespace tavo::tool {
 
-class Bench;
-
-class Server {
- public:
-  // Serves from here on. Throws std::runtime_error when it cannot listen.
-  explicit Server(Bench& bench);
-  // Returns when the last reader has gone: the bench's events must have been closed.
-  ~Server();
-  Server(const Server&) = delete;
-  Server& operator=(const Server&) = delete;
-
-  // For the user alone. The browser keeps what follows the '#' to itself.
-  std::string Address() const;
-
- private:
-  struct Http;
-  std::unique_ptr<Http> m_http;
+// A file in page/, which the build puts into the program.
+struct PageFile {
+  const char* path;  // in the address
+  const char* type;
+  std::string_view text;
 };
+std::span<const PageFile> PageFiles();
+
+// Serves the page while the bench runs, and returns what that returns. The address is said first, for the user
+// alone: the browser keeps the part after the '#' to itself. Throws std::runtime_error when it cannot listen.
+ExitCode ServeBench(Bench& bench, const Bench::Say& say);
 
 }  // namespace tavo::tool

@@ -64,6 +64,12 @@ const Json kNull;
 
 Json Json::Parse(const std::string& text) { return JsonLibrary::To(Library::parse(text)); }
 
+Json Json::ParseOrNull(std::string_view text) try {
+  return JsonLibrary::To(Library::parse(text));
+} catch (const std::exception&) {
+  return {};
+}
+
 std::string Json::Text(int indent) const {
   constexpr bool kAsciiAlone = true;  // no character in it can steer a terminal
   return JsonLibrary::From(*this).dump(indent, ' ', kAsciiAlone, Library::error_handler_t::replace);

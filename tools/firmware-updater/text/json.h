@@ -42,6 +42,8 @@ class Json {
 
   // Throws std::exception when the text is none.
   static Json Parse(const std::string& text);
+  // Null when the text is none.
+  static Json ParseOrNull(std::string_view text);
   // In one line, or indented by that many blanks. Bytes that are not UTF-8 are replaced.
   std::string Text(int indent = -1) const;
 

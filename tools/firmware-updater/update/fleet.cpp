@@ -22,13 +22,8 @@ Json Note(std::string_view text) {
 
 // A line that is no event is a text for a person, such as the last words of a process.
 Json EventIn(std::string_view line) {
-  try {
-    Json event = Json::Parse(std::string(line));
-    if (!event["event"].IsNull()) return event;
-  } catch (const std::exception&) {
-    return Note(line);
-  }
-  return Note(line);
+  Json event = Json::ParseOrNull(line);
+  return event["event"].IsNull() ? Note(line) : event;
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <exception>
 #include <span>
 #include <string_view>
 #include <thread>
@@ -24,13 +23,6 @@ bool LockInTime(SharedFile& file) {
     std::this_thread::sleep_for(kPause);
   }
   return false;
-}
-
-// Null for a text that is no JSON.
-Json Parsed(std::string_view text) try {
-  return Json::Parse(std::string(text));
-} catch (const std::exception&) {
-  return {};
 }
 
 // A power cut may leave zeros where a line was to be.
@@ -61,7 +53,7 @@ OtherLines ReadJournal(const std::string& path, const std::function<void(const J
   LineCutter lines([&](std::string_view line) {
     ++number;
     if (line.empty()) return;
-    const Json json = Parsed(line);
+    const Json json = Json::ParseOrNull(line);
     const std::string& event = json["event"].String();
     const bool isWhole = !json["begin"].String().empty() && !json["ending"].String().empty();
     if (event == kResultEvent && isWhole) return onResult(json);

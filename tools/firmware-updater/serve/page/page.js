@@ -1,7 +1,7 @@
 // The page: shows the events of the bench, and asks it to start commands. It knows no more than they say.
-import { h, morph } from './dom.js';
+import { facts, h, morphChildren, note } from './dom.js';
 import { showFile, showJournal } from './reports.js';
-import { clock, kVerdicts, look, seconds } from './words.js';
+import { baseName, hex, look, percent, seconds, verdict } from './words.js';
 
 const token = location.hash.slice(1) || sessionStorage.getItem('token') || '';
 sessionStorage.setItem('token', token);
@@ -10,20 +10,16 @@ history.replaceState(null, '', '/');  // it must not stay in the history of the 
 const kLargestFile = 16 << 20;
 const kBauds = [9600, 19200, 38400, 57600, 115200, 230400, 460800, 921600];
 const byId = (id) => document.getElementById(id);
-let bench;  // what the events have said so far
-let link = 'Connecting';
+const newBench = () => ({ jobs: {}, asked: new Set() });
+let bench = newBench();  // with all that the events have said so far
 let problem = '';  // the last answer to a request of this page
-
-const reset = () => { bench = { devices: [], complaint: '', file: null, jobs: new Map(), asked: new Set(), history: null }; };
-reset();
 
 // --- to and from the bench ---
 
 async function send(path, body) {
   try {
     const headers = { 'X-Token': token, 'Content-Type': 'application/octet-stream' };
-    const answer = await fetch('/api/' + path, { method: 'POST', headers, body });
-    return (await answer.text()).trim();
+    return await (await fetch('/api/' + path, { method: 'POST', headers, body })).text();
   } catch {
     return 'the program behind this page does not respond';
   }
@@ -31,19 +27,19 @@ async function send(path, body) {
 
 // For an adapter, with the settings on its card.
 async function start(command, device, file, quietly) {
-  const card = byId(idOf(nameOf(device)));
-  const line = device.kind === 'ftdi' && card
-    ? { baud: +card.querySelector('select').value, echo: card.querySelector('input').checked } : {};
-  const answer = await send('start', JSON.stringify({ command, device: nameOf(device), file: file?.number, ...line }));
-  if (!quietly) say(problem = answer && `${title(device)}: ${answer}.`);
+  const [baud, echo] = byId(idOf(device))?.querySelectorAll('select, input') ?? [];
+  const request = JSON.stringify({ command, device: nameOf(device), file, baud: +baud?.value, echo: echo?.checked });
+  let answer = await send('start', request);
+  // A device that is asked questions is left to answer them first.
+  for (let tries = 0; !quietly && answer === 'the device is busy' && tries < 40; ++tries) {
+    await new Promise((done) => setTimeout(done, 250));
+    answer = await send('start', request);
+  }
+  if (!quietly) complain(answer && `${title(device)}: ${answer}.`);
 }
 
 async function upload(file) {
-  if (!file) return;
-  problem = file.size > kLargestFile ? `${file.name} is larger than 16 MiB.` : '';
-  if (!problem) problem = await send('file?name=' + encodeURIComponent(file.name), file);
-  say(problem);
-  draw();
+  if (file) complain(file.size > kLargestFile ? `${file.name} is larger than 16 MiB.` : await send('file?name=' + encodeURIComponent(file.name), file));
 }
 
 async function listen() {
@@ -52,19 +48,18 @@ async function listen() {
       const answer = await fetch('/api/events', { headers: { 'X-Token': token } });
       if (answer.status === 403) return setLink('Not allowed: open the address that the program has printed', 'bad');
       if (!answer.ok) throw new Error(await answer.text());
-      reset();
+      bench = newBench();
       setLink('● Connected', 'good');
       await read(answer.body.pipeThrough(new TextDecoderStream()).getReader());
     } catch { /* tried again below */ }
-    if (bench.ended) return setLink('■ The program behind this page has ended', 'bad');
+    if (bench.stopping) return setLink('■ The program behind this page has ended', 'bad');
     setLink('○ No connection; trying again', 'warn');
     await new Promise((done) => setTimeout(done, 1000));
   }
 }
 
 async function read(stream) {
-  let rest = '';
-  for (;;) {
+  for (let rest = ''; ;) {
     const { value, done } = await stream.read();
     if (done) return;
     const events = (rest + value).split('\n\n');
@@ -75,66 +70,31 @@ async function read(stream) {
 }
 
 function take(event) {
-  if (event.devices) {
-    for (const name of event.devices.map(nameOf)) {
-      if (!bench.devices.some((device) => nameOf(device) === name)) forgetAnswer(name);
-    }
-    Object.assign(bench, { devices: event.devices, complaint: event.complaint });
-  }
-  if ('report' in event) bench.file = { ...event, number: event.file };
-  if (event.journal) Object.assign(bench, event);
-  if (event.stopping || event.ended) Object.assign(bench, event);
-  if (event.job) takeOfJob(event);
-}
-
-function takeOfJob(event) {
-  const { jobs } = bench;
-  if (event.command) {
-    const { info, work } = jobsOf(event.device);
-    const before = writes(event) ? work : info;
-    jobs.delete(before?.job);
-    // The last answer is shown until the next one comes.
-    jobs.set(event.job, { ...event, phases: new Map(), logs: [], answer: before?.answer });
-    if (writes(event)) say(`${title(event.device)}: ${event.command} begins.`);
-  }
-  const job = jobs.get(event.job);
+  if (event.stopping) setLink('■ The program is about to end', 'warn');
+  if (event.forget) delete bench.jobs[event.forget];
+  if (!event.job) Object.assign(bench, event);
+  const { at, device, line, log } = event;
+  // The last answer is shown until the next one comes.
+  if (device) bench.jobs[event.job] = { ...event.request, name: event.job, device, begin: at, phases: {}, logs: [], answer: bench.jobs[event.job]?.answer };
+  const job = bench.jobs[event.job];
   if (!job) return;
-  if (event.log) job.logs.push(event.log);
-  if (event.line) takeLine(job, event.line, event.at);
-  if ('exit' in event) {
-    Object.assign(job, event);
-    if (writes(job)) say(`${title(job.device)}: ${job.result?.state.text ?? job.logs.at(-1) ?? ''}`);
-  }
+  if (line) job[line.event ?? 'answer'] = line;
+  if (line?.phase) job.phases[line.phase] = { ...line, at };
+  const text = log || line?.text || (line?.request && `Not answered in time: ${line.request}`);
+  if (text) job.logs.push(text);
+  if ('exit' in event) Object.assign(job, { exit: event.exit, end: at });
+  if (writes(job) && (device || job.end)) say(`${title(job.device)}: ${job.end ? endingOf(job) : job.command + ' begins.'}`);
 }
-
-function takeLine(job, line, at) {
-  switch (line.event) {
-    case undefined: job.answer = line; break;
-    case 'phase': job.phases.set(line.phase, { ...line, at }); break;
-    case 'bytes': job.bytes = line; break;
-    case 'retry': job.logs.push(`Not answered in time: ${line.request}`); break;
-    case 'note': job.logs.push(line.text); break;
-    case 'result': job.result = line; break;
-  }
-}
-
-const forgetAnswer = (name) => {
-  for (const [number, job] of bench.jobs) {
-    if (!writes(job) && 'exit' in job && nameOf(job.device) === name) bench.jobs.delete(number);
-  }
-};
 
 // A device that appears is asked who it is, and again with each new file whether that fits. An adapter is
 // asked only on request: anything may be connected to it.
 function askDevices() {
-  for (const device of bench.devices) {
-    const { info, work } = jobsOf(device);
+  for (const device of listed()) {
+    const { info, running } = jobsOf(device);
     const file = usableFile();
-    if (!device.usable || isRunning(info) || isRunning(work)) continue;
-    if (device.kind === 'ftdi' && !info) continue;
-    const asked = info && (!file || info.file?.number === file.number);
-    const key = `${nameOf(device)} ${file?.number} ${info?.job}`;
-    if (asked || bench.asked.has(key)) continue;
+    const key = `${nameOf(device)} ${file} ${info?.begin}`;
+    const isAsked = info ? !file || info.file === file : device.kind === 'ftdi';
+    if (!device.usable || running || isAsked || bench.asked.has(key)) continue;
     bench.asked.add(key);
     start('info', device, file, true);
   }
@@ -143,40 +103,47 @@ function askDevices() {
 // --- facts ---
 
 const nameOf = (device) => `${device.kind} ${device.address}`;
-const idOf = (name) => 'device-' + name.replace(/[^\w-]/g, (sign) => '_' + sign.charCodeAt(0));
-const title = (device) => device.kind === 'ftdi' ? `Adapter ${device.address}` : `Port ${device.address}`;
-const writes = (job) => job.command === 'update' || job.command === 'recover';
-const isRunning = (job) => Boolean(job) && !('exit' in job);
-const usableFile = () => bench.file?.report?.canBeWritten ? bench.file : null;
-const hex = (number) => number == null ? null : '0x' + number.toString(16).toUpperCase().padStart(4, '0');
-const jobsOf = (device) => {
-  const here = [...bench.jobs.values()].filter((job) => nameOf(job.device) === nameOf(device));
-  return { info: here.find((job) => !writes(job)), work: here.find(writes) };
-};
+const idOf = (device) => 'device-' + nameOf(device).replace(/[^\w-]/g, (sign) => '_' + sign.charCodeAt(0));
+const title = (device) => `${device.kind === 'ftdi' ? 'Adapter' : 'Port'} ${device.address}`;
+const writes = (job) => job.name.endsWith(' work');
+const endingOf = (job) => job.result?.state.text ?? (job.logs.at(-1) || `It ended with exit code ${job.exit}.`);
+const listed = () => bench.list?.document?.devices ?? [];
+const usableFile = () => bench.inspect?.document?.canBeWritten ? bench.file : undefined;
+const runningWork = () => Object.values(bench.jobs).filter((job) => writes(job) && !job.end);
 
-// The devices of the list; those that are gone stay while their last update needs attention.
+// The last asking and the last update of a device, the one that runs, and the one that ended last.
+function jobsOf(device) {
+  const [info, work] = ['info', 'work'].map((kind) => bench.jobs[`${nameOf(device)} ${kind}`]);
+  const running = [work, info].find((job) => job && !job.end);
+  return { info, work, running, last: (info?.end ?? 0) > (work?.end ?? 0) ? info : work };
+}
+
+// The devices of the list. An adapter in use may not be listed, nor one that needs attention after its update.
 function shownDevices() {
-  const known = new Map(bench.devices.filter((device) => device.address).map((device) => [nameOf(device), device]));
-  for (const job of bench.jobs.values()) {
-    const listed = known.get(nameOf(job.device));
-    if (!listed && writes(job)) known.set(nameOf(job.device), { ...job.device, usable: false, gone: true });
-    if (listed && !listed.usb?.serialNumber) listed.usb = job.device.usb;  // not readable while it is used
+  const known = new Map(listed().map((device) => [device.address ? nameOf(device) : device, device]));
+  for (const job of Object.values(bench.jobs)) {
+    const there = known.get(nameOf(job.device));
+    if (!there) known.set(nameOf(job.device), { ...job.device, usable: !writes(job), gone: writes(job) });
+    if (there && !there.usb?.serialNumber) there.usb = job.device.usb;  // not readable while it is used
   }
-  return [...known.values(), ...bench.devices.filter((device) => !device.address)]
-    .sort((a, b) => nameOf(a).localeCompare(nameOf(b), 'en', { numeric: true }));
+  return [...known.values()].sort((a, b) => nameOf(a).localeCompare(nameOf(b), 'en', { numeric: true }));
 }
 
-// What is known last counts.
-const newest = (info, work) => (info?.end ?? 0) > (work?.end ?? 0) ? info : work;
-function stateOf(device, { info, work }) {
-  if (isRunning(work)) return work.stop ? 'stopping' : work.command;
-  if (isRunning(info)) return info.command;
-  if (device.gone) return 'gone';
-  if (!device.usable) return 'unusable';
-  const last = newest(info, work);
-  if (!last) return 'not-asked';
-  return last.result?.state.device ?? last.answer?.state ?? 'unknown';
+function stateOf(device) {
+  const { running, last } = jobsOf(device);
+  if (running) return running.stop ? 'stopping' : running.command;
+  if (device.gone || !device.usable) return device.gone ? 'gone' : 'unusable';
+  return last ? last.result?.state.device ?? last.answer?.state ?? 'unknown' : 'not-asked';
 }
+
+// Of a device that was asked whether the file fits: whether it does.
+function fits(device) {
+  const { info } = jobsOf(device);
+  const knows = usableFile() && info?.file === bench.file && info.end && info.answer && info.answer.state !== 'silent';
+  return knows ? !info.answer.misfit : undefined;
+}
+const fitting = () => listed().filter(fits);
+const candidates = () => fitting().filter((device) => device.usable && !jobsOf(device).running);
 
 // The command in the tool's words becomes a button, if the page has it.
 const nextCommand = (text) => ['update', 'recover'].find((command) => text?.startsWith(`firmware-updater ${command} `));
@@ -184,63 +151,53 @@ const nextCommand = (text) => ['update', 'recover'].find((command) => text?.star
 // --- drawing ---
 
 const button = (text, action, attributes = {}) => h('button', { type: 'button', 'data-action': action, ...attributes }, text);
-const row = (label, text) => text != null && text !== '' && [h('dt', {}, label), h('dd', {}, text)];
 
 function card(device) {
-  const jobs = jobsOf(device);
-  const { info, work } = jobs;
-  const [word, symbol, colour] = look(stateOf(device, jobs));
-  return h('li', { class: 'card', id: idOf(nameOf(device)) },
+  const { info, work, running } = jobsOf(device);
+  const state = stateOf(device);
+  const [word, symbol, colour] = look(state);
+  const atRest = running !== work || !work;
+  return h('li', { class: 'card', id: idOf(device) },
     h('div', { class: 'top' },
       h('h3', {}, device.address ? title(device) : device.description),
       h('span', { class: 'badge ' + colour }, h('span', { 'aria-hidden': 'true' }, symbol), word)),
-    facts(device, jobs),
-    stateOf(device, jobs) === 'unusable' && device.obstacles.map((obstacle) =>
-      h('div', { class: 'note bad' }, h('p', {}, `${obstacle.text}: ${obstacle.hint}`))),
-    !isRunning(work) && info?.exit > 0 && info.exit !== 7 && h('div', { class: 'note bad' }, h('p', {}, info.logs.join(' '))),
-    !isRunning(work) && fit(info),
+    deviceFacts(device),
+    state === 'unusable' && device.obstacles.map(({ text, hint }) => note('bad', `${text}: ${hint}`)),
+    atRest && info?.exit > 0 && info.exit !== 7 && note('bad', info.logs.join(' ')),
+    atRest && fits(device) === false && note('warn', `✕ ${bench.name} does not fit: ${info.answer.misfit}`),
+    atRest && fits(device) && h('p', { class: 'good' }, `✓ ${bench.name} fits, as far as the device answers.`),
+    device.kind === 'ftdi' && settings(device, work ?? info),
     work && progress(work),
-    work && !isRunning(work) && ending(device, work),
-    actions(device, jobs),
+    work?.end && ending(device, work),
+    actions(device),
     work?.logs.length > 0 && h('details', {}, h('summary', {}, `Log, ${work.logs.length} lines`),
       h('pre', { tabindex: 0 }, work.logs.join('\n'))));
 }
 
-function facts(device, { info, work }) {
-  const last = newest(info, work);
-  const answer = last?.answer ?? last?.result?.after ?? last?.result?.before;
-  const all = { ...info?.answer, ...Object.fromEntries(Object.entries(answer ?? {}).filter(([, value]) => value != null)) };
-  return h('dl', {},
-    row('Product', device.usb?.product),
-    row('Serial number', device.usb?.serialNumber),
-    row('Software', hex(all.softwareId)),
-    row('Device id', hex(all.deviceId)),
-    row('Hardware', all.hardware ? Object.values(all.hardware).join('.') : hex(all.hardwareId)),
-    row('Bootloader', all.bootloaderVersion),
-    row('Flash', info?.answer?.verification && kVerdicts[info.answer.verification.verdict]),
-    row('Behind', all.through && `master ${all.through.master}, slave ${all.through.slave}`));
-}
-
-const knowsFit = (info) => usableFile() && info?.file?.number === bench.file.number && info.answer && 'exit' in info &&
-  info.answer.state !== 'silent';
-
-function fit(info) {
-  if (!knowsFit(info)) return null;
-  const { misfit } = info.answer;
-  return misfit
-    ? h('div', { class: 'note warn' }, h('p', {}, `✕ ${bench.file.name} does not fit: ${misfit}`))
-    : h('p', { class: 'good' }, `✓ ${bench.file.name} fits, as far as the device answers.`);
+function deviceFacts(device) {
+  const { info, last } = jobsOf(device);
+  const answer = last?.answer ?? last?.result?.after ?? last?.result?.before ?? {};
+  const all = { ...info?.answer, ...Object.fromEntries(Object.entries(answer).filter(([, value]) => value != null)) };
+  return facts({
+    Product: device.usb?.product,
+    'Serial number': device.usb?.serialNumber,
+    Software: hex(all.softwareId),
+    'Device id': hex(all.deviceId),
+    Hardware: all.hardware ? Object.values(all.hardware).join('.') : hex(all.hardwareId),
+    Bootloader: all.bootloaderVersion,
+    Flash: verdict(info?.answer?.verification?.verdict),
+    Behind: all.through && `master ${all.through.master}, slave ${all.through.slave}`,
+  });
 }
 
 function progress(job) {
   const { written = 0, due = 0 } = job.result?.bytes ?? job.bytes ?? {};
-  const percent = due ? Math.floor(100 * written / due) : 0;
-  return h('div', { class: 'card-progress' },
+  return h('div', {},
     h('p', { class: 'top' },
-      h('span', {}, `${look(job.command)[isRunning(job) ? 0 : 3]}: ${job.file.name}`),
-      h('span', { class: 'quiet' }, due ? `${written} of ${due} bytes, ${percent} %` : '')),
-    isRunning(job) && h('progress', { max: due || 1, value: written, 'aria-label': `Written to ${title(job.device)}` }),
-    h('ol', { class: 'phases', 'aria-label': 'Phases' }, [...job.phases.values()].map(phase)));
+      h('span', {}, `${look(job.command)[job.end ? 3 : 0]}: ${baseName(job.file)}`),
+      h('span', { class: 'quiet' }, due ? `${written} of ${due} bytes, ${percent(written, due)}` : '')),
+    !job.end && h('progress', { max: due || 1, value: written, 'aria-label': `Written to ${title(job.device)}` }),
+    h('ol', { class: 'phases', 'aria-label': 'Phases' }, Object.values(job.phases).map(phase)));
 }
 
 function phase({ phase: name, state, seconds: time, at }) {
@@ -253,69 +210,55 @@ function ending(device, job) {
   const { result } = job;
   const [, , colour] = look(result?.state.device ?? 'unknown');
   const command = nextCommand(result?.state.next);
-  const end = `${job.command} ended at ${clock(job.end)} after ${seconds((job.end - job.begin) / 1000)}`;
-  return h('div', { class: 'note ' + (result?.ending === 'succeeded' ? colour : colour === 'good' ? 'warn' : colour) },
+  return h('div', { class: 'note ' + (colour === 'good' && result.ending !== 'succeeded' ? 'warn' : colour) },
     result?.failure && h('p', {}, `${result.failure.text} ${result.failure.hint}`),
-    h('p', {}, h('strong', {}, result?.state.text ?? (job.logs.at(-1) || `It ended with exit code ${job.exit}.`))),
-    h('p', { class: 'quiet' }, end),
+    h('p', {}, h('strong', {}, endingOf(job))),
+    h('p', { class: 'quiet' }, `${job.command} ended at ${new Date(job.end).toLocaleTimeString()} after ${seconds((job.end - job.begin) / 1000)}`),
     command && !device.gone && h('p', { class: 'actions' },
-      button(`${look(command)[3]} with ${job.file.name}`, command, { class: 'first', 'data-file': job.file.number, disabled: !device.usable })));
+      button(`${look(command)[3]} with ${baseName(job.file)}`, command, { class: 'first', 'data-file': job.file, disabled: !device.usable })));
 }
 
-function actions(device, { info, work }) {
-  if (isRunning(work)) {
-    return h('div', { class: 'actions' }, button(work.stop ? 'Stop at once' : 'Stop', 'stop', { 'data-job': work.job }));
-  }
-  if (!(device.usable || isRunning(info)) || bench.stopping) return null;
-  const file = usableFile();
-  const misfit = info?.file?.number === file?.number && info?.answer?.misfit;
-  const { answer, result } = newest(info, work) ?? {};
-  const recommended = nextCommand(result?.state.next ?? answer?.next) ?? 'update';
-  const command = (name) => button(look(name)[3], name,
-    { class: name === recommended ? 'first' : '', disabled: !file || Boolean(misfit), 'aria-label': `${look(name)[3]} ${title(device)}` });
+// Of an adapter's line, as the last command had them. They keep their place while they are changed.
+const settings = (device, { baud = 19200, echo = false } = {}) => h('div', { class: 'actions', id: idOf(device) + '-line' },
+  h('label', {}, 'Baud', h('select', {}, kBauds.map((one) => h('option', { selected: one === baud }, String(one))))),
+  h('label', {}, h('input', { type: 'checkbox', checked: echo }), 'Line echoes'));
+
+function actions(device) {
+  const { work, running, last } = jobsOf(device);
+  if (work && running === work) return h('div', { class: 'actions' }, button(work.stop ? 'Stop at once' : 'Stop', 'stop'));
+  if (!(device.usable || running) || bench.stopping) return null;
+  const recommended = nextCommand(last?.result?.state.next ?? last?.answer?.next) ?? 'update';
+  const command = (name, disabled) => button(look(name)[3], name, {
+    class: name === recommended ? 'first' : false, disabled, 'aria-label': `${look(name)[3]} ${title(device)}` });
   return h('div', { class: 'actions' },
-    device.kind === 'ftdi' && [
-      h('label', {}, 'Baud', h('select', {}, kBauds.map((baud) => h('option', { selected: baud === 19200 }, String(baud))))),
-      h('label', {}, h('input', { type: 'checkbox' }), 'Line echoes')],
-    command('update'), command('recover'),
-    ['verify', 'info'].map((name) => button(look(name)[3], name, { 'aria-label': `${look(name)[3]} ${title(device)}`, disabled: isRunning(info) })));
+    ['update', 'recover'].map((name) => command(name, !usableFile() || fits(device) === false)), ['verify', 'info'].map((name) => command(name, Boolean(running))));
 }
-
-// Those that the file is known to fit.
-const fitting = () => bench.devices.filter((device) => {
-  const { info } = jobsOf(device);
-  return knowsFit(info) && !info.answer.misfit;
-});
-const candidates = () => fitting().filter((device) => device.usable && !isRunning(jobsOf(device).work));
-const running = () => [...bench.jobs.values()].filter((job) => writes(job) && isRunning(job));
 
 function draw() {
   const able = candidates().length;
   const devices = shownDevices();
-  const into = (id, ...children) => morph(byId(id), h(byId(id).localName, { id, class: byId(id).className || false }, ...children));
-  into('file', problem && h('div', { class: 'note bad', role: 'alert' }, h('p', {}, problem)),
-    bench.file && showFile(bench.file, fitting().length));
-  into('together', h('div', { class: 'actions' },
-    able > 1 && button(`Update all that fit (${able})`, 'all'),
-    running().length > 1 && button('Stop all', 'stop-all')));
+  const into = (id, ...children) => morphChildren(byId(id), [...h('div', {}, ...children).childNodes]);
+  into('file', problem && h('div', { role: 'alert' }, note('bad', problem)),
+    bench.inspect && showFile(bench.name, bench.inspect.document, fitting().length));
+  into('together', able > 1 && button(`Update all that fit (${able})`, 'all'), runningWork().length > 1 && button('Stop all', 'stop-all'));
   into('devices', devices.length > 0
     ? h('ul', { class: 'cards' }, devices.map(card))
-    : h('p', { class: 'card' }, bench.complaint.replaceAll('firmware-updater: ', '').replace('hint: ', '') || 'Looking for devices'));
-  into('journal', showJournal(bench.history, bench.journal));
-  const [text, colour] = bench.stopping && !bench.ended ? ['■ The program is about to end', 'warn'] : link;
-  morph(byId('link'), h('p', { id: 'link', role: 'status', class: colour }, text));
+    : h('p', { class: 'card' }, bench.list?.complaint.replaceAll(/firmware-updater: |hint: /g, '') || 'Looking for devices'));
+  into('journal', showJournal(bench.journal, bench.history?.document));
 }
 
 let timer = 0;
 function drawSoon() {
-  timer ||= setTimeout(() => { timer = 0; draw(); askDevices(); }, 60);
+  timer ||= setTimeout(() => { timer = 0; askDevices(); draw(); }, 60);
 }
-setInterval(() => { if (running().length > 0) draw(); }, 1000);
+setInterval(() => { if (runningWork().length > 0) draw(); }, 1000);
 
-function setLink(text, colour) {
-  link = [text, colour];
+function complain(text) {
+  problem = text;
   draw();
 }
+
+const setLink = (text, colour) => Object.assign(byId('link'), { textContent: text, className: colour });
 
 // For those who do not see the page. Events of the past are not news.
 function say(text) {
@@ -326,16 +269,14 @@ function say(text) {
 
 document.addEventListener('click', ({ target }) => {
   const pressed = target.closest('button');
-  const name = pressed?.closest('.card')?.id;
-  const device = shownDevices().find((candidate) => idOf(nameOf(candidate)) === name);
-  const file = pressed?.dataset.file ? { number: +pressed.dataset.file } : usableFile();
-  const stop = (job) => { job.stop = true; send('stop', JSON.stringify({ job: job.job })); drawSoon(); };
+  const device = shownDevices().find((candidate) => idOf(candidate) === pressed?.closest('.card')?.id);
+  const stop = (job) => { job.stop = true; send('stop', job.name); drawSoon(); };
   switch (pressed?.dataset.action) {
     case undefined: return;
-    case 'stop': return stop(bench.jobs.get(+pressed.dataset.job));
-    case 'stop-all': return running().forEach(stop);
-    case 'all': return candidates().forEach((one) => start('update', one, file));
-    default: start(pressed.dataset.action, device, file).then(draw);
+    case 'stop': return stop(jobsOf(device).work);
+    case 'stop-all': return runningWork().forEach(stop);
+    case 'all': return candidates().forEach((one) => start('update', one, bench.file));
+    default: start(pressed.dataset.action, device, pressed.dataset.file ?? usableFile());
   }
 });
 byId('choose').addEventListener('change', ({ target }) => { upload(target.files[0]); target.value = ''; });

@@ -17,19 +17,14 @@ const kLooks = {
   'updated-and-verified': ['Updated', '✓', 'good'],
   'updated-not-verified': ['Updated, not verified', '✓', 'warn'],
   'runs-incomplete': ['Updated, incomplete', '▲', 'warn'],
-  'bootloader-as-found': ['In its bootloader', '▲', 'warn'],
-  'bootloader-flash-intact': ['In its bootloader', '▲', 'warn'],
   'bootloader-flash-erased': ['In its bootloader', '▲', 'bad'],
   unknown: ['State unknown', '?', 'bad'],
 };
-export const look = (state) => kLooks[state] ?? kLooks.unknown;
+export const look = (state) => kLooks[state] ?? (state.startsWith('bootloader') ? kLooks.bootloader : kLooks.unknown);
 export const seconds = (time) => `${time.toFixed(time < 10 ? 1 : 0)}\u00a0s`;
-export const clock = (milliseconds) => new Date(milliseconds).toLocaleTimeString();
-export const kVerdicts = {
-  passed: '✓ whole, by its checksum',
-  failed: '✕ damaged: the checksums differ',
-  'not-supported': 'the bootloader cannot check it',
-  'no-answer': 'the bootloader did not answer',
-  'no-bootloader': 'the bootloader did not start',
-  'not-asked': 'not checked',
-};
+export const percent = (part, whole) => whole ? `${Math.round(100 * part / whole)} %` : 'none yet';
+export const hex = (number, digits = 4) => number == null ? null : '0x' + number.toString(16).toUpperCase().padStart(digits, '0');
+// Without the folder, and the number that the bench puts in front.
+export const baseName = (path) => path.split(/[/\\]/).pop().replace(/^\d+-/, '');
+export const verdict = (name) => ({ passed: '✓ whole, by its checksum', failed: '✕ damaged: the checksums differ' })[name] ??
+  (name && `not checked: ${name.replaceAll('-', ' ')}`);
