@@ -436,7 +436,6 @@ TEST(UpdateCommand, QuickNeedsNoSilenceChecksTheHardwareAndRefusesWhatNeedsMore)
   }
 }
 
-#ifndef _WIN32
 // The file is written in two pieces, replaced by another one, spoiled, and repaired.
 TEST(UpdateCommand, WatchUpdatesOnceForEachCompleteVersionOfTheFile) {
   ToolStation station(Options("plain"));
@@ -473,7 +472,6 @@ TEST(UpdateCommand, WatchUpdatesOnceForEachCompleteVersionOfTheFile) {
   EXPECT_TRUE(station.UpdatedAndRuns());
 }
 
-#endif
 // Standard output that fails, and a defect of the tool in the middle of an update.
 TEST(UpdateCommand, AResultThatIsLostIsNoSuccess) {
   ToolStation station(Options("plain"));

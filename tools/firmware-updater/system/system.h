@@ -75,6 +75,17 @@ bool IsOurs(const std::filesystem::path& folder);
 // A new folder that only this user can enter. Throws std::system_error.
 void MakePrivateFolder(const std::filesystem::path& folder);
 
+// Changes when the file is written, and when another one is renamed to it. The standard library's time has only
+// seconds on Windows.
+struct FileVersion {
+  std::uint64_t size;
+  std::uint64_t time;
+  std::uint64_t identity;
+  bool operator==(const FileVersion&) const = default;
+};
+// None: there is no such regular file.
+std::optional<FileVersion> VersionOf(const std::string& path);
+
 // Who may use a file; none: there is no such file, or the system has no such rights.
 struct Access {
   bool granted;  // to read and write

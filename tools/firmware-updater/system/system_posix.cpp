@@ -114,6 +114,17 @@ void MakePrivateFolder(const fs::path& folder) {
   throw std::system_error(errno, std::generic_category(), folder.string());
 }
 
+std::optional<FileVersion> VersionOf(const std::string& path) {
+  struct stat status {};
+  if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) return {};
+  constexpr std::uint64_t kNanoseconds = 1'000'000'000;
+  const timespec& time = status.st_mtim;
+  return FileVersion{.size = static_cast<std::uint64_t>(status.st_size),
+                     .time = static_cast<std::uint64_t>(time.tv_sec) * kNanoseconds +
+                             static_cast<std::uint64_t>(time.tv_nsec),
+                     .identity = status.st_ino};
+}
+
 std::string UsbDrivers(std::uint16_t /*vendor*/, std::uint16_t /*product*/) { return {}; }
 
 std::string HostName() {

@@ -174,6 +174,19 @@ void MakePrivateFolder(const fs::path& folder) {
   LocalFree(attributes.lpSecurityDescriptor);
 }
 
+// Opens nothing: an open file cannot be replaced by another one.
+std::optional<FileVersion> VersionOf(const std::string& path) {
+  WIN32_FILE_ATTRIBUTE_DATA data{};
+  if (GetFileAttributesExW(PathOf(path).c_str(), GetFileExInfoStandard, &data) == 0) return {};
+  if ((data.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0) return {};
+  const auto whole = [](DWORD high, DWORD low) { return std::uint64_t{high} << 32 | low; };
+  const FILETIME& written = data.ftLastWriteTime;
+  const FILETIME& created = data.ftCreationTime;
+  return FileVersion{.size = whole(data.nFileSizeHigh, data.nFileSizeLow),
+                     .time = whole(written.dwHighDateTime, written.dwLowDateTime),
+                     .identity = whole(created.dwHighDateTime, created.dwLowDateTime)};
+}
+
 std::string UsbDrivers(std::uint16_t vendor, std::uint16_t product) {
   constexpr ULONG kPresentUsb = CM_GETIDLIST_FILTER_ENUMERATOR | CM_GETIDLIST_FILTER_PRESENT;
   constexpr std::wstring_view kDivider = L"usbccgp";  // only divides a device into its interfaces

@@ -2,11 +2,8 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <optional>
-#include <system_error>
 
 #include "file/package_report.h"
 #include "platform/platform.h"
@@ -19,7 +16,6 @@
 namespace tavo::tool {
 namespace {
 
-namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
 constexpr milliseconds kLookPace{100};
@@ -27,21 +23,6 @@ constexpr milliseconds kLookPace{100};
 // only be slow.
 constexpr milliseconds kQuiet{300};
 constexpr milliseconds kPatience{2000};
-
-// Changes with the file, also when another one is renamed to it.
-struct Version {
-  std::uintmax_t size = 0;
-  fs::file_time_type time{};
-  bool operator==(const Version&) const = default;
-};
-
-std::optional<Version> VersionOf(const std::string& file) {
-  std::error_code noSize;
-  std::error_code noTime;
-  const fs::path path = PathOf(file);
-  const Version version{fs::file_size(path, noSize), fs::last_write_time(path, noTime)};
-  return noSize || noTime ? std::nullopt : std::optional(version);
-}
 
 bool LooksComplete(const PackageReport& report) {
   return report.CouldBeWritten() && std::ranges::none_of(report.members, &MemberReport::isCutOff);
@@ -54,7 +35,7 @@ class WatchedFile {
 
   // Waits for a version of the file other than the last one. Nothing: `isStopped` has returned true.
   std::optional<PackageReport> Next(const std::function<bool()>& isStopped) {
-    std::optional<Version> seen;
+    std::optional<FileVersion> seen;
     milliseconds since{0};
     for (; !isStopped(); m_platform.Sleep(kLookPace)) {
       const milliseconds now = m_platform.MonotonicNow();
@@ -79,7 +60,7 @@ class WatchedFile {
  private:
   Platform& m_platform;
   const std::string m_path;
-  std::optional<Version> m_taken;
+  std::optional<FileVersion> m_taken;
 };
 
 std::optional<PackageReport> AwaitChange(WatchedFile& file) {
