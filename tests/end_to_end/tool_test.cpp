@@ -177,6 +177,19 @@ TEST_F(EndToEndTool, OfSeveralDevicesOneIsPulledInMidWriteAndTheOthersAreUpdated
   EXPECT_NE(journal.find("\"unit\":\"-7\""), std::string::npos) << journal;
 }
 
+TEST_F(EndToEndTool, AStationShowsItsVerdictsAndEndsWhenEnoughDevicesHavePassed) {
+  ASSERT_TRUE(station.MakeFirmware("plain"));
+  ASSERT_TRUE(station.PlugIn({"--port-path", "1-2", "--leave-answer"}));
+  ASSERT_TRUE(station.PlugIn({"--port-path", "1-1", "--leave-answer", "--hardware-id", "0x8110"}));
+  const Result result = station.Run(
+      "firmware-updater", {"station", "firmware.hex", "--usb", "1", "--usb", "2", "--count", "1"});
+  EXPECT_EQ(result.exitCode, 0) << result.console;
+  for (const char* text : {"usb-1: FAIL\n", "usb-2: PASS\n1 passed, 1 failed.\n"}) {
+    EXPECT_NE(result.console.find(text), std::string::npos) << text << result.console;
+  }
+  EXPECT_TRUE(station.FlashHoldsFirmware());
+}
+
 TEST_F(EndToEndTool, EachChannelOfAnAdapterIsAnAdapter) {
   if (station.IsWindows()) GTEST_SKIP() << "the substitute FTD2XX.dll knows one channel";
   ASSERT_TRUE(station.MakeFirmware("plain"));
