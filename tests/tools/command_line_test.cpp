@@ -72,13 +72,13 @@ TEST_F(CommandLineTest, BashCompletes) {
 TEST_F(CommandLineTest, BashOffersTheConnectedDevicesQuoted) {
   run.Write("complete.sh",
             "source " TAVO_SOURCE_DIR
-            "/packaging/completion.bash; COMP_WORDS=(firmware-updater info \"$1\" '');"
+            "/packaging/completion.bash; COMP_WORDS=(firmware-updater info \"$1\" \"$2\");"
             " COMP_CWORD=3; _firmware_updater firmware-updater;"
             " eval \"printf '%s\\n' ${COMPREPLY[*]}\"; ls -1 ran 2>/dev/null");
   const char* const kName = "T 1;$(>ran)";
   const std::pair<std::string, std::string> kCases[] = {
-      {"--port-path 1-4.2 -- bash complete.sh --usb", "4-2\n"},
-      {"--ftdi --serial '" + std::string(kName) + "' -- bash complete.sh --ftdi",
+      {"--port-path 1-4.2 -- bash complete.sh --usb ''", "4-2\n"},
+      {"--ftdi --serial '" + std::string(kName) + "' -- bash complete.sh --ftdi 'T\\ '",
        std::string(kName) + "\n"},
   };
   for (const auto& [words, offered] : kCases) {
@@ -92,7 +92,7 @@ TEST_F(CommandLineTest, ZshCompletes) {
   const std::string standIns =
       "compset() { }; _files() { echo files $*; }; _command_names() { echo commands $*; };"
       "_describe() { print -l -- ${(P)2}; };"
-      "complete() { words=(firmware-updater $@) CURRENT=$(($# + 1));"
+      "complete() { words=(firmware-updater $@) CURRENT=$(($# + 1)) PREFIX=$@[-1];"
       " source " TAVO_SOURCE_DIR "/packaging/completion.zsh; };";
   const std::pair<std::string, std::string> cases[] = {
       {"list --w", "--wait:Wait this long for a usable device\n"},
