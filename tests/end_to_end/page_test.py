@@ -3,6 +3,8 @@
 
 usage: page_test.py BUILD_FOLDER [SCREENSHOT_FOLDER]
 
+If TAVO_WINDOWS_BUILD names the folder of a Windows build, the server is the one of that build, under Wine.
+
 Exit code: 0 when all is well, 77 when there is no browser to drive.
 """
 
@@ -29,6 +31,9 @@ if not Path("/usr/bin/chromedriver").exists():
 BUILD = Path(sys.argv[1]).resolve()
 SHOTS = Path(sys.argv[2]) if len(sys.argv) > 2 else None
 TOOL = str(BUILD / "bin" / "firmware-updater")
+WINDOWS = os.environ.get("TAVO_WINDOWS_BUILD")
+WINE = Path(__file__).parents[2] / "scripts" / "wine"
+SERVER = [str(WINE), "64", f"{WINDOWS}/bin/simulator/firmware-updater.exe"] if WINDOWS else [TOOL]
 AXE = BUILD.parent / "axe" / "node_modules" / "axe-core" / "axe.min.js"
 RAW = "application/octet-stream"
 VERIFIED = "The device runs the new firmware, verified."
@@ -61,10 +66,12 @@ class Bench:
         self.simulators: dict[int, subprocess.Popen] = {}
         environment = dict(os.environ, LD_LIBRARY_PATH=str(BUILD / "substitute"), TMPDIR=str(folder), XDG_STATE_HOME=str(folder),
                            TAVO_SIMULATORS=",".join(f"127.0.0.1:{port}" for port in self.ports))
-        self.process = subprocess.Popen([TOOL, "serve", "--journal", str(folder / "journal.ndjson")],
+        self.process = subprocess.Popen([*SERVER, "serve", "--journal", str(folder / "journal.ndjson")],
                                         stdout=subprocess.PIPE, text=True, env=environment)
         self.process.stdout.readline()
         self.address = self.process.stdout.readline().strip()
+        places = Path(os.environ["TAVO_WINE_HOME"]).glob("prefix64/drive_c/users/*/Temp/*") if WINDOWS else folder.iterdir()
+        self.files = max((place for place in places if place.name.startswith("firmware-updater-")), key=os.path.getctime)
         place, self.token = self.address.split("/#")
         self.host = place.removeprefix("http://")
         self.port = int(self.host.split(":")[1])
@@ -100,7 +107,7 @@ class Bench:
                 return 0
 
     def end(self) -> tuple[int, str]:
-        self.process.send_signal(signal.SIGTERM)
+        self.process.send_signal(signal.SIGINT if WINDOWS else signal.SIGTERM)
         said = self.process.communicate(timeout=60)[0]
         for simulator in self.simulators.values():
             simulator.kill()
@@ -305,9 +312,9 @@ def hostile_clients(bench: Bench, page: Page) -> None:
     page.sees(1, "› write")
     for connection in idle:
         connection.close()
-    stored = sorted(path.name for path in bench.folder.glob("firmware-updater-*/*"))
+    stored = sorted(path.name for path in bench.files.iterdir())
     expect(stored == ["1-..__b__notes_.txt", "2-firmware.hex", "3-new.zip"], f"files under names of ours: {stored}")
-    expect(all(path.stat().st_mode & 0o77 == 0 for path in bench.folder.glob("firmware-updater-*")), "a private folder")
+    expect(bench.files.stat().st_mode & (0o07 if WINDOWS else 0o77) == 0, "a private folder")
 
 
 def main() -> None:
@@ -333,7 +340,7 @@ def main() -> None:
             page.sees("#link", "has ended")
             page.driver.quit()
         expect(code == 6 and "Next: firmware-updater recover" in said, f"the end of the stopped update: {code}, {said}")
-        expect(not list(folder.glob("firmware-updater-*")), "the temporary folder is gone")
+        expect(not bench.files.exists(), "the temporary folder is gone")
 
 
 main()

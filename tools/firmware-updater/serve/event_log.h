@@ -12,6 +12,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <thread>
 
 #include "text/json.h"
 
@@ -40,11 +41,15 @@ class EventLog {
     std::erase_if(m_events, [&](const auto& entry) { return entry.second.subject == subject; });
   }
 
-  // The last event has been published.
+  // The last event has been published. Returns when all pages have it and are closed, or after two seconds.
   void Close() {
-    const std::lock_guard lock(m_lock);
-    m_closed = true;
-    m_changed.notify_all();
+    {
+      const std::lock_guard lock(m_lock);
+      m_closed = true;
+      m_changed.notify_all();
+    }
+    constexpr std::chrono::milliseconds kPace{20};
+    for (int left = 100; left > 0 && readers > 0; --left) std::this_thread::sleep_for(kPace);
   }
 
   // The events that are new to a page at this place, as server-sent events; empty when none came within `limit`, nothing
